@@ -1,0 +1,29 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+#include "ox/export.hpp"
+#include "ox/status.hpp"
+
+// A failure with a status, a message for people and an optional detail text.
+//   try { ... } catch (const Ox_ErrnoException& e) { std::cerr << e.status() << ": " << e.what(); }
+class OX_API Ox_ErrnoException : public std::exception {
+ public:
+  Ox_ErrnoException(ox_status_t status, std::string message, std::string detail);
+  Ox_ErrnoException(const Ox_ErrnoException&);
+  Ox_ErrnoException& operator=(const Ox_ErrnoException&);
+  ~Ox_ErrnoException() override;
+
+  ox_status_t status() const noexcept;
+  const std::string& message() const noexcept;
+  const std::string& detail() const noexcept;
+
+  // The message, as a C string that lives as long as this object.
+  const char* what() const noexcept override;
+
+ private:
+  ox_status_t status_;
+  std::string message_;
+  std::string detail_;
+};

@@ -1,0 +1,3 @@
+#pragma once
+
+#define OX_API __attribute__((visibility("default")))

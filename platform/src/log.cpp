@@ -1,0 +1,143 @@
+#include "ox/log.hpp"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+#include "ox/sink.hpp"
+#include "ox/trace.hpp"
+
+std::atomic<bool> ox::detail::tracing{false};
+
+namespace {
+
+// Logging must not be seen by the code that logs: errno stays as it was, and a thread is not
+// cancelled in the middle of a line (a write is a cancellation point, and the unwinding that starts
+// there would end a process whose destructors log).
+class Unseen {
+ public:
+  Unseen() : savedErrno_(errno) { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_); }
+  ~Unseen() {
+    pthread_setcancelstate(cancelState_, nullptr);
+    errno = savedErrno_;
+  }
+  Unseen(const Unseen&) = delete;
+  Unseen& operator=(const Unseen&) = delete;
+
+ private:
+  int savedErrno_;
+  int cancelState_ = PTHREAD_CANCEL_ENABLE;
+};
+
+std::string lineFor(ox::Kind kind, int code, const char* text) {
+  const std::string number = std::to_string(code);
+  switch (kind) {
+    case ox::Kind::info:
+      return "info " + number + ": " + text + "\n";
+    case ox::Kind::auth:
+      return "auth " + number + ": " + text + "\n";
+    case ox::Kind::warning:
+      return "warning " + number + ": " + text + "\n";
+    case ox::Kind::error:
+      return "error " + number + ": " + text + "\n";
+    case ox::Kind::trace:
+      return std::string("trace: ") + text + "\n";
+    case ox::Kind::enter:
+      return std::string("enter: ") + text + "\n";
+    case ox::Kind::leave:
+      return std::string("leave: ") + text + "\n";
+  }
+  return std::string(text) + "\n";
+}
+
+// One write for the whole line, so that the lines of several processes do not interleave.
+void writeToStandardError(ox::Kind kind, int code, const char* text) {
+  const std::string line = lineFor(kind, code, text);
+  while (write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
+  }
+}
+
+std::atomic<ox::Sink> installedSink{writeToStandardError};
+
+void deliver(ox::Kind kind, int code, const char* text) noexcept {
+  try {
+    installedSink.load(std::memory_order_acquire)(kind, code, text);
+  } catch (...) {
+    // A line that cannot be logged must not end its caller.
+  }
+}
+
+constexpr char kUnformattable[] = "(this format could not be filled in) ";
+
+[[gnu::format(printf, 3, 0)]] void format(ox::Kind kind, int code, const char* format,
+                                          va_list arguments) noexcept {
+  const Unseen unseen;
+  char text[1024];
+  va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  try {
+    if (length < 0) {
+      deliver(kind, code, (std::string(kUnformattable) + format).c_str());
+    } else if (static_cast<std::size_t>(length) < sizeof text) {
+      deliver(kind, code, text);
+    } else {
+      std::string whole(static_cast<std::size_t>(length), '\0');
+      std::vsnprintf(whole.data(), whole.size() + 1, format, again);
+      deliver(kind, code, whole.c_str());
+    }
+  } catch (const std::bad_alloc&) {
+    deliver(kind, code, length < 0 ? kUnformattable : text);
+  }
+  va_end(again);
+}
+
+}  // namespace
+
+void ox::setSink(Sink sink) {
+  installedSink.store(sink != nullptr ? sink : writeToStandardError, std::memory_order_release);
+}
+
+void ox::setTracing(bool on) {
+  detail::tracing.store(on, std::memory_order_relaxed);
+}
+
+void ox::detail::enter(const char* operation) noexcept {
+  const Unseen unseen;
+  deliver(Kind::enter, 0, operation);
+}
+
+void ox::detail::leave(const char* operation) noexcept {
+  const Unseen unseen;
+  deliver(Kind::leave, 0, operation);
+}
+
+bool TraceOn() {
+  return ox::detail::tracing.load(std::memory_order_relaxed);
+}
+
+#define ORVANE_LOG(kind, code, text)   \
+  va_list arguments;                   \
+  va_start(arguments, text);           \
+  format(kind, code, text, arguments); \
+  va_end(arguments)
+
+void __Trace(const char* text, ...) {
+  ORVANE_LOG(ox::Kind::trace, 0, text);
+}
+void InfoA(int code, const char* text, ...) {
+  ORVANE_LOG(ox::Kind::info, code, text);
+}
+void AuthA(int code, const char* text, ...) {
+  ORVANE_LOG(ox::Kind::auth, code, text);
+}
+void WarningA(int code, const char* text, ...) {
+  ORVANE_LOG(ox::Kind::warning, code, text);
+}
+void ErrorA(int code, const char* text, ...) {
+  ORVANE_LOG(ox::Kind::error, code, text);
+}
