@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+
+#include "orvane/export.hpp"
+#include "ox/status.hpp"
+
+// The segment state (algorithm) of a stream. writeSegment accepts these two; any 32-bit value may
+// travel in a header.
+enum orvane_seg_state_t : std::int32_t {
+  kOrvaneSegBounded = 0,    // one record holds at most ShmWriter::getMaxSegmentSize() data bytes
+  kOrvaneSegUnbounded = 1,  // no limit but the batch's capacity
+};
+
+namespace orvane {
+
+using ::orvane_seg_state_t;
+
+// What a record is, in pvk_shm_message_t::type. Other values are the producer's own.
+constexpr std::uint32_t kRecordOpen = 0;
+constexpr std::uint32_t kRecordSegmentData = 1;
+constexpr std::uint32_t kRecordEndOfSegment = 2;
+constexpr std::uint32_t kRecordClose = 3;
+constexpr std::uint32_t kRecordStop = 4;
+
+// The header in front of every record's data: a plain value.
+//
+// Serialized it is 48 bytes, big-endian, without padding:
+//    0 type         4      8 seqNo      8     24 segmentDone  4     32 segParam1  4     40
+//    segParam3  4 4 len          4     16 segmentNo  8     28 segAlg       4     36 segParam2  4 44
+//    magic      4
+struct ORVANE_API pvk_shm_message_t {
+  pvk_shm_message_t() = default;
+
+  // Always 48.
+  static unsigned long getSerializedSize();
+
+  // Writes the 48-byte form at `p`, which must have room for it; returns p + 48. Never fails.
+  unsigned char* serializeToBuffer(unsigned char* p) const;
+
+  // Reads the 48 bytes at `p` into this record; returns p + 48. Throws kStatusCorruptMagic when the
+  // magic word is not 0xAABBCCDD; the record then holds what was read.
+  const unsigned char* deserializeFromBuffer(const unsigned char* p);
+
+  std::uint32_t type = 0;
+  std::uint32_t len = 0;  // data bytes behind the header
+  std::uint64_t seqNo = 0;
+  std::uint64_t segmentNo = 0;
+  std::uint32_t segmentDone = 1;  // 0 while a segment holds data and is not ended
+  std::uint32_t segAlg = 0;       // an orvane_seg_state_t
+  std::uint32_t segParam1 = 0;
+  std::uint32_t segParam2 = 0;
+  std::uint32_t segParam3 = 0;
+  std::uint32_t magic = 0xAABBCCDD;
+};
+
+// "(seqNo,type,len,segAlg,segmentNo,segmentDone,segParam1,segParam2,segParam3,magic)", numbers as
+// the stream prints them, no line end.
+ORVANE_API std::ostream& operator<<(std::ostream& stream, const pvk_shm_message_t& header);
+
+ORVANE_API bool operator==(const pvk_shm_message_t& a, const pvk_shm_message_t& b);
+ORVANE_API bool operator!=(const pvk_shm_message_t& a, const pvk_shm_message_t& b);
+
+// The server's answer to a batch: a plain value that travels as its own 132 bytes, in host order.
+//    0 status 4      4 text 128, zero-terminated
+struct ORVANE_API pvk_shm_response_t {
+  pvk_shm_response_t() = default;
+
+  // Stores `status` and the string `text` (not null), cut to 127 characters.
+  void assign(ox_status_t status, const char* text);
+
+  ox_status_t status = 0;  // 0: success
+  char text[128] = {};
+};
+
+ORVANE_API bool operator==(const pvk_shm_response_t& a, const pvk_shm_response_t& b);
+ORVANE_API bool operator!=(const pvk_shm_response_t& a, const pvk_shm_response_t& b);
+
+}  // namespace orvane

@@ -1,0 +1,14 @@
+#pragma once
+
+#include "orvane/export.hpp"
+
+namespace orvane {
+
+constexpr unsigned int kMinTimeoutSeconds = 1;
+constexpr unsigned int kMaxTimeoutSeconds = 86400;  // one day
+
+// Throws Ox_ErrnoException (kStatusInvalidArgument) unless the value is within the two bounds,
+// both inclusive.
+ORVANE_API void validateTimeout(unsigned int timeoutSeconds);
+
+}  // namespace orvane

@@ -1,0 +1,145 @@
+#include "orvane/batch.hpp"
+
+#include <cstring>
+
+#include "ox/trace.hpp"
+#include "records/batch_append.hpp"
+#include "records/batch_layout.hpp"
+#include "records/corrupt.hpp"
+#include "records/failure.hpp"
+
+namespace orvane {
+
+void failCorruptMetaData(std::uint32_t magic) {
+  fail(kStatusCorruptMagic, "Could not deserialize ShmBatch::MetaData from",
+       " buffer because the magic value ", magic,
+       " is corrupt (expected=", layout::kMetaDataMagicWord, ")");
+}
+
+unsigned long ShmBatch::MetaData::getSerializedSize() {
+  return layout::kMetaDataSize;
+}
+
+unsigned char* ShmBatch::MetaData::serializeToBuffer(unsigned char* p) const {
+  layout::writeMetaData(p, *this);
+  return p + layout::kMetaDataSize;
+}
+
+const unsigned char* ShmBatch::MetaData::deserializeFromBuffer(const unsigned char* p) {
+  magic = loadBig32(p + layout::kMetaDataMagic);
+  numEntries = loadBig32(p + layout::kNumEntries);
+  if (magic != layout::kMetaDataMagicWord) {
+    failCorruptMetaData(magic);
+  }
+  return p + layout::kMetaDataSize;
+}
+
+bool operator==(const ShmBatch::MetaData& a, const ShmBatch::MetaData& b) {
+  return a.magic == b.magic && a.numEntries == b.numEntries;
+}
+
+bool operator!=(const ShmBatch::MetaData& a, const ShmBatch::MetaData& b) {
+  return !(a == b);
+}
+
+bool operator==(const ShmBatch::Entry& a, const ShmBatch::Entry& b) {
+  if (a.header != b.header) {
+    return false;
+  }
+  if (a.data == b.data || a.header.len == 0) {
+    return true;
+  }
+  return a.data != nullptr && b.data != nullptr && std::memcmp(a.data, b.data, a.header.len) == 0;
+}
+
+bool operator!=(const ShmBatch::Entry& a, const ShmBatch::Entry& b) {
+  return !(a == b);
+}
+
+ShmBatch::ShmBatch(unsigned long size)
+    : bufferSize(size), used(layout::kMetaDataSize), writePos(nullptr) {
+  if (TraceOn()) {
+    __Trace("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(bufferSize));
+  }
+  validBufferSizeAssert(bufferSize);
+  buffer = std::make_unique<unsigned char[]>(bufferSize);  // zeroed
+  writePos = metaData.serializeToBuffer(buffer.get());
+}
+
+ShmBatch::~ShmBatch() = default;
+
+void ShmBatch::validBufferSizeAssert(unsigned long size) {
+  if (size < layout::kMetaDataSize) {
+    fail(kStatusInvalidArgument, "Buffer size ", size,
+         " is invalid because it is smaller than the minimum required buffer size of ",
+         layout::kMetaDataSize);
+  }
+}
+
+const unsigned char* ShmBatch::getRaw() const {
+  return buffer.get();
+}
+unsigned long ShmBatch::getRawSize() const {
+  return used;
+}
+unsigned int ShmBatch::getNumEntries() const {
+  return metaData.numEntries;
+}
+bool ShmBatch::empty() const {
+  return metaData.numEntries == 0;
+}
+bool ShmBatch::canStore(const Entry& entry) const {
+  return hasRoomFor(entry.header.len);
+}
+
+void ShmBatch::clear() {
+  used = layout::kMetaDataSize;
+  metaData.numEntries = 0;
+  writePos = metaData.serializeToBuffer(buffer.get());
+}
+
+void ShmBatch::pushBack(const Entry& entry) {
+  append(entry.header, entry.data);
+}
+
+namespace {
+
+// The entry whose header is at `position`, which moves on behind its data.
+ShmBatch::Entry readEntry(const unsigned char*& position) {
+  ShmBatch::Entry entry(nullptr);
+  position = entry.header.deserializeFromBuffer(position);
+  if (entry.header.len > 0) {
+    entry.data = position;
+    position += entry.header.len;
+  }
+  return entry;
+}
+
+}  // namespace
+
+ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {
+  if (index >= metaData.numEntries) {
+    fail(kStatusInvalidArgument, "Cannot get entry because specified index ", index,
+         " is outside the range of available entries ", metaData.numEntries);
+  }
+  const unsigned char* position = buffer.get() + layout::kMetaDataSize;
+  for (unsigned long i = 0; i < index; ++i) {
+    readEntry(position);
+  }
+  return readEntry(position);
+}
+
+// Trusts the entry count and the lengths: peers that share a queue with a writer of their own rely
+// on its speed. BatchView is the reader that checks them.
+void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* bytes,
+                                    unsigned long size) {
+  validBufferSizeAssert(size);
+  MetaData metaData;
+  const unsigned char* position = metaData.deserializeFromBuffer(bytes);
+  entries = std::queue<Entry>();
+  for (std::uint32_t i = 0; i < metaData.numEntries; ++i) {
+    entries.push(readEntry(position));
+  }
+}
+
+}  // namespace orvane

@@ -1,0 +1,77 @@
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <cstring>
+#include <string_view>
+
+#include "orvane/process_name.hpp"
+#include "orvane/writer.hpp"
+#include "ox/log.hpp"
+#include "ox/trace.hpp"
+#include "queue/message_queue.hpp"
+#include "records/batch_append.hpp"
+#include "records/failure.hpp"
+#include "writer/limits.hpp"
+
+namespace orvane {
+
+// Every record passes here. With tracing off it costs one call outside this library (TraceOn, which
+// a program may replace): AutoTrace tests a flag inline, failures are out of line, and the record
+// goes into the batch without an Entry in between.
+void ShmWriter::write_data(const pvk_shm_message_t* record, const unsigned char* data,
+                           unsigned int sendTimeout, bool flush) {
+  const AutoTrace scope("write_data");
+  if (TraceOn()) {
+    __Trace("%s: write header.type =%d, len=%d, timeout=%us", "write_data", record->type,
+            record->len, sendTimeout);
+  }
+  const std::uint32_t len = record->len;
+  if (len > kMaxSegmentSize && record->segAlg != kOrvaneSegUnbounded) {
+    // The double blank is kept: programs that watch for this text have always matched it.
+    fail(kStatusSegmentTooLarge, "Segment too large error.  Received segment of size ", len,
+         " bytes, but the maximum allowed segment size is ", kMaxSegmentSize, " bytes");
+  }
+  if (perfBenchmarkEnabled) {
+    WarningA(static_cast<int>(0xFFFFFFFF),
+             "%s: ORVANE_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
+             "write_data");
+    return;
+  }
+  if (!batch->hasRoomFor(len)) {
+    flush_shm_buffer(sendTimeout);
+    if (!batch->hasRoomFor(len)) {
+      fail(kStatusDoesNotFit, "Could not fit header (type=", record->type, ") with data length ",
+           len, " into the batch, even after batch has been flushed");
+    }
+  }
+  batch->append(*record, data);
+  lastMessageType = record->type;
+  if (flush) {
+    flush_shm_buffer(sendTimeout);
+  }
+}
+
+void ShmWriter::flush_shm_buffer(unsigned int sendTimeout) {
+  namespace posix_time = boost::posix_time;
+  if (TraceOn()) {
+    __Trace("%s: Sending shm batch of %u", "flush_shm_buffer", batch->getNumEntries());
+  }
+  const posix_time::ptime deadline =
+      posix_time::second_clock::universal_time() + posix_time::seconds(sendTimeout);
+  constexpr unsigned int kPriority = 1;
+  if (!sendQueue->timed_send(batch->getRaw(), batch->getRawSize(), kPriority, deadline)) {
+    fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
+         OrvanedProcessName, name.empty() ? "" : " on stream ", name);
+  }
+  batch->clear();
+
+  boost::interprocess::message_queue::size_type received = 0;
+  unsigned int priority = 0;
+  if (!responseQueue->try_receive(&response, sizeof response, received, priority)) {
+    return;
+  }
+  if (response.status != 0) {
+    const std::size_t length = strnlen(response.text, sizeof response.text);
+    fail(response.status, std::string_view(response.text, length));
+  }
+}
+
+}  // namespace orvane

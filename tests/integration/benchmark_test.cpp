@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+
+#include "support/recording_sink.hpp"
+#include "support/stream.hpp"
+#include "support/throws.hpp"
+#include "support/writer_members.hpp"
+
+namespace orvane::test {
+namespace {
+
+const Line kWarning = {ox::Kind::warning, -1,
+                       "write_data: ORVANE_PERF_BENCHMARK_ENABLED is set to 1. This backup will "
+                       "fail. Dumping data.."};
+
+class BenchmarkMode : public testing::Test {
+ protected:
+  RecordingSink sink;  // outlives the stream, whose destructor warns too
+  Stream stream{{.benchmark = true}};
+};
+
+TEST_F(BenchmarkMode, DropsEveryRecordWithAWarning) {
+  const pvk_shm_message_t header = recordHeader(9, 3);
+  const Bytes data = bytesOf("abc");
+  stream.writer.write_data(&header, data.data(), 0, false);
+  stream.writer.write_data(&header, data.data(), 0, true);
+  EXPECT_EQ(sink.take(), (std::vector{kWarning, kWarning}));
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_TRUE(batchOf(stream.writer)->empty());
+  EXPECT_EQ(lastMessageTypeOf(stream.writer), 4U);
+}
+
+TEST_F(BenchmarkMode, ComesBeforeEveryOtherCheckOfARecord) {
+  const pvk_shm_message_t header = recordHeader(9, 5000);  // more than the batch holds, no data
+  EXPECT_NO_THROW(stream.writer.write_data(&header, nullptr, 0, true));
+  EXPECT_EQ(sink.take(), std::vector{kWarning});
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+}
+
+TEST_F(BenchmarkMode, RejectsAnOversizedRecordWithoutAWarning) {
+  const pvk_shm_message_t header = recordHeader(9, 131073);
+  EXPECT_TRUE(throwsErrno(85,
+                          "Segment too large error.  Received segment of size 131073 bytes, but "
+                          "the maximum allowed segment size is 131072 bytes",
+                          [&] { stream.writer.write_data(&header, nullptr, 0, true); }));
+  EXPECT_EQ(sink.take(), std::vector<Line>());
+}
+
+TEST_F(BenchmarkMode, LooksForNoAnswer) {
+  stream.pair.post(1001, "no");
+  EXPECT_NO_THROW(stream.writer.open());
+  EXPECT_NO_THROW(stream.writer.close());
+  EXPECT_EQ(stream.pair.waitingAnswers(), 1U);
+}
+
+TEST_F(BenchmarkMode, OpensAndClosesWithoutSending) {
+  stream.writer.open();
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 1U);
+  EXPECT_NO_THROW(stream.write("a"));
+  stream.writer.stop(false);
+  stream.writer.close();
+  EXPECT_ANY_THROW(stream.write("b"));
+  EXPECT_EQ(sink.take(), std::vector(4, kWarning));
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+}
+
+TEST_F(BenchmarkMode, UsesUpTheSequenceNumbersOfDroppedRecords) {
+  stream.writer.open();
+  stream.write("a");
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 2U);
+  stream.writer.stop(true);
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
+  stream.writer.close();
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 4U);
+}
+
+TEST_F(BenchmarkMode, BuildsEveryEndOfSegment) {
+  stream.writer.open();
+  stream.write("a");
+  stream.writer.endSegment();
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
+  stream.writer.endSegment();
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 4U);
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
+  EXPECT_EQ(sink.take(), std::vector(4, kWarning));
+}
+
+TEST_F(BenchmarkMode, StillSendsTheEmptyBatchWhenFlushed) {
+  const pvk_shm_message_t header = recordHeader(9, 0);
+  stream.writer.write_data(&header, nullptr, 0, true);
+  EXPECT_EQ(stream.flushed(), std::vector<Record>());
+}
+
+TEST_F(BenchmarkMode, TracesTheRecordBeforeItsWarning) {
+  ox::setTracing(true);
+  const pvk_shm_message_t header = recordHeader(9, 0);
+  stream.writer.write_data(&header, nullptr, 7, true);
+  EXPECT_EQ(sink.take(), (std::vector{entered("write_data"),
+                                      traced("write_data: write header.type =9, len=0, timeout=7s"),
+                                      kWarning, left("write_data")}));
+  ox::setTracing(false);
+}
+
+}  // namespace
+}  // namespace orvane::test

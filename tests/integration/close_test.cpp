@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include "support/recording_sink.hpp"
+#include "support/stream.hpp"
+#include "support/throws.hpp"
+#include "support/writer_members.hpp"
+
+namespace orvane::test {
+namespace {
+
+constexpr const char* kNotOpen = "Could not write segment data because ShmWriter is not open";
+
+TEST(Close, SendsTheCloseRecordAtOnceBehindPendingData) {
+  Stream stream;
+  stream.open();
+  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0x11, 0x22, 0x33);
+  stream.write("hi");
+  stream.writer.endSegment();
+  stream.writer.close();
+  EXPECT_EQ(stream.pair.receive().bytes,
+            hex("ff00ee11 00000003"
+                "00000001 00000002 0000000000000002 0000000000000000 00000000 00000001"
+                "00000011 00000022 00000033 aabbccdd 6869"
+                "00000002 00000000 0000000000000003 0000000000000000 00000000 00000001"
+                "00000011 00000022 00000033 aabbccdd"
+                "00000003 00000000 0000000000000004 0000000000000001 00000001 00000001"
+                "00000011 00000022 00000033 aabbccdd"));
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+}
+
+TEST(Close, OfAWriterThatWasNeverOpenedHasNoEffect) {
+  Stream stream;
+  stream.writer.close();
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 0U);
+}
+
+TEST(Close, OfAClosedWriterHasNoEffect) {
+  Stream stream;
+  stream.open();
+  stream.writer.close();
+  stream.pair.discardAll();
+  stream.writer.close();
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 2U);
+}
+
+TEST(Close, EndsTheTimeInWhichSegmentsAreAccepted) {
+  Stream stream;
+  stream.open();
+  stream.writer.close();
+  EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.write("a"); }));
+}
+
+TEST(Close, CutsParametersToTheirLow32Bits) {
+  Stream stream;
+  stream.open();
+  stream.writer.setSegmentAlg(kOrvaneSegBounded, 0x1FFFFFFFF, 0x200000002, 0xFFFFFFFF00000003);
+  stream.writer.close();
+  EXPECT_EQ(stream.sent(),
+            (std::vector<Record>{
+                {.type = 3, .seqNo = 2, .segParam1 = 0xFFFFFFFF, .segParam2 = 2, .segParam3 = 3}}));
+}
+
+TEST(Close, RewritesTypeLengthAndSegmentFieldsOnly) {
+  Stream stream;
+  stream.open();
+  pvk_shm_message_t& header = headerOf(stream.writer);
+  header.type = 1;
+  header.len = 2;
+  header.seqNo = 3;
+  header.segmentNo = 4;
+  header.segmentDone = 5;
+  header.segAlg = 6;
+  header.segParam1 = 7;
+  header.segParam2 = 8;
+  header.segParam3 = 9;
+  header.magic = 10;
+  stream.writer.close();
+  EXPECT_EQ(stream.sent(),
+            (std::vector<Record>{
+                {.type = 3, .seqNo = 4, .segmentNo = 4, .segmentDone = 5, .magic = 10}}));
+  EXPECT_EQ(header.segmentNo, 4U);
+  EXPECT_EQ(header.segmentDone, 5U);
+}
+
+TEST(Close, OfAnUnfinishedSegmentCarriesItAndEndsItAfterwards) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.writer.close();
+  EXPECT_EQ(stream.sent().back(), (Record{.type = 3, .seqNo = 3, .segmentDone = 0}));
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
+  EXPECT_EQ(headerOf(stream.writer).segmentDone, 1U);
+}
+
+TEST(Close, AfterAnEndedSegmentLeavesTheSegmentNumberAlone) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.writer.endSegment();
+  stream.writer.close();
+  EXPECT_EQ(stream.sent().back(),
+            (Record{.type = 3, .seqNo = 4, .segmentNo = 1, .segmentDone = 1}));
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
+  EXPECT_EQ(headerOf(stream.writer).segmentDone, 1U);
+}
+
+TEST(Close, ThatTimesOutKeepsTheWriterOpenAndMayBeRepeatedUnderAHigherNumber) {
+  Stream stream({.timeout = 1});
+  stream.open();
+  stream.write("a");
+  stream.pair.fill();
+  EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 1s to send data to orvaned on stream stream",
+                          [&] { stream.writer.close(); }));
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 0U);
+  EXPECT_EQ(headerOf(stream.writer).segmentDone, 0U);
+  stream.pair.discardAll();
+  stream.writer.close();
+  EXPECT_EQ(stream.sent(),
+            (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("a")},
+                                 {.type = 3, .seqNo = 3, .segmentDone = 0},
+                                 {.type = 3, .seqNo = 4, .segmentDone = 0}}));
+  EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.write("b"); }));
+}
+
+TEST(Close, AnsweredWithAnErrorKeepsTheWriterOpen) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.pair.post(1002, "disk full");
+  EXPECT_TRUE(throwsErrno(1002, "disk full", [&] { stream.writer.close(); }));
+  EXPECT_EQ(stream.sent().back(), (Record{.type = 3, .seqNo = 3, .segmentDone = 0}));
+  EXPECT_NO_THROW(stream.write("b"));
+  stream.writer.close();
+  EXPECT_EQ(stream.sent(),
+            (std::vector<Record>{{.type = 1, .seqNo = 4, .segmentDone = 0, .data = bytesOf("b")},
+                                 {.type = 3, .seqNo = 5, .segmentDone = 0}}));
+}
+
+TEST(Close, TracesItsSteps) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  RecordingSink sink(RecordingSink::Tracing::on);
+  stream.writer.close();
+  EXPECT_EQ(sink.take(), (std::vector{entered("close"), entered("write_data"),
+                                      traced("write_data: write header.type =3, len=0, timeout=7s"),
+                                      traced("flush_shm_buffer: Sending shm batch of 2"),
+                                      left("write_data"), left("close")}));
+}
+
+TEST(Close, OfAWriterThatIsNotOpenOnlyTracesItsScope) {
+  Stream stream;
+  RecordingSink sink(RecordingSink::Tracing::on);
+  stream.writer.close();
+  EXPECT_EQ(sink.take(), (std::vector{entered("close"), left("close")}));
+}
+
+}  // namespace
+}  // namespace orvane::test

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// This executable's own platform functions: they count and record instead of logging.
+namespace orvane::test::replaced {
+
+struct Call {
+  std::string function;
+  int code;
+  std::string format;
+  std::vector<std::string> arguments;
+
+  bool operator==(const Call&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const Call& call);
+
+void reset(bool tracing);          // forgets all calls
+void throwFromTrace(bool throws);  // lets the next calls of __Trace throw an int
+int traceOnCalls();                // since reset()
+std::vector<Call> takeCalls();
+
+}  // namespace orvane::test::replaced

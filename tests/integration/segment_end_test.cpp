@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include "support/recording_sink.hpp"
+#include "support/stream.hpp"
+#include "support/throws.hpp"
+#include "support/writer_members.hpp"
+
+namespace orvane::test {
+namespace {
+
+constexpr const char* kNotOpen = "Could not end segment data because ShmWriter is not open";
+
+TEST(EndSegment, AppendsOneRecordWithoutSendingIt) {
+  Stream stream;
+  stream.open();
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 2, .seqNo = 2}}));
+}
+
+TEST(EndSegment, OfAClosedWriterChangesNothing) {
+  Stream stream;
+  lastMessageTypeOf(stream.writer) = 2;  // not even a redundant end is taken
+  EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.writer.endSegment(); }));
+  EXPECT_TRUE(headerOf(stream.writer) == pvk_shm_message_t());
+  EXPECT_TRUE(batchOf(stream.writer)->empty());
+}
+
+TEST(EndSegment, TellsThatTheSegmentHeldDataAndBeginsTheNext) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.write("b");
+  stream.writer.endSegment();
+  stream.write("c");
+  EXPECT_EQ(stream.flushed(),
+            (std::vector<Record>{
+                {.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("a")},
+                {.type = 1, .seqNo = 3, .segmentDone = 0, .data = bytesOf("b")},
+                {.type = 2, .seqNo = 4, .segmentDone = 0},
+                {.type = 1, .seqNo = 5, .segmentNo = 1, .segmentDone = 0, .data = bytesOf("c")}}));
+}
+
+TEST(EndSegment, OfAnEmptySegmentIsSentAndAdvancesNothing) {
+  Stream stream;
+  stream.open();
+  stream.writer.endSegment();
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 0U);
+  EXPECT_EQ(headerOf(stream.writer).segmentDone, 1U);
+  stream.write("");
+  stream.writer.endSegment();
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 0U);
+  EXPECT_EQ(stream.flushed(),
+            (std::vector<Record>{
+                {.type = 2, .seqNo = 2}, {.type = 1, .seqNo = 3}, {.type = 2, .seqNo = 4}}));
+}
+
+TEST(EndSegment, CarriesAnyStateAndTheLow32BitsOfTheParameters) {
+  Stream stream;
+  stream.open();
+  stream.writer.setSegmentAlg(static_cast<orvane_seg_state_t>(2), 0x1FFFFFFFF, 0x200000002,
+                              0x300000003);
+  EXPECT_ANY_THROW(stream.write("a"));
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 2,
+                                                    .seqNo = 2,
+                                                    .segAlg = 2,
+                                                    .segParam1 = 0xFFFFFFFF,
+                                                    .segParam2 = 2,
+                                                    .segParam3 = 3}}));
+  stream.writer.setSegmentAlg(static_cast<orvane_seg_state_t>(-1), 0, 0, 0);
+  stream.writer.stop(false);
+  EXPECT_EQ(stream.sent().at(0).segAlg, 0xFFFFFFFFU);
+}
+
+TEST(EndSegment, RewritesTypeLengthAndSegmentFieldsOnly) {
+  Stream stream;
+  stream.open();
+  pvk_shm_message_t& header = headerOf(stream.writer);
+  header.type = 1;
+  header.len = 2;
+  header.seqNo = 3;
+  header.segmentNo = 4;
+  header.segmentDone = 5;
+  header.segAlg = 6;
+  header.segParam1 = 7;
+  header.segParam2 = 8;
+  header.segParam3 = 9;
+  header.magic = 10;
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed(),
+            (std::vector<Record>{
+                {.type = 2, .seqNo = 4, .segmentNo = 4, .segmentDone = 5, .magic = 10}}));
+  EXPECT_EQ(header.segmentNo, 4U);
+  EXPECT_EQ(header.segmentDone, 5U);
+}
+
+TEST(EndSegment, InARowStoresOneRecord) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.writer.endSegment();
+  stream.writer.endSegment();
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
+  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
+  EXPECT_EQ(stream.flushed().size(), 2U);
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed().size(), 0U) << "a flush in between changes nothing";
+}
+
+TEST(EndSegment, IsRedundantBehindTheCallersOwnEndRecord) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  const pvk_shm_message_t end = recordHeader(2, 0);
+  stream.writer.write_data(&end, nullptr, 0, false);
+  stream.writer.endSegment();
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 2U);
+  EXPECT_EQ(headerOf(stream.writer).segmentDone, 0U);
+  const pvk_shm_message_t other = recordHeader(9, 0);
+  stream.writer.write_data(&other, nullptr, 0, false);
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed().back(), (Record{.type = 2, .seqNo = 3, .segmentDone = 0}));
+}
+
+TEST(EndSegment, IsStoredAgainBehindAnyOtherRecord) {
+  Stream stream;
+  stream.open();
+  stream.writer.endSegment();
+  stream.writer.stop(false);
+  stream.pair.discardAll();
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 2, .seqNo = 4}}));
+}
+
+TEST(EndSegment, ThatFailsHasCountedAndKeepsTheSegmentOpen) {
+  Stream stream;
+  stream.open();
+  stream.write(std::string(968, 'x'));
+  stream.pair.post(1001, "no");
+  EXPECT_TRUE(throwsErrno(1001, "no", [&] { stream.writer.endSegment(); }));
+  const pvk_shm_message_t& header = headerOf(stream.writer);
+  EXPECT_EQ(header.type, 2U);
+  EXPECT_EQ(header.len, 0U);
+  EXPECT_EQ(header.seqNo, 3U);
+  EXPECT_EQ(header.segmentNo, 0U);
+  EXPECT_EQ(header.segmentDone, 0U);
+  stream.pair.discardAll();
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 2, .seqNo = 4, .segmentDone = 0}}));
+  EXPECT_EQ(header.segmentNo, 1U);
+  EXPECT_EQ(header.segmentDone, 1U);
+}
+
+TEST(EndSegment, FlushesForRoomWithTheWritersTimeout) {
+  Stream stream({.timeout = 1});
+  stream.open();
+  stream.write(std::string(968, 'x'));
+  stream.pair.fill();
+  EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 1s to send data to orvaned on stream stream",
+                          [&] { stream.writer.endSegment(); }));
+}
+
+TEST(EndSegment, TracesARedundantEnd) {
+  Stream stream;
+  stream.open();
+  stream.writer.endSegment();
+  RecordingSink sink(RecordingSink::Tracing::on);
+  stream.writer.endSegment();
+  EXPECT_EQ(sink.take(),
+            (std::vector{entered("endSegment"), traced("endSegment: ignoring redundant 2 header"),
+                         left("endSegment")}));
+}
+
+}  // namespace
+}  // namespace orvane::test

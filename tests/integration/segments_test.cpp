@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+
+#include "support/stream.hpp"
+#include "support/throws.hpp"
+#include "support/writer_members.hpp"
+
+namespace orvane::test {
+namespace {
+
+constexpr const char* kNotOpen = "Could not write segment data because ShmWriter is not open";
+constexpr const char* kWrongAlgorithm =
+    "Could not write segment data because wrong algorithm has been set";
+constexpr unsigned long kFourGiB = 0x100000000;
+
+TEST(MaxSegmentSize, Is128KiB) {
+  EXPECT_EQ(ShmWriter::getMaxSegmentSize(), 131072U);
+}
+
+TEST(WriteSegment, AppendsOneRecordWithoutSendingIt) {
+  Stream stream;
+  stream.open();
+  stream.write("hello");
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(
+      stream.flushed(),
+      (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("hello")}}));
+}
+
+TEST(WriteSegment, OfAClosedWriterChangesNothing) {
+  Stream stream;
+  stream.writer.setSegmentAlg(static_cast<orvane_seg_state_t>(2), 0, 0, 0);
+  EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.write("a"); }));
+  EXPECT_TRUE(headerOf(stream.writer) == pvk_shm_message_t());
+  EXPECT_EQ(static_cast<int>(lastSegmentStateOf(stream.writer)), 0);
+  EXPECT_TRUE(batchOf(stream.writer)->empty());
+}
+
+TEST(WriteSegment, OfAnUnknownStateChangesNothing) {
+  Stream stream;
+  stream.open();
+  const pvk_shm_message_t before = headerOf(stream.writer);
+  for (int state : {2, -1, 0x7FFFFFFF}) {
+    stream.writer.setSegmentAlg(static_cast<orvane_seg_state_t>(state), 1, 2, 3);
+    EXPECT_TRUE(throwsErrno(44, kWrongAlgorithm, [&] { stream.write("a"); })) << state;
+  }
+  EXPECT_TRUE(headerOf(stream.writer) == before);
+  EXPECT_EQ(static_cast<int>(lastSegmentStateOf(stream.writer)), 0);
+  EXPECT_TRUE(batchOf(stream.writer)->empty());
+}
+
+TEST(WriteSegment, CarriesStateAndParametersFromTheNextRecordOn) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
+  EXPECT_TRUE(headerOf(stream.writer).segParam1 == 0) << "setSegmentAlg builds nothing itself";
+  stream.write("b");
+  EXPECT_EQ(stream.flushed(),
+            (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("a")},
+                                 {.type = 1,
+                                  .seqNo = 3,
+                                  .segmentDone = 0,
+                                  .segAlg = 1,
+                                  .segParam1 = 11,
+                                  .segParam2 = 22,
+                                  .segParam3 = 33,
+                                  .data = bytesOf("b")}}));
+}
+
+TEST(WriteSegment, CutsParametersToTheirLow32Bits) {
+  Stream stream;
+  stream.open();
+  stream.writer.setSegmentAlg(kOrvaneSegBounded, 0x1FFFFFFFF, 0x200000002, 0xFFFFFFFF00000003);
+  EXPECT_EQ(segParam1Of(stream.writer), 0x1FFFFFFFFU);
+  EXPECT_EQ(segParam2Of(stream.writer), 0x200000002U);
+  EXPECT_EQ(segParam3Of(stream.writer), 0xFFFFFFFF00000003U);
+  stream.write("");
+  EXPECT_EQ(stream.flushed(),
+            (std::vector<Record>{
+                {.type = 1, .seqNo = 2, .segParam1 = 0xFFFFFFFF, .segParam2 = 2, .segParam3 = 3}}));
+}
+
+TEST(WriteSegment, KeepsTheHeadersMagicAndSegmentNumber) {
+  Stream stream;
+  stream.open();
+  headerOf(stream.writer).segmentNo = 6;
+  headerOf(stream.writer).magic = 7;
+  stream.write("a");
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 1,
+                                                    .seqNo = 2,
+                                                    .segmentNo = 6,
+                                                    .segmentDone = 0,
+                                                    .magic = 7,
+                                                    .data = bytesOf("a")}}));
+}
+
+TEST(WriteSegment, OfNoBytesStoresARecordAndBeginsNoSegment) {
+  Stream stream;
+  stream.open();
+  stream.writer.writeSegment(nullptr, 0);
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 1}}));
+}
+
+TEST(WriteSegment, OfNoBytesLeavesABegunSegmentBegun) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.write("");
+  EXPECT_EQ(stream.flushed().at(1), (Record{.type = 1, .seqNo = 3, .segmentDone = 0}));
+}
+
+TEST(WriteSegment, UsesTheLow32BitsOfALength) {
+  Stream stream;
+  stream.open();
+  const Bytes data = bytesOf("hello");
+  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+  stream.writer.writeSegment(data.data(), kFourGiB + 5);
+  EXPECT_EQ(stream.flushed(),
+            (std::vector<Record>{
+                {.type = 1, .seqNo = 2, .segmentDone = 0, .segAlg = 1, .data = bytesOf("hello")}}));
+}
+
+TEST(WriteSegment, OfExactly4GiBCountsAsEmpty) {
+  Stream stream;
+  stream.open();
+  const unsigned char byte = 1;
+  stream.writer.writeSegment(&byte, kFourGiB);
+  EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 1}}));
+}
+
+TEST(WriteSegment, OfTooManyBytesHasUsedItsSequenceNumber) {
+  Stream stream({.geometry = {.messageSize = 200000}});
+  stream.open();
+  EXPECT_TRUE(throwsErrno(85,
+                          "Segment too large error.  Received segment of size 131073 bytes, but "
+                          "the maximum allowed segment size is 131072 bytes",
+                          [&] { stream.write(std::string(131073, 'x')); }));
+  const pvk_shm_message_t& header = headerOf(stream.writer);
+  EXPECT_EQ(header.seqNo, 2U);
+  EXPECT_EQ(header.type, 1U);
+  EXPECT_EQ(header.len, 131073U);
+  EXPECT_EQ(header.segmentDone, 0U);
+  EXPECT_TRUE(batchOf(stream.writer)->empty());
+  stream.write(std::string(131072, 'x'));
+  EXPECT_EQ(stream.flushed().at(0).seqNo, 3U);
+}
+
+TEST(WriteSegment, OfManyBytesIsStoredInStateOne) {
+  Stream stream({.geometry = {.messageSize = 200000}});
+  stream.open();
+  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+  stream.write(std::string(131073, 'x'));
+  EXPECT_EQ(stream.flushed().at(0).data.size(), 131073U);
+}
+
+TEST(WriteSegment, FlushesForRoomWithTheWritersTimeout) {
+  Stream stream({.timeout = 1});
+  stream.open();
+  stream.write(std::string(968, 'x'));
+  stream.pair.fill();
+  EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 1s to send data to orvaned on stream stream",
+                          [&] { stream.write("a"); }));
+  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
+  stream.pair.discardAll();
+  stream.write("b");
+  EXPECT_EQ(stream.sent().at(0).seqNo, 2U);
+  EXPECT_EQ(stream.flushed().at(0).seqNo, 4U);
+}
+
+TEST(WriteSegment, MayChangeItsStateWithinAStream) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+  EXPECT_NO_THROW(stream.write("b"));
+  EXPECT_EQ(static_cast<int>(lastSegmentStateOf(stream.writer)), 1);
+  const std::vector<Record> records = stream.flushed();
+  EXPECT_EQ(records.at(0).segAlg, 0U);
+  EXPECT_EQ(records.at(1).segAlg, 1U);
+}
+
+}  // namespace
+}  // namespace orvane::test
