@@ -1,0 +1,67 @@
+#include "options.hpp"
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <stdexcept>
+
+namespace {
+
+using orvaned::Options;
+
+std::optional<int> parse(std::initializer_list<const char*> arguments, Options& options) {
+  std::vector<const char*> argv = {"orvaned"};
+  argv.insert(argv.end(), arguments);
+  return orvaned::parseOptions(static_cast<int>(argv.size()), argv.data(), options);
+}
+
+std::string refusalOf(const Options& options) {
+  try {
+    checkOptions(options);
+    return "accepted";
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+}
+
+TEST(Options, HaveDefaults) {
+  Options options;
+  EXPECT_EQ(parse({"--queue", "orders", "--store", "/srv/streams"}, options), std::nullopt);
+  EXPECT_EQ(options.queue, "orders");
+  EXPECT_EQ(options.store, "/srv/streams");
+  EXPECT_EQ(options.geometry.messages, 8U);
+  EXPECT_EQ(options.geometry.messageSize, 524488U);
+  EXPECT_EQ(options.geometry.mode, 0600U);
+}
+
+TEST(Options, AreTakenFromTheCommandLine) {
+  Options options;
+  EXPECT_EQ(
+      parse({"--queue=q", "--store=.", "--messages=16", "--message-size=262248", "--mode=660"},
+            options),
+      std::nullopt);
+  EXPECT_EQ(options.geometry.messages, 16U);
+  EXPECT_EQ(options.geometry.messageSize, 262248U);
+  EXPECT_EQ(options.geometry.mode, 0660U);
+}
+
+TEST(Options, BoundTheMessageSize) {
+  Options options;
+  options.queue = "q";
+  options.geometry.messageSize = 55;
+  EXPECT_EQ(refusalOf(options), "--message-size 55 is too small: a record needs 56 and its data");
+  options.geometry.messageSize = 56;
+  EXPECT_EQ(refusalOf(options), "accepted");
+  options.geometry.messageSize = 1073741824;
+  EXPECT_EQ(refusalOf(options), "accepted");
+  options.geometry.messageSize = 1073741825;
+  EXPECT_EQ(refusalOf(options), "--message-size 1073741825 is too large: use at most 1073741824");
+}
+
+TEST(Options, CheckTheQueuesName) {
+  Options options;
+  options.queue = ".q";
+  EXPECT_EQ(refusalOf(options), "the queue name begins with a dot");
+}
+
+}  // namespace

@@ -1,0 +1,146 @@
+#include "output_file.hpp"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "limits.hpp"
+#include "support/throws.hpp"
+#include "support/wire.hpp"
+#include "temp_folder.hpp"
+
+namespace {
+
+using orvane::test::Bytes;
+using orvane::test::bytesOf;
+using orvane::test::FileSizeLimit;
+using orvane::test::namesIn;
+using orvane::test::readFile;
+using orvane::test::TempFolder;
+using orvane::test::throwsErrno;
+using orvane::test::writeFile;
+using orvaned::OutputFile;
+
+class OutputFileTest : public testing::Test {
+ protected:
+  TempFolder folder;
+  const std::string path = folder.path() + "/out";
+};
+
+TEST_F(OutputFileTest, IsNotCreatedWithoutBytes) {
+  OutputFile file(path);
+  file.append({});
+  file.flush();
+  EXPECT_EQ(file.records(), 1U);
+  EXPECT_EQ(file.bytes(), 0U);
+  file.finish(path + ".done");
+  EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{});
+}
+
+TEST_F(OutputFileTest, GathersSmallRecordsUntilItIsFlushed) {
+  OutputFile file(path);
+  file.append(bytesOf("one"), bytesOf("two"));
+  file.append({}, bytesOf("three"));
+  EXPECT_FALSE(std::filesystem::exists(path));
+  EXPECT_EQ(file.records(), 0U);
+  file.flush();
+  EXPECT_EQ(readFile(path), "onetwothree");
+  EXPECT_EQ(file.records(), 2U);
+  EXPECT_EQ(file.bytes(), 11U);
+}
+
+TEST_F(OutputFileTest, KeepsTheOrderOfSmallAndLargeRecords) {
+  OutputFile file(path);
+  const Bytes large(200000, 'L');
+  std::string expected;
+  for (int i = 0; i < 3; ++i) {
+    file.append(bytesOf("head"), large);
+    file.append(bytesOf("small"));
+    expected += "head" + std::string(200000, 'L') + "small";
+  }
+  file.flush();
+  EXPECT_EQ(readFile(path), expected);
+  EXPECT_EQ(file.records(), 6U);
+  EXPECT_EQ(file.bytes(), 600027U);
+}
+
+TEST_F(OutputFileTest, WritesAFullBufferByItself) {
+  OutputFile file(path);
+  for (int i = 0; i < 1000; ++i) {
+    file.append(Bytes(100, 'x'));
+  }
+  EXPECT_GT(std::filesystem::file_size(path), 60000U);
+  EXPECT_EQ(std::filesystem::file_size(path), file.bytes());
+}
+
+TEST_F(OutputFileTest, GetsItsFinalNameWithAllItsBytes) {
+  OutputFile file(path);
+  file.append(bytesOf("data"));
+  file.finish(folder.path() + "/final");
+  EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"final"});
+  EXPECT_EQ(readFile(folder.path() + "/final"), "data");
+}
+
+TEST_F(OutputFileTest, ContinuesAFileThatIsThere) {
+  writeFile(path, "old ");
+  OutputFile file(path);
+  file.append(bytesOf("new"));
+  file.flush();
+  EXPECT_EQ(readFile(path), "old new");
+  EXPECT_EQ(file.bytes(), 3U);
+}
+
+TEST_F(OutputFileTest, IsForItsOwnerOnly) {
+  OutputFile file(path);
+  file.append(bytesOf("data"));
+  file.flush();
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+}
+
+TEST_F(OutputFileTest, TakesBackTheRecordsOfAFailedFlush) {
+  OutputFile file(path);
+  file.append(bytesOf("0123456789"));
+  file.flush();
+  file.append(bytesOf("abcdefghij"));
+  {
+    FileSizeLimit limit(15);
+    EXPECT_TRUE(throwsErrno(1003, "File too large: cannot write " + path, [&] { file.flush(); }));
+    EXPECT_EQ(readFile(path), "0123456789");
+    EXPECT_EQ(file.records(), 1U);
+    EXPECT_EQ(file.bytes(), 10U);
+  }
+  file.flush();  // the disk has room again
+  EXPECT_EQ(readFile(path), "0123456789abcdefghij");
+  EXPECT_EQ(file.records(), 2U);
+}
+
+TEST_F(OutputFileTest, TakesBackALargeRecordThatDoesNotFitWhole) {
+  writeFile(path, "old");
+  OutputFile file(path);
+  file.append(bytesOf("small"));
+  const Bytes large(100000, 'L');
+  FileSizeLimit limit(50000);
+  EXPECT_TRUE(throwsErrno(1003, "File too large: cannot write " + path,
+                          [&] { file.append(bytesOf("head"), large); }));
+  EXPECT_EQ(readFile(path), "oldsmall");
+  EXPECT_EQ(file.records(), 1U);
+  EXPECT_EQ(file.bytes(), 5U);
+}
+
+TEST_F(OutputFileTest, SaysWhatItCannotCreate) {
+  OutputFile file(folder.path() + "/none/out");
+  file.append(bytesOf("data"));
+  EXPECT_TRUE(throwsErrno(1003,
+                          "No such file or directory: cannot create " + folder.path() + "/none/out",
+                          [&] { file.flush(); }));
+}
+
+TEST_F(OutputFileTest, SaysWhatItCannotRename) {
+  OutputFile file(path);
+  file.append(bytesOf("data"));
+  EXPECT_TRUE(throwsErrno(1003, "No such file or directory: cannot rename " + path,
+                          [&] { file.finish(folder.path() + "/none/final"); }));
+  EXPECT_EQ(readFile(path), "data");
+}
+
+}  // namespace

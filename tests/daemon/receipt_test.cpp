@@ -1,0 +1,51 @@
+#include "common/receipt.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using tool::parseReceipt;
+using tool::Receipt;
+
+const Receipt kReceipt{"20261121T023224-4711_0", 12, 1048576, 2, "closed"};
+constexpr char kText[] =
+    "receipt stream=20261121T023224-4711_0 records=12 bytes=1048576 segments=2 end=closed";
+
+TEST(Receipt, HasItsTextForm) {
+  EXPECT_EQ(textOf(kReceipt), kText);
+}
+
+TEST(Receipt, IsReadBackFromItsText) {
+  EXPECT_EQ(parseReceipt(kText), kReceipt);
+}
+
+TEST(Receipt, KeepsNumbersOf64Bits) {
+  const Receipt large{"s", 18446744073709551615U, 18446744073709551614U, 18446744073709551613U,
+                      "broken"};
+  EXPECT_EQ(parseReceipt("receipt stream=s records=18446744073709551615 "
+                         "bytes=18446744073709551614 segments=18446744073709551613 end=broken"),
+            large);
+}
+
+class NoReceipt : public testing::TestWithParam<const char*> {};
+
+TEST_P(NoReceipt, IsNotTakenForOne) {
+  EXPECT_EQ(parseReceipt(GetParam()), std::nullopt);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Text, NoReceipt,
+    testing::Values("", "receipt", "receipt stream=", "the server was stopped",
+                    "receipt stream=s records=1 bytes=2 segments=3",
+                    "receipt stream=s records=1 bytes=2 segments=3 end=",
+                    "receipt stream=s records=1 bytes=2 segments=3 end=closed ",
+                    "receipt stream=s records=1 bytes=2 segments=3 end=closed more",
+                    "receipt stream= records=1 bytes=2 segments=3 end=closed",
+                    "receipt stream=s records= bytes=2 segments=3 end=closed",
+                    "receipt stream=s records=1x bytes=2 segments=3 end=closed",
+                    "receipt stream=s records=-1 bytes=2 segments=3 end=closed",
+                    "receipt stream=s records=1 bytes=18446744073709551616 segments=3 end=closed",
+                    "receipt stream=s bytes=2 records=1 segments=3 end=closed",
+                    " receipt stream=s records=1 bytes=2 segments=3 end=closed"));
+
+}  // namespace

@@ -1,0 +1,135 @@
+#include "served.hpp"
+
+#include <unistd.h>
+
+#include <ostream>
+#include <regex>
+#include <stdexcept>
+
+namespace orvane::test {
+namespace {
+
+using boost::interprocess::message_queue;
+using boost::interprocess::open_only;
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+}
+
+// Short, because paths with it must fit into an answer.
+std::string shortQueueName() {
+  static int counter = 0;
+  return "orvane_test." + std::to_string(getpid()) + ".d" + std::to_string(counter++);
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& stream, const Answer& answer) {
+  return stream << answer.status << " \"" << answer.text << '"';
+}
+
+std::vector<Answer> takeAnswers(message_queue& responseQueue) {
+  std::vector<Answer> answers;
+  pvk_shm_response_t response;
+  message_queue::size_type size = 0;
+  unsigned priority = 0;
+  while (responseQueue.try_receive(&response, sizeof(response), size, priority)) {
+    if (size != 132) {
+      throw std::runtime_error("an answer of " + std::to_string(size) + " bytes");
+    }
+    answers.push_back({response.status, response.text});
+  }
+  return answers;
+}
+
+Served::Served(std::size_t messageSize, std::size_t messages)
+    : queueName(shortQueueName()),
+      streamStore(temp.path(), queueName),
+      pair(queueName, {messages, messageSize, 0600}),
+      queueWorker(queueName, pair, streamStore),
+      sendQueue(open_only, queueName.c_str()),
+      responseQueue(open_only, (queueName + "Response").c_str()) {}
+
+void Served::send(std::initializer_list<Record> records) {
+  send(BatchBytes().records(records).bytes());
+}
+
+void Served::send(const Bytes& message) {
+  const void* bytes = message.empty() ? static_cast<const void*>("") : message.data();
+  if (!sendQueue.try_send(bytes, message.size(), 1)) {
+    throw std::runtime_error("the send queue is full");
+  }
+}
+
+std::vector<Answer> Served::serve() {
+  while (queueWorker.runOnce()) {
+  }
+  return answers();
+}
+
+std::vector<Answer> Served::ask(std::initializer_list<Record> records) {
+  send(records);
+  return serve();
+}
+
+std::vector<Answer> Served::ask(const Bytes& message) {
+  send(message);
+  return serve();
+}
+
+std::vector<Answer> Served::answers() {
+  std::vector<Answer> answers = takeAnswers(responseQueue);
+  for (Answer& answer : answers) {
+    answer.text = masked(answer.text);
+  }
+  return answers;
+}
+
+std::vector<std::string> Served::stored() const {
+  std::vector<std::string> names = namesIn(store());
+  for (std::string& name : names) {
+    name = masked(name);
+  }
+  return names;
+}
+
+std::vector<std::string> Served::filesOf(std::size_t stream) const {
+  return namesIn(pathOf(stream));
+}
+
+std::string Served::file(std::size_t stream, const std::string& name) const {
+  return readFile(pathOf(stream) + "/" + name);
+}
+
+std::string Served::manifest(std::size_t stream) const {
+  return masked(file(stream, "manifest"));
+}
+
+std::string Served::pathOf(std::size_t stream) const {
+  const std::string ending = "_" + std::to_string(stream);
+  for (const std::string& name : namesIn(store())) {
+    if (name.ends_with(ending)) {
+      return store() + "/" + name;
+    }
+  }
+  throw std::runtime_error("there is no stream " + ending);
+}
+
+std::vector<Line> Served::log() {
+  std::vector<Line> lines = sink.take();
+  for (Line& line : lines) {
+    line.text = masked(line.text);
+  }
+  return lines;
+}
+
+std::string Served::masked(std::string text) const {
+  static const std::regex run("[0-9]{8}T[0-9]{6}-" + std::to_string(getpid()));
+  replaceAll(text, store(), "STORE");
+  replaceAll(text, queueName, "QUEUE");
+  return std::regex_replace(text, run, "RUN");
+}
+
+}  // namespace orvane::test

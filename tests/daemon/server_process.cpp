@@ -1,0 +1,114 @@
+#include "server_process.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace orvane::test {
+namespace {
+
+constexpr int kPatienceMilliseconds = 30000;
+
+[[noreturn]] void become(const std::vector<std::string>& arguments, int output,
+                         std::optional<rlim_t> fileSizeLimit) {
+  std::vector<char*> argv = {const_cast<char*>("orvaned")};
+  for (const std::string& argument : arguments) {
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  }
+  argv.push_back(nullptr);
+  dup2(output, STDOUT_FILENO);
+  dup2(output, STDERR_FILENO);
+  if (fileSizeLimit) {
+    const rlimit limit{*fileSizeLimit, *fileSizeLimit};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  // To ThreadSanitizer, a lock taken over from a dead process is none.
+  const char* options = getenv("TSAN_OPTIONS");
+  setenv("TSAN_OPTIONS", ((options ? options : "") + std::string(" report_mutex_bugs=0")).c_str(),
+         1);
+  execv(ORVANED_PATH, argv.data());
+  _exit(127);
+}
+
+}  // namespace
+
+ServerProcess::ServerProcess(const std::vector<std::string>& arguments,
+                             std::optional<rlim_t> fileSizeLimit) {
+  int ends[2] = {};
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    throw std::runtime_error("no pipe");
+  }
+  pid = fork();
+  if (pid == 0) {
+    become(arguments, ends[1], fileSizeLimit);
+  }
+  close(ends[1]);
+  fd = ends[0];
+}
+
+ServerProcess::~ServerProcess() {
+  if (pid > 0) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  closeOutput();
+}
+
+bool ServerProcess::isServing() {
+  while (text.find("serving queue ") == std::string::npos) {
+    if (!read()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void ServerProcess::signal(int number) const {
+  kill(pid, number);
+}
+
+void ServerProcess::waitUntilStopped() const {
+  int status = 0;
+  waitpid(pid, &status, WUNTRACED);
+}
+
+int ServerProcess::wait() {
+  while (fd >= 0 && read()) {
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  pid = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+bool ServerProcess::isRunning() {
+  return waitpid(pid, nullptr, WNOHANG) == 0;
+}
+
+void ServerProcess::closeOutput() {
+  if (fd >= 0) {
+    close(fd);
+    fd = -1;
+  }
+}
+
+// Reads what there is, waiting for the first byte; false at the end.
+bool ServerProcess::read() {
+  pollfd waiting{fd, POLLIN, 0};
+  if (poll(&waiting, 1, kPatienceMilliseconds) != 1) {
+    throw std::runtime_error("the server neither ends nor says anything; it said: " + text);
+  }
+  char bytes[4096];
+  const ssize_t size = ::read(fd, bytes, sizeof(bytes));
+  if (size > 0) {
+    text.append(bytes, static_cast<std::size_t>(size));
+  }
+  return size > 0;
+}
+
+}  // namespace orvane::test

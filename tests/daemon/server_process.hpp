@@ -1,0 +1,49 @@
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orvane::test {
+
+// The real server as a child process. Killed at the end if it still runs.
+class ServerProcess {
+ public:
+  explicit ServerProcess(const std::vector<std::string>& arguments,
+                         std::optional<rlim_t> fileSizeLimit = std::nullopt);
+  ~ServerProcess();
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+
+  // Waits for the line that says that it serves; false when it ended before.
+  bool isServing();
+
+  void signal(int number) const;
+
+  // Waits until it is stopped, by SIGSTOP.
+  void waitUntilStopped() const;
+
+  // Waits for its end; its exit code, or minus the signal that killed it.
+  int wait();
+
+  // Has it not ended yet?
+  bool isRunning();
+
+  // Standard output and standard error together; what wait() and isServing() have read so far.
+  const std::string& output() const { return text; }
+
+  // From now on the server writes its lines to nobody.
+  void closeOutput();
+
+ private:
+  bool read();
+
+  pid_t pid = -1;
+  int fd = -1;
+  std::string text;
+};
+
+}  // namespace orvane::test

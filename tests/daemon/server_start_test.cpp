@@ -1,0 +1,181 @@
+// How the real server starts, or says why it does not.
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "queue/message_queue.hpp"
+#include "server_process.hpp"
+#include "support/queue_pair.hpp"
+#include "temp_folder.hpp"
+
+namespace {
+
+using boost::interprocess::create_only;
+using boost::interprocess::message_queue;
+using orvane::test::namesIn;
+using orvane::test::QueueName;
+using orvane::test::ServerProcess;
+using orvane::test::TempFolder;
+using orvane::test::uniqueQueueName;
+using orvane::test::writeFile;
+
+class ServerStartTest : public testing::Test {
+ protected:
+  // Starts a server that is to end by itself.
+  void expectEnd(const std::vector<std::string>& arguments, int exitCode,
+                 const std::string& output) {
+    ServerProcess server(arguments);
+    EXPECT_EQ(server.wait(), exitCode);
+    EXPECT_EQ(server.output(), output);
+    EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{});
+    for (const std::string& file : namesIn("/dev/shm")) {
+      EXPECT_EQ(file.find(name), std::string::npos) << file;
+    }
+  }
+
+  TempFolder folder;
+  const QueueName nameGuard{uniqueQueueName()};
+  const QueueName responseGuard{nameGuard.text() + "Response"};
+  const std::string& name = nameGuard.text();
+};
+
+TEST_F(ServerStartTest, SaysWhenItIsReady) {
+  ServerProcess server({"--queue", name, "--store", folder.path()});
+  ASSERT_TRUE(server.isServing());
+  EXPECT_EQ(server.output(), "info 0: serving queue " + name +
+                                 " (8 messages of 524488 bytes), storing into " + folder.path() +
+                                 "\n");
+}
+
+TEST_F(ServerStartTest, WarnsWhenTheLargestRecordCannotPass) {
+  ServerProcess server({"--queue", name, "--store", folder.path(), "--message-size", "131127"});
+  ASSERT_TRUE(server.isServing());
+  EXPECT_EQ(server.output().substr(0, server.output().find('\n')),
+            "warning 0: --message-size 131127 is less than 131128: a record of the largest size "
+            "cannot pass");
+}
+
+TEST_F(ServerStartTest, DoesNotWarnWhenTheLargestRecordJustPasses) {
+  ServerProcess server({"--queue", name, "--store", folder.path(), "--message-size", "131128"});
+  ASSERT_TRUE(server.isServing());
+  EXPECT_EQ(server.output().find("warning"), std::string::npos);
+}
+
+TEST_F(ServerStartTest, RefusesANameInUse) {
+  const QueueName stranger(name + "_taken");
+  const message_queue queue(create_only, stranger.text().c_str(), 1, 1);
+  ServerProcess server({"--queue", stranger.text(), "--store", folder.path()});
+  EXPECT_EQ(server.wait(), 1);
+  EXPECT_EQ(server.output(), "error 1: the queue " + stranger.text() +
+                                 " is in use: take another name, or remove /dev/shm/" +
+                                 stranger.text() + " if its server is gone\n");
+  EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + stranger.text()));
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + stranger.text() + "Response"));
+}
+
+TEST_F(ServerStartTest, ASecondServerLeavesTheFirstAlone) {
+  ServerProcess first({"--queue", name, "--store", folder.path()});
+  ASSERT_TRUE(first.isServing());
+  ServerProcess second({"--queue", name, "--store", folder.path()});
+  EXPECT_EQ(second.wait(), 1);
+  EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + name));
+  EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + name + "Response"));
+}
+
+TEST_F(ServerStartTest, RefusesABadName) {
+  expectEnd({"--queue", "a/b", "--store", folder.path()}, 1,
+            "error 1: the queue name holds a character that is not allowed: use letters, digits "
+            "and _.-\n");
+}
+
+TEST_F(ServerStartTest, RefusesAStoreThatIsNotThere) {
+  const std::string store = folder.path() + "/none";
+  expectEnd({"--queue", name, "--store", store}, 1,
+            "error 1: cannot store into " + store +
+                ": No such file or directory: --store needs a folder that exists and that the "
+                "server can write to\n");
+}
+
+TEST_F(ServerStartTest, NeverTakesAPathForAFormat) {
+  const std::string store = folder.path() + "/%n%s%n%s";
+  expectEnd({"--queue", name, "--store", store}, 1,
+            "error 1: cannot store into " + store +
+                ": No such file or directory: --store needs a folder that exists and that the "
+                "server can write to\n");
+}
+
+TEST_F(ServerStartTest, RefusesAStoreThatIsAFile) {
+  const TempFolder other;
+  const std::string store = other.path() + "/file";
+  writeFile(store, "");
+  expectEnd({"--queue", name, "--store", store}, 1,
+            "error 1: cannot store into " + store +
+                ": Not a directory: --store needs a folder that exists and that the server can "
+                "write to\n");
+}
+
+TEST_F(ServerStartTest, RefusesAMessageSizeWithoutRoomForARecord) {
+  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "55"}, 1,
+            "error 1: --message-size 55 is too small: a record needs 56 and its data\n");
+}
+
+TEST_F(ServerStartTest, RefusesAMessageSizeBeyondReason) {
+  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "1073741825"}, 1,
+            "error 1: --message-size 1073741825 is too large: use at most 1073741824\n");
+}
+
+TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
+  ServerProcess server({"--queue", name, "--store", folder.path(), "--messages", "4096",
+                        "--message-size", "1073741824"});
+  EXPECT_EQ(server.wait(), 1);
+  const std::string start = "error 1: the queues need 4398047265504 bytes of /dev/shm, which has ";
+  EXPECT_EQ(server.output().substr(0, start.size()), start);
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name));
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name + "Response"));
+}
+
+TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
+  const std::string hint = " (orvaned --help shows the usage)\n";
+  expectEnd({}, 2, "orvaned: --queue is required" + hint);
+  expectEnd({"--queue", name}, 2, "orvaned: --store is required" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--messages", "0"}, 2,
+            "orvaned: --messages: Value 0 not in range 1 to 4096" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--messages", "4097"}, 2,
+            "orvaned: --messages: Value 4097 not in range 1 to 4096" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "-5"}, 2,
+            "orvaned: --message-size: must be a number of bytes" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "large"}, 2,
+            "orvaned: --message-size: must be a number of bytes" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "more"}, 2,
+            "orvaned: The following argument was not expected: more" + hint);
+}
+
+TEST_F(ServerStartTest, AModeIsOctalAndLetsTheOwnerReadAndWrite) {
+  for (const char* mode : {"0400", "200", "1600", "678", "", "rw", "00600", "-600"}) {
+    ServerProcess server({"--queue", name, "--store", folder.path(), "--mode", mode});
+    EXPECT_EQ(server.wait(), 2) << mode;
+    EXPECT_EQ(server.output(),
+              "orvaned: --mode: must be octal, 0600 to 0777, and let the owner read and write "
+              "(orvaned --help shows the usage)\n")
+        << mode;
+  }
+}
+
+TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
+  ServerProcess server({"--help"});
+  EXPECT_EQ(server.wait(), 0);
+  for (const char* word :
+       {"--queue", "--store", "--messages", "--message-size", "=524488", "--mode", "=0600",
+        "--version", "1000  bad batch: ", "1001  out of order: ", "1002  unlawful record: ",
+        "1003  store failed: ", "1004  server ending: ", "Exit codes: "}) {
+    EXPECT_NE(server.output().find(word), std::string::npos) << word;
+  }
+}
+
+TEST_F(ServerStartTest, VersionNamesTheProgram) {
+  expectEnd({"--version"}, 0, "orvaned 1.0.0\n");
+}
+
+}  // namespace

@@ -1,0 +1,102 @@
+#include "options.hpp"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <orvane/orvane.hpp>
+#include <stdexcept>
+
+#include "server_status.hpp"
+
+namespace orvaned {
+namespace {
+
+constexpr std::size_t kMaxMessages = 4096;
+constexpr std::size_t kMaxMessageSize = std::size_t{1} << 30;
+constexpr mode_t kMinMode = 0600;
+
+constexpr char kDescription[] =
+    "Takes streams of records from one queue in shared memory and stores them.\n"
+    "Runs until SIGTERM or SIGINT; then takes what is queued and removes the queue.";
+
+std::string footer() {
+  std::string text =
+      "Each stream becomes a folder of the store, QUEUE-ID: a file for each segment with data, "
+      "and\n"
+      "a manifest that lists them and says how the stream ended. Records that belong to no stream\n"
+      "are kept in QUEUE-outside-records.\n"
+      "\n"
+      "Answers to a producer, besides 0 for success:\n";
+  for (const StatusMeaning& status : kStatusMeanings) {
+    text +=
+        "  " + std::to_string(status.status) + "  " + status.name + ": " + status.meaning + "\n";
+  }
+  return text +
+         "\n"
+         "Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed; 2 wrong "
+         "usage.";
+}
+
+std::string checkMessageSize(const std::string& text) {
+  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+  return digits ? "" : "must be a number of bytes";
+}
+
+std::string checkMode(const std::string& text) {
+  const bool octal =
+      !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
+  const unsigned long mode = octal ? std::stoul(text, nullptr, 8) : 0;
+  if ((mode & kMinMode) != kMinMode || mode > 0777) {
+    return "must be octal, 0600 to 0777, and let the owner read and write";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::optional<int> parseOptions(int argc, const char* const* argv, Options& options) {
+  Geometry& geometry = options.geometry;
+  std::string mode = "0600";
+  CLI::App app(kDescription, "orvaned");
+  app.footer(footer());
+  app.set_version_flag("--version", "orvaned " ORVANE_VERSION);
+  app.add_option("--queue", options.queue,
+                 "Name of the queue: letters, digits, _.-, no leading dot, at most 200 bytes")
+      ->required();
+  app.add_option("--store", options.store, "Folder to store into; it must exist")->required();
+  app.add_option("--messages", geometry.messages, "Messages that the queue holds, 1 to 4096")
+      ->check(CLI::Range(std::size_t{1}, kMaxMessages))
+      ->capture_default_str();
+  app.add_option("--message-size", geometry.messageSize,
+                 "Bytes of one message; the largest record needs 131128")
+      ->check(checkMessageSize)
+      ->capture_default_str();
+  app.add_option("--mode", mode, "Who may use the queue, as chmod's octal number")
+      ->check(checkMode)
+      ->capture_default_str();
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "orvaned: " << e.what() << " (orvaned --help shows the usage)\n";
+    return kUsageError;
+  }
+  geometry.mode = static_cast<mode_t>(std::stoul(mode, nullptr, 8));
+  return std::nullopt;
+}
+
+void checkOptions(const Options& options) {
+  tool::checkQueueName(options.queue);
+  const std::size_t size = options.geometry.messageSize;
+  if (size < tool::smallestMessageSize()) {
+    throw std::invalid_argument("--message-size " + std::to_string(size) +
+                                " is too small: a record needs " +
+                                std::to_string(tool::smallestMessageSize()) + " and its data");
+  }
+  if (size > kMaxMessageSize) {
+    throw std::invalid_argument("--message-size " + std::to_string(size) +
+                                " is too large: use at most " + std::to_string(kMaxMessageSize));
+  }
+}
+
+}  // namespace orvaned

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <queue/message_queue.hpp>
+#include <span>
+#include <string>
+
+namespace orvaned {
+
+struct Geometry {
+  std::size_t messages;     // of the send queue
+  std::size_t messageSize;  // in bytes
+  mode_t mode;              // of both queues; who may open them for writing may be a producer
+};
+
+// A send queue and its response queue in /dev/shm, created and removed with this object. Nothing
+// here waits inside a queue. What Boost throws passes through: the pair is then of no more use.
+class QueuePair {
+ public:
+  // Throws std::runtime_error, leaving nothing behind, when a name is taken or there is no room.
+  QueuePair(const std::string& name, const Geometry& geometry);
+
+  // The next message, if one is there; valid until the next call.
+  std::optional<std::span<const unsigned char>> receive();
+
+  // Messages that wait in the send queue.
+  std::size_t waiting() const { return send.queue->get_num_msg(); }
+
+  // Posts an answer; errors overtake successes. While the response queue is full, successes are
+  // dropped, and the first error is kept until postPending() finds room for it.
+  void answer(const orvane::pvk_shm_response_t& response);
+  void postPending();
+
+  // Throws away the answers that nobody took.
+  void discardAnswers();
+
+ private:
+  struct Queue {
+    Queue(std::string queueName, std::size_t messages, std::size_t messageSize, mode_t mode);
+    ~Queue();
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
+
+    const std::string name;
+    std::optional<boost::interprocess::message_queue> queue;
+  };
+
+  bool post(const orvane::pvk_shm_response_t& response);
+
+  const std::size_t bufferSize;
+  const std::unique_ptr<unsigned char[]> buffer;
+  Queue response;  // before the send queue: a producer that finds that one must find both
+  Queue send;
+  std::optional<orvane::pvk_shm_response_t> pending;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,75 @@
+#include "store.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace orvaned {
+namespace {
+
+// No other run of a server has it: start time and process together do not come again.
+std::string makeIdPrefix() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc = {};
+  gmtime_r(&now, &utc);
+  char text[sizeof("20261121T023224")] = {};
+  std::strftime(text, sizeof(text), "%Y%m%dT%H%M%S", &utc);
+  return std::string(text) + "-" + std::to_string(getpid());
+}
+
+// By trying: permissions alone do not tell of a read-only or full file system.
+void checkWritable(const std::string& directory) {
+  std::string probe = directory + "/.orvaned.XXXXXX";
+  if (mkdtemp(probe.data()) == nullptr) {
+    throw std::runtime_error(
+        "cannot store into " + directory + ": " + std::generic_category().message(errno) +
+        ": --store needs a folder that exists and that the server can write to");
+  }
+  rmdir(probe.c_str());
+}
+
+}  // namespace
+
+Store::Store(std::string storeDirectory, std::string queueName)
+    : directory(std::move(storeDirectory)), queue(std::move(queueName)), idPrefix(makeIdPrefix()) {
+  checkWritable(directory);
+}
+
+std::unique_ptr<StreamFolder> Store::createStream() {
+  for (;;) {
+    const std::string id = nextStreamId();
+    const std::string path = directory + "/" + queue + "-" + id;
+    if (mkdir(path.c_str(), 0700) == 0) {
+      return std::make_unique<StreamFolder>(path, queue, id);
+    }
+    if (errno != EEXIST) {
+      throwStoreFailed(errno, "create", path);
+    }
+  }
+}
+
+void Store::storeOutside(const orvane::ShmBatch::Entry& entry) {
+  if (!outside) {
+    outside = std::make_unique<OutputFile>(directory + "/" + queue + "-outside-records");
+  }
+  appendRecord(*outside, entry);
+}
+
+void Store::flush() {
+  // Closed after each batch, so that the next one notices when the file or the folder is gone.
+  if (const auto file = std::move(outside)) {
+    file->flush();
+  }
+}
+
+std::string Store::nextStreamId() {
+  return idPrefix + "_" + std::to_string(nextNumber++);
+}
+
+}  // namespace orvaned

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <orvane/orvane.hpp>
+#include <string>
+
+#include "output_file.hpp"
+#include "stream_folder.hpp"
+
+namespace orvaned {
+
+// What one queue's streams leave on disk: a folder QUEUE-ID for each stream, and a file
+// QUEUE-outside-records for the records that came while no stream was open.
+class Store {
+ public:
+  // Throws std::runtime_error unless `directory` is a folder that the server can write to. It is
+  // not created: a mistyped path would fill the wrong disk.
+  Store(std::string directory, std::string queue);
+
+  // A new stream's folder. Throws Ox_ErrnoException (kStoreFailed), as the next two do.
+  std::unique_ptr<StreamFolder> createStream();
+
+  void storeOutside(const orvane::ShmBatch::Entry& entry);
+
+  // Hands to the system what came from outside since the last call.
+  void flush();
+
+ private:
+  std::string nextStreamId();
+
+  const std::string directory;
+  const std::string queue;
+  const std::string idPrefix;
+  std::uint32_t nextNumber = 0;
+  std::unique_ptr<OutputFile> outside;
+};
+
+}  // namespace orvaned

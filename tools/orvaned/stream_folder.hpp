@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <string>
+
+#include "common/receipt.hpp"
+#include "manifest.hpp"
+#include "output_file.hpp"
+
+namespace orvaned {
+
+// The folder of one stream:
+//   segment-000000   the data of a segment, under its final name once the segment has ended
+//   other-records    records of other types: 48-byte header and data, as they came
+//   manifest         what it all is (manifest.hpp), once the stream has ended
+// Stores what it is given; StreamState says what may come. Throws Ox_ErrnoException (kStoreFailed);
+// the stream can then only be ended as broken.
+class StreamFolder {
+ public:
+  StreamFolder(std::string path, const std::string& queue, const std::string& stream);
+
+  void storeSegmentData(const orvane::ShmBatch::Entry& entry);
+  void endSegment(const orvane::pvk_shm_message_t& header);
+  void storeOther(const orvane::ShmBatch::Entry& entry);
+
+  // Hands to the system what was stored so far.
+  void flush();
+
+  // Ends the stream as one of common/receipt.hpp's words says. A closed stream ends its last
+  // segment too; in all others that segment stays marked as unfinished.
+  void end(const std::string& how, const std::string& reason, std::uint64_t skipped);
+
+  // What was stored. After end().
+  const tool::Receipt& receipt() const { return summary.receipt; }
+
+ private:
+  struct Segment {
+    Segment(const std::string& folder, const orvane::pvk_shm_message_t& first);
+
+    SegmentSummary summary;
+    std::string name;
+    OutputFile file;
+  };
+
+  void finishSegment();
+  void abandonSegment();
+  void list(const std::string& fileName);
+  void finishManifest();
+
+  const std::string path;
+  Manifest manifest;
+  bool manifestTried = false;
+  OutputFile other;
+  std::optional<Segment> segment;
+  StreamSummary summary;  // of what has ended so far
+};
+
+// Appends a record in wire form.
+void appendRecord(OutputFile& file, const orvane::ShmBatch::Entry& entry);
+
+}  // namespace orvaned

@@ -1,0 +1,219 @@
+#include "worker.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "common/receipt.hpp"
+#include "server_status.hpp"
+
+namespace orvaned {
+
+using boost::interprocess::interprocess_exception;
+using orvane::pvk_shm_response_t;
+
+std::chrono::microseconds Pause::next() {
+  return std::exchange(length, std::min(length * 2, kLongest));
+}
+
+Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore)
+    : queueName(std::move(name)), queues(queuePair), store(streamStore) {}
+
+void Worker::run(const volatile std::sig_atomic_t& stopRequested) {
+  try {
+    Pause pause;
+    while (stopRequested == 0) {
+      if (runOnce()) {
+        pause.reset();
+      } else {
+        std::this_thread::sleep_for(pause.next());
+      }
+    }
+    finish();
+  } catch (const interprocess_exception& e) {
+    giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")");
+  }
+}
+
+bool Worker::runOnce() {
+  const auto message = queues.receive();
+  if (!message) {
+    queues.postPending();
+    return false;
+  }
+  batchError.reset();
+  takeBatch(*message);
+  queues.answer(answer());
+  return true;
+}
+
+void Worker::finish() {
+  for (std::size_t count = queues.waiting(); count > 0; --count) {
+    runOnce();
+  }
+  abandonStream(tool::kCutOff, "the server was stopped");
+  farewell("the server was stopped");
+}
+
+void Worker::takeBatch(std::span<const unsigned char> message) {
+  try {
+    for (const Entry& entry : orvane::BatchView(message.data(), message.size())) {
+      take(entry);
+    }
+  } catch (const Ox_ErrnoException& e) {
+    fail(Ox_ErrnoException(kBadBatch, e.message(), ""));
+  }
+  flush();
+}
+
+void Worker::take(const Entry& entry) {
+  try {
+    switch (entry.header.type) {
+      case orvane::kRecordOpen:
+        return open(entry.header);
+      case orvane::kRecordClose:
+        return close(entry.header, tool::kClosed);
+      case orvane::kRecordStop:
+        return close(entry.header, tool::kStopped);
+      default:
+        return storeRecord(entry);
+    }
+  } catch (const Ox_ErrnoException& e) {
+    fail(e);
+  }
+}
+
+void Worker::open(const Header& header) {
+  checkNoData(header);
+  // Otherwise this stream's producer would be thrown the errors of the one before.
+  queues.discardAnswers();
+  broken.reset();
+  if (stream && stream->state.isFresh()) {
+    stream->state = StreamState(header);
+    return;
+  }
+  abandonStream(tool::kCutOff, "another stream was opened");
+  lastReceipt.clear();
+  try {
+    stream = Stream{StreamState(header), store.createStream()};
+  } catch (const Ox_ErrnoException& e) {
+    broken = e;
+    throw;
+  }
+}
+
+void Worker::close(const Header& header, const char* how) {
+  if (broken) {
+    batchError = batchError ? batchError : broken;
+    broken.reset();
+    return;
+  }
+  checkNoData(header);
+  if (stream) {
+    stream->state.take(header);
+    endStream(how, "");
+  }
+}
+
+void Worker::storeRecord(const Entry& entry) {
+  if (broken) {
+    batchError = batchError ? batchError : broken;
+    return;
+  }
+  if (!stream) {
+    return store.storeOutside(entry);
+  }
+  stream->state.take(entry.header);
+  switch (entry.header.type) {
+    case orvane::kRecordSegmentData:
+      return stream->folder->storeSegmentData(entry);
+    case orvane::kRecordEndOfSegment:
+      return stream->folder->endSegment(entry.header);
+    default:
+      return stream->folder->storeOther(entry);
+  }
+}
+
+// At the end of each batch, so that its answer tells of a disk that is full.
+void Worker::flush() {
+  try {
+    if (stream) {
+      stream->folder->flush();
+    }
+  } catch (const Ox_ErrnoException& e) {
+    fail(e);
+  }
+  try {
+    store.flush();
+  } catch (const Ox_ErrnoException& e) {
+    report(e);
+  }
+}
+
+pvk_shm_response_t Worker::answer() const {
+  pvk_shm_response_t response;
+  if (const auto& error = batchError ? batchError : broken) {
+    response.assign(error->status(), error->what());
+  } else if (!stream) {
+    response.assign(0, lastReceipt.c_str());
+  }
+  return response;
+}
+
+void Worker::report(const Ox_ErrnoException& error) {
+  ErrorA(error.status(), "queue %s: %s", queueName.c_str(), error.what());
+  if (!batchError) {
+    batchError = error;
+  }
+}
+
+void Worker::fail(const Ox_ErrnoException& error) {
+  report(error);
+  if (stream) {
+    abandonStream(tool::kBroken, error.message());
+    broken = error;
+  }
+}
+
+void Worker::endStream(const char* how, const std::string& reason) {
+  stream->folder->end(how, reason, stream->state.skipped());
+  forgetStream();
+}
+
+// Ends the stream, if there is one, where nobody asked for it: what fails then is only logged.
+void Worker::abandonStream(const char* how, const std::string& reason) {
+  if (!stream) {
+    return;
+  }
+  try {
+    endStream(how, reason);
+  } catch (const Ox_ErrnoException& e) {
+    ErrorA(e.status(), "queue %s: %s", queueName.c_str(), e.what());
+    forgetStream();
+  }
+}
+
+void Worker::forgetStream() {
+  lastReceipt = textOf(stream->folder->receipt());
+  InfoA(0, "queue %s: %s", queueName.c_str(), lastReceipt.c_str());
+  stream.reset();
+}
+
+void Worker::farewell(const std::string& reason) {
+  pvk_shm_response_t response;
+  response.assign(kServerEnding, reason.c_str());
+  queues.answer(response);
+}
+
+void Worker::giveUp(const std::string& reason) {
+  abandonStream(tool::kBroken, reason);
+  try {
+    farewell(reason);
+  } catch (const interprocess_exception&) {
+    // The response queue is beyond use as well.
+  }
+  throw std::runtime_error("queue " + queueName + ": " + reason + ": start the server again");
+}
+
+}  // namespace orvaned

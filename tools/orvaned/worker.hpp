@@ -1,0 +1,92 @@
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <span>
+#include <string>
+
+#include "queue_pair.hpp"
+#include "store.hpp"
+#include "stream_state.hpp"
+
+namespace orvaned {
+
+// The pause between two looks at an empty queue: from 50 us, doubling to 5 ms.
+class Pause {
+ public:
+  std::chrono::microseconds next();
+  void reset() { length = kShortest; }
+
+ private:
+  static constexpr std::chrono::microseconds kShortest{50};
+  static constexpr std::chrono::microseconds kLongest{5000};
+
+  std::chrono::microseconds length = kShortest;
+};
+
+// Serves one queue pair: takes its batches, stores what they carry, answers each of them once.
+//
+// A stream begins with its open record and ends with close or stop. What refuses a record of it
+// breaks it: a message that is no batch, a record that may not come, a store that fails. Something
+// is lost then, so the stream ends there, as broken; its later records are dropped and answered
+// with the same error, up to its close or stop (answered so too) or the next open.
+//
+// An open record while a stream is open cuts that stream off. But when nothing came since its own
+// open record it is taken for a repetition: a writer whose open() failed tries again, and that
+// should leave no empty folder behind. A close or stop without an open stream is a repetition as
+// well, and no error. Other records outside a stream are kept apart.
+//
+// A success is answered without text while a stream is open, else with the receipt of the last one.
+class Worker {
+ public:
+  Worker(std::string queueName, QueuePair& queues, Store& store);
+
+  // Takes one batch, if there is one. What Boost throws passes through.
+  bool runOnce();
+
+  // Takes batches until the flag is set, then ends as finish() does. When the queues fail, ends the
+  // open stream as broken, tells the producer if that is still possible, and throws
+  // std::runtime_error.
+  void run(const volatile std::sig_atomic_t& stopRequested);
+
+  // Takes what waits in the send queue now, cuts an open stream off, posts a farewell.
+  void finish();
+
+ private:
+  using Entry = orvane::ShmBatch::Entry;
+  using Header = orvane::pvk_shm_message_t;
+
+  struct Stream {
+    StreamState state;
+    std::unique_ptr<StreamFolder> folder;
+  };
+
+  void takeBatch(std::span<const unsigned char> message);
+  void take(const Entry& entry);
+  void open(const Header& header);
+  void close(const Header& header, const char* how);
+  void storeRecord(const Entry& entry);
+  void flush();
+  orvane::pvk_shm_response_t answer() const;
+
+  void report(const Ox_ErrnoException& error);
+  void fail(const Ox_ErrnoException& error);
+  void endStream(const char* how, const std::string& reason);
+  void abandonStream(const char* how, const std::string& reason);
+  void forgetStream();
+  void farewell(const std::string& reason);
+  [[noreturn]] void giveUp(const std::string& reason);
+
+  const std::string queueName;
+  QueuePair& queues;
+  Store& store;
+  std::optional<Stream> stream;
+  std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
+  std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand
+  std::string lastReceipt;
+};
+
+}  // namespace orvaned
