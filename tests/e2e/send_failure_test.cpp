@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "server.hpp"
+#include "support/queue_pair.hpp"
+#include "text.hpp"
+
+namespace orvane::test {
+namespace {
+
+const std::string kMuch(6 << 20, 'x');  // more than a queue of the default size holds
+
+TEST(SendFailure, MissingQueueIsReportedWithTheQueuesThatAreThere) {
+  Server other;
+
+  const Ended ended = run({ORVANE_PATH, "send", "--queue", "nobody-serves-this", "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_TRUE(startsWith(ended.err,
+                         "orvane send: no queue named nobody-serves-this: is orvaned running? "
+                         "Queues here: "));
+  EXPECT_TRUE(contains(ended.err, other.queue()));
+  EXPECT_FALSE(contains(ended.err, other.queue() + "Response"));
+}
+
+TEST(SendFailure, NameThatNoQueueCanHaveIsReported) {
+  const Ended ended = run({ORVANE_PATH, "send", "--queue", "a/b", "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err,
+            "orvane send: the queue name holds a character that is not allowed: "
+            "use letters, digits and _.-\n");
+}
+
+TEST(SendFailure, FileThatIsNotThereCostsTheOthersNothing) {
+  Server server;
+
+  const Ended ended = run(server.sendCommand({"/proc/self/status", "/nonexistent"}));
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane send: cannot open /nonexistent: No such file or directory\n");
+  EXPECT_EQ(server.streams().size(), 0u);
+}
+
+TEST(SendFailure, FolderIsNoFile) {
+  Server server;
+
+  const Ended ended = run(server.sendCommand({"/usr"}));
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane send: /usr is a directory: name its files instead\n");
+  EXPECT_EQ(server.streams().size(), 0u);
+}
+
+TEST(SendFailure, QueueWhoseMessagesHoldNoRecordIsReported) {
+  QueuePair queues({.messageSize = 56});
+
+  const Ended ended = run({ORVANE_PATH, "send", "--queue", queues.name(), "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err,
+            "orvane send: the queue's messages, 56 bytes, are too small for a record: "
+            "start orvaned with a larger --message-size\n");
+}
+
+TEST(SendFailure, FullQueueThatNobodyServesIsReportedAsNothingSent) {
+  QueuePair queues;
+  queues.fill();
+
+  const Ended ended =
+      run({ORVANE_PATH, "send", "--timeout", "1", "--queue", queues.name(), "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane send: while sending /dev/null (0 of 1 file stored): the queue " +
+                           queues.name() + " was full for 1 s: is orvaned still running?\n");
+}
+
+TEST(SendFailure, WrongUseIsExplained) {
+  const auto usage = [](const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {ORVANE_PATH};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const Ended ended = run(command);
+    EXPECT_EQ(ended.out, "");
+    return ended.how + ": " + ended.err.substr(0, ended.err.find('\n'));
+  };
+  EXPECT_EQ(usage({}), "exit 2: A subcommand is required");
+  EXPECT_EQ(usage({"send"}), "exit 2: --queue is required");
+  EXPECT_EQ(usage({"send", "--queue", "q"}), "exit 2: FILE is required");
+  EXPECT_EQ(usage({"send", "--queue", "q", "--timeout", "0", "f"}),
+            "exit 2: --timeout: Value 0 not in range 1 to 86400");
+  EXPECT_EQ(usage({"send", "--queue", "q", "--timeout", "86401", "f"}),
+            "exit 2: --timeout: Value 86401 not in range 1 to 86400");
+  EXPECT_EQ(usage({"send", "--queue", "q", "--segment-size", "0", "f"}),
+            "exit 2: --segment-size: must be at least 1");
+  EXPECT_TRUE(contains(usage({"send", "--queue", "q", "--segment-size", "4furlongs", "f"}),
+                       "exit 2: --segment-size: furlongs unit not recognized"));
+}
+
+TEST(SendFailure, InputThatCannotBeReadStopsItsStream) {
+  Server server;
+
+  const Ended ended = run(server.sendCommand({"-", "/proc/self/mem"}), "whole");
+
+  EXPECT_EQ(ended.how, "exit 5");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending /proc/self/mem (1 of 2 files stored): "
+            "cannot read all of /proc/self/mem: Input/output error\n");
+  ASSERT_EQ(server.streams().size(), 2u);
+  EXPECT_EQ(server.content(0), "whole");
+  ASSERT_TRUE(comesTrue([&] { return server.fact(1, "end") != "none"; }));
+  EXPECT_EQ(server.fact(1, "end"), "stopped");
+}
+
+TEST(SendFailure, StoreThatVanishedIsReportedAsRefused) {
+  Server server;
+  std::filesystem::remove(server.store());
+
+  const Ended ended = run(server.sendCommand({"-"}), "lost");
+
+  EXPECT_EQ(ended.how, "exit 3");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_TRUE(matches(ended.err,
+                      "orvane send: while sending standard input "
+                      "\\(0 of 1 file stored\\): orvaned refused the stream: "
+                      "No such file or directory.* \\(status 1003\\)\n"));
+}
+
+TEST(SendFailure, DiskThatFillsUpOnTheWayIsReportedAsRefused) {
+  Server server({}, {.fileSizeLimit = 5 << 20});
+
+  const Ended ended = run(server.sendCommand({"-"}), kMuch);
+
+  EXPECT_EQ(ended.how, "exit 3");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_TRUE(contains(ended.err, "orvaned refused the stream: File too large"));
+  ASSERT_EQ(server.streams().size(), 1u);
+  EXPECT_EQ(server.fact(0, "end"), "broken");
+}
+
+TEST(SendFailure, ServerThatTakesNothingLeavesTheOutcomeUnknown) {
+  Server server;
+  Process send(server.sendCommand({"--timeout", "1", "-"}));
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  server.process().signal(SIGKILL);
+  ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
+
+  send.write(kMuch);
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): the queue " +
+                server.queue() + " was full for 1 s: is orvaned still running?\n");
+}
+
+TEST(SendFailure, MissingReceiptLeavesTheOutcomeUnknown) {
+  Server server;
+  Process send(server.sendCommand({"--timeout", "1", "-"}));
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  server.process().signal(SIGSTOP);
+
+  send.write("a few bytes");
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): "
+            "orvaned sent no receipt within 1 s: is it still running?\n");
+}
+
+TEST(SendFailure, ServerThatWasStoppedSaysSo) {
+  Server server;
+  Process send(server.sendCommand({"-"}));
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  server.process().signal(SIGTERM);
+  ASSERT_EQ(server.process().wait().how, "exit 0");
+
+  send.write(kMuch);
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 3");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): orvaned refused the "
+            "stream: the server was stopped (status 1004)\n");
+  EXPECT_EQ(server.fact(0, "end"), "cut-off");
+}
+
+TEST(SendFailure, RemovedQueueIsNoticedBeforeTheTimeout) {
+  QueuePair queues;
+  Process send({ORVANE_PATH, "send", "--queue", queues.name(), "-"});
+  ASSERT_TRUE(comesTrue([&] { return queues.waiting() == 1; }));
+  ASSERT_EQ(unlink(("/dev/shm/" + queues.name()).c_str()), 0);
+
+  send.write(kMuch);
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): the queue " +
+                queues.name() + " was removed before orvaned had taken everything\n");
+}
+
+class SendSignal : public testing::TestWithParam<int> {};
+
+TEST_P(SendSignal, StopsTheStream) {
+  Server server;
+  Process send(server.sendCommand({"-"}));
+  send.write("the beginning");
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+
+  send.signal(GetParam());
+  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+
+  const Ended ended = send.wait();
+  EXPECT_EQ(ended.how, "signal " + std::to_string(GetParam()));
+  EXPECT_EQ(ended.out, "");
+  EXPECT_EQ(ended.err,
+            "orvane send: interrupted while sending standard input (0 of 1 file stored)\n");
+  ASSERT_TRUE(comesTrue([&] { return server.fact(0, "end") != "none"; }));
+  EXPECT_EQ(server.fact(0, "end"), "stopped");
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, SendSignal, testing::Values(SIGINT, SIGTERM, SIGHUP),
+                         [](const auto& parameter) {
+                           return std::string(sigabbrev_np(parameter.param));
+                         });
+
+TEST(SendFailure, SignalEndsTheWaitForRoom) {
+  QueuePair queues;
+  queues.fill();
+  Process send({ORVANE_PATH, "send", "--timeout", "86400", "--queue", queues.name(), "/dev/null"});
+  // Signals are kept back from here on.
+  ASSERT_TRUE(comesTrue([&] {
+    return readFile("/proc/" + std::to_string(send.pid()) + "/maps").find(queues.name() + "Resp") !=
+           std::string::npos;
+  }));
+
+  send.signal(SIGINT);
+
+  EXPECT_EQ(send.wait().how, "signal 2");
+}
+
+}  // namespace
+}  // namespace orvane::test

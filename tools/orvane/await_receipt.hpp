@@ -1,0 +1,15 @@
+#pragma once
+
+#include <chrono>
+
+#include "common/receipt.hpp"
+#include "polled_writer.hpp"
+
+namespace tool {
+
+// Waits for the receipt of the stream that `writer` just closed. The writer itself may have taken
+// the answer that carries it, so after a while an empty batch asks again. Throws Failure when the
+// server left or nothing came in time, Ox_ErrnoException when it refused, Interrupted.
+Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt);
+
+}  // namespace tool

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+
+#include "interrupt.hpp"
+
+namespace tool {
+
+// The pause between two looks at something: short at first, longer while nothing comes.
+class Backoff {
+ public:
+  explicit Backoff(Interrupt& endsIt) : interrupt(endsIt) {}
+
+  // Throws Interrupted.
+  void pause() {
+    interrupt.pause(next);
+    next = std::min(next * 2, kLongest);
+  }
+
+ private:
+  static constexpr std::chrono::microseconds kLongest{5000};
+
+  Interrupt& interrupt;
+  std::chrono::microseconds next{50};
+};
+
+}  // namespace tool

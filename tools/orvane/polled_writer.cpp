@@ -1,0 +1,167 @@
+#include "polled_writer.hpp"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "backoff.hpp"
+#include "exit_code.hpp"
+#include "queue_list.hpp"
+
+namespace tool {
+namespace {
+
+namespace ipc = boost::interprocess;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kEmptyBatch = 8;  // a batch's own metadata, in front of its records
+constexpr std::chrono::seconds kAbortTime(2);
+
+const std::size_t kHeader = orvane::pvk_shm_message_t::getSerializedSize();
+
+std::string noSuchQueue(const std::string& name) {
+  std::string text = "no queue named " + name + ": is orvaned running? Queues here: ";
+  const std::vector<std::string> queues = queuesHere();
+  if (queues.empty()) {
+    return text + "none; orvaned --queue " + name + " --store DIR would serve it";
+  }
+  for (std::size_t i = 0; i < queues.size(); ++i) {
+    text += (i == 0 ? "" : ", ") + queues[i];
+  }
+  return text;
+}
+
+ipc::message_queue attach(const std::string& queueName, const std::string& part) {
+  try {
+    return ipc::message_queue(ipc::open_only, part.c_str());
+  } catch (const ipc::interprocess_exception& e) {
+    switch (e.get_error_code()) {
+      case ipc::not_found_error:
+        throw Failure(kNothingSent, noSuchQueue(queueName));
+      case ipc::security_error:
+        throw Failure(kNothingSent, "no permission to use " + (kShmFolder + part) +
+                                        ": run as its owner, or start orvaned with another --mode");
+      default:
+        throw Failure(kNothingSent,
+                      "cannot use " + (kShmFolder + part) + " as a queue: " + e.what());
+    }
+  }
+}
+
+// 0 when there is no such queue.
+ino_t inodeOf(const std::string& queueName) {
+  struct stat status = {};
+  return stat((kShmFolder + queueName).c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+std::size_t dataPerRecord(std::size_t messageSize) {
+  if (messageSize <= kEmptyBatch + kHeader) {
+    throw Failure(kNothingSent, "the queue's messages, " + std::to_string(messageSize) +
+                                    " bytes, are too small for a record: start orvaned with a "
+                                    "larger --message-size");
+  }
+  return std::min<std::size_t>(orvane::ShmWriter::getMaxSegmentSize(),
+                               messageSize - kEmptyBatch - kHeader);
+}
+
+}  // namespace
+
+PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout,
+                           Interrupt& endsIt)
+    : queueName(queue),
+      timeout(roomTimeout),
+      interrupt(endsIt),
+      sendQueue(attach(queueName, queueName)),
+      responseQueue(attach(queueName, orvane::getMessageQueueResponseName(queueName))),
+      inode(inodeOf(queueName)),
+      writer("", queueName, orvane::kMinTimeoutSeconds, orvane::kMinTimeoutSeconds, false),
+      maxData(dataPerRecord(sendQueue.get_max_msg_size())),
+      batchSize(kEmptyBatch) {}
+
+void PolledWriter::open() {
+  // Answers to an earlier stream: the writer would take the first one for its own.
+  while (takeAnswer()) {
+  }
+  waitForRoom(timeout);
+  ++batches;
+  writer.open();
+}
+
+void PolledWriter::writeSegment(const unsigned char* data, std::size_t size) {
+  makeRoomInBatch(size);
+  writer.writeSegment(data, size);
+}
+
+void PolledWriter::endSegment() {
+  makeRoomInBatch(0);
+  writer.endSegment();
+}
+
+void PolledWriter::close() {
+  makeRoomInBatch(0);
+  waitForRoom(timeout);
+  ++batches;
+  batchSize = kEmptyBatch;
+  writer.close();
+}
+
+void PolledWriter::abort() noexcept {
+  try {
+    waitForRoom(std::min(timeout, kAbortTime));
+    writer.stop(false);
+  } catch (...) {  // the failure that led here is the one to report
+  }
+}
+
+void PolledWriter::flush() {
+  waitForRoom(timeout);
+  ++batches;
+  batchSize = kEmptyBatch;
+  writer.flush_shm_buffer(orvane::kMinTimeoutSeconds);
+}
+
+void PolledWriter::makeRoomInBatch(std::size_t dataSize) {
+  if (batchSize + kHeader + dataSize > sendQueue.get_max_msg_size()) {
+    flush();
+  }
+  batchSize += kHeader + dataSize;
+}
+
+void PolledWriter::waitForRoom(std::chrono::seconds limit) {
+  const auto deadline = Clock::now() + limit;
+  Backoff backoff(interrupt);
+  interrupt.check();
+  while (sendQueue.get_num_msg() == sendQueue.get_max_msg()) {
+    if (serverLeft()) {
+      throw Failure(batches == 0 ? kNothingSent : kUnknown,
+                    "the queue " + queueName + " was removed before orvaned had taken everything");
+    }
+    if (Clock::now() >= deadline) {
+      throw Failure(batches == 0 ? kNothingSent : kUnknown,
+                    "the queue " + queueName + " was full for " + std::to_string(limit.count()) +
+                        " s: is orvaned still running?");
+    }
+    backoff.pause();
+  }
+}
+
+std::optional<orvane::pvk_shm_response_t> PolledWriter::takeAnswer() {
+  orvane::pvk_shm_response_t answer;
+  ipc::message_queue::size_type size = 0;
+  unsigned int priority = 0;
+  if (!responseQueue.try_receive(&answer, sizeof answer, size, priority)) {
+    return std::nullopt;
+  }
+  answer.text[sizeof answer.text - 1] = '\0';
+  return answer;
+}
+
+bool PolledWriter::allTaken() {
+  return sendQueue.get_num_msg() == 0;
+}
+
+bool PolledWriter::serverLeft() const {
+  return inodeOf(queueName) != inode;
+}
+
+}  // namespace tool

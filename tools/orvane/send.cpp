@@ -1,0 +1,104 @@
+#include "send.hpp"
+
+#include <cstdio>
+#include <optional>
+
+#include "common/queue_rules.hpp"
+#include "exit_code.hpp"
+#include "input.hpp"
+#include "units.hpp"
+
+namespace tool {
+namespace {
+
+void requireQueueName(const std::string& name) {
+  try {
+    checkQueueName(name);
+  } catch (const std::invalid_argument& e) {
+    throw Failure(kNothingSent, e.what());
+  }
+}
+
+// All of them before anything is sent, so that a misspelt name costs nothing.
+std::vector<Input> openAll(const std::vector<std::string>& paths) {
+  std::vector<Input> inputs;
+  for (const std::string& path : paths) {
+    inputs.emplace_back(path);
+  }
+  return inputs;
+}
+
+std::optional<std::uint64_t> totalSize(const std::vector<Input>& inputs) {
+  std::uint64_t total = 0;
+  for (const Input& input : inputs) {
+    if (!input.size()) {
+      return std::nullopt;
+    }
+    total += *input.size();
+  }
+  return total;
+}
+
+struct Totals {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t segments = 0;
+  double seconds = 0;
+  std::string firstStream;
+  std::string lastStream;
+};
+
+void add(const Sent& sent, Totals& totals) {
+  ++totals.files;
+  totals.bytes += sent.bytes;
+  totals.segments += sent.segments;
+  totals.seconds += sent.seconds;
+  totals.lastStream = sent.stream;
+  if (totals.files == 1) {
+    totals.firstStream = sent.stream;
+  }
+}
+
+std::string whileSending(const std::string& name, const Totals& totals, std::size_t files) {
+  return "while sending " + name + " (" + std::to_string(totals.files) + " of " +
+         counted(files, "file") + " stored)";
+}
+
+void sendAll(std::vector<Input>& inputs, PolledWriter& writer, const SendOptions& options,
+             Interrupt& interrupt, Totals& totals) {
+  Progress progress(totalSize(inputs));
+  for (Input& input : inputs) {
+    try {
+      add(sendStream(writer, input.reader(interrupt), options, progress, interrupt), totals);
+    } catch (const Failure& failure) {
+      throw Failure(failure.code,
+                    whileSending(input.name(), totals, inputs.size()) + ": " + failure.what());
+    } catch (const Interrupted& interrupted) {
+      throw Interrupted{interrupted.signal, whileSending(input.name(), totals, inputs.size())};
+    }
+  }
+}
+
+void printSummary(const Totals& totals) {
+  std::string line =
+      "stored " + counted(totals.files, "file") + ", " + std::to_string(totals.bytes) + " bytes, " +
+      counted(totals.segments, "segment") + ", " + timeAndRate(totals.bytes, totals.seconds);
+  line += totals.files == 1 ? ", stream " + totals.lastStream
+                            : ", streams " + totals.firstStream + " to " + totals.lastStream;
+  std::puts(line.c_str());
+}
+
+}  // namespace
+
+void sendFiles(const std::string& queueName, const std::vector<std::string>& paths,
+               const SendOptions& options) {
+  requireQueueName(queueName);
+  std::vector<Input> inputs = openAll(paths);
+  Interrupt interrupt;
+  PolledWriter writer(queueName, options.timeout, interrupt);
+  Totals totals;
+  sendAll(inputs, writer, options, interrupt, totals);
+  printSummary(totals);
+}
+
+}  // namespace tool
