@@ -42,8 +42,8 @@ class ORVANE_API ShmBatch {
     Entry(const pvk_shm_message_t& entryHeader, const unsigned char* entryData)
         : header(entryHeader), data(entryData) {}
 
-    // All ten header fields are zero, the magic word too, so that nothing in an entry which is about
-    // to be read looks valid.
+    // All ten header fields are zero, the magic word too, so that nothing in an entry which is
+    // about to be read looks valid.
     explicit Entry(const unsigned char* entryData) : data(entryData) {
       header.segmentDone = 0;
       header.magic = 0;

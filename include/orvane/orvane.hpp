@@ -1,28 +1,26 @@
 #pragma once
 
 // Everything orvane offers. Read in this order, the headers follow the data: a record, the batch
-// that packs it, the writer that sends the batch, the reader that takes it apart; then what a
-// server needs besides.
+// that packs it, the reader that takes a batch apart, the writer that sends it; then what a server
+// needs besides.
 
+// clang-format off
 #include "orvane/export.hpp"
-
 #include "orvane/status.hpp"
-
 #include "orvane/records.hpp"
-
 #include "orvane/batch.hpp"
-
 #include "orvane/batch_view.hpp"
-
 #include "orvane/channel.hpp"
-
 #include "orvane/writer.hpp"
-
 #include "orvane/queue_name.hpp"
-
 #include "orvane/timeout.hpp"
-
 #include "orvane/process_name.hpp"
+
+#include "orvane/logger.hpp"
+#include "orvane/server_info.hpp"
+#include "orvane/unique_id_generator.hpp"
+#include "orvane/auto_lock.hpp"
+// clang-format on
 
 #include "ox/errno_exception.hpp"
 #include "ox/log.hpp"
