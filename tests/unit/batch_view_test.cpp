@@ -2,22 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ranges>
+#include <string>
 #include <vector>
 
-#include "ox/errno_exception.hpp"
+#include "support/throws.hpp"
 #include "support/wire.hpp"
 
 namespace orvane::test {
 namespace {
-
-ox_status_t statusOfViewing(const Bytes& bytes) {
-  try {
-    const BatchView view(bytes.data(), bytes.size());
-    return 0;
-  } catch (const Ox_ErrnoException& e) {
-    return e.status();
-  }
-}
 
 const BatchBytes kTwoRecords = BatchBytes().records(
     {{.type = 1, .seqNo = 2, .data = bytesOf("hello")}, {.type = 2, .seqNo = 3}});
@@ -53,29 +47,111 @@ TEST(BatchView, OfAnEmptyBatchIsEmpty) {
   EXPECT_TRUE(view.begin() == view.end());
 }
 
-TEST(BatchView, RejectsEveryCutOfABatch) {
-  const std::size_t whole = kTwoRecords.bytes().size();
-  EXPECT_EQ(statusOfViewing(kTwoRecords.bytes()), 0);
-  for (std::size_t size = 0; size < whole; ++size) {
-    EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).cut(size).bytes()), 9) << size << " bytes";
+TEST(BatchView, IsAForwardRangeForStandardAlgorithms) {
+  static_assert(std::ranges::forward_range<BatchView>);
+  const Bytes bytes = kTwoRecords.bytes();
+  const BatchView view(bytes.data(), bytes.size());
+  EXPECT_EQ(std::ranges::distance(view), 2);
+  EXPECT_EQ(std::count_if(view.begin(), view.end(),
+                          [](const ShmBatch::Entry& entry) { return entry.header.len == 0; }),
+            1);
+  const auto second =
+      std::ranges::find(view, 3U, [](const ShmBatch::Entry& entry) { return entry.header.seqNo; });
+  ASSERT_NE(second, view.end());
+  EXPECT_EQ(second->header.type, 2U);
+}
+
+TEST(BatchView, MayBeReadAgainFromAnyPosition) {
+  const Bytes bytes = kTwoRecords.bytes();
+  const BatchView view(bytes.data(), bytes.size());
+  BatchView::Iterator position = view.begin();
+  const BatchView::Iterator before = position++;
+  EXPECT_EQ(before, view.begin());
+  EXPECT_NE(before, position);
+  EXPECT_EQ((*before).header.seqNo, 2U);
+  EXPECT_EQ((*position).header.seqNo, 3U);
+  EXPECT_EQ(++position, view.end());
+  EXPECT_EQ((*before).header.seqNo, 2U);
+}
+
+TEST(BatchView, FollowsRunsOfEqualAndOfChangingLengths) {
+  const Bytes bytes = BatchBytes()
+                          .records({{.seqNo = 1, .data = bytesOf("aaa")},
+                                    {.seqNo = 2, .data = bytesOf("bbb")},
+                                    {.seqNo = 3},
+                                    {.seqNo = 4},
+                                    {.seqNo = 5, .data = bytesOf("c")},
+                                    {.seqNo = 6, .data = bytesOf("ddd")}})
+                          .bytes();
+  std::vector<std::uint64_t> numbers;
+  std::string text;
+  for (const ShmBatch::Entry& entry : BatchView(bytes.data(), bytes.size())) {
+    numbers.push_back(entry.header.seqNo);
+    text.append(entry.data, entry.data + entry.header.len);
   }
+  EXPECT_EQ(numbers, (std::vector<std::uint64_t>{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(text, "aaabbbcddd");
 }
 
-TEST(BatchView, RejectsBytesLeftOverBehindTheLastEntry) {
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).append({0}).bytes()), 9);
+// Each reason to refuse a batch, with its whole text.
+struct Refusal {
+  const char* what;
+  BatchBytes batch;
+  ox_status_t status;
+  const char* message;
+};
+
+class BatchViewRefusal : public testing::TestWithParam<Refusal> {};
+
+TEST_P(BatchViewRefusal, NamesWhatIsWrong) {
+  const Bytes bytes = GetParam().batch.bytes();
+  EXPECT_TRUE(throwsErrno(GetParam().status, GetParam().message,
+                          [&] { BatchView(bytes.data(), bytes.size()); }));
 }
 
-TEST(BatchView, RejectsACountOrALengthBeyondItsBytes) {
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).put32(4, 3).bytes()), 9);
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).put32(4, 0xFFFFFFFF).bytes()), 9);
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).put32(12, 0xFFFFFFFF).bytes()), 9);
-}
-
-TEST(BatchView, RejectsCorruptMagicWords) {
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).flip(0, 1).bytes()), 32);
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).flip(8 + 44, 1).bytes()), 32);
-  EXPECT_EQ(statusOfViewing(BatchBytes(kTwoRecords).flip(61 + 47, 1).bytes()), 32);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Each, BatchViewRefusal,
+    testing::Values(
+        Refusal{"TooSmallForMetadata", BatchBytes().cut(7), 9,
+                "Buffer size 7 is invalid because it is smaller than the minimum required buffer "
+                "size of 8"},
+        Refusal{"CorruptMetadata", BatchBytes(kTwoRecords).put32(0, 1), 32,
+                "Could not deserialize ShmBatch::MetaData from buffer because the magic value 1 is "
+                "corrupt (expected=4278251025)"},
+        Refusal{"CorruptFirstHeader", BatchBytes(kTwoRecords).put32(52, 1), 32,
+                "Could not deserialize pvk_shm_message from buffer because the magic value 1 is "
+                "corrupt (expected=2864434397)"},
+        Refusal{"CorruptLastHeader", BatchBytes(kTwoRecords).put32(105, 0), 32,
+                "Could not deserialize pvk_shm_message from buffer because the magic value 0 is "
+                "corrupt (expected=2864434397)"},
+        Refusal{"CountBeyondTheSize", BatchBytes(kTwoRecords).put32(4, 3), 9,
+                "Could not read batch because its 3 entries need at least 144 bytes but only 101 "
+                "are there"},
+        Refusal{"LargestCount", BatchBytes(kTwoRecords).put32(4, 0xFFFFFFFF), 9,
+                "Could not read batch because its 4294967295 entries need at least 206158430160 "
+                "bytes but only 101 are there"},
+        Refusal{"HeaderBeyondTheEnd", BatchBytes(kTwoRecords).put32(12, 6), 9,
+                "Could not read batch entry 1 at offset 62 because its header needs 48 bytes but "
+                "only 47 are there"},
+        Refusal{"DataBeyondTheEnd", BatchBytes(kTwoRecords).put32(12, 54), 9,
+                "Could not read batch entry 0 at offset 8 because its data needs 54 bytes but only "
+                "53 are there"},
+        Refusal{"DataOfTheLastBeyondTheEnd", BatchBytes(kTwoRecords).put32(65, 1), 9,
+                "Could not read batch entry 1 at offset 61 because its data needs 1 bytes but only "
+                "0 are there"},
+        Refusal{"LargestLength", BatchBytes(kTwoRecords).put32(12, 0xFFFFFFFF), 9,
+                "Could not read batch entry 0 at offset 8 because its data needs 4294967295 bytes "
+                "but only 53 are there"},
+        Refusal{"BytesLeftOver", BatchBytes(kTwoRecords).append({0, 0, 0}), 9,
+                "Could not read batch because 3 bytes are left over behind its 2 entries at offset "
+                "109"},
+        Refusal{"RecordLeftOver", BatchBytes(kTwoRecords).put32(4, 1), 9,
+                "Could not read batch because 48 bytes are left over behind its 1 entries at "
+                "offset 61"},
+        Refusal{"EmptyBatchWithMore", BatchBytes().append({0}), 9,
+                "Could not read batch because 1 bytes are left over behind its 0 entries at offset "
+                "8"}),
+    [](const auto& refusal) { return std::string(refusal.param.what); });
 
 }  // namespace
 }  // namespace orvane::test
