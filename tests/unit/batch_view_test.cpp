@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ostream>
 #include <ranges>
 #include <string>
 #include <vector>
@@ -100,6 +101,10 @@ struct Refusal {
   ox_status_t status;
   const char* message;
 };
+
+void PrintTo(const Refusal& refusal, std::ostream* stream) {
+  *stream << refusal.what;
+}
 
 class BatchViewRefusal : public testing::TestWithParam<Refusal> {};
 
