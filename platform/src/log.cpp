@@ -34,24 +34,12 @@ class Unseen {
 };
 
 std::string lineFor(ox::Kind kind, int code, const char* text) {
-  const std::string number = std::to_string(code);
-  switch (kind) {
-    case ox::Kind::info:
-      return "info " + number + ": " + text + "\n";
-    case ox::Kind::auth:
-      return "auth " + number + ": " + text + "\n";
-    case ox::Kind::warning:
-      return "warning " + number + ": " + text + "\n";
-    case ox::Kind::error:
-      return "error " + number + ": " + text + "\n";
-    case ox::Kind::trace:
-      return std::string("trace: ") + text + "\n";
-    case ox::Kind::enter:
-      return std::string("enter: ") + text + "\n";
-    case ox::Kind::leave:
-      return std::string("leave: ") + text + "\n";
+  constexpr const char* kNames[] = {"info", "auth", "warning", "error", "trace", "enter", "leave"};
+  std::string line = kNames[static_cast<int>(kind)];
+  if (kind <= ox::Kind::error) {
+    line += " " + std::to_string(code);
   }
-  return std::string(text) + "\n";
+  return line + ": " + text + "\n";
 }
 
 // One write for the whole line, so that the lines of several processes do not interleave.
