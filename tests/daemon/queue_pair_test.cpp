@@ -17,7 +17,6 @@ using boost::interprocess::message_queue;
 using boost::interprocess::open_only;
 using orvane::pvk_shm_response_t;
 using orvane::test::Answer;
-using orvane::test::bytesOf;
 using orvane::test::QueueName;
 using orvane::test::takeAnswers;
 using orvane::test::uniqueQueueName;
@@ -47,8 +46,10 @@ class QueuePairTest : public testing::Test {
     return made;
   }
 
-  const std::string name = uniqueQueueName();
-  const std::string responseName = name + "Response";
+  const QueueName nameGuard{uniqueQueueName()};
+  const QueueName responseGuard{nameGuard.text() + "Response"};
+  const std::string& name = nameGuard.text();
+  const std::string& responseName = responseGuard.text();
 };
 
 TEST_F(QueuePairTest, HasTheGeometryOfItsOptions) {
@@ -82,7 +83,6 @@ TEST_F(QueuePairTest, RemovesBothQueuesAtItsEnd) {
 }
 
 TEST_F(QueuePairTest, LeavesAStrangersSendQueueAlone) {
-  const QueueName stranger(name);
   message_queue queue(create_only, name.c_str(), 1, 100);
   EXPECT_EQ(refusalOf({8, 1024, 0600}), "the queue " + name +
                                             " is in use: take another name, or remove /dev/shm/" +
@@ -93,7 +93,6 @@ TEST_F(QueuePairTest, LeavesAStrangersSendQueueAlone) {
 }
 
 TEST_F(QueuePairTest, LeavesAStrangersResponseQueueAlone) {
-  const QueueName stranger(responseName);
   message_queue queue(create_only, responseName.c_str(), 1, 100);
   EXPECT_EQ(refusalOf({8, 1024, 0600}), "the queue " + responseName +
                                             " is in use: take another name, or remove /dev/shm/" +

@@ -45,12 +45,13 @@ std::vector<Answer> takeAnswers(message_queue& responseQueue) {
 }
 
 Served::Served(std::size_t messageSize, std::size_t messages)
-    : queueName(shortQueueName()),
-      streamStore(temp.path(), queueName),
-      pair(queueName, {messages, messageSize, 0600}),
-      queueWorker(queueName, pair, streamStore),
-      sendQueue(open_only, queueName.c_str()),
-      responseQueue(open_only, (queueName + "Response").c_str()) {}
+    : name(shortQueueName()),
+      responseName(queue() + "Response"),
+      streamStore(store(), queue()),
+      pair(queue(), {messages, messageSize, 0600}),
+      queueWorker(queue(), pair, streamStore),
+      sendQueue(open_only, queue().c_str()),
+      responseQueue(open_only, responseName.text().c_str()) {}
 
 void Served::send(std::initializer_list<Record> records) {
   send(BatchBytes().records(records).bytes());
@@ -89,8 +90,8 @@ std::vector<Answer> Served::answers() {
 
 std::vector<std::string> Served::stored() const {
   std::vector<std::string> names = namesIn(store());
-  for (std::string& name : names) {
-    name = masked(name);
+  for (std::string& stored : names) {
+    stored = masked(stored);
   }
   return names;
 }
@@ -99,8 +100,8 @@ std::vector<std::string> Served::filesOf(std::size_t stream) const {
   return namesIn(pathOf(stream));
 }
 
-std::string Served::file(std::size_t stream, const std::string& name) const {
-  return readFile(pathOf(stream) + "/" + name);
+std::string Served::file(std::size_t stream, const std::string& fileName) const {
+  return readFile(pathOf(stream) + "/" + fileName);
 }
 
 std::string Served::manifest(std::size_t stream) const {
@@ -109,9 +110,9 @@ std::string Served::manifest(std::size_t stream) const {
 
 std::string Served::pathOf(std::size_t stream) const {
   const std::string ending = "_" + std::to_string(stream);
-  for (const std::string& name : namesIn(store())) {
-    if (name.ends_with(ending)) {
-      return store() + "/" + name;
+  for (const std::string& folder : namesIn(store())) {
+    if (folder.ends_with(ending)) {
+      return store() + "/" + folder;
     }
   }
   throw std::runtime_error("there is no stream " + ending);
@@ -128,7 +129,7 @@ std::vector<Line> Served::log() {
 std::string Served::masked(std::string text) const {
   static const std::regex run("[0-9]{8}T[0-9]{6}-" + std::to_string(getpid()));
   replaceAll(text, store(), "STORE");
-  replaceAll(text, queueName, "QUEUE");
+  replaceAll(text, queue(), "QUEUE");
   return std::regex_replace(text, run, "RUN");
 }
 

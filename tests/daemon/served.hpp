@@ -9,6 +9,7 @@
 
 #include "queue_pair.hpp"
 #include "store.hpp"
+#include "support/queue_pair.hpp"
 #include "support/recording_sink.hpp"
 #include "support/wire.hpp"
 #include "temp_folder.hpp"
@@ -24,6 +25,9 @@ struct Answer {
 };
 std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
+// The last answer of a server that is stopped.
+constexpr char kFarewell[] = "the server was stopped: send again what it did not acknowledge";
+
 // Takes the answers that wait, in the order in which a producer would.
 std::vector<Answer> takeAnswers(boost::interprocess::message_queue& responseQueue);
 
@@ -35,7 +39,7 @@ class Served {
  public:
   explicit Served(std::size_t messageSize = 1024, std::size_t messages = 8);
 
-  const std::string& queue() const { return queueName; }
+  const std::string& queue() const { return name.text(); }
   const std::string& store() const { return temp.path(); }
   orvaned::Worker& worker() { return queueWorker; }
 
@@ -56,7 +60,7 @@ class Served {
   // What is in the store: names, and the files of stream number `stream`, oldest first.
   std::vector<std::string> stored() const;
   std::vector<std::string> filesOf(std::size_t stream) const;
-  std::string file(std::size_t stream, const std::string& name) const;
+  std::string file(std::size_t stream, const std::string& fileName) const;
   std::string manifest(std::size_t stream) const;
   std::string pathOf(std::size_t stream) const;
 
@@ -68,7 +72,8 @@ class Served {
 
   RecordingSink sink;
   TempFolder temp;
-  const std::string queueName;
+  const QueueName name;
+  const QueueName responseName;
   orvaned::Store streamStore;
   orvaned::QueuePair pair;
   orvaned::Worker queueWorker;

@@ -15,7 +15,7 @@ namespace {
 constexpr int kPatienceMilliseconds = 30000;
 
 [[noreturn]] void become(const std::vector<std::string>& arguments, int output,
-                         std::optional<rlim_t> fileSizeLimit) {
+                         const ServerProcess::Setup& setup) {
   std::vector<char*> argv = {const_cast<char*>("orvaned")};
   for (const std::string& argument : arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));
@@ -23,8 +23,11 @@ constexpr int kPatienceMilliseconds = 30000;
   argv.push_back(nullptr);
   dup2(output, STDOUT_FILENO);
   dup2(output, STDERR_FILENO);
-  if (fileSizeLimit) {
-    const rlimit limit{*fileSizeLimit, *fileSizeLimit};
+  if (setup.standardErrorClosed) {
+    close(STDERR_FILENO);
+  }
+  if (setup.fileSizeLimit) {
+    const rlimit limit{*setup.fileSizeLimit, *setup.fileSizeLimit};
     setrlimit(RLIMIT_FSIZE, &limit);
   }
   // To ThreadSanitizer, a lock taken over from a dead process is none.
@@ -37,15 +40,14 @@ constexpr int kPatienceMilliseconds = 30000;
 
 }  // namespace
 
-ServerProcess::ServerProcess(const std::vector<std::string>& arguments,
-                             std::optional<rlim_t> fileSizeLimit) {
+ServerProcess::ServerProcess(const std::vector<std::string>& arguments, const Setup& setup) {
   int ends[2] = {};
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw std::runtime_error("no pipe");
   }
   pid = fork();
   if (pid == 0) {
-    become(arguments, ends[1], fileSizeLimit);
+    become(arguments, ends[1], setup);
   }
   close(ends[1]);
   fd = ends[0];
@@ -86,7 +88,7 @@ int ServerProcess::wait() {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-bool ServerProcess::isRunning() {
+bool ServerProcess::isRunning() const {
   return waitpid(pid, nullptr, WNOHANG) == 0;
 }
 

@@ -12,8 +12,14 @@ namespace orvane::test {
 // The real server as a child process. Killed at the end if it still runs.
 class ServerProcess {
  public:
-  explicit ServerProcess(const std::vector<std::string>& arguments,
-                         std::optional<rlim_t> fileSizeLimit = std::nullopt);
+  struct Setup {
+    std::optional<rlim_t> fileSizeLimit = std::nullopt;
+    bool standardErrorClosed = false;
+  };
+
+  explicit ServerProcess(const std::vector<std::string>& arguments)
+      : ServerProcess(arguments, Setup()) {}
+  ServerProcess(const std::vector<std::string>& arguments, const Setup& setup);
   ~ServerProcess();
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
@@ -30,7 +36,7 @@ class ServerProcess {
   int wait();
 
   // Has it not ended yet?
-  bool isRunning();
+  bool isRunning() const;
 
   // Standard output and standard error together; what wait() and isServing() have read so far.
   const std::string& output() const { return text; }

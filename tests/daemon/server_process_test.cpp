@@ -3,13 +3,16 @@
 #include "server_process.hpp"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
+#include <memory>
 #include <orvane/orvane.hpp>
 
 #include "served.hpp"
@@ -23,6 +26,10 @@ using boost::interprocess::open_only;
 using orvane::pvk_shm_response_t;
 using orvane::ShmWriter;
 using orvane::test::Answer;
+using orvane::test::BatchBytes;
+using orvane::test::Bytes;
+using orvane::test::bytesOf;
+using orvane::test::kFarewell;
 using orvane::test::namesIn;
 using orvane::test::QueueName;
 using orvane::test::readFile;
@@ -68,7 +75,7 @@ class ServerProcessTest : public testing::Test {
   const std::string& name = nameGuard.text();
   ServerProcess server{
       {"--queue", name, "--store", folder.path(), "--messages", "4", "--message-size", "10000"},
-      kFileSizeLimit};
+      {.fileSizeLimit = kFileSizeLimit}};
 };
 
 class EndingSignal : public ServerProcessTest, public testing::WithParamInterface<int> {};
@@ -122,7 +129,7 @@ TEST_F(ServerProcessTest, CutsAnOpenStreamOffAndSaysFarewellWhenItIsStopped) {
   writer.flush_shm_buffer(20);
   server.signal(SIGTERM);
   EXPECT_EQ(server.wait(), 0);
-  EXPECT_EQ(takeAnswers(answers).at(0), (Answer{1004, "the server was stopped"}));
+  EXPECT_EQ(takeAnswers(answers).at(0), (Answer{1004, kFarewell}));
   const std::string manifest = readFile(streamFolder() + "/manifest");
   EXPECT_TRUE(manifest.ends_with("end=cut-off\nreason=the server was stopped\n")) << manifest;
 }
@@ -160,6 +167,35 @@ TEST_F(ServerProcessTest, OutlivesTheReaderOfItsLines) {
   server.signal(SIGTERM);
   EXPECT_EQ(server.wait(), 0);
   expectGone();
+}
+
+// Waits for a server that cannot say that it is ready.
+std::unique_ptr<message_queue> attach(const std::string& name) {
+  for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
+    try {
+      return std::make_unique<message_queue>(open_only, name.c_str());
+    } catch (const boost::interprocess::interprocess_exception&) {
+      sched_yield();
+    }
+  }
+  throw std::runtime_error("the server did not create " + name);
+}
+
+TEST(ServerWithoutStandardError, KeepsItsLinesOutOfTheStore) {
+  const TempFolder folder;
+  const QueueName name(uniqueQueueName());
+  const QueueName responseName(name.text() + "Response");
+  ServerProcess server({"--queue", name.text(), "--store", folder.path()},
+                       {.standardErrorClosed = true});
+  const auto send = attach(name.text());
+  const Bytes batch =
+      BatchBytes().records({{.type = 0}, {.type = 1, .seqNo = 2, .data = bytesOf("data")}}).bytes();
+  send->send(batch.data(), batch.size(), 1);
+  send->send("rubbish!", 8, 1);
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.wait(), 0);
+  const std::string stream = folder.path() + "/" + namesIn(folder.path()).at(0);
+  EXPECT_EQ(readFile(stream + "/segment-000000.part"), "data");
 }
 
 // A producer that dies while it holds the queue's lock: what it sends cannot be read.

@@ -65,6 +65,7 @@ TEST_F(ServerStartTest, DoesNotWarnWhenTheLargestRecordJustPasses) {
 
 TEST_F(ServerStartTest, RefusesANameInUse) {
   const QueueName stranger(name + "_taken");
+  const QueueName strangersResponse(stranger.text() + "Response");
   const message_queue queue(create_only, stranger.text().c_str(), 1, 1);
   ServerProcess server({"--queue", stranger.text(), "--store", folder.path()});
   EXPECT_EQ(server.wait(), 1);
@@ -72,7 +73,7 @@ TEST_F(ServerStartTest, RefusesANameInUse) {
                                  " is in use: take another name, or remove /dev/shm/" +
                                  stranger.text() + " if its server is gone\n");
   EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + stranger.text()));
-  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + stranger.text() + "Response"));
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + strangersResponse.text()));
 }
 
 TEST_F(ServerStartTest, ASecondServerLeavesTheFirstAlone) {

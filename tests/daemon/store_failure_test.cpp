@@ -13,6 +13,7 @@ using orvane::ShmWriter;
 using orvane::test::Answer;
 using orvane::test::bytesOf;
 using orvane::test::FileSizeLimit;
+using orvane::test::readFile;
 using orvane::test::Record;
 using orvane::test::Served;
 using orvane::test::WithoutPrivileges;
@@ -85,6 +86,32 @@ TEST_F(StoreFailureTest, AManifestThatCannotBeWrittenIsNeverHalfThere) {
   EXPECT_EQ(served.filesOf(0), (Names{"manifest.part", "segment-000000"}));
 }
 
+TEST_F(StoreFailureTest, AManifestThatCannotGetItsNameIsNotContinued) {
+  served.ask({kOpen, {.type = 7, .data = bytesOf("other")}});
+  std::filesystem::create_directory(served.pathOf(0) + "/manifest");
+  const Answers answers = served.ask({kClose});
+  ASSERT_EQ(answers.size(), 1U);
+  EXPECT_TRUE(answers[0].text.starts_with("Is a directory: cannot rename STORE/")) << answers[0];
+  EXPECT_EQ(readFile(served.pathOf(0) + "/manifest.part").find("end="),
+            readFile(served.pathOf(0) + "/manifest.part").rfind("end="));
+  served.ask({kClose});
+  EXPECT_EQ(served.ask({kClose}),
+            (Answers{{0, "receipt stream=RUN_0 records=1 bytes=5 segments=0 end=broken"}}));
+}
+
+TEST_F(StoreFailureTest, AStopWhoseDataCannotBeWrittenIsAnError) {
+  served.ask({kOpen, {.type = 1, .seqNo = 2, .data = bytesOf(std::string(600, 'x'))}});
+  {
+    FileSizeLimit full(800);
+    const Answers answers = served.ask(
+        {{.type = 1, .seqNo = 3, .data = bytesOf(std::string(600, 'y'))}, {.type = 4, .seqNo = 4}});
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_TRUE(answers[0].text.starts_with("File too large: cannot write STORE/")) << answers[0];
+  }
+  EXPECT_EQ(served.file(0, "segment-000000.part"), std::string(600, 'x'));
+  EXPECT_NE(served.manifest(0).find("end=broken\n"), std::string::npos);
+}
+
 TEST_F(StoreFailureTest, AFailedCloseIsNoSuccessLater) {
   served.ask({kOpen, kData});
   {
@@ -107,6 +134,8 @@ TEST_F(StoreFailureTest, AStreamsFolderThatVanishedIsNoticedAtTheSegmentsEnd) {
       answers[0].text.starts_with("No such file or directory: cannot rename STORE/QUEUE-RUN_0/"))
       << answers[0];
   served.ask({kClose});
+  EXPECT_EQ(served.ask({kClose}),
+            (Answers{{0, "receipt stream=RUN_0 records=1 bytes=4 segments=1 end=broken"}}));
   expectService("RUN_1");
 }
 
@@ -180,8 +209,7 @@ TEST_F(StoreFailureTest, RecordsOutsideThatCannotBeKeptAreToldEachTime) {
     EXPECT_EQ(served.ask({kData}), Answers{full1});
   }
   EXPECT_EQ(served.ask({}), (Answers{{0, ""}}));
-  EXPECT_EQ(orvane::test::readFile(served.store() + "/" + served.queue() + "-outside-records"),
-            "old");
+  EXPECT_EQ(readFile(served.store() + "/" + served.queue() + "-outside-records"), "old");
 }
 
 TEST_F(StoreFailureTest, RecordsOutsideThatCannotBeKeptBreakNoStream) {

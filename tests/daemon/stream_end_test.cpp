@@ -10,6 +10,7 @@ using orvane::ShmWriter;
 using orvane::test::Answer;
 using orvane::test::bytesOf;
 using orvane::test::hex;
+using orvane::test::kFarewell;
 using orvane::test::Record;
 using orvane::test::Served;
 
@@ -174,15 +175,14 @@ TEST_F(StreamEndTest, FinishingTakesWhatIsQueuedAndCutsTheStreamOff) {
   served.send({kData});
   served.send({kMoreData});
   served.worker().finish();
-  EXPECT_EQ(served.answers(),
-            (Answers{{1004, "the server was stopped"}, {0, ""}, {0, ""}, {0, ""}}));
+  EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}, {0, ""}, {0, ""}}));
   EXPECT_EQ(served.file(0, "segment-000000.part"), "datamore");
   EXPECT_EQ(endOf(0), "end=cut-off\nreason=the server was stopped\n");
 }
 
 TEST_F(StreamEndTest, FinishingWithoutAStreamSaysFarewellToo) {
   served.worker().finish();
-  EXPECT_EQ(served.answers(), (Answers{{1004, "the server was stopped"}}));
+  EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}}));
 }
 
 }  // namespace

@@ -132,6 +132,21 @@ TEST_F(StreamStateTest, AnEmptySegmentLeavesItsNumberToTheNext) {
       refuses(1002, "a record of segment 0 came after segment 0 was ended", header(1, 7, 0)));
 }
 
+TEST_F(StreamStateTest, AnEmptyRecordDoesNotMakeItsSegmentEmpty) {
+  take(1, 2, 0, 5);
+  take(1, 3, 0);
+  take(2, 4, 0);
+  EXPECT_TRUE(
+      refuses(1002, "a record of segment 0 came after segment 0 was ended", header(1, 5, 0)));
+}
+
+TEST_F(StreamStateTest, ASegmentBehindOneWithDataMayBeEmptyToo) {
+  take(1, 2, 0, 5);
+  take(2, 3, 0);
+  take(2, 4, 1);
+  take(1, 5, 1, 5);
+}
+
 TEST_F(StreamStateTest, SegmentNumbersMayBeLeftOut) {
   take(1, 2, 5, 5);
   take(2, 3, 5);

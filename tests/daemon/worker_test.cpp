@@ -13,6 +13,7 @@ using orvane::test::Answer;
 using orvane::test::BatchBytes;
 using orvane::test::Bytes;
 using orvane::test::bytesOf;
+using orvane::test::kFarewell;
 using orvane::test::Line;
 using orvane::test::Record;
 using orvane::test::Served;
@@ -126,6 +127,11 @@ TEST_F(RefusalTest, TheFirstErrorOfABatchIsItsAnswer) {
             (Answers{{1002, "a record of segment 9 came before segment 0 was ended"}}));
 }
 
+TEST_F(RefusalTest, TheFirstErrorOfABatchWithoutAStreamIsItsAnswer) {
+  EXPECT_EQ(served.ask({{.type = 4, .data = bytesOf("data")}, {.type = 3, .data = bytesOf("da")}}),
+            (Answers{{1002, "a record of type 4 has 4 data bytes; it may have none"}}));
+}
+
 TEST_F(RefusalTest, TheCloseOfABrokenStreamIsAnsweredWithItsError) {
   breakStream();
   EXPECT_EQ(served.ask({kClose}), Answers{kRepeated});
@@ -144,6 +150,13 @@ TEST_F(RefusalTest, TheStopOfABrokenStreamIsAnsweredWithItsError) {
 TEST_F(RefusalTest, TheNextOpenIsServedAfterABrokenStream) {
   breakStream();
   EXPECT_EQ(served.ask({kOpen}), (Answers{{0, ""}}));
+  EXPECT_EQ(served.ask({kData, kClose}),
+            (Answers{{0, "receipt stream=RUN_1 records=1 bytes=4 segments=1 end=closed"}}));
+}
+
+TEST_F(RefusalTest, WhatWasRefusedInFrontOfAnOpenIsStillReported) {
+  breakStream();
+  EXPECT_EQ(served.ask({kLater, kOpen}), Answers{kRepeated});
   EXPECT_EQ(served.ask({kData, kClose}),
             (Answers{{0, "receipt stream=RUN_1 records=1 bytes=4 segments=1 end=closed"}}));
 }
@@ -209,12 +222,22 @@ TEST(Pause, DoublesFrom50MicrosecondsTo5Milliseconds) {
   EXPECT_EQ(pause.next(), 50us);
 }
 
+TEST(Step, LooksAtOnceBehindAMessageAndThenSoon) {
+  using std::chrono_literals::operator""us;
+  Served served;
+  EXPECT_EQ(served.worker().step(), 50us);
+  EXPECT_EQ(served.worker().step(), 100us);
+  served.send({});
+  EXPECT_EQ(served.worker().step(), 0us);
+  EXPECT_EQ(served.worker().step(), 50us);
+}
+
 TEST(Run, EndsWhenTheFlagIsSet) {
   Served served;
   served.send({kOpen, kData});
   volatile std::sig_atomic_t stop = 1;
   served.worker().run(stop);
-  EXPECT_EQ(served.answers(), (Answers{{1004, "the server was stopped"}, {0, ""}}));
+  EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}}));
 }
 
 }  // namespace

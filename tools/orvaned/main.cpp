@@ -1,5 +1,8 @@
 // orvaned, the stream server.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <exception>
 #include <orvane/orvane.hpp>
@@ -22,6 +25,16 @@ void installSignalHandlers() {
   action.sa_handler = SIG_IGN;
   sigaction(SIGXFSZ, &action, nullptr);
   sigaction(SIGPIPE, &action, nullptr);
+}
+
+// Where standard error was closed, the first file of the store would take its number, and with it
+// the lines of the log.
+void occupyStandardFiles() {
+  int fd = 0;
+  while (fd >= 0 && fd <= STDERR_FILENO) {
+    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  }
+  close(fd);
 }
 
 void serve(const orvaned::Options& options) {
@@ -47,6 +60,7 @@ int main(int argc, char** argv) {
   if (const auto exitCode = orvaned::parseOptions(argc, argv, options)) {
     return *exitCode;
   }
+  occupyStandardFiles();
   installSignalHandlers();
   try {
     serve(options);

@@ -104,13 +104,14 @@ void StreamFolder::abandonSegment() {
   list(segment->name + kUnfinished);
 }
 
-void StreamFolder::list(const std::string& fileName) {
+// Ends the use of the segment; its file has this name.
+void StreamFolder::list(std::string fileName) {
   SegmentSummary ended = segment->summary;
   ended.records = segment->file.records();
   ended.bytes = segment->file.bytes();
   segment.reset();
   if (ended.bytes > 0) {
-    ended.file = fileName;
+    ended.file = std::move(fileName);
     ++summary.receipt.segments;
   }
   summary.receipt.records += ended.records;

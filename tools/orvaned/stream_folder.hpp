@@ -46,7 +46,7 @@ class StreamFolder {
 
   void finishSegment();
   void abandonSegment();
-  void list(const std::string& fileName);
+  void list(std::string fileName);
   void finishManifest();
 
   const std::string path;

@@ -14,9 +14,10 @@ void checkNoData(const orvane::pvk_shm_message_t& header);
 //
 // Numbers: a writer's open record carries 0 and the next one 2, then it counts by one. A record
 // that the writer refused uses its number up, so forward gaps are lawful; they are counted. Going
-// back or repeating is not: something was sent twice, or two producers share the queue. Segments: a
-// segment's records come together, up to its end; its number is above that of every segment with
-// data before it. (An empty segment's number is used again.)
+// back or repeating is not: something was sent twice, or two producers share the queue.
+//
+// Segments: a segment's records come together, up to its end; its number is above that of every
+// segment with data before it. (An empty segment's number is used again.)
 class StreamState {
  public:
   explicit StreamState(const orvane::pvk_shm_message_t& open) : lastSeqNo(open.seqNo) {}

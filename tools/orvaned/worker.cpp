@@ -22,18 +22,21 @@ Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore)
 
 void Worker::run(const volatile std::sig_atomic_t& stopRequested) {
   try {
-    Pause pause;
     while (stopRequested == 0) {
-      if (runOnce()) {
-        pause.reset();
-      } else {
-        std::this_thread::sleep_for(pause.next());
-      }
+      std::this_thread::sleep_for(step());
     }
     finish();
   } catch (const interprocess_exception& e) {
     giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")");
   }
+}
+
+std::chrono::microseconds Worker::step() {
+  if (runOnce()) {
+    pause.reset();
+    return std::chrono::microseconds(0);
+  }
+  return pause.next();
 }
 
 bool Worker::runOnce() {
@@ -53,7 +56,7 @@ void Worker::finish() {
     runOnce();
   }
   abandonStream(tool::kCutOff, "the server was stopped");
-  farewell("the server was stopped");
+  farewell("the server was stopped: send again what it did not acknowledge");
 }
 
 void Worker::takeBatch(std::span<const unsigned char> message) {
@@ -105,7 +108,7 @@ void Worker::open(const Header& header) {
 
 void Worker::close(const Header& header, const char* how) {
   if (broken) {
-    batchError = batchError ? batchError : broken;
+    note(*broken);
     broken.reset();
     return;
   }
@@ -118,7 +121,7 @@ void Worker::close(const Header& header, const char* how) {
 
 void Worker::storeRecord(const Entry& entry) {
   if (broken) {
-    batchError = batchError ? batchError : broken;
+    note(*broken);
     return;
   }
   if (!stream) {
@@ -155,17 +158,21 @@ pvk_shm_response_t Worker::answer() const {
   pvk_shm_response_t response;
   if (const auto& error = batchError ? batchError : broken) {
     response.assign(error->status(), error->what());
-  } else if (!stream) {
+  } else {
     response.assign(0, lastReceipt.c_str());
   }
   return response;
 }
 
-void Worker::report(const Ox_ErrnoException& error) {
-  ErrorA(error.status(), "queue %s: %s", queueName.c_str(), error.what());
+void Worker::note(const Ox_ErrnoException& error) {
   if (!batchError) {
     batchError = error;
   }
+}
+
+void Worker::report(const Ox_ErrnoException& error) {
+  ErrorA(error.status(), "queue %s: %s", queueName.c_str(), error.what());
+  note(error);
 }
 
 void Worker::fail(const Ox_ErrnoException& error) {

@@ -47,6 +47,9 @@ class Worker {
   // Takes one batch, if there is one. What Boost throws passes through.
   bool runOnce();
 
+  // The same; returns how long to wait before the next look.
+  std::chrono::microseconds step();
+
   // Takes batches until the flag is set, then ends as finish() does. When the queues fail, ends the
   // open stream as broken, tells the producer if that is still possible, and throws
   // std::runtime_error.
@@ -72,6 +75,7 @@ class Worker {
   void flush();
   orvane::pvk_shm_response_t answer() const;
 
+  void note(const Ox_ErrnoException& error);
   void report(const Ox_ErrnoException& error);
   void fail(const Ox_ErrnoException& error);
   void endStream(const char* how, const std::string& reason);
@@ -86,7 +90,8 @@ class Worker {
   std::optional<Stream> stream;
   std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
   std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand
-  std::string lastReceipt;
+  std::string lastReceipt;                      // empty while a stream is open
+  Pause pause;
 };
 
 }  // namespace orvaned
