@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-UniqueIdGenerator::UniqueIdGenerator() : counter(0) {
+UniqueIdGenerator::UniqueIdGenerator() : mutex(), counter(0) {
   pthread_mutex_init(&mutex, nullptr);
 }
 UniqueIdGenerator::~UniqueIdGenerator() {

@@ -43,7 +43,7 @@ TEST(Construction, AttachesToBothQueuesOnceAndDetachesWithoutRemovingThem) {
   }
   EXPECT_EQ(mappingsOf(pair.name()), 1U);
   EXPECT_EQ(mappingsOf(pair.responseName()), 1U);
-  struct stat unused;
+  struct stat unused = {};
   EXPECT_EQ(stat(("/dev/shm/" + pair.name()).c_str(), &unused), 0);
   EXPECT_EQ(stat(("/dev/shm/" + pair.responseName()).c_str(), &unused), 0);
 }

@@ -30,7 +30,7 @@ class QueueName {
 
 struct Message {
   Bytes bytes;
-  unsigned int priority;
+  unsigned int priority = 0;
 };
 
 // The server's side of a stream, without a server: a send queue and a response queue under a unique

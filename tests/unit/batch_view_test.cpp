@@ -50,7 +50,7 @@ TEST(BatchView, OfAnEmptyBatchIsEmpty) {
 
 TEST(BatchView, IsAForwardRangeForStandardAlgorithms) {
   static_assert(std::ranges::forward_range<BatchView>);
-  const Bytes bytes = kTwoRecords.bytes();
+  const Bytes& bytes = kTwoRecords.bytes();
   const BatchView view(bytes.data(), bytes.size());
   EXPECT_EQ(std::ranges::distance(view), 2);
   EXPECT_EQ(std::count_if(view.begin(), view.end(),
@@ -63,7 +63,7 @@ TEST(BatchView, IsAForwardRangeForStandardAlgorithms) {
 }
 
 TEST(BatchView, MayBeReadAgainFromAnyPosition) {
-  const Bytes bytes = kTwoRecords.bytes();
+  const Bytes& bytes = kTwoRecords.bytes();
   const BatchView view(bytes.data(), bytes.size());
   BatchView::Iterator position = view.begin();
   const BatchView::Iterator before = position++;
