@@ -20,19 +20,22 @@ class ORVANE_API ShmBatch {
  public:
   // The block at the start of the buffer, big-endian:  0 magic 4   4 numEntries 4
   struct ORVANE_API MetaData {
-    MetaData() = default;
+    static constexpr std::uint32_t kMagic = 0xFF00EE11;
+    static constexpr unsigned long kSerializedSize = 8;
 
-    // Always 8.
+    MetaData() {}  // NOLINT(modernize-use-equals-default): as pvk_shm_message_t
+
+    // kSerializedSize.
     static unsigned long getSerializedSize();
 
     // Writes the 8-byte form at `p`; returns p + 8. Never fails.
     unsigned char* serializeToBuffer(unsigned char* p) const;
 
     // Reads the 8 bytes at `p`; returns p + 8. Throws kStatusCorruptMagic when the magic word is
-    // not 0xFF00EE11; the record then holds what was read.
+    // not kMagic; the record then holds what was read.
     const unsigned char* deserializeFromBuffer(const unsigned char* p);
 
-    std::uint32_t magic = 0xFF00EE11;
+    std::uint32_t magic = kMagic;
     std::uint32_t numEntries = 0;
   };
 

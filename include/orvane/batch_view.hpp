@@ -19,72 +19,8 @@ namespace orvane {
 // meanwhile (so copy a batch out of shared memory first). Views and iterators are values; separate
 // threads may read through the same view.
 class ORVANE_API BatchView {
-  // How far it is from one header to the next.
-  //
-  // Most batches hold runs of records of one length. The branch lets the processor guess that the
-  // next length is the same and go on before it has been loaded; as plain arithmetic every header
-  // would wait for the one before it (measured: 10 ns an entry instead of 5). The empty asm keeps
-  // the compiler from turning the branch back into arithmetic.
-  struct Stride {
-    static constexpr std::size_t kLenOffset = 4;
-    static constexpr std::size_t kHeaderSize = 48;
-
-    std::size_t from(const unsigned char* header) {
-      std::uint32_t found;
-      std::memcpy(&found, header + kLenOffset, sizeof found);
-      if (found != bigEndianLen) {
-        asm volatile("");
-        bigEndianLen = found;
-        bytes = kHeaderSize + std::size_t{__builtin_bswap32(found)};
-      }
-      return bytes;
-    }
-
-    std::uint32_t bigEndianLen = 0;
-    std::size_t bytes = kHeaderSize;
-  };
-
  public:
-  class ORVANE_API Iterator {
-   public:
-    // Dereferencing makes the entry, so in C++17's terms this is an input iterator; it is
-    // multi-pass all the same, and a forward iterator in C++20's.
-    using iterator_concept = std::forward_iterator_tag;
-    using iterator_category = std::input_iterator_tag;
-    using value_type = ShmBatch::Entry;
-    using difference_type = std::ptrdiff_t;
-    using reference = ShmBatch::Entry;
-    struct pointer {
-      ShmBatch::Entry entry;
-      const ShmBatch::Entry* operator->() const { return &entry; }
-    };
-
-    Iterator() = default;
-
-    ShmBatch::Entry operator*() const;
-    pointer operator->() const { return pointer{**this}; }
-    Iterator& operator++() {
-      position += stride.from(position);
-      return *this;
-    }
-    Iterator operator++(int) {
-      Iterator before = *this;
-      ++*this;
-      return before;
-    }
-    friend bool operator==(const Iterator& a, const Iterator& b) {
-      return a.position == b.position;
-    }
-    friend bool operator!=(const Iterator& a, const Iterator& b) {
-      return a.position != b.position;
-    }
-
-   private:
-    friend class BatchView;
-    explicit Iterator(const unsigned char* header) : position(header) {}
-    const unsigned char* position = nullptr;
-    Stride stride;
-  };
+  class Iterator;
   using iterator = Iterator;
   using const_iterator = Iterator;
 
@@ -101,9 +37,73 @@ class ORVANE_API BatchView {
   Iterator end() const;
 
  private:
+  struct Stride;
+
   const unsigned char* bytes;
   std::size_t byteSize;
   std::uint32_t count;
+};
+
+// How far it is from one header to the next.
+//
+// Most batches hold runs of records of one length. The branch lets the processor guess that the
+// next length is the same and go on before it has been loaded; as plain arithmetic every header
+// would wait for the one before it (measured: 10 ns an entry instead of 5). The empty asm keeps the
+// compiler from turning the branch back into arithmetic.
+struct BatchView::Stride {
+  static constexpr std::size_t kLenOffset = 4;
+
+  std::size_t from(const unsigned char* header) {
+    std::uint32_t found;
+    std::memcpy(&found, header + kLenOffset, sizeof found);
+    if (found != bigEndianLen) {
+      asm volatile("");
+      bigEndianLen = found;
+      bytes = pvk_shm_message_t::kSerializedSize + std::size_t{__builtin_bswap32(found)};
+    }
+    return bytes;
+  }
+
+  std::uint32_t bigEndianLen = 0;
+  std::size_t bytes = pvk_shm_message_t::kSerializedSize;
+};
+
+// Makes each entry as it is dereferenced, so in C++17's terms it is an input iterator; it is
+// multi-pass all the same, and a forward iterator in C++20's.
+class ORVANE_API BatchView::Iterator {
+ public:
+  using iterator_concept = std::forward_iterator_tag;
+  using iterator_category = std::input_iterator_tag;
+  using value_type = ShmBatch::Entry;
+  using difference_type = std::ptrdiff_t;
+  using reference = ShmBatch::Entry;
+  struct pointer {
+    ShmBatch::Entry entry;
+    const ShmBatch::Entry* operator->() const { return &entry; }
+  };
+
+  Iterator() = default;
+
+  ShmBatch::Entry operator*() const;
+  pointer operator->() const { return pointer{**this}; }
+  Iterator& operator++() {
+    position += stride.from(position);
+    return *this;
+  }
+  Iterator operator++(int) {
+    Iterator before = *this;
+    ++*this;
+    return before;
+  }
+  friend bool operator==(const Iterator& a, const Iterator& b) { return a.position == b.position; }
+  friend bool operator!=(const Iterator& a, const Iterator& b) { return a.position != b.position; }
+
+ private:
+  friend class BatchView;
+  explicit Iterator(const unsigned char* header) : position(header) {}
+
+  const unsigned char* position = nullptr;
+  Stride stride;
 };
 
 }  // namespace orvane

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdarg>
 #include <string>
 
 #include "orvane/export.hpp"
@@ -27,8 +26,10 @@ class ORVANE_API Logger {
  public:
   // With an empty name the line is "function: message".
   explicit Logger(const std::string& name);
-  Logger(const Logger&);
-  Logger& operator=(const Logger&);
+  Logger(const Logger&) = default;
+  Logger(Logger&&) = default;
+  Logger& operator=(const Logger&) = default;
+  Logger& operator=(Logger&&) = default;
   ~Logger();
 
   // `code` reaches the log unchanged.
@@ -43,11 +44,9 @@ class ORVANE_API Logger {
   std::string trimFunctionName(const std::string& function) const;
 
   friend ORVANE_API bool operator==(const Logger& a, const Logger& b);
-  friend ORVANE_API bool operator!=(const Logger& a, const Logger& b);
 
  private:
-  ORVANE_LOCAL std::string line(const char* function, const char* format, va_list arguments) const
-      __attribute__((format(printf, 3, 0)));
+  ORVANE_LOCAL std::string line(const char* function, const char* message) const;
 
   std::string name;
 };

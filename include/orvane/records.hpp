@@ -27,20 +27,28 @@ constexpr std::uint32_t kRecordStop = 4;
 // The header in front of every record's data: a plain value.
 //
 // Serialized it is 48 bytes, big-endian, without padding:
-//    0 type         4      8 seqNo      8     24 segmentDone  4     32 segParam1  4     40
-//    segParam3  4 4 len          4     16 segmentNo  8     28 segAlg       4     36 segParam2  4 44
-//    magic      4
+//
+//    0  type      4      24  segmentDone  4
+//    4  len       4      28  segAlg       4
+//    8  seqNo     8      32  segParam1    4
+//   16  segmentNo 8      36  segParam2    4
+//                        40  segParam3    4
+//                        44  magic        4
 struct ORVANE_API pvk_shm_message_t {
-  pvk_shm_message_t() = default;
+  static constexpr std::uint32_t kMagic = 0xAABBCCDD;
+  static constexpr unsigned long kSerializedSize = 48;
 
-  // Always 48.
+  // Not defaulted: C++17 would make an aggregate of the record, and C++20 not.
+  pvk_shm_message_t() {}  // NOLINT(modernize-use-equals-default)
+
+  // kSerializedSize, whatever the fields hold.
   static unsigned long getSerializedSize();
 
   // Writes the 48-byte form at `p`, which must have room for it; returns p + 48. Never fails.
   unsigned char* serializeToBuffer(unsigned char* p) const;
 
   // Reads the 48 bytes at `p` into this record; returns p + 48. Throws kStatusCorruptMagic when the
-  // magic word is not 0xAABBCCDD; the record then holds what was read.
+  // magic word is not kMagic; the record then holds what was read.
   const unsigned char* deserializeFromBuffer(const unsigned char* p);
 
   std::uint32_t type = 0;
@@ -52,7 +60,7 @@ struct ORVANE_API pvk_shm_message_t {
   std::uint32_t segParam1 = 0;
   std::uint32_t segParam2 = 0;
   std::uint32_t segParam3 = 0;
-  std::uint32_t magic = 0xAABBCCDD;
+  std::uint32_t magic = kMagic;
 };
 
 // "(seqNo,type,len,segAlg,segmentNo,segmentDone,segParam1,segParam2,segParam3,magic)", numbers as
@@ -65,7 +73,7 @@ ORVANE_API bool operator!=(const pvk_shm_message_t& a, const pvk_shm_message_t& 
 // The server's answer to a batch: a plain value that travels as its own 132 bytes, in host order.
 //    0 status 4      4 text 128, zero-terminated
 struct ORVANE_API pvk_shm_response_t {
-  pvk_shm_response_t() = default;
+  pvk_shm_response_t() {}  // NOLINT(modernize-use-equals-default): as above
 
   // Stores `status` and the string `text` (not null), cut to 127 characters.
   void assign(ox_status_t status, const char* text);

@@ -27,8 +27,10 @@ class ORVANE_API ServerInfo {
   ServerInfo(const std::string& serverName, const std::string& user, const std::string& passwd,
              const std::string& agentCfg, const std::string& currentRoutingTable,
              const std::string& recommendRoutingTable, const std::string& keyDir);
-  ServerInfo(const ServerInfo&);
-  ServerInfo& operator=(const ServerInfo&);
+  ServerInfo(const ServerInfo&) = default;
+  ServerInfo(ServerInfo&&) noexcept = default;
+  ServerInfo& operator=(const ServerInfo& other);  // all or nothing when memory runs out
+  ServerInfo& operator=(ServerInfo&&) noexcept = default;
   ~ServerInfo();
 
   const std::string& getServerName() const;

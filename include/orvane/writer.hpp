@@ -21,24 +21,29 @@ namespace orvane {
 //
 // The server owns the queue pair; the writer attaches to it by name and owns its batch, as large as
 // the queue's largest message. Records are copied into the batch before a call returns. A full
-// batch is sent by the call whose record no longer fits; that call blocks, at most its timeout,
-// only while the queue is full. The server's answers are picked up without waiting, one at each
-// flush, so an error may surface at the flush of a later batch, or never when no flush follows it.
+// batch is sent by the call whose record no longer fits; that call waits, at most its timeout,
+// while the queue is full, and at most 2 s more for a lock that a stopped process holds. The
+// server's answers are picked up without waiting, one at each flush, so an error may surface at the
+// flush of a later batch, or never when no flush follows it.
 //
-// One thread at a time. Errors are Ox_ErrnoException with the statuses of orvane/status.hpp or one
-// of the server's own; those of Boost.Interprocess pass through as they are.
+// One thread at a time. A forked child must end with _exit or exec: ending with exit, it would
+// destroy its copy of the writer, which sends the pending records and a close a second time.
+// Errors are Ox_ErrnoException with the statuses of orvane/status.hpp or one of the server's own;
+// those of Boost.Interprocess pass through as they are.
 class ORVANE_API ShmWriter : public ChannelWriter {
  public:
   // Attaches to the queues `msgQueueName` and getMessageQueueResponseName(msgQueueName); sends
   // nothing. `name` is the stream's, used in messages, and may be empty. `timeout` is in seconds,
   // 1 to 86400 (else kStatusInvalidArgument); `stopTimeout` is the one of stop(true) and may be
   // anything. With `perfBenchmarkEnabled` records are dropped with a warning instead of sent.
-  // Throws boost::interprocess::interprocess_exception when a queue is missing.
+  // Throws boost::interprocess::interprocess_exception when a queue is missing, or after 5 s when
+  // its creator has not finished it.
   ShmWriter(const std::string& name, const std::string& msgQueueName, unsigned int timeout,
             unsigned int stopTimeout, bool perfBenchmarkEnabled);
 
   // Ends the stream and sends what is pending. No effect on a writer that is not open. When it
-  // throws, the writer is still open and the call may be repeated.
+  // throws, the writer is still open and the call may be repeated; after a time-out the batch holds
+  // both close records then.
   void close() override;
 
   // Closes a writer that is still open, dropping every error, and detaches; the queues stay.
@@ -46,8 +51,9 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   ~ShmWriter() override;
 
   // Starts a stream: sends an open record at once. No effect on an open writer. After close() it
-  // starts a new stream on the same queues. When it throws, the writer is not open; if the server's
-  // answer was the cause, the open record was sent.
+  // starts a new stream on the same queues. When it throws, the writer is not open and the call may
+  // be repeated; if the server's answer was the cause, the open record was sent, and after a
+  // time-out the batch holds both.
   void open() override;
 
   // Sets the segment state and its parameters for the records from the next one on. Any value is
@@ -56,9 +62,9 @@ class ORVANE_API ShmWriter : public ChannelWriter {
                      unsigned long param3) override;
 
   // Appends one record with `length` bytes of the current segment; does not flush, but sends the
-  // batch first when the record does not fit any more. Throws kStatusNotOpen,
-  // kStatusWrongAlgorithm, and what write_data throws; the record's sequence number is then used
-  // up.
+  // batch first when the record does not fit any more. Throws kStatusNotOpen and
+  // kStatusWrongAlgorithm, nothing changed; and what write_data throws, which uses the record's
+  // sequence number up.
   void writeSegment(const unsigned char* data, unsigned long length) override;
 
   // Ends the current segment, unless the last record was already an end; does not flush. Throws
@@ -77,10 +83,13 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   // null when len is 0). `timeout` (seconds) bounds each send that the call makes: one when the
   // record does not fit, one more when `flush` asks for it. Throws
   //   kStatusSegmentTooLarge, nothing changed;
-  //   kStatusDoesNotFit, the earlier records were sent, this one is not stored;
-  //   kStatusTimedOut, the batch is kept: when it was full this record is not stored, with `flush`
-  //     it is; call flush_shm_buffer() to try again, never this function with the same record;
-  //   the server's status, the batch was sent: without `flush` this record is not stored.
+  //   kStatusInvalidArgument, null data with a len: not stored, earlier records may have been sent;
+  //   kStatusDoesNotFit, not stored, the earlier records were sent;
+  //   kStatusTimedOut, the batch is kept;
+  //   the server's status, the batch was sent.
+  // Without `flush` the last two mean that this record is not stored: it may be written again,
+  // after a flush. With `flush` they may come from either send and do not tell which; who needs to
+  // know calls with `flush` false and then flush_shm_buffer().
   void write_data(const pvk_shm_message_t* header, const unsigned char* data, unsigned int timeout,
                   bool flush);
 
@@ -92,7 +101,7 @@ class ORVANE_API ShmWriter : public ChannelWriter {
 
  private:
   ORVANE_LOCAL void fillSegmentFields();
-  ORVANE_LOCAL void sendEnd(std::uint32_t type, unsigned int sendTimeout);
+  ORVANE_LOCAL void endWith(std::uint32_t type, unsigned int sendTimeout, bool flush);
 
   std::string msgQueueName;
   unsigned int timeout;

@@ -5,16 +5,19 @@
 #include "ox/trace.hpp"
 #include "records/batch_append.hpp"
 #include "records/batch_layout.hpp"
-#include "records/corrupt.hpp"
 #include "records/failure.hpp"
 
 namespace orvane {
 
-void failCorruptMetaData(std::uint32_t magic) {
+namespace {
+
+[[noreturn]] void failCorruptMetaData(std::uint32_t magic) {
   fail(kStatusCorruptMagic, "Could not deserialize ShmBatch::MetaData from",
        " buffer because the magic value ", magic,
        " is corrupt (expected=", layout::kMetaDataMagicWord, ")");
 }
+
+}  // namespace
 
 unsigned long ShmBatch::MetaData::getSerializedSize() {
   return layout::kMetaDataSize;
@@ -129,8 +132,8 @@ ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {
   return readEntry(position);
 }
 
-// Trusts the entry count and the lengths: peers that share a queue with a writer of their own rely
-// on its speed. BatchView is the reader that checks them.
+// Trusts the entry count and the lengths: it is for a batch of one's own, and programs that read
+// such batches rely on its taking any size of 8 and more. BatchView is the reader for all others.
 void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* bytes,
                                     unsigned long size) {
   validBufferSizeAssert(size);

@@ -19,8 +19,8 @@ namespace orvane::layout {
 // Metadata: 8 bytes.
 constexpr std::size_t kMetaDataMagic = 0;
 constexpr std::size_t kNumEntries = 4;
-constexpr std::size_t kMetaDataSize = 8;
-constexpr std::uint32_t kMetaDataMagicWord = 0xFF00EE11;
+constexpr std::size_t kMetaDataSize = ShmBatch::MetaData::kSerializedSize;
+constexpr std::uint32_t kMetaDataMagicWord = ShmBatch::MetaData::kMagic;
 
 // Record header: 48 bytes.
 constexpr std::size_t kType = 0;
@@ -33,8 +33,8 @@ constexpr std::size_t kSegParam1 = 32;
 constexpr std::size_t kSegParam2 = 36;
 constexpr std::size_t kSegParam3 = 40;
 constexpr std::size_t kHeaderMagic = 44;
-constexpr std::size_t kHeaderSize = 48;
-constexpr std::uint32_t kHeaderMagicWord = 0xAABBCCDD;
+constexpr std::size_t kHeaderSize = pvk_shm_message_t::kSerializedSize;
+constexpr std::uint32_t kHeaderMagicWord = pvk_shm_message_t::kMagic;
 
 inline void writeMetaData(unsigned char* p, const ShmBatch::MetaData& metaData) {
   storeBig32(p + kMetaDataMagic, metaData.magic);
@@ -55,6 +55,9 @@ inline void writeHeader(unsigned char* p, const pvk_shm_message_t& header) {
   storeBig32(p + kSegParam3, header.segParam3);
   storeBig32(p + kHeaderMagic, header.magic);
 }
+
+// What every reader throws when the magic word is another one.
+[[noreturn]] void failCorruptHeader(std::uint32_t magic);
 
 inline void readHeader(pvk_shm_message_t& header, const unsigned char* p) {
   header.type = loadBig32(p + kType);

@@ -1,12 +1,12 @@
 #include "orvane/batch_view.hpp"
 
 #include "records/batch_layout.hpp"
-#include "records/corrupt.hpp"
 #include "records/failure.hpp"
 
 namespace orvane {
 
-using namespace layout;
+using layout::kHeaderSize;
+using layout::kMetaDataSize;
 
 namespace {
 
@@ -20,7 +20,7 @@ namespace {
 
 // Every length is compared with what is left before it is used, so no position can overflow.
 BatchView::BatchView(const unsigned char* batch, std::size_t size) : bytes(batch), byteSize(size) {
-  static_assert(Stride::kLenOffset == kLen && Stride::kHeaderSize == kHeaderSize);
+  static_assert(Stride::kLenOffset == layout::kLen);
   ShmBatch::validBufferSizeAssert(size);
   ShmBatch::MetaData metaData;
   const unsigned char* header = metaData.deserializeFromBuffer(batch);
@@ -36,9 +36,9 @@ BatchView::BatchView(const unsigned char* batch, std::size_t size) : bytes(batch
     if (left < kHeaderSize) {
       failShort(i, size - left, "header", kHeaderSize, left);
     }
-    const std::uint32_t magic = loadBig32(header + kHeaderMagic);
-    if (magic != kHeaderMagicWord) {
-      failCorruptHeader(magic);
+    const std::uint32_t magic = loadBig32(header + layout::kHeaderMagic);
+    if (magic != layout::kHeaderMagicWord) {
+      layout::failCorruptHeader(magic);
     }
     const std::size_t needed = stride.from(header);
     if (needed > left) {
@@ -62,7 +62,7 @@ BatchView::Iterator BatchView::end() const {
 
 ShmBatch::Entry BatchView::Iterator::operator*() const {
   ShmBatch::Entry entry(nullptr);
-  readHeader(entry.header, position);
+  layout::readHeader(entry.header, position);
   if (entry.header.len > 0) {
     entry.data = position + kHeaderSize;
   }

@@ -14,6 +14,7 @@ namespace orvane {
 template <typename... Pieces>
 [[noreturn, gnu::cold, gnu::noinline]] void fail(ox_status_t status, Pieces... pieces) {
   std::ostringstream message;
+  message.exceptions(std::ios_base::badbit);
   message.imbue(std::locale::classic());
   (message << ... << pieces);
   throw Ox_ErrnoException(status, message.str(), "");

@@ -2,12 +2,11 @@
 
 #include "orvane/records.hpp"
 #include "records/batch_layout.hpp"
-#include "records/corrupt.hpp"
 #include "records/failure.hpp"
 
 namespace orvane {
 
-void failCorruptHeader(std::uint32_t magic) {
+void layout::failCorruptHeader(std::uint32_t magic) {
   fail(kStatusCorruptMagic, "Could not deserialize pvk_shm_message from",
        " buffer because the magic value ", magic,
        " is corrupt (expected=", layout::kHeaderMagicWord, ")");
@@ -25,7 +24,7 @@ unsigned char* pvk_shm_message_t::serializeToBuffer(unsigned char* p) const {
 const unsigned char* pvk_shm_message_t::deserializeFromBuffer(const unsigned char* p) {
   layout::readHeader(*this, p);
   if (magic != layout::kHeaderMagicWord) {
-    failCorruptHeader(magic);
+    layout::failCorruptHeader(magic);
   }
   return p + layout::kHeaderSize;
 }

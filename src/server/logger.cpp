@@ -1,5 +1,6 @@
 #include "orvane/logger.hpp"
 
+#include <cstdarg>
 #include <cstdio>
 #include <sstream>
 
@@ -8,9 +9,13 @@
 
 namespace orvane::server {
 
+namespace {
+
+constexpr std::size_t kMessageSize = 4096;
+
+}  // namespace
+
 Logger::Logger(const std::string& componentName) : name(componentName) {}
-Logger::Logger(const Logger&) = default;
-Logger& Logger::operator=(const Logger&) = default;
 Logger::~Logger() = default;
 
 bool operator==(const Logger& a, const Logger& b) {
@@ -20,10 +25,9 @@ bool operator!=(const Logger& a, const Logger& b) {
   return !(a == b);
 }
 
-std::string Logger::line(const char* function, const char* format, va_list arguments) const {
-  char message[4096] = {};
-  std::vsnprintf(message, sizeof message, format, arguments);
+std::string Logger::line(const char* function, const char* message) const {
   std::ostringstream text;
+  text.exceptions(std::ios_base::badbit);  // running out of memory is the caller's to know
   if (!name.empty()) {
     text << name << "::";
   }
@@ -39,10 +43,12 @@ std::string Logger::line(const char* function, const char* format, va_list argum
 
 void Logger::log(OrvanServerLoglevel level, const char* function, int code, const char* format,
                  ...) const {
+  char message[kMessageSize] = {};
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = line(function, format, arguments);
+  std::vsnprintf(message, sizeof message, format, arguments);
   va_end(arguments);
+  const std::string text = line(function, message);
   if (level == LEVEL_INFO) {
     InfoA(code, text.c_str());
   } else if (level == LEVEL_AUTH) {
@@ -58,10 +64,12 @@ void Logger::logTrace(const char* function, const char* format, ...) const {
   if (!TraceOn()) {
     return;
   }
+  char message[kMessageSize] = {};
   va_list arguments;
   va_start(arguments, format);
-  const std::string text = line(function, format, arguments);
+  std::vsnprintf(message, sizeof message, format, arguments);
   va_end(arguments);
+  const std::string text = line(function, message);
   // Asked again, because formatting took time: a line is not written after tracing went off.
   if (TraceOn()) {
     __Trace(text.c_str());

@@ -16,9 +16,11 @@ ServerInfo::ServerInfo(const std::string& serverName, const std::string& user,
       CurrentRoutingTable(currentRoutingTable),
       RecommendRoutingTable(recommendRoutingTable),
       KeyDir(keyDir) {}
-ServerInfo::ServerInfo(const ServerInfo&) = default;
-ServerInfo& ServerInfo::operator=(const ServerInfo&) = default;
 ServerInfo::~ServerInfo() = default;
+
+ServerInfo& ServerInfo::operator=(const ServerInfo& other) {
+  return *this = ServerInfo(other);
+}
 
 const std::string& ServerInfo::getServerName() const {
   return ServerName;

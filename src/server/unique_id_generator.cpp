@@ -15,8 +15,8 @@ UniqueIdGenerator::~UniqueIdGenerator() {
 }
 
 UniqueIdGenerator& UniqueIdGenerator::getInstance() {
-  // Besides the compiler's own guard for `instance`, which a program may have been built without
-  // (-fno-threadsafe-statics).
+  // Besides the compiler's own guard for `instance`: that one is lost when this library is built
+  // with -fno-threadsafe-statics.
   static pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
   const AutoLock lock(singletonLock);
   static UniqueIdGenerator instance;
@@ -24,7 +24,8 @@ UniqueIdGenerator& UniqueIdGenerator::getInstance() {
 }
 
 std::string UniqueIdGenerator::generateId(const std::string& prefix) {
-  std::ostringstream id;  // made before the lock is taken, to hold it shortly
+  std::ostringstream id;                 // made before the lock is taken, to hold it shortly
+  id.exceptions(std::ios_base::badbit);  // or an id would be cut short when memory runs out
   id.imbue(std::locale::classic());
   const AutoLock lock(mutex);
   id << prefix << "_" << counter;

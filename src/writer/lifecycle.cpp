@@ -69,7 +69,7 @@ void ShmWriter::close() {
   if (!isOpen) {
     return;
   }
-  sendEnd(kRecordClose, timeout);
+  endWith(kRecordClose, timeout, true);
   isOpen = false;
 }
 
@@ -77,19 +77,7 @@ void ShmWriter::close() {
 // and the close that the destructor sends afterwards still frees the stream at the server.
 void ShmWriter::stop(bool useStopTimeout) {
   const AutoTrace scope("stop");
-  sendEnd(kRecordStop, useStopTimeout ? stopTimeout : timeout);
-}
-
-void ShmWriter::sendEnd(std::uint32_t type, unsigned int sendTimeout) {
-  header.seqNo += 1;
-  header.type = type;
-  header.len = 0;
-  fillSegmentFields();
-  write_data(&header, nullptr, sendTimeout, true);
-  if (header.segmentDone == 0) {
-    header.segmentNo += 1;
-    header.segmentDone = 1;
-  }
+  endWith(kRecordStop, useStopTimeout ? stopTimeout : timeout, true);
 }
 
 ShmWriter::~ShmWriter() {

@@ -33,8 +33,8 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
     fail(kStatusWrongAlgorithm,
          "Could not write segment data because wrong algorithm has been set");
   }
-  // Dormant: nothing clears segmentFirstWrite, so a stream may mix states. Servers that ask for one
-  // state a stream match this message; the check stands ready for them.
+  // Dormant: nothing clears segmentFirstWrite, so a stream may mix states. The check and its
+  // message stand ready for a server that cannot take a mixture.
   if (segmentFirstWrite) {
     lastSegmentState = segAlg;
   } else if (segAlg != lastSegmentState) {
@@ -64,11 +64,17 @@ void ShmWriter::endSegment() {
     }
     return;
   }
+  endWith(kRecordEndOfSegment, timeout, false);
+}
+
+// An end of segment, a close or a stop. A segment that holds data is over once the record is
+// stored.
+void ShmWriter::endWith(std::uint32_t type, unsigned int sendTimeout, bool flush) {
   header.seqNo += 1;
-  header.type = kRecordEndOfSegment;
+  header.type = type;
   header.len = 0;
   fillSegmentFields();
-  write_data(&header, nullptr, timeout, false);
+  write_data(&header, nullptr, sendTimeout, flush);
   if (header.segmentDone == 0) {
     header.segmentNo += 1;
     header.segmentDone = 1;

@@ -20,7 +20,7 @@ TEST(Deadline, EndsTheWaitForAFullQueue) {
   EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 2s to send data to orvaned on stream stream",
                           [&] { stream.writer.flush_shm_buffer(2); }));
   const Seconds waited = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(waited.count(), 1.0);
+  EXPECT_GE(waited.count(), 0.98);  // the clock that gives the whole seconds lags by a tick
   EXPECT_LT(waited.count(), 3.0);
 }
 

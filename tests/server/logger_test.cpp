@@ -176,6 +176,12 @@ TEST_F(LoggerTest, TraceIsDroppedWhenTracingGoesOffWhileTheLineIsMade) {
   EXPECT_EQ(traceQuestions, 2);
 }
 
+TEST_F(LoggerTest, TraceIsMadeBetweenTheTwoQuestions) {
+  traceAnswers = {true, false};
+  EXPECT_THROW(Logger("n").logTrace(nullptr, "m"), std::logic_error);
+  EXPECT_EQ(traceQuestions, 1);
+}
+
 TEST_F(LoggerTest, NothingIsFormattedWhileTracingIsOff) {
   traceAnswers = {false, false, true};
   int written = -1;

@@ -1,11 +1,18 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <string>
 #include <vector>
 
 #include "orvane/batch.hpp"
+#include "orvane/batch_view.hpp"
+#include "orvane/logger.hpp"
+#include "orvane/server_info.hpp"
+#include "orvane/unique_id_generator.hpp"
+#include "ox/errno_exception.hpp"
 #include "ox/log.hpp"
 #include "support/recording_sink.hpp"
 
@@ -13,10 +20,17 @@ namespace {
 
 constexpr std::size_t kPlenty = 1000;  // so much is always there
 bool memoryIsShort = false;
+int allocations = 0;
 
 }  // namespace
 
+// g++ sees one half of the pair inlined and not the other.
+#ifndef __clang__
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 void* operator new(std::size_t size) {
+  ++allocations;
   void* const memory = memoryIsShort && size > kPlenty ? nullptr : std::malloc(size);
   if (memory == nullptr) {
     throw std::bad_alloc();
@@ -78,6 +92,69 @@ TEST_F(OutOfMemory, BatchIsNotMade) {
   memoryIsShort = true;
   EXPECT_THROW(ShmBatch batch(4096), std::bad_alloc);
   memoryIsShort = false;
+}
+
+TEST_F(OutOfMemory, IdIsNotCutShortAndItsNumberIsNotUsedUp) {
+  UniqueIdGenerator ids;
+  const std::string prefix(3000, 'p');
+  memoryIsShort = true;
+  EXPECT_THROW(ids.generateId(prefix), std::bad_alloc);
+  memoryIsShort = false;
+  EXPECT_EQ(ids.generateId("p"), "p_0");  // and the lock is free
+}
+
+TEST_F(OutOfMemory, LoggersLineIsNotCutShort) {
+  const std::string message(3000, 'm');
+  const server::Logger logger("name");
+  std::strcpy(received, "nothing");
+  memoryIsShort = true;
+  EXPECT_THROW(logger.log(server::LEVEL_INFO, "f", 0, "%s", message.c_str()), std::bad_alloc);
+  memoryIsShort = false;
+  EXPECT_STREQ(received, "nothing");
+}
+
+TEST_F(OutOfMemory, ServerInfoIsAsItWasBefore) {
+  ServerInfo info("server", "user", "password", "cfg", "route", "recommended", "keys");
+  const ServerInfo before = info;
+  const std::string tooLong(3000, 'x');
+  const ServerInfo other("other", "other", "other", "other", "other", "other", tooLong);
+  memoryIsShort = true;
+  EXPECT_THROW(info = other, std::bad_alloc);
+  EXPECT_THROW(info.setClusterName(tooLong), std::bad_alloc);
+  memoryIsShort = false;
+  EXPECT_TRUE(info == before);
+}
+
+TEST(NoAllocation, InAppendingClearingAndReadingABatch) {
+  ShmBatch batch(1024);
+  pvk_shm_message_t header;
+  const unsigned char data[40] = {};
+  header.len = sizeof data;
+  std::uint64_t sum = 0;
+  const int before = allocations;
+  for (int round = 0; round < 2; ++round) {
+    batch.clear();
+    while (batch.canStore(ShmBatch::Entry(header, data))) {
+      header.seqNo += 1;
+      batch.pushBack(ShmBatch::Entry(header, data));
+    }
+    for (const ShmBatch::Entry& entry : BatchView(batch.getRaw(), batch.getRawSize())) {
+      sum += entry.header.seqNo;
+    }
+    sum += batch.getEntry(3).header.seqNo;
+  }
+  EXPECT_EQ(allocations, before);
+  EXPECT_GT(sum, 0U);
+}
+
+TEST(NoAllocation, InCopyingAnException) {
+  const Ox_ErrnoException original(1, std::string(3000, 'm'), std::string(3000, 'd'));
+  const int before = allocations;
+  const Ox_ErrnoException copy(original);  // NOLINT(performance-unnecessary-copy-initialization)
+  EXPECT_EQ(allocations, before);
+  EXPECT_EQ(copy.message(), std::string(3000, 'm'));
+  EXPECT_EQ(copy.detail(), std::string(3000, 'd'));
+  EXPECT_EQ(copy.status(), 1);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "ox/export.hpp"
@@ -8,11 +9,12 @@
 
 // A failure with a status, a message for people and an optional detail text.
 //   try { ... } catch (const Ox_ErrnoException& e) { std::cerr << e.status() << ": " << e.what(); }
+// Copies share their texts, so copying one, as throwing and catching may, cannot fail.
 class OX_API Ox_ErrnoException : public std::exception {
  public:
   Ox_ErrnoException(ox_status_t status, std::string message, std::string detail);
-  Ox_ErrnoException(const Ox_ErrnoException&);
-  Ox_ErrnoException& operator=(const Ox_ErrnoException&);
+  Ox_ErrnoException(const Ox_ErrnoException&) noexcept;
+  Ox_ErrnoException& operator=(const Ox_ErrnoException&) noexcept;
   ~Ox_ErrnoException() override;
 
   ox_status_t status() const noexcept;
@@ -23,7 +25,8 @@ class OX_API Ox_ErrnoException : public std::exception {
   const char* what() const noexcept override;
 
  private:
+  struct Texts;
+
   ox_status_t status_;
-  std::string message_;
-  std::string detail_;
+  std::shared_ptr<const Texts> texts_;
 };
