@@ -41,4 +41,5 @@ project_files() { # PATTERN...
         printf '%s\0' "$root/$file"
       fi
     done
+  return "${PIPESTATUS[0]}"
 }

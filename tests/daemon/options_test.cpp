@@ -32,17 +32,32 @@ TEST(Options, HaveDefaults) {
   EXPECT_EQ(options.geometry.messages, 8U);
   EXPECT_EQ(options.geometry.messageSize, 524488U);
   EXPECT_EQ(options.geometry.mode, 0600U);
+  EXPECT_EQ(options.sync, orvaned::Sync::segment);
+  EXPECT_EQ(options.logLevel, ox::Kind::info);
+  EXPECT_FALSE(options.trace);
 }
 
 TEST(Options, AreTakenFromTheCommandLine) {
   Options options;
-  EXPECT_EQ(
-      parse({"--queue=q", "--store=.", "--messages=16", "--message-size=262248", "--mode=660"},
-            options),
-      std::nullopt);
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--messages=16", "--message-size=262248", "--mode=660",
+                   "--log-level=warning", "--trace"},
+                  options),
+            std::nullopt);
   EXPECT_EQ(options.geometry.messages, 16U);
   EXPECT_EQ(options.geometry.messageSize, 262248U);
   EXPECT_EQ(options.geometry.mode, 0660U);
+  EXPECT_EQ(options.logLevel, ox::Kind::warning);
+  EXPECT_TRUE(options.trace);
+}
+
+TEST(Options, NameWhenToSync) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--sync=always"}, options), std::nullopt);
+  EXPECT_EQ(options.sync, orvaned::Sync::always);
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--sync=none"}, options), std::nullopt);
+  EXPECT_EQ(options.sync, orvaned::Sync::none);
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--sync=segment"}, options), std::nullopt);
+  EXPECT_EQ(options.sync, orvaned::Sync::segment);
 }
 
 TEST(Options, BoundTheMessageSize) {

@@ -20,6 +20,7 @@ using orvane::test::TempFolder;
 using orvane::test::throwsErrno;
 using orvane::test::writeFile;
 using orvaned::OutputFile;
+using orvaned::Sync;
 
 class OutputFileTest : public testing::Test {
  protected:
@@ -28,7 +29,7 @@ class OutputFileTest : public testing::Test {
 };
 
 TEST_F(OutputFileTest, IsNotCreatedWithoutBytes) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append({});
   file.flush();
   EXPECT_EQ(file.records(), 1U);
@@ -38,7 +39,7 @@ TEST_F(OutputFileTest, IsNotCreatedWithoutBytes) {
 }
 
 TEST_F(OutputFileTest, GathersSmallRecordsUntilItIsFlushed) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("one"), bytesOf("two"));
   file.append({}, bytesOf("three"));
   EXPECT_FALSE(std::filesystem::exists(path));
@@ -50,7 +51,7 @@ TEST_F(OutputFileTest, GathersSmallRecordsUntilItIsFlushed) {
 }
 
 TEST_F(OutputFileTest, KeepsTheOrderOfSmallAndLargeRecords) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   const Bytes large(200000, 'L');
   std::string expected;
   for (int i = 0; i < 3; ++i) {
@@ -65,7 +66,7 @@ TEST_F(OutputFileTest, KeepsTheOrderOfSmallAndLargeRecords) {
 }
 
 TEST_F(OutputFileTest, WritesAFullBufferByItself) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   for (int i = 0; i < 1000; ++i) {
     file.append(Bytes(100, 'x'));
   }
@@ -74,7 +75,7 @@ TEST_F(OutputFileTest, WritesAFullBufferByItself) {
 }
 
 TEST_F(OutputFileTest, GetsItsFinalNameWithAllItsBytes) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("data"));
   file.finish(folder.path() + "/final");
   EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"final"});
@@ -83,7 +84,7 @@ TEST_F(OutputFileTest, GetsItsFinalNameWithAllItsBytes) {
 
 TEST_F(OutputFileTest, ContinuesAFileThatIsThere) {
   writeFile(path, "old ");
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("new"));
   file.flush();
   EXPECT_EQ(readFile(path), "old new");
@@ -91,14 +92,14 @@ TEST_F(OutputFileTest, ContinuesAFileThatIsThere) {
 }
 
 TEST_F(OutputFileTest, IsForItsOwnerOnly) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("data"));
   file.flush();
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
 }
 
 TEST_F(OutputFileTest, TakesBackTheRecordsOfAFailedFlush) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("0123456789"));
   file.flush();
   file.append(bytesOf("abcdefghij"));
@@ -116,7 +117,7 @@ TEST_F(OutputFileTest, TakesBackTheRecordsOfAFailedFlush) {
 
 TEST_F(OutputFileTest, TakesBackALargeRecordThatDoesNotFitWhole) {
   writeFile(path, "old");
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("small"));
   const Bytes large(100000, 'L');
   FileSizeLimit limit(50000);
@@ -127,8 +128,54 @@ TEST_F(OutputFileTest, TakesBackALargeRecordThatDoesNotFitWhole) {
   EXPECT_EQ(file.bytes(), 5U);
 }
 
+TEST_F(OutputFileTest, HasTheChecksumOfItsBytes) {
+  OutputFile file(path, Sync::segment);
+  EXPECT_EQ(file.checksum(), 0x00000000U);
+  file.append(bytesOf("01234"), bytesOf("56789"));
+  file.flush();
+  EXPECT_EQ(file.checksum(), 0xa684c7c6U);
+}
+
+TEST_F(OutputFileTest, HasTheChecksumOfSmallAndLargeRecords) {
+  OutputFile file(path, Sync::segment);
+  const Bytes large(200000, 'L');
+  for (int i = 0; i < 3; ++i) {
+    file.append(bytesOf("head"), large);
+    file.append(bytesOf("small"));
+  }
+  file.flush();
+  EXPECT_EQ(file.checksum(), 0x37c42f6cU);
+}
+
+TEST_F(OutputFileTest, LeavesWhatItTookBackOutOfTheChecksum) {
+  OutputFile file(path, Sync::segment);
+  file.append(bytesOf("small"));
+  const Bytes large(100000, 'L');
+  FileSizeLimit limit(50000);
+  EXPECT_ANY_THROW(file.append(bytesOf("head"), large));
+  EXPECT_EQ(file.checksum(), 0x7545ea13U);
+}
+
+TEST_F(OutputFileTest, NoticesAtAFlushThatItsFileIsGone) {
+  OutputFile file(path, Sync::segment);
+  file.append(bytesOf("data"));
+  file.flush();
+  std::filesystem::remove(path);
+  EXPECT_TRUE(
+      throwsErrno(1003, "No such file or directory: cannot write " + path, [&] { file.flush(); }));
+}
+
+TEST_F(OutputFileTest, ResumesBehindItsFirstBytes) {
+  writeFile(path, "keep torn");
+  OutputFile file(path, Sync::segment);
+  file.resume(5);
+  file.append(bytesOf("new"));
+  file.finish(folder.path() + "/final");
+  EXPECT_EQ(readFile(folder.path() + "/final"), "keep new");
+}
+
 TEST_F(OutputFileTest, SaysWhatItCannotCreate) {
-  OutputFile file(folder.path() + "/none/out");
+  OutputFile file(folder.path() + "/none/out", Sync::segment);
   file.append(bytesOf("data"));
   EXPECT_TRUE(throwsErrno(1003,
                           "No such file or directory: cannot create " + folder.path() + "/none/out",
@@ -136,7 +183,7 @@ TEST_F(OutputFileTest, SaysWhatItCannotCreate) {
 }
 
 TEST_F(OutputFileTest, SaysWhatItCannotRename) {
-  OutputFile file(path);
+  OutputFile file(path, Sync::segment);
   file.append(bytesOf("data"));
   EXPECT_TRUE(throwsErrno(1003, "No such file or directory: cannot rename " + path,
                           [&] { file.finish(folder.path() + "/none/final"); }));

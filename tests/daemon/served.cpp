@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <ostream>
 #include <regex>
 #include <stdexcept>
@@ -22,6 +23,10 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
 std::string shortQueueName() {
   static int counter = 0;
   return "orvane_test." + std::to_string(getpid()) + ".d" + std::to_string(counter++);
+}
+
+std::size_t nextStreamNumber() {
+  return std::stoul(UniqueIdGenerator::getInstance().generateId("").substr(1)) + 1;
 }
 
 }  // namespace
@@ -45,9 +50,10 @@ std::vector<Answer> takeAnswers(message_queue& responseQueue) {
 }
 
 Served::Served(std::size_t messageSize, std::size_t messages)
-    : name(shortQueueName()),
+    : firstStream(nextStreamNumber()),
+      name(shortQueueName()),
       responseName(queue() + "Response"),
-      streamStore(store(), queue()),
+      streamStore(store(), queue(), orvaned::Sync::none),
       pair(queue(), {messages, messageSize, 0600}),
       queueWorker(queue(), pair, streamStore),
       sendQueue(open_only, queue().c_str()),
@@ -93,6 +99,8 @@ std::vector<std::string> Served::stored() const {
   for (std::string& stored : names) {
     stored = masked(stored);
   }
+  std::sort(names.begin(), names.end());  // by the numbers that the tests see
+  std::sort(names.begin(), names.end());  // as numbers of different lengths, they were not
   return names;
 }
 
@@ -109,7 +117,7 @@ std::string Served::manifest(std::size_t stream) const {
 }
 
 std::string Served::pathOf(std::size_t stream) const {
-  const std::string ending = "_" + std::to_string(stream);
+  const std::string ending = "_" + std::to_string(firstStream + stream);
   for (const std::string& folder : namesIn(store())) {
     if (folder.ends_with(ending)) {
       return store() + "/" + folder;
@@ -127,10 +135,14 @@ std::vector<Line> Served::log() {
 }
 
 std::string Served::masked(std::string text) const {
-  static const std::regex run("[0-9]{8}T[0-9]{6}-" + std::to_string(getpid()));
+  static const std::regex id("[0-9]{8}T[0-9]{6}-" + std::to_string(getpid()) + "_([0-9]+)");
   replaceAll(text, store(), "STORE");
   replaceAll(text, queue(), "QUEUE");
-  return std::regex_replace(text, run, "RUN");
+  for (std::smatch found; std::regex_search(text, found, id);) {
+    const std::size_t stream = std::stoul(found[1]) - firstStream;
+    text = found.prefix().str() + "RUN_" + std::to_string(stream) + found.suffix().str();
+  }
+  return text;
 }
 
 }  // namespace orvane::test

@@ -34,7 +34,8 @@ std::vector<Answer> takeAnswers(boost::interprocess::message_queue& responseQueu
 // A server in this process, one step at a time: a queue pair, a worker and an empty store.
 //
 // In the texts that it returns, QUEUE, STORE and RUN stand for the queue's name, the store's path
-// and that part of the stream ids which differs from run to run.
+// and that part of the stream ids which differs from run to run. Streams are numbered from 0 here:
+// the process numbers them on from one Served to the next.
 class Served {
  public:
   explicit Served(std::size_t messageSize = 1024, std::size_t messages = 8);
@@ -70,6 +71,7 @@ class Served {
  private:
   std::string masked(std::string text) const;
 
+  const std::size_t firstStream;
   RecordingSink sink;
   TempFolder temp;
   const QueueName name;

@@ -2,14 +2,20 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
+#include <regex>
 #include <stdexcept>
 
 namespace orvane::test {
+
+using boost::interprocess::message_queue;
+
 namespace {
 
 constexpr int kPatienceMilliseconds = 30000;
@@ -92,6 +98,12 @@ bool ServerProcess::isRunning() const {
   return waitpid(pid, nullptr, WNOHANG) == 0;
 }
 
+std::string ServerProcess::output() const {
+  static const std::regex time(
+      "(^|\\n)[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z ");
+  return std::regex_replace(text, time, "$1TIME ");
+}
+
 void ServerProcess::closeOutput() {
   if (fd >= 0) {
     close(fd);
@@ -111,6 +123,17 @@ bool ServerProcess::read() {
     text.append(bytes, static_cast<std::size_t>(size));
   }
   return size > 0;
+}
+
+std::unique_ptr<message_queue> attach(const std::string& name) {
+  for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
+    try {
+      return std::make_unique<message_queue>(boost::interprocess::open_only, name.c_str());
+    } catch (const boost::interprocess::interprocess_exception&) {
+      sched_yield();
+    }
+  }
+  throw std::runtime_error("the server did not create " + name);
 }
 
 }  // namespace orvane::test

@@ -3,7 +3,9 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
+#include <queue/message_queue.hpp>
 #include <string>
 #include <vector>
 
@@ -39,7 +41,9 @@ class ServerProcess {
   bool isRunning() const;
 
   // Standard output and standard error together; what wait() and isServing() have read so far.
-  const std::string& output() const { return text; }
+  // TIME stands for the time stamp at the begin of a line.
+  std::string output() const;
+  const std::string& rawOutput() const { return text; }
 
   // From now on the server writes its lines to nobody.
   void closeOutput();
@@ -51,5 +55,8 @@ class ServerProcess {
   int fd = -1;
   std::string text;
 };
+
+// The send queue of a server that cannot say that it is ready, once it is there.
+std::unique_ptr<boost::interprocess::message_queue> attach(const std::string& name);
 
 }  // namespace orvane::test

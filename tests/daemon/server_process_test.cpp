@@ -3,16 +3,13 @@
 #include "server_process.hpp"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <csignal>
-#include <ctime>
 #include <filesystem>
-#include <memory>
 #include <orvane/orvane.hpp>
 
 #include "served.hpp"
@@ -26,6 +23,7 @@ using boost::interprocess::open_only;
 using orvane::pvk_shm_response_t;
 using orvane::ShmWriter;
 using orvane::test::Answer;
+using orvane::test::attach;
 using orvane::test::BatchBytes;
 using orvane::test::Bytes;
 using orvane::test::bytesOf;
@@ -84,7 +82,8 @@ TEST_P(EndingSignal, EndsAnIdleServerAndRemovesItsQueues) {
   server.signal(GetParam());
   EXPECT_EQ(server.wait(), 0);
   expectGone();
-  EXPECT_TRUE(server.output().ends_with("info 0: stopped serving queue " + name + "\n"));
+  EXPECT_TRUE(server.output().ends_with("\nTIME info 0 orvaned::serve: stopped serving queue " +
+                                        name + "\n"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Signal, EndingSignal, testing::Values(SIGTERM, SIGINT));
@@ -169,18 +168,6 @@ TEST_F(ServerProcessTest, OutlivesTheReaderOfItsLines) {
   expectGone();
 }
 
-// Waits for a server that cannot say that it is ready.
-std::unique_ptr<message_queue> attach(const std::string& name) {
-  for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
-    try {
-      return std::make_unique<message_queue>(open_only, name.c_str());
-    } catch (const boost::interprocess::interprocess_exception&) {
-      sched_yield();
-    }
-  }
-  throw std::runtime_error("the server did not create " + name);
-}
-
 TEST(ServerWithoutStandardError, KeepsItsLinesOutOfTheStore) {
   const TempFolder folder;
   const QueueName name(uniqueQueueName());
@@ -225,8 +212,8 @@ TEST_F(ServerProcessTest, EndsInOrderWhenAProducerDiesInsideTheQueue) {
   expectGone();
   const std::string reason =
       "a process died or hangs inside the queue (boost::interprocess::lock_exception)";
-  EXPECT_TRUE(server.output().ends_with("error 1: queue " + name + ": " + reason +
-                                        ": start the server again\n"))
+  EXPECT_TRUE(server.output().ends_with("\nTIME error 1 orvaned::main: queue " + name + ": " +
+                                        reason + ": start the server again\n"))
       << server.output();
   EXPECT_EQ(takeAnswers(answers), (std::vector<Answer>{{1004, reason}}));
   const std::string manifest = readFile(streamFolder() + "/manifest");

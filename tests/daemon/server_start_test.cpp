@@ -44,7 +44,7 @@ class ServerStartTest : public testing::Test {
 TEST_F(ServerStartTest, SaysWhenItIsReady) {
   ServerProcess server({"--queue", name, "--store", folder.path()});
   ASSERT_TRUE(server.isServing());
-  EXPECT_EQ(server.output(), "info 0: serving queue " + name +
+  EXPECT_EQ(server.output(), "TIME info 0 orvaned::serve: serving queue " + name +
                                  " (8 messages of 524488 bytes), storing into " + folder.path() +
                                  "\n");
 }
@@ -53,7 +53,8 @@ TEST_F(ServerStartTest, WarnsWhenTheLargestRecordCannotPass) {
   ServerProcess server({"--queue", name, "--store", folder.path(), "--message-size", "131127"});
   ASSERT_TRUE(server.isServing());
   EXPECT_EQ(server.output().substr(0, server.output().find('\n')),
-            "warning 0: --message-size 131127 is less than 131128: a record of the largest size "
+            "TIME warning 0 orvaned::serve: --message-size 131127 is less than 131128: a record of "
+            "the largest size "
             "cannot pass");
 }
 
@@ -69,7 +70,7 @@ TEST_F(ServerStartTest, RefusesANameInUse) {
   const message_queue queue(create_only, stranger.text().c_str(), 1, 1);
   ServerProcess server({"--queue", stranger.text(), "--store", folder.path()});
   EXPECT_EQ(server.wait(), 1);
-  EXPECT_EQ(server.output(), "error 1: the queue " + stranger.text() +
+  EXPECT_EQ(server.output(), "TIME error 1 orvaned::main: the queue " + stranger.text() +
                                  " is in use: take another name, or remove /dev/shm/" +
                                  stranger.text() + " if its server is gone\n");
   EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + stranger.text()));
@@ -87,22 +88,15 @@ TEST_F(ServerStartTest, ASecondServerLeavesTheFirstAlone) {
 
 TEST_F(ServerStartTest, RefusesABadName) {
   expectEnd({"--queue", "a/b", "--store", folder.path()}, 1,
-            "error 1: the queue name holds a character that is not allowed: use letters, digits "
+            "TIME error 1 orvaned::main: the queue name holds a character that is not allowed: use "
+            "letters, digits "
             "and _.-\n");
 }
 
 TEST_F(ServerStartTest, RefusesAStoreThatIsNotThere) {
   const std::string store = folder.path() + "/none";
   expectEnd({"--queue", name, "--store", store}, 1,
-            "error 1: cannot store into " + store +
-                ": No such file or directory: --store needs a folder that exists and that the "
-                "server can write to\n");
-}
-
-TEST_F(ServerStartTest, NeverTakesAPathForAFormat) {
-  const std::string store = folder.path() + "/%n%s%n%s";
-  expectEnd({"--queue", name, "--store", store}, 1,
-            "error 1: cannot store into " + store +
+            "TIME error 1 orvaned::main: cannot store into " + store +
                 ": No such file or directory: --store needs a folder that exists and that the "
                 "server can write to\n");
 }
@@ -112,26 +106,29 @@ TEST_F(ServerStartTest, RefusesAStoreThatIsAFile) {
   const std::string store = other.path() + "/file";
   writeFile(store, "");
   expectEnd({"--queue", name, "--store", store}, 1,
-            "error 1: cannot store into " + store +
+            "TIME error 1 orvaned::main: cannot store into " + store +
                 ": Not a directory: --store needs a folder that exists and that the server can "
                 "write to\n");
 }
 
 TEST_F(ServerStartTest, RefusesAMessageSizeWithoutRoomForARecord) {
   expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "55"}, 1,
-            "error 1: --message-size 55 is too small: a record needs 56 and its data\n");
+            "TIME error 1 orvaned::main: --message-size 55 is too small: a record needs 56 and its "
+            "data\n");
 }
 
 TEST_F(ServerStartTest, RefusesAMessageSizeBeyondReason) {
   expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "1073741825"}, 1,
-            "error 1: --message-size 1073741825 is too large: use at most 1073741824\n");
+            "TIME error 1 orvaned::main: --message-size 1073741825 is too large: use at most "
+            "1073741824\n");
 }
 
 TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
   ServerProcess server({"--queue", name, "--store", folder.path(), "--messages", "4096",
                         "--message-size", "1073741824"});
   EXPECT_EQ(server.wait(), 1);
-  const std::string start = "error 1: the queues need 4398047265504 bytes of /dev/shm, which has ";
+  const std::string start =
+      "TIME error 1 orvaned::main: the queues need 4398047265504 bytes of /dev/shm, which has ";
   EXPECT_EQ(server.output().substr(0, start.size()), start);
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name));
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name + "Response"));
@@ -149,6 +146,10 @@ TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
             "orvaned: --message-size: must be a number of bytes" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "large"}, 2,
             "orvaned: --message-size: must be a number of bytes" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--log-level", "loud"}, 2,
+            "orvaned: --log-level: must be info, auth, warning or error" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--sync", "off"}, 2,
+            "orvaned: --sync: must be always, segment or none" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "more"}, 2,
             "orvaned: The following argument was not expected: more" + hint);
 }
@@ -167,10 +168,27 @@ TEST_F(ServerStartTest, AModeIsOctalAndLetsTheOwnerReadAndWrite) {
 TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
   ServerProcess server({"--help"});
   EXPECT_EQ(server.wait(), 0);
-  for (const char* word :
-       {"--queue", "--store", "--messages", "--message-size", "=524488", "--mode", "=0600",
-        "--version", "1000  bad batch: ", "1001  out of order: ", "1002  unlawful record: ",
-        "1003  store failed: ", "1004  server ending: ", "Exit codes: "}) {
+  for (const char* word : {"--queue",
+                           "--store",
+                           "--messages",
+                           "--message-size",
+                           "=524488",
+                           "--mode",
+                           "=0600",
+                           "--log-level",
+                           "=info",
+                           "--trace",
+                           "TIME KIND CODE COMPONENT::FUNCTION: MESSAGE",
+                           "--version",
+                           "--sync",
+                           "=segment",
+                           "always   before",
+                           "1000  bad batch: ",
+                           "1001  out of order: ",
+                           "1002  unlawful record: ",
+                           "1003  store failed: ",
+                           "1004  server ending: ",
+                           "Exit codes: "}) {
     EXPECT_NE(server.output().find(word), std::string::npos) << word;
   }
 }

@@ -13,6 +13,7 @@ using orvane::ShmWriter;
 using orvane::test::Answer;
 using orvane::test::bytesOf;
 using orvane::test::FileSizeLimit;
+using orvane::test::Line;
 using orvane::test::readFile;
 using orvane::test::Record;
 using orvane::test::Served;
@@ -66,11 +67,12 @@ TEST_F(StoreFailureTest, TheManifestTellsWhatIsStoredAndWhatWentWrong) {
             "queue=QUEUE\n"
             "stream=RUN_0\n"
             "segment number=0 records=1 bytes=600 algorithm=0 parameters=0,0,0 "
-            "file=segment-000000.part\n"
-            "other-records=0 bytes=0\n"
+            "crc32=df9f14d2 file=segment-000000.part\n"
+            "other-records=0 bytes=0 crc32=00000000\n"
+            "skipped=0\n"
+            "receipt stream=RUN_0 records=1 bytes=600 segments=1 end=broken\n"
             "records=1\n"
             "bytes=600\n"
-            "skipped=0\n"
             "end=broken\n"
             "reason=File too large: cannot write STORE/QUEUE-RUN_0/segment-000000.part\n");
 }
@@ -78,7 +80,7 @@ TEST_F(StoreFailureTest, TheManifestTellsWhatIsStoredAndWhatWentWrong) {
 TEST_F(StoreFailureTest, AManifestThatCannotBeWrittenIsNeverHalfThere) {
   served.ask({kOpen, kData});
   {
-    FileSizeLimit full(80);  // the manifest's first lines are there
+    FileSizeLimit full(230);  // its last lines do not fit
     const Answers answers = served.ask({kEnd, kClose});
     ASSERT_EQ(answers.size(), 1U);
     EXPECT_EQ(answers[0].status, 1003);
@@ -92,8 +94,8 @@ TEST_F(StoreFailureTest, AManifestThatCannotGetItsNameIsNotContinued) {
   const Answers answers = served.ask({kClose});
   ASSERT_EQ(answers.size(), 1U);
   EXPECT_TRUE(answers[0].text.starts_with("Is a directory: cannot rename STORE/")) << answers[0];
-  EXPECT_EQ(readFile(served.pathOf(0) + "/manifest.part").find("end="),
-            readFile(served.pathOf(0) + "/manifest.part").rfind("end="));
+  EXPECT_EQ(readFile(served.pathOf(0) + "/manifest.part").find("\nend="),
+            readFile(served.pathOf(0) + "/manifest.part").rfind("\nend="));
   served.ask({kClose});
   EXPECT_EQ(served.ask({kClose}),
             (Answers{{0, "receipt stream=RUN_0 records=1 bytes=5 segments=0 end=broken"}}));
@@ -115,7 +117,7 @@ TEST_F(StoreFailureTest, AStopWhoseDataCannotBeWrittenIsAnError) {
 TEST_F(StoreFailureTest, AFailedCloseIsNoSuccessLater) {
   served.ask({kOpen, kData});
   {
-    FileSizeLimit full(80);
+    FileSizeLimit full(230);
     served.ask({kEnd, kClose});
   }
   EXPECT_EQ(served.ask({kClose})[0].status, 1003);
@@ -123,19 +125,77 @@ TEST_F(StoreFailureTest, AFailedCloseIsNoSuccessLater) {
             (Answers{{0, "receipt stream=RUN_0 records=1 bytes=4 segments=1 end=broken"}}));
 }
 
-TEST_F(StoreFailureTest, AStreamsFolderThatVanishedIsNoticedAtTheSegmentsEnd) {
+TEST_F(StoreFailureTest, ASegmentThatCannotBeListedDoesNotGetItsName) {
+  served.ask({kOpen, kData});
+  {
+    FileSizeLimit full(80);  // the manifest's first lines are there
+    const Answers answers = served.ask({kEnd});
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_TRUE(answers[0].text.starts_with("File too large: cannot write STORE/")) << answers[0];
+  }
+  EXPECT_EQ(served.filesOf(0), (Names{"manifest.part", "segment-000000.part"}));
+}
+
+TEST_F(StoreFailureTest, AStreamsFolderThatVanishedIsNoticedAtTheNextBatch) {
   served.ask({kOpen, kData});
   const std::string folder = served.pathOf(0);
   std::filesystem::remove_all(folder);
-  const Answers answers = served.ask({kEnd});
+  const Answers answers = served.ask({kLater});
   ASSERT_EQ(answers.size(), 1U);
   EXPECT_EQ(answers[0].status, 1003);
   EXPECT_TRUE(
-      answers[0].text.starts_with("No such file or directory: cannot rename STORE/QUEUE-RUN_0/"))
+      answers[0].text.starts_with("No such file or directory: cannot write STORE/QUEUE-RUN_0/"))
       << answers[0];
   served.ask({kClose});
-  EXPECT_EQ(served.ask({kClose}),
-            (Answers{{0, "receipt stream=RUN_0 records=1 bytes=4 segments=1 end=broken"}}));
+  EXPECT_EQ(served.ask({kClose})[0].text.substr(0, 20), "receipt stream=RUN_0");
+  expectService("RUN_1");
+}
+
+TEST_F(StoreFailureTest, AFolderThatVanishedBetweenSegmentsIsNoticedWithoutData) {
+  served.ask({kOpen, kData, kEnd});
+  std::filesystem::remove_all(served.pathOf(0));
+  const Answers answers = served.ask({});
+  ASSERT_EQ(answers.size(), 1U);
+  EXPECT_TRUE(
+      answers[0].text.starts_with("No such file or directory: cannot write STORE/QUEUE-RUN_0/"))
+      << answers[0];
+}
+
+TEST_F(StoreFailureTest, ASegmentsFileThatVanishedIsNoticedAtTheNextBatch) {
+  served.ask({kOpen, kData});
+  std::filesystem::remove(served.pathOf(0) + "/segment-000000.part");
+  EXPECT_EQ(served.ask({kLater})[0].status, 1003);
+  EXPECT_EQ(served.filesOf(0), Names{"manifest"});
+  EXPECT_NE(served.manifest(0).find("\nend=broken\nreason=No such file or directory: "
+                                    "cannot write STORE/QUEUE-RUN_0/segment-000000.part\n"),
+            std::string::npos)
+      << served.manifest(0);
+}
+
+TEST_F(StoreFailureTest, PermissionLostInMidStreamIsToldAtTheSegmentsEnd) {
+  served.ask({kOpen, kData});
+  std::filesystem::permissions(served.pathOf(0), std::filesystem::perms(0500));
+  {
+    WithoutPrivileges user;
+    const Answers answers = served.ask({kEnd});
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].status, 1003);
+    EXPECT_TRUE(answers[0].text.starts_with("Permission denied: cannot rename STORE/QUEUE-RUN_0/"))
+        << answers[0];
+  }
+  EXPECT_EQ(served.file(0, "segment-000000.part"), "data");
+  std::filesystem::permissions(served.pathOf(0), std::filesystem::perms(0700));
+  served.ask({kClose});
+  expectService("RUN_1");
+}
+
+TEST_F(StoreFailureTest, AFullDiskInOneStreamDoesNotHurtTheNext) {
+  served.ask({kOpen, kData});
+  {
+    FileSizeLimit full(6);
+    served.ask({kLater});
+    EXPECT_EQ(served.ask({kEnd})[0].status, 1003);
+  }
   expectService("RUN_1");
 }
 
@@ -163,7 +223,7 @@ TEST_F(StoreFailureTest, AStoreThatCannotBeWrittenIsRefusedAtTheStart) {
   std::filesystem::permissions(folder.path(), std::filesystem::perms(0555));
   const WithoutPrivileges user;
   try {
-    const orvaned::Store store(folder.path(), "q");
+    const orvaned::Store store(folder.path(), "q", orvaned::Sync::segment);
     FAIL() << "nothing was thrown";
   } catch (const std::runtime_error& e) {
     EXPECT_EQ(e.what(), "cannot store into " + folder.path() +
@@ -225,7 +285,15 @@ TEST_F(StoreFailureTest, AnEarlierStreamThatCannotBeCutOffIsLoggedNotAnswered) {
   std::filesystem::remove_all(served.pathOf(0));
   served.log();
   EXPECT_EQ(served.ask({kOpen}), (Answers{{0, ""}}));
-  EXPECT_FALSE(served.log().empty());
+  const std::vector<Line> expected = {
+      {ox::Kind::error, 1003,
+       "worker::abandonStream: queue QUEUE: No such file or directory: cannot write "
+       "STORE/QUEUE-RUN_0/manifest.part"},
+      {ox::Kind::info, 0,
+       "worker::concludeStream: queue QUEUE: receipt stream=RUN_0 records=0 bytes=0 segments=0 "
+       "end=cut-off"},
+      {ox::Kind::info, 0, "worker::open: queue QUEUE: stream RUN_1 begins"}};
+  EXPECT_EQ(served.log(), expected);
   EXPECT_EQ(served.ask({kData, kClose}),
             (Answers{{0, "receipt stream=RUN_1 records=1 bytes=4 segments=1 end=closed"}}));
 }

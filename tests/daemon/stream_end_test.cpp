@@ -31,7 +31,7 @@ class StreamEndTest : public testing::Test {
  protected:
   std::string endOf(std::size_t stream) const {
     const std::string text = served.manifest(stream);
-    return text.substr(text.find("end="));
+    return text.substr(text.find("\nend=") + 1);
   }
 
   Served served;
@@ -51,13 +51,15 @@ TEST_F(StreamEndTest, AStoppedStreamKeepsItsLastSegmentMarkedAsUnfinished) {
             "format=1\n"
             "queue=QUEUE\n"
             "stream=RUN_0\n"
-            "segment number=0 records=1 bytes=4 algorithm=0 parameters=0,0,0 file=segment-000000\n"
+            "segment number=0 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
+            "crc32=adf3f363 file=segment-000000\n"
             "segment number=1 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
-            "file=segment-000001.part\n"
-            "other-records=0 bytes=0\n"
+            "crc32=adf3f363 file=segment-000001.part\n"
+            "other-records=0 bytes=0 crc32=00000000\n"
+            "skipped=1\n"
+            "receipt stream=RUN_0 records=2 bytes=8 segments=2 end=stopped\n"
             "records=2\n"
             "bytes=8\n"
-            "skipped=1\n"
             "end=stopped\n"
             "reason=\n");
 }

@@ -38,7 +38,7 @@ class RefusalTest : public testing::Test {
  protected:
   std::string endOf(std::size_t stream) const {
     const std::string text = served.manifest(stream);
-    return text.substr(text.find("end="));
+    return text.substr(text.find("\nend=") + 1);
   }
   void breakStream() { EXPECT_EQ(served.ask({kOpen, kData, kData}), Answers{kRepeated}); }
 
@@ -48,10 +48,10 @@ class RefusalTest : public testing::Test {
 TEST_F(RefusalTest, AMessageThatIsNoBatchIsAnsweredAndLoggedOnce) {
   EXPECT_EQ(served.ask(bytesOf("rubbish!")), (Answers{{1000, kBadMagic}}));
   EXPECT_EQ(served.stored(), Names{});
-  const std::vector<Line> expected = {
-      {ox::Kind::error, 1000,
-       "queue QUEUE: Could not deserialize ShmBatch::MetaData from buffer because the "
-       "magic value 1920295522 is corrupt (expected=4278251025)"}};
+  const std::vector<Line> expected = {{ox::Kind::error, 1000,
+                                       "worker::takeBatch: queue QUEUE: Could not deserialize "
+                                       "ShmBatch::MetaData from buffer because the "
+                                       "magic value 1920295522 is corrupt (expected=4278251025)"}};
   EXPECT_EQ(served.log(), expected);
 }
 
@@ -99,11 +99,12 @@ TEST_F(RefusalTest, ARecordOutOfOrderBreaksTheStream) {
             "queue=QUEUE\n"
             "stream=RUN_0\n"
             "segment number=0 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
-            "file=segment-000000.part\n"
-            "other-records=0 bytes=0\n"
+            "crc32=adf3f363 file=segment-000000.part\n"
+            "other-records=0 bytes=0 crc32=00000000\n"
+            "skipped=0\n"
+            "receipt stream=RUN_0 records=1 bytes=4 segments=1 end=broken\n"
             "records=1\n"
             "bytes=4\n"
-            "skipped=0\n"
             "end=broken\n"
             "reason=sequence number out of order: expected above 2, got 2\n");
 }
@@ -238,6 +239,22 @@ TEST(Run, EndsWhenTheFlagIsSet) {
   volatile std::sig_atomic_t stop = 1;
   served.worker().run(stop);
   EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}}));
+}
+
+TEST(WorkersLog, DoesNotTakeItsQueuesNameForAFormat) {
+  const orvane::test::TempFolder folder;
+  const orvane::test::QueueName name(orvane::test::uniqueQueueName());
+  const orvane::test::QueueName response(name.text() + "Response");
+  orvaned::QueuePair queues(name.text(), {1, 1024, 0600});
+  orvaned::Store store(folder.path(), name.text(), orvaned::Sync::none);
+  orvaned::Worker worker("%n%s", queues, store);
+  boost::interprocess::message_queue send(boost::interprocess::open_only, name.text().c_str());
+  orvane::test::RecordingSink sink;
+  send.send("rubbish!", 8, 1);
+  worker.runOnce();
+  const std::vector<Line> expected = {
+      {ox::Kind::error, 1000, std::string("worker::takeBatch: queue %n%s: ") + kBadMagic}};
+  EXPECT_EQ(sink.take(), expected);
 }
 
 }  // namespace

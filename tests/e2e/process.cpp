@@ -114,6 +114,10 @@ void Process::closeInput() {
   }
 }
 
+std::string Process::errorOutput() const {
+  return wholeFile(err);
+}
+
 std::string Process::terminalOutput() const {
   std::string text;
   char block[4096];

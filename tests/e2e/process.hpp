@@ -37,6 +37,9 @@ class Process {
   void write(const std::string& bytes) const;
   void closeInput();
 
+  // Standard error so far, where it is no terminal.
+  std::string errorOutput() const;
+
   // What a terminal on standard error has shown since the last call.
   std::string terminalOutput() const;
 

@@ -109,9 +109,8 @@ TEST(SendFailure, InputThatCannotBeReadStopsItsStream) {
   EXPECT_EQ(ended.err,
             "orvane send: while sending /proc/self/mem (1 of 2 files stored): "
             "cannot read all of /proc/self/mem: Input/output error\n");
-  ASSERT_EQ(server.streams().size(), 2u);
-  EXPECT_EQ(server.content(0), "whole");
   ASSERT_TRUE(comesTrue([&] { return server.fact(1, "end") != "none"; }));
+  EXPECT_EQ(server.content(0), "whole");
   EXPECT_EQ(server.fact(1, "end"), "stopped");
 }
 
@@ -185,9 +184,10 @@ TEST(SendFailure, ServerThatWasStoppedSaysSo) {
   const Ended ended = send.wait();
 
   EXPECT_EQ(ended.how, "exit 3");
-  EXPECT_EQ(ended.err,
-            "orvane send: while sending standard input (0 of 1 file stored): orvaned refused the "
-            "stream: the server was stopped (status 1004)\n");
+  EXPECT_EQ(
+      ended.err,
+      "orvane send: while sending standard input (0 of 1 file stored): orvaned refused the "
+      "stream: the server was stopped: send again what it did not acknowledge (status 1004)\n");
   EXPECT_EQ(server.fact(0, "end"), "cut-off");
 }
 

@@ -22,7 +22,8 @@ std::vector<std::string> command(const std::string& queue, const std::string& st
 
 Server::Server(const std::vector<std::string>& options, const Surroundings& around)
     : queueName(uniqueQueueName()), server(command(queueName, folder.path(), options), around) {
-  if (!comesTrue([this] { return std::filesystem::exists("/dev/shm/" + queueName); })) {
+  if (!comesTrue(
+          [this] { return server.errorOutput().find("serving queue") != std::string::npos; })) {
     throw std::runtime_error("orvaned did not start");
   }
 }
@@ -51,7 +52,11 @@ std::vector<std::string> Server::streams() const {
 }
 
 std::string Server::fact(std::size_t number, const std::string& name) const {
-  std::ifstream manifest(streams().at(number) + "/manifest");
+  const std::vector<std::string> folders = streams();
+  if (number >= folders.size()) {
+    return "none";
+  }
+  std::ifstream manifest(folders[number] + "/manifest");
   for (std::string line; std::getline(manifest, line);) {
     if (line.starts_with(name + "=")) {
       return line.substr(name.size() + 1);

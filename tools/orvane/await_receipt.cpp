@@ -18,10 +18,10 @@ std::optional<Receipt> takeReceipt(PolledWriter& writer) {
   }
   std::optional<Receipt> receipt;
   std::optional<Ox_ErrnoException> error;
-  while (const auto answer = writer.takeAnswer()) {
-    if (answer->status != 0) {
-      error.emplace(answer->status, answer->text, "");
-    } else if (const auto found = parseReceipt(answer->text)) {
+  for (const orvane::pvk_shm_response_t& answer : writer.takeAnswers()) {
+    if (answer.status != 0) {
+      error.emplace(answer.status, answer.text, "");
+    } else if (const auto found = parseReceipt(answer.text)) {
       receipt = found;
     }
   }

@@ -6,7 +6,6 @@
 
 #include "compare.hpp"
 #include "demo_source.hpp"
-#include "exit_code.hpp"
 #include "polled_writer.hpp"
 #include "progress.hpp"
 #include "server_process.hpp"
@@ -26,7 +25,7 @@ std::string privateQueueName() {
 Sent sendTo(const std::string& queueName, DemoSource& source, const fs::path& spool,
             Interrupt& interrupt) {
   const SendOptions options;
-  PolledWriter writer(queueName, options.timeout, interrupt);
+  PolledWriter writer(queueName, std::chrono::seconds(options.timeoutSeconds), interrupt);
   Progress progress(source.size());
   return sendStream(writer, source.readFirst(spool, interrupt), options, progress, interrupt);
 }

@@ -17,8 +17,7 @@ constexpr char kVersion[] = "orvane " ORVANE_VERSION;
 struct Arguments {
   std::string queueName;
   std::vector<std::string> files;
-  std::uint64_t segmentSize = 64 << 20;
-  unsigned int timeout = 30;
+  tool::SendOptions options;
   std::string demoFile;
 };
 
@@ -28,13 +27,13 @@ CLI::App* addSend(CLI::App& app, Arguments& arguments) {
   send->add_option("--queue", arguments.queueName, "The queue that orvaned serves")
       ->required()
       ->type_name("NAME");
-  send->add_option("--segment-size", arguments.segmentSize,
+  send->add_option("--segment-size", arguments.options.segmentSize,
                    "Start a new segment after so many bytes, such as 512KiB")
       ->transform(CLI::AsSizeValue(false).description(""))
       ->check([](const std::string& size) { return size == "0" ? "must be at least 1" : ""; })
       ->type_name("SIZE")
       ->default_str("64MiB");
-  send->add_option("--timeout", arguments.timeout,
+  send->add_option("--timeout", arguments.options.timeoutSeconds,
                    "Seconds to wait for room in the queue, and for the receipt, up to a day")
       ->check(CLI::Range(orvane::kMinTimeoutSeconds, orvane::kMaxTimeoutSeconds).description(""))
       ->type_name("SECONDS")
@@ -79,7 +78,7 @@ int run(const std::string& name, Command command) {
                  interrupted.during.empty() ? "" : " ", interrupted.during.c_str());
     signal(interrupted.signal, SIG_DFL);
     raise(interrupted.signal);
-    return tool::kUnknown;  // not reached
+    return 128 + interrupted.signal;  // for a parent that had it blocked
   }
 }
 
@@ -96,10 +95,8 @@ int parseAndRun(int argc, char** argv) {
     return app.exit(e) == 0 ? 0 : tool::kUsage;
   }
   if (send->parsed()) {
-    return run("orvane send", [&] {
-      tool::sendFiles(arguments.queueName, arguments.files,
-                      {arguments.segmentSize, std::chrono::seconds(arguments.timeout)});
-    });
+    return run("orvane send",
+               [&] { tool::sendFiles(arguments.queueName, arguments.files, arguments.options); });
   }
   const int code =
       run("orvane demo", [&] { std::puts(tool::runDemo(arguments.demoFile).c_str()); });
@@ -113,6 +110,6 @@ int main(int argc, char** argv) {
     return parseAndRun(argc, argv);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "orvane: %s\n", e.what());
-    return tool::kUnknown;
+    return tool::kNothingSent;
   }
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "backoff.hpp"
+#include "common/queue_rules.hpp"
 #include "exit_code.hpp"
 #include "queue_list.hpp"
 
@@ -14,9 +15,9 @@ namespace {
 namespace ipc = boost::interprocess;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kEmptyBatch = 8;  // a batch's own metadata, in front of its records
 constexpr std::chrono::seconds kAbortTime(2);
 
+const std::size_t kEmptyBatch = orvane::ShmBatch::MetaData::getSerializedSize();
 const std::size_t kHeader = orvane::pvk_shm_message_t::getSerializedSize();
 
 std::string noSuchQueue(const std::string& name) {
@@ -55,13 +56,13 @@ ino_t inodeOf(const std::string& queueName) {
 }
 
 std::size_t dataPerRecord(std::size_t messageSize) {
-  if (messageSize <= kEmptyBatch + kHeader) {
+  if (messageSize <= smallestMessageSize()) {
     throw Failure(kNothingSent, "the queue's messages, " + std::to_string(messageSize) +
                                     " bytes, are too small for a record: start orvaned with a "
                                     "larger --message-size");
   }
   return std::min<std::size_t>(orvane::ShmWriter::getMaxSegmentSize(),
-                               messageSize - kEmptyBatch - kHeader);
+                               messageSize - smallestMessageSize());
 }
 
 }  // namespace
@@ -79,9 +80,7 @@ PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTi
       batchSize(kEmptyBatch) {}
 
 void PolledWriter::open() {
-  // Answers to an earlier stream: the writer would take the first one for its own.
-  while (takeAnswer()) {
-  }
+  takeAnswers();  // to an earlier stream: the writer would take the first one for its own
   waitForRoom(timeout);
   ++batches;
   writer.open();
@@ -129,31 +128,31 @@ void PolledWriter::makeRoomInBatch(std::size_t dataSize) {
 
 void PolledWriter::waitForRoom(std::chrono::seconds limit) {
   const auto deadline = Clock::now() + limit;
-  Backoff backoff(interrupt);
   interrupt.check();
-  while (sendQueue.get_num_msg() == sendQueue.get_max_msg()) {
+  for (Backoff backoff(interrupt); sendQueue.get_num_msg() == sendQueue.get_max_msg();
+       backoff.pause()) {
     if (serverLeft()) {
-      throw Failure(batches == 0 ? kNothingSent : kUnknown,
-                    "the queue " + queueName + " was removed before orvaned had taken everything");
+      failToSend("was removed before orvaned had taken everything");
     }
     if (Clock::now() >= deadline) {
-      throw Failure(batches == 0 ? kNothingSent : kUnknown,
-                    "the queue " + queueName + " was full for " + std::to_string(limit.count()) +
-                        " s: is orvaned still running?");
+      failToSend("was full for " + std::to_string(limit.count()) + " s: is orvaned still running?");
     }
-    backoff.pause();
   }
 }
 
-std::optional<orvane::pvk_shm_response_t> PolledWriter::takeAnswer() {
-  orvane::pvk_shm_response_t answer;
+void PolledWriter::failToSend(const std::string& why) const {
+  throw Failure(batches == 0 ? kNothingSent : kUnknown, "the queue " + queueName + " " + why);
+}
+
+std::vector<orvane::pvk_shm_response_t> PolledWriter::takeAnswers() {
+  std::vector<orvane::pvk_shm_response_t> answers(responseQueue.get_num_msg());
   ipc::message_queue::size_type size = 0;
   unsigned int priority = 0;
-  if (!responseQueue.try_receive(&answer, sizeof answer, size, priority)) {
-    return std::nullopt;
+  for (orvane::pvk_shm_response_t& answer : answers) {
+    responseQueue.try_receive(&answer, sizeof answer, size, priority);
+    answer.text[sizeof answer.text - 1] = '\0';
   }
-  answer.text[sizeof answer.text - 1] = '\0';
-  return answer;
+  return answers;
 }
 
 bool PolledWriter::allTaken() {
@@ -161,7 +160,8 @@ bool PolledWriter::allTaken() {
 }
 
 bool PolledWriter::serverLeft() const {
-  return inodeOf(queueName) != inode;
+  const ino_t now = inodeOf(queueName);
+  return now == 0 || now != inode;
 }
 
 }  // namespace tool

@@ -4,10 +4,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
 #include <string>
+#include <vector>
 
 #include "interrupt.hpp"
 
@@ -41,8 +41,8 @@ class PolledWriter {
   // Sends an empty batch, for the sake of its answer.
   void probe() { flush(); }
 
-  // The next answer that the writer itself did not pick up.
-  std::optional<orvane::pvk_shm_response_t> takeAnswer();
+  // The answers that are there, errors first, but for those that the writer picked up itself.
+  std::vector<orvane::pvk_shm_response_t> takeAnswers();
 
   // Has the server taken every batch? It has then answered all but the last one.
   bool allTaken();
@@ -56,6 +56,7 @@ class PolledWriter {
   void makeRoomInBatch(std::size_t dataSize);
   void flush();
   void waitForRoom(std::chrono::seconds limit);
+  [[noreturn]] void failToSend(const std::string& why) const;
 
   const std::string queueName;
   const std::chrono::seconds timeout;

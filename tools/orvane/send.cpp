@@ -95,7 +95,7 @@ void sendFiles(const std::string& queueName, const std::vector<std::string>& pat
   requireQueueName(queueName);
   std::vector<Input> inputs = openAll(paths);
   Interrupt interrupt;
-  PolledWriter writer(queueName, options.timeout, interrupt);
+  PolledWriter writer(queueName, std::chrono::seconds(options.timeoutSeconds), interrupt);
   Totals totals;
   sendAll(inputs, writer, options, interrupt, totals);
   printSummary(totals);

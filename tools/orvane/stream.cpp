@@ -16,6 +16,8 @@ namespace ipc = boost::interprocess;
 [[noreturn]] void rethrowExplained() {
   try {
     throw;
+  } catch (const Failure&) {
+    throw;
   } catch (const Ox_ErrnoException& e) {
     if (e.status() == orvane::kStatusTimedOut) {
       throw Failure(kUnknown, e.message() + ": does another producer use the same queue?");
@@ -24,6 +26,8 @@ namespace ipc = boost::interprocess;
                                 std::to_string(e.status()) + ")");
   } catch (const ipc::interprocess_exception& e) {
     throw Failure(kUnknown, std::string("the queue broke, restart orvaned: ") + e.what());
+  } catch (const std::exception& e) {
+    throw Failure(kUnknown, e.what());
   }
 }
 
@@ -75,13 +79,14 @@ Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& opt
     writer.open();
     try {
       writeSegments(writer, read, options.segmentSize, sent, progress);
+      writer.close();
     } catch (...) {
       writer.abort();
       throw;
     }
-    writer.close();
     sent.batches = writer.batchesSent() - batchesBefore;
-    const Receipt receipt = awaitReceipt(writer, options.timeout, interrupt);
+    const Receipt receipt =
+        awaitReceipt(writer, std::chrono::seconds(options.timeoutSeconds), interrupt);
     sent.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     requireMatch(sent, receipt);
     sent.stream = receipt.stream;

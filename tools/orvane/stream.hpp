@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -13,7 +12,7 @@ namespace tool {
 
 struct SendOptions {
   std::uint64_t segmentSize = 64 << 20;
-  std::chrono::seconds timeout{30};
+  unsigned int timeoutSeconds = 30;
 };
 
 // A stream that was stored.

@@ -7,12 +7,22 @@
 #include <exception>
 #include <orvane/orvane.hpp>
 
+#include "log.hpp"
 #include "options.hpp"
 #include "queue_pair.hpp"
+#include "recovery.hpp"
 #include "store.hpp"
 #include "worker.hpp"
 
 namespace {
+
+using orvane::server::LEVEL_ERROR;
+using orvane::server::LEVEL_INFO;
+using orvane::server::LEVEL_WARNING;
+using orvane::server::Logger;
+using orvaned::doublePercent;
+
+constexpr int kFailed = 1;
 
 volatile std::sig_atomic_t stopRequested = 0;
 
@@ -37,20 +47,24 @@ void occupyStandardFiles() {
   close(fd);
 }
 
-void serve(const orvaned::Options& options) {
+void serve(const orvaned::Options& options, const Logger& log) {
   orvaned::checkOptions(options);
   const orvaned::Geometry& geometry = options.geometry;
-  orvaned::Store store(options.store, options.queue);
+  orvaned::Store store(options.store, options.queue, options.sync);
   orvaned::QueuePair queues(options.queue, geometry);
+  orvaned::recoverStreams(options.store, options.queue, options.sync);
   orvaned::Worker worker(options.queue, queues, store);
   if (geometry.messageSize < tool::messageSizeFor(1)) {
-    WarningA(0, "--message-size %zu is less than %zu: a record of the largest size cannot pass",
-             geometry.messageSize, tool::messageSizeFor(1));
+    log.log(LEVEL_WARNING, __func__, 0,
+            "--message-size %zu is less than %zu: a record of the largest size cannot pass",
+            geometry.messageSize, tool::messageSizeFor(1));
   }
-  InfoA(0, "serving queue %s (%zu messages of %zu bytes), storing into %s", options.queue.c_str(),
-        geometry.messages, geometry.messageSize, options.store.c_str());
+  const std::string queue = doublePercent(options.queue);
+  log.log(LEVEL_INFO, __func__, 0, "serving queue %s (%zu messages of %zu bytes), storing into %s",
+          queue.c_str(), geometry.messages, geometry.messageSize,
+          doublePercent(options.store).c_str());
   worker.run(stopRequested);
-  InfoA(0, "stopped serving queue %s", options.queue.c_str());
+  log.log(LEVEL_INFO, __func__, 0, "stopped serving queue %s", queue.c_str());
 }
 
 }  // namespace
@@ -62,11 +76,13 @@ int main(int argc, char** argv) {
   }
   occupyStandardFiles();
   installSignalHandlers();
+  orvaned::startLog(options.logLevel, options.trace);
+  const Logger log("orvaned");
   try {
-    serve(options);
+    serve(options, log);
     return 0;
   } catch (const std::exception& e) {
-    ErrorA(1, "%s", e.what());
-    return 1;
+    log.log(LEVEL_ERROR, __func__, kFailed, "%s", doublePercent(e.what()).c_str());
+    return kFailed;
   }
 }

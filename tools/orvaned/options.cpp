@@ -5,6 +5,7 @@
 #include <orvane/orvane.hpp>
 #include <stdexcept>
 
+#include "log.hpp"
 #include "server_status.hpp"
 
 namespace orvaned {
@@ -23,7 +24,15 @@ std::string footer() {
       "Each stream becomes a folder of the store, QUEUE-ID: a file for each segment with data, "
       "and\n"
       "a manifest that lists them and says how the stream ended. Records that belong to no stream\n"
-      "are kept in QUEUE-outside-records.\n"
+      "are kept in QUEUE-outside-records. What a server that was killed left unfinished is "
+      "checked\n"
+      "and finished at the next start with the same queue and store.\n"
+      "\n"
+      "What is stored is on the disk itself, and survives a power cut, with --sync\n"
+      "  always   before its batch is answered\n"
+      "  segment  at the end of each segment and each stream\n"
+      "  none     when the system sees fit\n"
+      "A killed server loses nothing that was answered, with any of them.\n"
       "\n"
       "Answers to a producer, besides 0 for success:\n";
   for (const StatusMeaning& status : kStatusMeanings) {
@@ -32,6 +41,11 @@ std::string footer() {
   }
   return text +
          "\n"
+         "Log lines go to standard error: TIME KIND CODE COMPONENT::FUNCTION: MESSAGE. TIME is\n"
+         "UTC, to the millisecond. KIND is info, auth, warning or error, of which --log-level\n"
+         "drops those before the one it names; --trace adds trace, enter and leave. CODE is 0\n"
+         "unless something failed.\n"
+         "\n"
          "Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed; 2 wrong "
          "usage.";
 }
@@ -39,6 +53,10 @@ std::string footer() {
 std::string checkMessageSize(const std::string& text) {
   const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
   return digits ? "" : "must be a number of bytes";
+}
+
+std::string checkLevel(const std::string& text) {
+  return levelNamed(text) ? "" : "must be info, auth, warning or error";
 }
 
 std::string checkMode(const std::string& text) {
@@ -51,11 +69,27 @@ std::string checkMode(const std::string& text) {
   return "";
 }
 
+std::optional<Sync> syncNamed(const std::string& text) {
+  if (text == "always") {
+    return Sync::always;
+  }
+  if (text == "segment") {
+    return Sync::segment;
+  }
+  return text == "none" ? std::optional(Sync::none) : std::nullopt;
+}
+
+std::string checkSync(const std::string& text) {
+  return syncNamed(text) ? "" : "must be always, segment or none";
+}
+
 }  // namespace
 
 std::optional<int> parseOptions(int argc, const char* const* argv, Options& options) {
   Geometry& geometry = options.geometry;
   std::string mode = "0600";
+  std::string sync = "segment";
+  std::string level = "info";
   CLI::App app(kDescription, "orvaned");
   app.footer(footer());
   app.set_version_flag("--version", "orvaned " ORVANE_VERSION);
@@ -73,6 +107,13 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.add_option("--mode", mode, "Who may use the queue, as chmod's octal number")
       ->check(checkMode)
       ->capture_default_str();
+  app.add_option("--sync", sync, "What survives a power cut: always, segment or none (see below)")
+      ->check(checkSync)
+      ->capture_default_str();
+  app.add_option("--log-level", level, "Lowest level to log: info, auth, warning or error")
+      ->check(checkLevel)
+      ->capture_default_str();
+  app.add_flag("--trace", options.trace, "Log each batch and each answer too");
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
@@ -82,6 +123,8 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
     return kUsageError;
   }
   geometry.mode = static_cast<mode_t>(std::stoul(mode, nullptr, 8));
+  options.sync = *syncNamed(sync);
+  options.logLevel = *levelNamed(level);
   return std::nullopt;
 }
 

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <optional>
+#include <orvane/orvane.hpp>
 #include <string>
 
 #include "common/queue_rules.hpp"
+#include "output_file.hpp"
 #include "queue_pair.hpp"
 
 namespace orvaned {
@@ -14,13 +16,15 @@ struct Options {
   // Eight messages of four of the largest records: about 4 MiB, which is where throughput peaks.
   // Fewer starve a producer that flushes each record; more fall out of the processor's cache.
   Geometry geometry{8, tool::messageSizeFor(4), 0600};
+  Sync sync = Sync::segment;
+  ox::Kind logLevel = ox::Kind::info;
+  bool trace = false;
 };
 
 constexpr int kUsageError = 2;
 
 // Reads the command line. Returns what the program is to exit with, when it is to end at once:
-// after
-// --help and --version (on standard output), or after an error (one line on standard error).
+// after --help and --version (on standard output), or an error (one line on standard error).
 std::optional<int> parseOptions(int argc, const char* const* argv, Options& options);
 
 // Throws std::invalid_argument when no queue pair can be made of the options.

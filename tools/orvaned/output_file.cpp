@@ -1,14 +1,18 @@
 #include "output_file.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <orvane/orvane.hpp>
 #include <system_error>
 #include <utility>
 
+#include "checksum.hpp"
+#include "log.hpp"
 #include "server_status.hpp"
 
 namespace orvaned {
@@ -17,6 +21,10 @@ namespace {
 // Small records share a write; one of this size or more is written from where it lies.
 constexpr std::size_t kBufferSize = 32768;
 
+std::string folderOf(const std::string& path) {
+  return std::filesystem::path(path).parent_path().string();
+}
+
 }  // namespace
 
 void throwStoreFailed(int error, const std::string& action, const std::string& path) {
@@ -24,7 +32,19 @@ void throwStoreFailed(int error, const std::string& action, const std::string& p
       kStoreFailed, std::generic_category().message(error) + ": cannot " + action + " " + path, "");
 }
 
-OutputFile::OutputFile(std::string filePath) : path(std::move(filePath)) {}
+void syncFolder(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int error = fd < 0 || ::fsync(fd) != 0 ? errno : 0;
+  if (fd >= 0) {
+    ::close(fd);
+  }
+  if (error != 0) {
+    throwStoreFailed(error, "sync", path);
+  }
+}
+
+OutputFile::OutputFile(std::string filePath, Sync syncMode)
+    : path(std::move(filePath)), sync(syncMode) {}
 
 OutputFile::~OutputFile() {
   if (fd >= 0) {
@@ -34,10 +54,10 @@ OutputFile::~OutputFile() {
 
 void OutputFile::append(Bytes head, Bytes data) {
   if (head.size() + data.size() >= kBufferSize) {
-    flush();
+    writeBuffer();
     write(head);
     write(data);
-    commit(1, head.size() + data.size());
+    commit(1, head, data);
     return;
   }
   buffer.reserve(2 * kBufferSize);
@@ -45,19 +65,32 @@ void OutputFile::append(Bytes head, Bytes data) {
   buffer.insert(buffer.end(), data.begin(), data.end());
   ++bufferedRecords;
   if (buffer.size() >= kBufferSize) {
-    flush();
+    writeBuffer();
   }
 }
 
 void OutputFile::flush() {
-  write(buffer);
-  commit(bufferedRecords, buffer.size());
-  buffer.clear();
-  bufferedRecords = 0;
+  writeBuffer();
+  requireName();
+  if (sync == Sync::always) {
+    syncData();
+    if (created && !nameSynced) {
+      syncFolder(folderOf(path));
+      nameSynced = true;
+    }
+  }
 }
 
+void OutputFile::settle() {
+  writeBuffer();
+  if (sync != Sync::none) {
+    syncData();
+  }
+}
+
+// The data is on the disk before the name says so, and the name before anybody is told.
 void OutputFile::finish(const std::string& finalPath) {
-  flush();
+  settle();
   if (!created) {
     return;
   }
@@ -67,6 +100,25 @@ void OutputFile::finish(const std::string& finalPath) {
   if (std::rename(path.c_str(), finalPath.c_str()) != 0) {
     throwStoreFailed(errno, "rename", path);
   }
+  if (sync != Sync::none) {
+    syncFolder(folderOf(finalPath));
+  }
+}
+
+void OutputFile::resume(std::uint64_t size) {
+  create();
+  end = static_cast<off_t>(size);
+  if (::ftruncate(fd, end) != 0) {
+    throwStoreFailed(errno, "write", path);
+  }
+  dataSynced = false;  // whoever wrote it may not have come to that
+}
+
+void OutputFile::writeBuffer() {
+  write(buffer);
+  commit(bufferedRecords, {}, buffer);
+  buffer.clear();
+  bufferedRecords = 0;
 }
 
 void OutputFile::write(Bytes bytes) {
@@ -81,7 +133,10 @@ void OutputFile::write(Bytes bytes) {
     if (written < 0) {
       const int error = errno;
       if (::ftruncate(fd, end) != 0) {
-        ErrorA(errno, "cannot take half a record back from %s", path.c_str());
+        const int truncateError = errno;
+        const orvane::server::Logger log("store");
+        log.log(orvane::server::LEVEL_ERROR, __func__, truncateError,
+                "cannot take half a record back from %s", doublePercent(path).c_str());
       }
       throwStoreFailed(error, "write", path);
     }
@@ -89,10 +144,13 @@ void OutputFile::write(Bytes bytes) {
   }
 }
 
-void OutputFile::commit(std::uint64_t recordCount, std::uint64_t byteCount) {
+void OutputFile::commit(std::uint64_t recordCount, Bytes head, Bytes data) {
+  const std::uint64_t byteCount = head.size() + data.size();
   writtenRecords += recordCount;
   writtenBytes += byteCount;
+  writtenChecksum = checksumOf(data, checksumOf(head, writtenChecksum));
   end += static_cast<off_t>(byteCount);
+  dataSynced = dataSynced && byteCount == 0;
 }
 
 void OutputFile::create() {
@@ -102,6 +160,24 @@ void OutputFile::create() {
   }
   created = true;
   end = ::lseek(fd, 0, SEEK_END);
+}
+
+// A file without a name takes every byte, and all of them are lost when it is closed.
+void OutputFile::requireName() const {
+  struct stat status = {};
+  if (fd >= 0 && ::fstat(fd, &status) == 0 && status.st_nlink == 0) {
+    throwStoreFailed(ENOENT, "write", path);
+  }
+}
+
+void OutputFile::syncData() {
+  if (dataSynced) {
+    return;
+  }
+  if (::fdatasync(fd) != 0) {
+    throwStoreFailed(errno, "sync", path);
+  }
+  dataSynced = true;
 }
 
 }  // namespace orvaned

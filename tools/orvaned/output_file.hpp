@@ -9,6 +9,13 @@
 
 namespace orvaned {
 
+// When what was written is brought onto the disk itself, where it survives a power cut.
+enum class Sync {
+  always,   // at each flush: before a batch is answered
+  segment,  // at the end of each segment and each stream
+  none      // when the system sees fit
+};
+
 // A file that records are appended to, through a buffer. It is created with its first byte, and it
 // holds whole records only: a write that fails is undone.
 // Throws Ox_ErrnoException (kStoreFailed), naming the cause and the path.
@@ -16,7 +23,7 @@ class OutputFile {
  public:
   using Bytes = std::span<const unsigned char>;
 
-  explicit OutputFile(std::string path);
+  OutputFile(std::string path, Sync sync);
   ~OutputFile();  // closes the file; what is still in the buffer is lost
   OutputFile(const OutputFile&) = delete;
   OutputFile& operator=(const OutputFile&) = delete;
@@ -24,32 +31,47 @@ class OutputFile {
   // Appends one record, of which `data` may be a part that is better not copied.
   void append(Bytes head, Bytes data = {});
 
-  // Writes what is in the buffer. When that fails, it may be tried again.
+  // Writes what is in the buffer, and fails when the file was removed. May be tried again.
   void flush();
 
-  // Flushes, closes, and gives the file its final name, if there is a file. Ends its use.
+  // Writes what is in the buffer and brings the data onto the disk, unless Sync::none.
+  void settle();
+
+  // Settles, closes, and gives the file its final name, if there is a file. Ends its use.
   void finish(const std::string& finalPath);
 
-  bool exists() const { return created; }
+  // Continues a file that is there behind its first `size` bytes.
+  void resume(std::uint64_t size);
 
   // What this object has brought into the file; after a flush, all that was appended.
   std::uint64_t records() const { return writtenRecords; }
   std::uint64_t bytes() const { return writtenBytes; }
+  std::uint32_t checksum() const { return writtenChecksum; }
 
  private:
+  void writeBuffer();
   void write(Bytes bytes);
-  void commit(std::uint64_t recordCount, std::uint64_t byteCount);
+  void commit(std::uint64_t recordCount, Bytes head, Bytes data);
   void create();
+  void requireName() const;
+  void syncData();
 
   const std::string path;
+  const Sync sync;
   int fd = -1;
   bool created = false;
+  bool nameSynced = false;
+  bool dataSynced = true;
   off_t end = 0;  // of the last whole record in the file
   std::vector<unsigned char> buffer;
   std::uint64_t bufferedRecords = 0;
   std::uint64_t writtenRecords = 0;
   std::uint64_t writtenBytes = 0;
+  std::uint32_t writtenChecksum = 0;
 };
+
+// Brings the names in a folder onto the disk.
+void syncFolder(const std::string& path);
 
 // Throws Ox_ErrnoException (kStoreFailed) with the text of `error`, an errno value: the cause
 // first, because an answer has room for 127 characters and a path may be long.

@@ -13,7 +13,7 @@
 namespace orvaned {
 namespace {
 
-// No other run of a server has it: start time and process together do not come again.
+// An id is unique only within its process; start time and process together do not come again.
 std::string makeIdPrefix() {
   const std::time_t now = std::time(nullptr);
   std::tm utc = {};
@@ -36,8 +36,11 @@ void checkWritable(const std::string& directory) {
 
 }  // namespace
 
-Store::Store(std::string storeDirectory, std::string queueName)
-    : directory(std::move(storeDirectory)), queue(std::move(queueName)), idPrefix(makeIdPrefix()) {
+Store::Store(std::string storeDirectory, std::string queueName, Sync syncMode)
+    : directory(std::move(storeDirectory)),
+      queue(std::move(queueName)),
+      sync(syncMode),
+      idPrefix(makeIdPrefix()) {
   checkWritable(directory);
 }
 
@@ -46,7 +49,10 @@ std::unique_ptr<StreamFolder> Store::createStream() {
     const std::string id = nextStreamId();
     const std::string path = directory + "/" + queue + "-" + id;
     if (mkdir(path.c_str(), 0700) == 0) {
-      return std::make_unique<StreamFolder>(path, queue, id);
+      if (sync != Sync::none) {
+        syncFolder(directory);
+      }
+      return std::make_unique<StreamFolder>(path, queue, id, sync);
     }
     if (errno != EEXIST) {
       throwStoreFailed(errno, "create", path);
@@ -56,7 +62,7 @@ std::unique_ptr<StreamFolder> Store::createStream() {
 
 void Store::storeOutside(const orvane::ShmBatch::Entry& entry) {
   if (!outside) {
-    outside = std::make_unique<OutputFile>(directory + "/" + queue + "-outside-records");
+    outside = std::make_unique<OutputFile>(directory + "/" + queue + "-outside-records", sync);
   }
   appendRecord(*outside, entry);
 }
@@ -69,7 +75,7 @@ void Store::flush() {
 }
 
 std::string Store::nextStreamId() {
-  return idPrefix + "_" + std::to_string(nextNumber++);
+  return orvane::UniqueIdGenerator::getInstance().generateId(idPrefix);
 }
 
 }  // namespace orvaned

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <orvane/orvane.hpp>
 #include <string>
@@ -16,14 +15,14 @@ class Store {
  public:
   // Throws std::runtime_error unless `directory` is a folder that the server can write to. It is
   // not created: a mistyped path would fill the wrong disk.
-  Store(std::string directory, std::string queue);
+  Store(std::string directory, std::string queue, Sync sync);
 
   // A new stream's folder. Throws Ox_ErrnoException (kStoreFailed), as the next two do.
   std::unique_ptr<StreamFolder> createStream();
 
   void storeOutside(const orvane::ShmBatch::Entry& entry);
 
-  // Hands to the system what came from outside since the last call.
+  // Hands to the system what came from outside since the last call; with Sync::always, to the disk.
   void flush();
 
  private:
@@ -31,8 +30,8 @@ class Store {
 
   const std::string directory;
   const std::string queue;
+  const Sync sync;
   const std::string idPrefix;
-  std::uint32_t nextNumber = 0;
   std::unique_ptr<OutputFile> outside;
 };
 

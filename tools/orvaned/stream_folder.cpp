@@ -1,6 +1,5 @@
 #include "stream_folder.hpp"
 
-#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -12,15 +11,6 @@ using orvane::pvk_shm_message_t;
 using orvane::ShmBatch;
 
 namespace {
-
-constexpr char kUnfinished[] = ".part";
-
-// Six digits at least, so that a listing shows the segments of all but the longest streams in
-// order.
-std::string segmentName(std::uint64_t number) {
-  const std::string digits = std::to_string(number);
-  return "segment-" + std::string(6 - std::min<std::size_t>(digits.size(), 6), '0') + digits;
-}
 
 OutputFile::Bytes dataOf(const ShmBatch::Entry& entry) {
   return {entry.data, entry.header.len};
@@ -34,8 +24,8 @@ void appendRecord(OutputFile& file, const ShmBatch::Entry& entry) {
   file.append(header, dataOf(entry));
 }
 
-StreamFolder::Segment::Segment(const std::string& folder, const pvk_shm_message_t& first)
-    : name(segmentName(first.segmentNo)), file(folder + "/" + name + kUnfinished) {
+StreamFolder::Segment::Segment(const std::string& folder, const pvk_shm_message_t& first, Sync sync)
+    : name(segmentName(first.segmentNo)), file(folder + "/" + name + kUnfinished, sync) {
   summary.number = first.segmentNo;
   summary.algorithm = first.segAlg;
   summary.parameters[0] = first.segParam1;
@@ -44,22 +34,22 @@ StreamFolder::Segment::Segment(const std::string& folder, const pvk_shm_message_
 }
 
 StreamFolder::StreamFolder(std::string folderPath, const std::string& queue,
-                           const std::string& stream)
-    : path(std::move(folderPath)), manifest(path, queue, stream), other(path + "/other-records") {
+                           const std::string& stream, Sync syncMode)
+    : path(std::move(folderPath)),
+      sync(syncMode),
+      manifest(path, sync),
+      other(path + "/" + kOtherRecords, sync) {
+  manifest.begin(queue, stream);
   summary.receipt.stream = stream;
 }
 
 void StreamFolder::storeSegmentData(const ShmBatch::Entry& entry) {
-  if (!segment) {
-    segment.emplace(path, entry.header);
-  }
+  begin(entry.header);
   segment->file.append({}, dataOf(entry));
 }
 
 void StreamFolder::endSegment(const pvk_shm_message_t& header) {
-  if (!segment) {
-    segment.emplace(path, header);
-  }
+  begin(header);
   finishSegment();
 }
 
@@ -80,7 +70,7 @@ void StreamFolder::end(const std::string& how, const std::string& reason, std::u
   summary.reason = reason;
   summary.skipped = skipped;
   try {
-    flush();
+    settle();
   } catch (const Ox_ErrnoException&) {
     if (how != tool::kBroken) {
       throw;
@@ -95,35 +85,54 @@ void StreamFolder::end(const std::string& how, const std::string& reason, std::u
   }
 }
 
+void StreamFolder::begin(const pvk_shm_message_t& first) {
+  if (!segment) {
+    segment = std::make_unique<Segment>(path, first, sync);
+  }
+}
+
+void StreamFolder::settle() {
+  if (segment) {
+    segment->file.settle();
+  }
+  other.settle();
+  manifest.flush();
+}
+
+// The manifest has its line before the file gets its final name: whoever finds that name can check
+// the content.
 void StreamFolder::finishSegment() {
-  segment->file.finish(path + "/" + segment->name);
-  list(segment->name);
+  segment->file.settle();
+  const auto ended = std::move(segment);
+  list(*ended, ended->name);
+  manifest.settle();
+  ended->file.finish(path + "/" + ended->name);
 }
 
 void StreamFolder::abandonSegment() {
-  list(segment->name + kUnfinished);
+  const auto ended = std::move(segment);
+  list(*ended, ended->name + kUnfinished);
 }
 
-// Ends the use of the segment; its file has this name.
-void StreamFolder::list(std::string fileName) {
-  SegmentSummary ended = segment->summary;
-  ended.records = segment->file.records();
-  ended.bytes = segment->file.bytes();
-  segment.reset();
-  if (ended.bytes > 0) {
-    ended.file = std::move(fileName);
-    ++summary.receipt.segments;
+void StreamFolder::list(const Segment& ended, std::string fileName) {
+  SegmentSummary line = ended.summary;
+  line.records = ended.file.records();
+  line.bytes = ended.file.bytes();
+  line.checksum = ended.file.checksum();
+  if (line.bytes > 0) {
+    line.file = std::move(fileName);
   }
-  summary.receipt.records += ended.records;
-  summary.receipt.bytes += ended.bytes;
-  manifest.add(ended);
+  count(summary.receipt, line);
+  manifest.add(line);
 }
 
 void StreamFolder::finishManifest() {
-  summary.otherRecords = other.records();
-  summary.otherBytes = other.bytes() - other.records() * pvk_shm_message_t::getSerializedSize();
-  summary.receipt.records += summary.otherRecords;
-  summary.receipt.bytes += summary.otherBytes;
+  OtherRecords& others = summary.others;
+  others.records = other.records();
+  others.bytes = other.bytes() - other.records() * pvk_shm_message_t::getSerializedSize();
+  others.checksum = other.checksum();
+  summary.receipt.records += others.records;
+  summary.receipt.bytes += others.bytes;
   manifest.finish(summary);
 }
 

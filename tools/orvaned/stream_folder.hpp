@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <memory>
 #include <orvane/orvane.hpp>
 #include <string>
 
@@ -19,41 +19,46 @@ namespace orvaned {
 // the stream can then only be ended as broken.
 class StreamFolder {
  public:
-  StreamFolder(std::string path, const std::string& queue, const std::string& stream);
+  StreamFolder(std::string path, const std::string& queue, const std::string& stream, Sync sync);
 
   void storeSegmentData(const orvane::ShmBatch::Entry& entry);
   void endSegment(const orvane::pvk_shm_message_t& header);
   void storeOther(const orvane::ShmBatch::Entry& entry);
 
-  // Hands to the system what was stored so far.
+  // Hands to the system what was stored so far; with Sync::always, to the disk.
   void flush();
 
   // Ends the stream as one of common/receipt.hpp's words says. A closed stream ends its last
   // segment too; in all others that segment stays marked as unfinished.
   void end(const std::string& how, const std::string& reason, std::uint64_t skipped);
 
+  const std::string& stream() const { return summary.receipt.stream; }
+
   // What was stored. After end().
   const tool::Receipt& receipt() const { return summary.receipt; }
 
  private:
   struct Segment {
-    Segment(const std::string& folder, const orvane::pvk_shm_message_t& first);
+    Segment(const std::string& folder, const orvane::pvk_shm_message_t& first, Sync sync);
 
     SegmentSummary summary;
     std::string name;
     OutputFile file;
   };
 
+  void begin(const orvane::pvk_shm_message_t& first);
+  void settle();
   void finishSegment();
   void abandonSegment();
-  void list(std::string fileName);
+  void list(const Segment& ended, std::string fileName);
   void finishManifest();
 
   const std::string path;
+  const Sync sync;
   Manifest manifest;
   bool manifestTried = false;
   OutputFile other;
-  std::optional<Segment> segment;
+  std::unique_ptr<Segment> segment;
   StreamSummary summary;  // of what has ended so far
 };
 

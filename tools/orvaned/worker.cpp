@@ -6,19 +6,25 @@
 #include <utility>
 
 #include "common/receipt.hpp"
+#include "log.hpp"
 #include "server_status.hpp"
 
 namespace orvaned {
 
 using boost::interprocess::interprocess_exception;
 using orvane::pvk_shm_response_t;
+using orvane::server::LEVEL_ERROR;
+using orvane::server::LEVEL_INFO;
 
 std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
 }
 
 Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore)
-    : queueName(std::move(name)), queues(queuePair), store(streamStore) {}
+    : queueName(std::move(name)),
+      loggedName(doublePercent(queueName)),
+      queues(queuePair),
+      store(streamStore) {}
 
 void Worker::run(const volatile std::sig_atomic_t& stopRequested) {
   try {
@@ -47,7 +53,10 @@ bool Worker::runOnce() {
   }
   batchError.reset();
   takeBatch(*message);
-  queues.answer(answer());
+  const pvk_shm_response_t response = answer();
+  queues.answer(response);
+  log.logTrace(__func__, "queue %s: answered %d \"%s\"", loggedName.c_str(), response.status,
+               doublePercent(response.text).c_str());
   return true;
 }
 
@@ -61,11 +70,14 @@ void Worker::finish() {
 
 void Worker::takeBatch(std::span<const unsigned char> message) {
   try {
-    for (const Entry& entry : orvane::BatchView(message.data(), message.size())) {
+    const orvane::BatchView batch(message.data(), message.size());
+    log.logTrace(__func__, "queue %s: a batch of %zu records, %zu bytes", loggedName.c_str(),
+                 batch.size(), message.size());
+    for (const Entry& entry : batch) {
       take(entry);
     }
   } catch (const Ox_ErrnoException& e) {
-    fail(Ox_ErrnoException(kBadBatch, e.message(), ""));
+    fail(__func__, Ox_ErrnoException(kBadBatch, e.message(), ""));
   }
   flush();
 }
@@ -83,7 +95,7 @@ void Worker::take(const Entry& entry) {
         return storeRecord(entry);
     }
   } catch (const Ox_ErrnoException& e) {
-    fail(e);
+    fail(__func__, e);
   }
 }
 
@@ -104,6 +116,8 @@ void Worker::open(const Header& header) {
     broken = e;
     throw;
   }
+  log.log(LEVEL_INFO, __func__, 0, "queue %s: stream %s begins", loggedName.c_str(),
+          stream->folder->stream().c_str());
 }
 
 void Worker::close(const Header& header, const char* how) {
@@ -145,12 +159,12 @@ void Worker::flush() {
       stream->folder->flush();
     }
   } catch (const Ox_ErrnoException& e) {
-    fail(e);
+    fail(__func__, e);
   }
   try {
     store.flush();
   } catch (const Ox_ErrnoException& e) {
-    report(e);
+    report(__func__, e);
   }
 }
 
@@ -170,13 +184,18 @@ void Worker::note(const Ox_ErrnoException& error) {
   }
 }
 
-void Worker::report(const Ox_ErrnoException& error) {
-  ErrorA(error.status(), "queue %s: %s", queueName.c_str(), error.what());
+void Worker::logError(const char* function, const Ox_ErrnoException& error) const {
+  log.log(LEVEL_ERROR, function, error.status(), "queue %s: %s", loggedName.c_str(),
+          doublePercent(error.what()).c_str());
+}
+
+void Worker::report(const char* function, const Ox_ErrnoException& error) {
+  logError(function, error);
   note(error);
 }
 
-void Worker::fail(const Ox_ErrnoException& error) {
-  report(error);
+void Worker::fail(const char* function, const Ox_ErrnoException& error) {
+  report(function, error);
   if (stream) {
     abandonStream(tool::kBroken, error.message());
     broken = error;
@@ -185,7 +204,7 @@ void Worker::fail(const Ox_ErrnoException& error) {
 
 void Worker::endStream(const char* how, const std::string& reason) {
   stream->folder->end(how, reason, stream->state.skipped());
-  forgetStream();
+  concludeStream();
 }
 
 // Ends the stream, if there is one, where nobody asked for it: what fails then is only logged.
@@ -196,14 +215,14 @@ void Worker::abandonStream(const char* how, const std::string& reason) {
   try {
     endStream(how, reason);
   } catch (const Ox_ErrnoException& e) {
-    ErrorA(e.status(), "queue %s: %s", queueName.c_str(), e.what());
-    forgetStream();
+    logError(__func__, e);
+    concludeStream();
   }
 }
 
-void Worker::forgetStream() {
+void Worker::concludeStream() {
   lastReceipt = textOf(stream->folder->receipt());
-  InfoA(0, "queue %s: %s", queueName.c_str(), lastReceipt.c_str());
+  log.log(LEVEL_INFO, __func__, 0, "queue %s: %s", loggedName.c_str(), lastReceipt.c_str());
   stream.reset();
 }
 

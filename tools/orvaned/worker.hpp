@@ -76,15 +76,18 @@ class Worker {
   orvane::pvk_shm_response_t answer() const;
 
   void note(const Ox_ErrnoException& error);
-  void report(const Ox_ErrnoException& error);
-  void fail(const Ox_ErrnoException& error);
+  void logError(const char* function, const Ox_ErrnoException& error) const;
+  void report(const char* function, const Ox_ErrnoException& error);
+  void fail(const char* function, const Ox_ErrnoException& error);
   void endStream(const char* how, const std::string& reason);
   void abandonStream(const char* how, const std::string& reason);
-  void forgetStream();
+  void concludeStream();
   void farewell(const std::string& reason);
   [[noreturn]] void giveUp(const std::string& reason);
 
+  const orvane::server::Logger log{"worker"};
   const std::string queueName;
+  const std::string loggedName;  // of the queue, fit for a line of the log
   QueuePair& queues;
   Store& store;
   std::optional<Stream> stream;
