@@ -55,6 +55,18 @@ TEST_F(RefusalTest, AMessageThatIsNoBatchIsAnsweredAndLoggedOnce) {
   EXPECT_EQ(served.log(), expected);
 }
 
+TEST_F(RefusalTest, BadBatchesAreCounted) {
+  served.ask(bytesOf("rubbish!"));
+  served.ask({kOpen, kClose});
+  served.ask(bytesOf("rubbish!"));
+  served.log();
+  served.worker().finish();
+  const std::vector<Line> expected = {{ox::Kind::warning, 1000,
+                                       "worker::finish: queue QUEUE: 2 bad batches were refused in "
+                                       "all"}};
+  EXPECT_EQ(served.log(), expected);
+}
+
 TEST_F(RefusalTest, ABadBatchIsRefusedWhole) {
   served.ask({kOpen});
   // The second record's magic word is damaged; the first is good.

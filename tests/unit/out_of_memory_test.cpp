@@ -18,9 +18,10 @@
 
 namespace {
 
-constexpr std::size_t kPlenty = 1000;  // so much is always there
+std::size_t plenty = 1000;  // so much is there even when memory is short
 bool memoryIsShort = false;
 int allocations = 0;
+bool sevenBytesWereAsked = false;
 
 }  // namespace
 
@@ -31,7 +32,8 @@ int allocations = 0;
 
 void* operator new(std::size_t size) {
   ++allocations;
-  void* const memory = memoryIsShort && size > kPlenty ? nullptr : std::malloc(size);
+  sevenBytesWereAsked = sevenBytesWereAsked || size == 7;
+  void* const memory = memoryIsShort && size > plenty ? nullptr : std::malloc(size);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
@@ -92,6 +94,20 @@ TEST_F(OutOfMemory, BatchIsNotMade) {
   memoryIsShort = true;
   EXPECT_THROW(ShmBatch batch(4096), std::bad_alloc);
   memoryIsShort = false;
+}
+
+TEST_F(OutOfMemory, BatchThatIsTooSmallAsksForNone) {
+  sevenBytesWereAsked = false;
+  EXPECT_THROW(ShmBatch batch(7), Ox_ErrnoException);
+  EXPECT_FALSE(sevenBytesWereAsked);
+}
+
+TEST_F(OutOfMemory, MessageOfAFailureIsNotCutShort) {
+  plenty = 100;
+  memoryIsShort = true;
+  EXPECT_THROW(ShmBatch::validBufferSizeAssert(4), std::bad_alloc);
+  memoryIsShort = false;
+  plenty = 1000;
 }
 
 TEST_F(OutOfMemory, IdIsNotCutShortAndItsNumberIsNotUsedUp) {

@@ -15,6 +15,7 @@ using boost::interprocess::interprocess_exception;
 using orvane::pvk_shm_response_t;
 using orvane::server::LEVEL_ERROR;
 using orvane::server::LEVEL_INFO;
+using orvane::server::LEVEL_WARNING;
 
 std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
@@ -65,6 +66,10 @@ void Worker::finish() {
     runOnce();
   }
   abandonStream(tool::kCutOff, "the server was stopped");
+  if (badBatches > 0) {
+    log.log(LEVEL_WARNING, __func__, kBadBatch, "queue %s: %lu bad batches were refused in all",
+            loggedName.c_str(), badBatches);
+  }
   farewell("the server was stopped: send again what it did not acknowledge");
 }
 
@@ -77,6 +82,7 @@ void Worker::takeBatch(std::span<const unsigned char> message) {
       take(entry);
     }
   } catch (const Ox_ErrnoException& e) {
+    ++badBatches;
     fail(__func__, Ox_ErrnoException(kBadBatch, e.message(), ""));
   }
   flush();

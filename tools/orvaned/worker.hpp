@@ -93,6 +93,7 @@ class Worker {
   std::optional<Stream> stream;
   std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
   std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand
+  std::uint64_t badBatches = 0;                 // refused since the start
   std::string lastReceipt;                      // empty while a stream is open
   Pause pause;
 };
