@@ -245,11 +245,10 @@ TEST(Step, LooksAtOnceBehindAMessageAndThenSoon) {
   EXPECT_EQ(served.worker().step(), 50us);
 }
 
-TEST(Run, EndsWhenTheFlagIsSet) {
+TEST(Run, EndsWhenItIsToStop) {
   Served served;
   served.send({kOpen, kData});
-  volatile std::sig_atomic_t stop = 1;
-  served.worker().run(stop);
+  served.worker().run([](std::chrono::microseconds) { return true; });
   EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}}));
 }
 

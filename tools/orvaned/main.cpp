@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <exception>
 #include <orvane/orvane.hpp>
@@ -24,14 +25,26 @@ using orvaned::doublePercent;
 
 constexpr int kFailed = 1;
 
-volatile std::sig_atomic_t stopRequested = 0;
+sigset_t endingSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
 
-void installSignalHandlers() {
-  struct sigaction action = {};
-  action.sa_handler = [](int) { stopRequested = 1; };
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
+// The signals that end the server are blocked, and taken where it pauses: nothing is interrupted.
+bool endingSignalWithin(std::chrono::microseconds pause) {
+  const sigset_t signals = endingSignals();
+  const timespec wait = {0, std::chrono::nanoseconds(pause).count()};
+  return sigtimedwait(&signals, nullptr, &wait) > 0;
+}
+
+void prepareSignals() {
+  const sigset_t signals = endingSignals();
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
   // A file-size limit and a closed standard error are to be errors of the call, not the end.
+  struct sigaction action = {};
   action.sa_handler = SIG_IGN;
   sigaction(SIGXFSZ, &action, nullptr);
   sigaction(SIGPIPE, &action, nullptr);
@@ -63,7 +76,7 @@ void serve(const orvaned::Options& options, const Logger& log) {
   log.log(LEVEL_INFO, __func__, 0, "serving queue %s (%zu messages of %zu bytes), storing into %s",
           queue.c_str(), geometry.messages, geometry.messageSize,
           doublePercent(options.store).c_str());
-  worker.run(stopRequested);
+  worker.run(endingSignalWithin);
   log.log(LEVEL_INFO, __func__, 0, "stopped serving queue %s", queue.c_str());
 }
 
@@ -75,7 +88,7 @@ int main(int argc, char** argv) {
     return *exitCode;
   }
   occupyStandardFiles();
-  installSignalHandlers();
+  prepareSignals();
   orvaned::startLog(options.logLevel, options.trace);
   const Logger log("orvaned");
   try {

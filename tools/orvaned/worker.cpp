@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "common/receipt.hpp"
@@ -27,10 +26,11 @@ Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore)
       queues(queuePair),
       store(streamStore) {}
 
-void Worker::run(const volatile std::sig_atomic_t& stopRequested) {
+void Worker::run(const StopWithin& stopWithin) {
   try {
-    while (stopRequested == 0) {
-      std::this_thread::sleep_for(step());
+    std::chrono::microseconds wait{0};
+    while (!stopWithin(wait)) {
+      wait = step();
     }
     finish();
   } catch (const interprocess_exception& e) {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <chrono>
-#include <csignal>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <orvane/orvane.hpp>
@@ -27,6 +27,9 @@ class Pause {
   std::chrono::microseconds length = kShortest;
 };
 
+// Waits so long, or until the server is to end; true when it is to.
+using StopWithin = std::function<bool(std::chrono::microseconds)>;
+
 // Serves one queue pair: takes its batches, stores what they carry, answers each of them once.
 //
 // A stream begins with its open record and ends with close or stop. What refuses a record of it
@@ -50,10 +53,10 @@ class Worker {
   // The same; returns how long to wait before the next look.
   std::chrono::microseconds step();
 
-  // Takes batches until the flag is set, then ends as finish() does. When the queues fail, ends the
+  // Takes batches until it is to stop, then ends as finish() does. When the queues fail, ends the
   // open stream as broken, tells the producer if that is still possible, and throws
   // std::runtime_error.
-  void run(const volatile std::sig_atomic_t& stopRequested);
+  void run(const StopWithin& stopWithin);
 
   // Takes what waits in the send queue now, cuts an open stream off, posts a farewell.
   void finish();
