@@ -29,8 +29,9 @@ Server::Server(const std::vector<std::string>& options, const Surroundings& arou
 }
 
 Server::~Server() {
-  server.signal(SIGTERM);
+  // In this order: a SIGCONT would undo the SIGSTOP with which the leak check at the end begins.
   server.signal(SIGCONT);
+  server.signal(SIGTERM);
   server.wait();
   for (const std::string& name : sharedMemoryNamed(queueName)) {
     std::filesystem::remove("/dev/shm/" + name);
