@@ -102,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   static Server server;
   FuzzedDataProvider input(data, size);
   {
-    orvaned::Store store(server.folder.string(), server.name);
+    orvaned::Store store(server.folder.string(), server.name, orvaned::Sync::none);
     orvaned::Worker worker(server.name, server.queues, store);
     while (input.remaining_bytes() > 0) {
       const std::vector<unsigned char> message = someMessage(input);
@@ -117,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         REQUIRE(answer.status >= orvaned::kBadBatch);
       }
     }
-    worker.finish();
+    worker.finish({"the server was stopped", "the server was stopped"});
     REQUIRE(takeAnswer(server).status == orvaned::kServerEnding);
   }
   for (const auto& entry : std::filesystem::directory_iterator(server.folder)) {

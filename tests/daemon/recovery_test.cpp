@@ -59,7 +59,12 @@ class RecoveryTest : public testing::Test {
   void file(const std::string& name, const std::string& content) {
     writeFile(folder + "/" + name, content);
   }
-  void recover() { orvaned::recoverStreams(store.path(), "q", Sync::segment); }
+  void recover() {
+    orvaned::recoverStreams(
+        orvaned::findUnfinished(store.path(),
+                                [](const auto& stream) { return stream.queue == "q"; }),
+        Sync::segment);
+  }
 
   std::string manifest() const { return readFile(folder + "/manifest"); }
   Names files() const { return namesIn(folder); }

@@ -27,6 +27,7 @@ std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
 // The last answer of a server that is stopped.
 constexpr char kFarewell[] = "the server was stopped: send again what it did not acknowledge";
+inline const orvaned::Ending kStopped = {"the server was stopped", kFarewell};
 
 // Takes the answers that wait, in the order in which a producer would.
 std::vector<Answer> takeAnswers(boost::interprocess::message_queue& responseQueue);

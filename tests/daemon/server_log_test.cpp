@@ -51,7 +51,8 @@ class ServerLogTest : public testing::Test {
            store + "\n";
   }
   std::string stopped() const {
-    return "TIME info 0 orvaned::serve: stopped serving queue " + name + "\n";
+    return "TIME info 0 orvaned::serve: stopped serving queue " + name +
+           ": the server was stopped\n";
   }
   // The one stored stream's id.
   std::string streamId() const { return namesIn(store).at(0).substr(name.size() + 1); }

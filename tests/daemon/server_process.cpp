@@ -9,6 +9,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <stdexcept>
 
@@ -22,6 +24,7 @@ constexpr int kPatienceMilliseconds = 30000;
 
 [[noreturn]] void become(const std::vector<std::string>& arguments, int output,
                          const ServerProcess::Setup& setup) {
+  setpgid(0, 0);
   std::vector<char*> argv = {const_cast<char*>("orvaned")};
   for (const std::string& argument : arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));
@@ -55,29 +58,58 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments, const Se
   if (pid == 0) {
     become(arguments, ends[1], setup);
   }
+  setpgid(pid, pid);  // here too: whoever is first
   close(ends[1]);
   fd = ends[0];
 }
 
 ServerProcess::~ServerProcess() {
   if (pid > 0) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    endInOrder();
   }
   closeOutput();
 }
 
-bool ServerProcess::isServing() {
-  while (text.find("serving queue ") == std::string::npos) {
+bool ServerProcess::says(const std::string& words, int times) {
+  for (;;) {
+    int found = 0;
+    for (std::size_t at = 0; (at = text.find(words, at)) != std::string::npos; ++at) {
+      ++found;
+    }
+    if (found >= times) {
+      return true;
+    }
     if (!read()) {
       return false;
     }
   }
-  return true;
 }
 
 void ServerProcess::signal(int number) const {
   kill(pid, number);
+}
+
+// A server that is killed leaves its lock files.
+void ServerProcess::endInOrder() const {
+  kill(-pid, SIGCONT);
+  kill(pid, SIGTERM);
+  const std::time_t deadline = std::time(nullptr) + kPatienceMilliseconds / 1000;
+  while (waitpid(pid, nullptr, WNOHANG) == 0) {
+    if (std::time(nullptr) > deadline) {
+      killAll();
+    }
+    sched_yield();
+  }
+}
+
+void ServerProcess::killAll() const {
+  kill(-pid, SIGKILL);
+}
+
+std::vector<pid_t> ServerProcess::children() const {
+  const std::string process = std::to_string(pid);
+  std::ifstream list("/proc/" + process + "/task/" + process + "/children");
+  return {std::istream_iterator<pid_t>(list), {}};
 }
 
 void ServerProcess::waitUntilStopped() const {

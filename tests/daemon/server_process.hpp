@@ -11,7 +11,7 @@
 
 namespace orvane::test {
 
-// The real server as a child process. Killed at the end if it still runs.
+// The real server as a child process. Told to end at the end, if it still runs.
 class ServerProcess {
  public:
   struct Setup {
@@ -27,9 +27,21 @@ class ServerProcess {
   ServerProcess& operator=(const ServerProcess&) = delete;
 
   // Waits for the line that says that it serves; false when it ended before.
-  bool isServing();
+  bool isServing() { return says("serving queue "); }
 
+  // Waits until it has said this so often.
+  bool says(const std::string& words, int times = 1);
+
+  // To the process that was started, which has others work for it.
   void signal(int number) const;
+
+  // All of them at once.
+  void killAll() const;
+
+  pid_t process() const { return pid; }
+
+  // The processes that work for it now, oldest first.
+  std::vector<pid_t> children() const;
 
   // Waits until it is stopped, by SIGSTOP.
   void waitUntilStopped() const;
@@ -50,6 +62,7 @@ class ServerProcess {
 
  private:
   bool read();
+  void endInOrder() const;
 
   pid_t pid = -1;
   int fd = -1;

@@ -2,18 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <filesystem>
 
-#include "queue/message_queue.hpp"
 #include "server_process.hpp"
 #include "support/queue_pair.hpp"
 #include "temp_folder.hpp"
 
 namespace {
 
-using boost::interprocess::create_only;
-using boost::interprocess::message_queue;
 using orvane::test::namesIn;
 using orvane::test::QueueName;
 using orvane::test::ServerProcess;
@@ -64,17 +63,17 @@ TEST_F(ServerStartTest, DoesNotWarnWhenTheLargestRecordJustPasses) {
   EXPECT_EQ(server.output().find("warning"), std::string::npos);
 }
 
-TEST_F(ServerStartTest, RefusesANameInUse) {
-  const QueueName stranger(name + "_taken");
-  const QueueName strangersResponse(stranger.text() + "Response");
-  const message_queue queue(create_only, stranger.text().c_str(), 1, 1);
-  ServerProcess server({"--queue", stranger.text(), "--store", folder.path()});
+TEST_F(ServerStartTest, RefusesANameThatSomethingElseHas) {
+  const std::string path = "/dev/shm/" + name + "Response";
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  ServerProcess server({"--queue", name, "--store", folder.path()});
   EXPECT_EQ(server.wait(), 1);
-  EXPECT_EQ(server.output(), "TIME error 1 orvaned::main: the queue " + stranger.text() +
-                                 " is in use: take another name, or remove /dev/shm/" +
-                                 stranger.text() + " if its server is gone\n");
-  EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + stranger.text()));
-  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + strangersResponse.text()));
+  EXPECT_EQ(server.output(), "TIME error 1 orvaned::main: " + path +
+                                 " is in the way: it is no queue: remove it, or take another "
+                                 "name\n");
+  EXPECT_TRUE(std::filesystem::is_fifo(path));
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name));
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/." + name + ".lock"));
 }
 
 TEST_F(ServerStartTest, ASecondServerLeavesTheFirstAlone) {
@@ -82,6 +81,10 @@ TEST_F(ServerStartTest, ASecondServerLeavesTheFirstAlone) {
   ASSERT_TRUE(first.isServing());
   ServerProcess second({"--queue", name, "--store", folder.path()});
   EXPECT_EQ(second.wait(), 1);
+  const std::string begin = "TIME error 1 orvaned::main: another orvaned, process ";
+  const std::string end = ", holds /dev/shm/." + name + ".lock\n";
+  EXPECT_EQ(second.output().substr(0, begin.size()), begin);
+  EXPECT_TRUE(second.output().ends_with(end)) << second.output();
   EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + name));
   EXPECT_TRUE(std::filesystem::exists("/dev/shm/" + name + "Response"));
 }
@@ -128,7 +131,7 @@ TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
                         "--message-size", "1073741824"});
   EXPECT_EQ(server.wait(), 1);
   const std::string start =
-      "TIME error 1 orvaned::main: the queues need 4398047265504 bytes of /dev/shm, which has ";
+      "TIME error 1 orvaned::serve: the queues need 4398047265504 bytes of /dev/shm, which has ";
   EXPECT_EQ(server.output().substr(0, start.size()), start);
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name));
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name + "Response"));
@@ -136,7 +139,8 @@ TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
 
 TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
   const std::string hint = " (orvaned --help shows the usage)\n";
-  expectEnd({}, 2, "orvaned: --queue is required" + hint);
+  expectEnd({}, 2, "orvaned: --store is required" + hint);
+  expectEnd({"--store", folder.path()}, 2, "orvaned: --queue or --socket is required" + hint);
   expectEnd({"--queue", name}, 2, "orvaned: --store is required" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--messages", "0"}, 2,
             "orvaned: --messages: Value 0 not in range 1 to 4096" + hint);
@@ -150,6 +154,10 @@ TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
             "orvaned: --log-level: must be info, auth, warning or error" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--sync", "off"}, 2,
             "orvaned: --sync: must be always, segment or none" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--pairs-per-user", "0"}, 2,
+            "orvaned: --pairs-per-user: Value 0 not in range 1 to 4096" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--idle-limit", "86401"}, 2,
+            "orvaned: --idle-limit: Value 86401 not in range 0 to 86400" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "more"}, 2,
             "orvaned: The following argument was not expected: more" + hint);
 }
@@ -188,6 +196,15 @@ TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
                            "1002  unlawful record: ",
                            "1003  store failed: ",
                            "1004  server ending: ",
+                           "1005  limit reached: ",
+                           "1006  no pair: ",
+                           "1007  bad request: ",
+                           "1008  worker died: ",
+                           "--socket",
+                           "--pairs-per-user",
+                           "=16",
+                           "--shm-limit",
+                           "--idle-limit",
                            "Exit codes: "}) {
     EXPECT_NE(server.output().find(word), std::string::npos) << word;
   }

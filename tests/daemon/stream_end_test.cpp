@@ -11,6 +11,7 @@ using orvane::test::Answer;
 using orvane::test::bytesOf;
 using orvane::test::hex;
 using orvane::test::kFarewell;
+using orvane::test::kStopped;
 using orvane::test::Record;
 using orvane::test::Served;
 
@@ -176,14 +177,14 @@ TEST_F(StreamEndTest, FinishingTakesWhatIsQueuedAndCutsTheStreamOff) {
   served.send({kOpen});
   served.send({kData});
   served.send({kMoreData});
-  served.worker().finish();
+  served.worker().finish(kStopped);
   EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}, {0, ""}, {0, ""}}));
   EXPECT_EQ(served.file(0, "segment-000000.part"), "datamore");
   EXPECT_EQ(endOf(0), "end=cut-off\nreason=the server was stopped\n");
 }
 
 TEST_F(StreamEndTest, FinishingWithoutAStreamSaysFarewellToo) {
-  served.worker().finish();
+  served.worker().finish(kStopped);
   EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}}));
 }
 

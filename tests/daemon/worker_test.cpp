@@ -14,6 +14,7 @@ using orvane::test::BatchBytes;
 using orvane::test::Bytes;
 using orvane::test::bytesOf;
 using orvane::test::kFarewell;
+using orvane::test::kStopped;
 using orvane::test::Line;
 using orvane::test::Record;
 using orvane::test::Served;
@@ -60,7 +61,7 @@ TEST_F(RefusalTest, BadBatchesAreCounted) {
   served.ask({kOpen, kClose});
   served.ask(bytesOf("rubbish!"));
   served.log();
-  served.worker().finish();
+  served.worker().finish(kStopped);
   const std::vector<Line> expected = {{ox::Kind::warning, 1000,
                                        "worker::finish: queue QUEUE: 2 bad batches were refused in "
                                        "all"}};
@@ -248,7 +249,7 @@ TEST(Step, LooksAtOnceBehindAMessageAndThenSoon) {
 TEST(Run, EndsWhenItIsToStop) {
   Served served;
   served.send({kOpen, kData});
-  served.worker().run([](std::chrono::microseconds) { return true; });
+  EXPECT_EQ(&served.worker().run([](std::chrono::microseconds) { return &kStopped; }), &kStopped);
   EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}}));
 }
 

@@ -180,7 +180,7 @@ TEST_F(Demo, KilledDemoTakesItsServerAndItsQueuesAlong) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
   const std::string queue = "orvane-demo-" + std::to_string(demo.pid()) + "-";
-  ASSERT_TRUE(comesTrue([&] { return sharedMemoryNamed(queue).size() == 2; }));
+  ASSERT_TRUE(comesTrue([&] { return sharedMemoryNamed(queue).size() == 3; }));
   const pid_t server = serverOf(demo);
 
   demo.signal(SIGKILL);
@@ -195,7 +195,7 @@ class DemoSignal : public Demo, public testing::WithParamInterface<int> {};
 TEST_P(DemoSignal, LeavesNothingBehind) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
-  ASSERT_TRUE(comesTrue([&] { return serverOf(demo) != 0 && leftBy(demo).size() == 3; }));
+  ASSERT_TRUE(comesTrue([&] { return serverOf(demo) != 0 && leftBy(demo).size() == 4; }));
   const pid_t server = serverOf(demo);
 
   demo.signal(GetParam());

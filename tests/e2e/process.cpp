@@ -57,12 +57,14 @@ Process::Process(const std::vector<std::string>& command, const Surroundings& ar
     become(command, around, pipeEnds[0], terminalName);
     _exit(126);
   }
+  setpgid(child, child);  // here too: whoever is first
   close(pipeEnds[0]);
 }
 
 // In the child.
 void Process::become(const std::vector<std::string>& command, const Surroundings& around, int input,
                      const std::string& terminalName) const {
+  setpgid(0, 0);
   ::signal(SIGPIPE, SIG_DFL);
   dup2(input, STDIN_FILENO);
   dup2(out, STDOUT_FILENO);
@@ -95,6 +97,10 @@ Process::~Process() {
 
 void Process::signal(int number) const {
   kill(child, number);
+}
+
+void Process::signalAll(int number) const {
+  kill(-child, number);
 }
 
 void Process::write(const std::string& bytes) const {

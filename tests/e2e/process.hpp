@@ -33,6 +33,9 @@ class Process {
   pid_t pid() const { return child; }
   void signal(int number) const;
 
+  // To the program and to all that it started.
+  void signalAll(int number) const;
+
   // To its standard input. What is written to a program that has ended is lost.
   void write(const std::string& bytes) const;
   void closeInput();

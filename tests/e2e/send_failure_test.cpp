@@ -144,7 +144,7 @@ TEST(SendFailure, ServerThatTakesNothingLeavesTheOutcomeUnknown) {
   Server server;
   Process send(server.sendCommand({"--timeout", "1", "-"}));
   ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
-  server.process().signal(SIGKILL);
+  server.process().signalAll(SIGKILL);
   ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
 
   send.write(kMuch);
@@ -161,7 +161,7 @@ TEST(SendFailure, MissingReceiptLeavesTheOutcomeUnknown) {
   Server server;
   Process send(server.sendCommand({"--timeout", "1", "-"}));
   ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
-  server.process().signal(SIGSTOP);
+  server.process().signalAll(SIGSTOP);
 
   send.write("a few bytes");
   const Ended ended = send.wait();

@@ -30,7 +30,7 @@ Server::Server(const std::vector<std::string>& options, const Surroundings& arou
 
 Server::~Server() {
   // In this order: a SIGCONT would undo the SIGSTOP with which the leak check at the end begins.
-  server.signal(SIGCONT);
+  server.signalAll(SIGCONT);
   server.signal(SIGTERM);
   server.wait();
   for (const std::string& name : sharedMemoryNamed(queueName)) {

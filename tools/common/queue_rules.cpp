@@ -33,6 +33,9 @@ void checkQueueName(const std::string& name) {
   if (name.front() == '.') {
     throw std::invalid_argument("the queue name begins with a dot");
   }
+  if (name.ends_with("Response")) {
+    throw std::invalid_argument("the queue name ends in Response, as only response queues' do");
+  }
   if (name.find_first_not_of(kAllowed) != std::string::npos) {
     throw std::invalid_argument(
         "the queue name holds a character that is not allowed: use letters, digits and _.-");

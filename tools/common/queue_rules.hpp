@@ -6,8 +6,8 @@
 namespace tool {
 
 // Throws std::invalid_argument, saying what is wrong with the name, unless it is a name for a queue
-// pair: letters, digits and _.- without a leading dot, at most 200 bytes. So it is a plain file
-// name in /dev/shm, with room for what is appended to it.
+// pair: letters, digits and _.- without a leading dot, at most 200 bytes, and not another pair's
+// response queue's. So it is a plain file name in /dev/shm, with room for what is added to it.
 void checkQueueName(const std::string& name);
 
 // The size of a queue message that holds `count` records of the largest size, with nothing to

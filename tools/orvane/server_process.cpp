@@ -90,6 +90,7 @@ ServerProcess::ServerProcess(const std::string& queue, const fs::path& store,
   if (pid == 0) {
     becomeServer(parent, log.c_str(), arguments);
   }
+  group = pid;
   if (pid < 0) {
     throw Failure(kNothingSent, std::string("cannot start a process: ") + std::strerror(errno));
   }
@@ -103,6 +104,8 @@ ServerProcess::~ServerProcess() {
       waitForEnd(kEndTime);
     }
   }
+  // What works for it, if it died itself.
+  kill(-group, SIGKILL);
   removeQueues(queueName);
 }
 

@@ -38,6 +38,7 @@ class ServerProcess {
   const std::string queueName;
   const std::filesystem::path log;
   pid_t pid = -1;  // -1: there is no process to end
+  pid_t group = -1;
   int endStatus = 0;
 };
 

@@ -13,11 +13,14 @@ namespace {
 
 constexpr std::size_t kMaxMessages = 4096;
 constexpr std::size_t kMaxMessageSize = std::size_t{1} << 30;
+constexpr std::size_t kMaxPairs = 4096;
+constexpr std::uint32_t kMaxIdleLimit = 86400;
 constexpr mode_t kMinMode = 0600;
 
 constexpr char kDescription[] =
-    "Takes streams of records from one queue in shared memory and stores them.\n"
-    "Runs until SIGTERM or SIGINT; then takes what is queued and removes the queue.";
+    "Takes streams of records from queues in shared memory and stores them.\n"
+    "Runs until SIGTERM, SIGINT or SIGHUP; then takes what is queued and removes the queues, "
+    "within\n15 seconds.";
 
 std::string footer() {
   std::string text =
@@ -94,8 +97,10 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.footer(footer());
   app.set_version_flag("--version", "orvaned " ORVANE_VERSION);
   app.add_option("--queue", options.queue,
-                 "Name of the queue: letters, digits, _.-, no leading dot, at most 200 bytes")
-      ->required();
+                 "Name of a queue for one producer at a time: letters, digits, _.-, no leading "
+                 "dot, at most 200 bytes");
+  app.add_option("--socket", options.socket,
+                 "Unix socket at which each producer gets a queue of its own");
   app.add_option("--store", options.store, "Folder to store into; it must exist")->required();
   app.add_option("--messages", geometry.messages, "Messages that the queue holds, 1 to 4096")
       ->check(CLI::Range(std::size_t{1}, kMaxMessages))
@@ -104,11 +109,23 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
                  "Bytes of one message; the largest record needs 131128")
       ->check(checkMessageSize)
       ->capture_default_str();
-  app.add_option("--mode", mode, "Who may use the queue, as chmod's octal number")
+  app.add_option("--mode", mode, "Who may use the queue and the socket, as chmod's octal number")
       ->check(checkMode)
       ->capture_default_str();
   app.add_option("--sync", sync, "What survives a power cut: always, segment or none (see below)")
       ->check(checkSync)
+      ->capture_default_str();
+  app.add_option("--pairs-per-user", options.pairsPerUser,
+                 "Leases that one user may have at a time, 1 to 4096")
+      ->check(CLI::Range(std::size_t{1}, kMaxPairs))
+      ->capture_default_str();
+  app.add_option("--shm-limit", options.shmLimit,
+                 "Bytes of /dev/shm that all leases may take, such as 512MiB; half of it otherwise")
+      ->transform(CLI::AsSizeValue(false).description(""));
+  app.add_option("--idle-limit", options.idleLimit,
+                 "Seconds without a record after which a queue that was used is made anew; its "
+                 "producer died, maybe. 0: never")
+      ->check(CLI::Range(0U, kMaxIdleLimit))
       ->capture_default_str();
   app.add_option("--log-level", level, "Lowest level to log: info, auth, warning or error")
       ->check(checkLevel)
@@ -116,6 +133,9 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.add_flag("--trace", options.trace, "Log each batch and each answer too");
   try {
     app.parse(argc, argv);
+    if (options.queue.empty() && options.socket.empty()) {
+      throw CLI::RequiredError("--queue or --socket");
+    }
   } catch (const CLI::Success& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
@@ -129,7 +149,9 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
 }
 
 void checkOptions(const Options& options) {
-  tool::checkQueueName(options.queue);
+  if (!options.queue.empty()) {
+    tool::checkQueueName(options.queue);
+  }
   const std::size_t size = options.geometry.messageSize;
   if (size < tool::smallestMessageSize()) {
     throw std::invalid_argument("--message-size " + std::to_string(size) +

@@ -1,6 +1,10 @@
 #include "queue_pair.hpp"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/interprocess/permissions.hpp>
+#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -14,6 +18,7 @@ using orvane::pvk_shm_response_t;
 namespace {
 
 constexpr char kShmFolder[] = "/dev/shm";
+constexpr mode_t kGroupMode = 0660;
 constexpr unsigned kSuccessPriority = 0;
 constexpr unsigned kErrorPriority = 1;
 
@@ -28,9 +33,7 @@ std::size_t bytesOfQueue(std::size_t messages, std::size_t messageSize) {
 
 // Asked before anything is created: a queue that outgrows /dev/shm fails all its other users too.
 const Geometry& checkRoom(const Geometry& geometry) {
-  const std::size_t needed =
-      bytesOfQueue(geometry.messages, geometry.messageSize) +
-      bytesOfQueue(geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t));
+  const std::size_t needed = bytesOfPair(geometry);
   const auto available = std::filesystem::space(kShmFolder).available;
   if (needed > available) {
     throw std::runtime_error("the queues need " + std::to_string(needed) + " bytes of " +
@@ -40,45 +43,107 @@ const Geometry& checkRoom(const Geometry& geometry) {
   return geometry;
 }
 
+std::string pathOf(const std::string& name) {
+  return std::string(kShmFolder) + "/" + name;
+}
+
+[[noreturn]] void failToCreate(const std::string& name, int error) {
+  throw std::runtime_error("cannot create " + pathOf(name) + ": " +
+                           std::generic_category().message(error));
+}
+
+// By its group, where this process may not give files away.
+void giveTo(const Owner& owner, const std::string& name) {
+  const std::string path = pathOf(name);
+  if (owner.user == geteuid() || chown(path.c_str(), owner.user, owner.group) == 0) {
+    return;
+  }
+  if (chown(path.c_str(), static_cast<uid_t>(-1), owner.group) != 0 ||
+      chmod(path.c_str(), kGroupMode) != 0) {
+    throw std::runtime_error("cannot give a queue to user " + std::to_string(owner.user) +
+                             " or to group " + std::to_string(owner.group) +
+                             ": run orvaned as root, or as a member of that group");
+  }
+}
+
 }  // namespace
 
+std::size_t bytesOfPair(const Geometry& geometry) {
+  return bytesOfQueue(geometry.messages, geometry.messageSize) +
+         bytesOfQueue(geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t));
+}
+
+std::string privateNameOf(const std::string& queueName) {
+  return "." + queueName + ".new";
+}
+
 QueuePair::Queue::Queue(std::string queueName, std::size_t messages, std::size_t messageSize,
-                        mode_t mode)
-    : name(std::move(queueName)) {
+                        mode_t mode, std::optional<Owner> owner)
+    : name(std::move(queueName)), privateName(privateNameOf(name)) {
+  create(messages, messageSize, mode);
   try {
-    queue.emplace(ipc::create_only, name.c_str(), messages, messageSize, ipc::permissions(mode));
-  } catch (const ipc::interprocess_exception& e) {
-    const std::string path = std::string(kShmFolder) + "/" + name;
-    if (e.get_error_code() == ipc::already_exists_error) {
-      throw std::runtime_error("the queue " + name + " is in use: take another name, or remove " +
-                               path + " if its server is gone");
-    }
-    // Where the memory ran out, Boost leaves an empty file behind.
-    ipc::message_queue::remove(name.c_str());
-    throw std::runtime_error("cannot create " + path + ": " +
-                             std::generic_category().message(e.get_native_error()));
+    publish(owner);
+  } catch (...) {
+    ipc::message_queue::remove(privateName.c_str());
+    throw;
   }
+}
+
+void QueuePair::Queue::create(std::size_t messages, std::size_t messageSize, mode_t mode) {
+  try {
+    queue.emplace(ipc::create_only, privateName.c_str(), messages, messageSize,
+                  ipc::permissions(mode));
+  } catch (const ipc::interprocess_exception& e) {
+    if (e.get_error_code() != ipc::already_exists_error) {
+      // Where the memory ran out, Boost leaves an empty file behind.
+      ipc::message_queue::remove(privateName.c_str());
+    }
+    failToCreate(name, e.get_native_error());
+  }
+}
+
+void QueuePair::Queue::publish(std::optional<Owner> owner) {
+  if (owner) {
+    giveTo(*owner, privateName);
+  }
+  // Unlike rename(), link() never replaces what somebody else has there.
+  if (link(pathOf(privateName).c_str(), pathOf(name).c_str()) != 0) {
+    if (errno == EEXIST) {
+      throw std::runtime_error("the queue " + name + " is in use: take another name, or remove " +
+                               pathOf(name) + " if its server is gone");
+    }
+    failToCreate(name, errno);
+  }
+  ipc::message_queue::remove(privateName.c_str());
 }
 
 QueuePair::Queue::~Queue() {
   ipc::message_queue::remove(name.c_str());
 }
 
-QueuePair::QueuePair(const std::string& name, const Geometry& geometry)
-    : bufferSize(checkRoom(geometry).messageSize),
+QueuePair::QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner,
+                     Heartbeat* heartbeat)
+    : watched(heartbeat != nullptr ? *heartbeat : unwatched),
+      bufferSize(checkRoom(geometry).messageSize),
       buffer(std::make_unique_for_overwrite<unsigned char[]>(bufferSize)),
       response(orvane::getMessageQueueResponseName(name),
                geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t),
-               geometry.mode),
-      send(name, geometry.messages, geometry.messageSize, geometry.mode) {}
+               geometry.mode, owner),
+      send(name, geometry.messages, geometry.messageSize, geometry.mode, owner) {}
 
 std::optional<std::span<const unsigned char>> QueuePair::receive() {
   ipc::message_queue::size_type size = 0;
   unsigned priority = 0;
+  const QueueCall call(watched);
   if (!send.queue->try_receive(buffer.get(), bufferSize, size, priority)) {
     return std::nullopt;
   }
   return std::span<const unsigned char>(buffer.get(), size);
+}
+
+std::size_t QueuePair::waiting() {
+  const QueueCall call(watched);
+  return send.queue->get_num_msg();
 }
 
 void QueuePair::answer(const pvk_shm_response_t& answer) {
@@ -104,6 +169,7 @@ void QueuePair::discardAnswers() {
   unsigned priority = 0;
   // Bounded: another producer may be posting into this queue what it likes.
   for (std::size_t n = response.queue->get_max_msg(); n > 0; --n) {
+    const QueueCall call(watched);
     if (!response.queue->try_receive(&discarded, sizeof(discarded), size, priority)) {
       return;
     }
@@ -111,6 +177,7 @@ void QueuePair::discardAnswers() {
 }
 
 bool QueuePair::post(const pvk_shm_response_t& answer) {
+  const QueueCall call(watched);
   return response.queue->try_send(&answer, sizeof(answer),
                                   answer.status == 0 ? kSuccessPriority : kErrorPriority);
 }

@@ -10,6 +10,8 @@
 #include <span>
 #include <string>
 
+#include "heartbeat.hpp"
+
 namespace orvaned {
 
 struct Geometry {
@@ -18,18 +20,34 @@ struct Geometry {
   mode_t mode;              // of both queues; who may open them for writing may be a producer
 };
 
+// Whom a pair is given to.
+struct Owner {
+  uid_t user;
+  gid_t group;
+};
+
+// Bytes of /dev/shm that a pair takes.
+std::size_t bytesOfPair(const Geometry& geometry);
+
+// Under this name a queue is created, before it gets the name under which a producer finds it:
+// nobody ever sees one that is half made or open to the wrong user.
+std::string privateNameOf(const std::string& queueName);
+
 // A send queue and its response queue in /dev/shm, created and removed with this object. Nothing
 // here waits inside a queue. What Boost throws passes through: the pair is then of no more use.
 class QueuePair {
  public:
-  // Throws std::runtime_error, leaving nothing behind, when a name is taken or there is no room.
-  QueuePair(const std::string& name, const Geometry& geometry);
+  // Throws std::runtime_error, leaving nothing behind, when a name is taken, there is no room, or
+  // the pair cannot be given to `owner`. Without one it stays this process's user's. `heartbeat`
+  // is told of each call into the queues.
+  QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner = {},
+            Heartbeat* heartbeat = nullptr);
 
   // The next message, if one is there; valid until the next call.
   std::optional<std::span<const unsigned char>> receive();
 
   // Messages that wait in the send queue.
-  std::size_t waiting() const { return send.queue->get_num_msg(); }
+  std::size_t waiting();
 
   // Posts an answer; errors overtake successes. While the response queue is full, successes are
   // dropped, and the first error is kept until postPending() finds room for it.
@@ -41,17 +59,24 @@ class QueuePair {
 
  private:
   struct Queue {
-    Queue(std::string queueName, std::size_t messages, std::size_t messageSize, mode_t mode);
+    Queue(std::string queueName, std::size_t messages, std::size_t messageSize, mode_t mode,
+          std::optional<Owner> owner);
     ~Queue();
     Queue(const Queue&) = delete;
     Queue& operator=(const Queue&) = delete;
 
+    void create(std::size_t messages, std::size_t messageSize, mode_t mode);
+    void publish(std::optional<Owner> owner);
+
     const std::string name;
+    const std::string privateName;
     std::optional<boost::interprocess::message_queue> queue;
   };
 
   bool post(const orvane::pvk_shm_response_t& response);
 
+  Heartbeat unwatched;
+  Heartbeat& watched;
   const std::size_t bufferSize;
   const std::unique_ptr<unsigned char[]> buffer;
   Queue response;  // before the send queue: a producer that finds that one must find both

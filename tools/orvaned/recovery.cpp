@@ -1,6 +1,7 @@
 #include "recovery.hpp"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "checksum.hpp"
+#include "fd.hpp"
 #include "log.hpp"
 #include "manifest.hpp"
 #include "server_status.hpp"
@@ -234,25 +236,31 @@ void LeftStream::addUnlisted(const std::string& name) {
   }
 }
 
-// The part of a folder's name that is the stream's id, if it belongs to a stream of this queue.
-std::optional<std::string> streamIn(const fs::path& folder, const std::string& queue) {
-  static const std::regex id("[0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+");
-  const std::string name = folder.filename();
-  const std::string start = queue + "-";
-  if (!name.starts_with(start) || !std::regex_match(name.substr(start.size()), id)) {
-    return std::nullopt;
-  }
-  return name.substr(start.size());
-}
+// Two servers that start at once may both find the stream.
+class FolderLock {
+ public:
+  explicit FolderLock(const std::string& path)
+      : fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+        taken(fd.get() < 0 || flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {}
 
-void recover(const fs::path& folder, const std::string& queue, const std::string& stream,
-             Sync sync) {
+  bool isTaken() const { return taken; }
+
+ private:
+  const Fd fd;
+  const bool taken;  // also where the folder cannot be opened: finishing it tells why
+};
+
+void recover(const UnfinishedStream& unfinished, Sync sync) {
   using namespace orvane::server;
   const Logger log("recovery");
-  const std::string loggedName = doublePercent(queue);
+  const std::string loggedName = doublePercent(unfinished.queue);
   try {
-    LeftStream left(folder, sync);
-    const std::string receipt = textOf(left.finish(queue, stream));
+    const FolderLock lock(unfinished.path);
+    if (!lock.isTaken() || fs::exists(unfinished.path + "/manifest")) {
+      return;  // another server does, or did, just this
+    }
+    LeftStream left(unfinished.path, sync);
+    const std::string receipt = textOf(left.finish(unfinished.queue, unfinished.stream));
     if (left.damagedFiles() == 0) {
       log.log(LEVEL_INFO, __func__, 0, "queue %s: finished what a dead server left: %s",
               loggedName.c_str(), receipt.c_str());
@@ -271,13 +279,29 @@ void recover(const fs::path& folder, const std::string& queue, const std::string
 
 }  // namespace
 
-void recoverStreams(const std::string& store, const std::string& queue, Sync sync) {
+std::vector<UnfinishedStream> findUnfinished(
+    const std::string& store, const std::function<bool(const UnfinishedStream&)>& isDead) {
+  static const std::regex streamFolder("(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)");
   std::error_code ignored;  // what cannot be looked into cannot be finished: that is logged then
+  std::vector<UnfinishedStream> found;
   for (const auto& entry : fs::directory_iterator(store)) {
-    const auto stream = streamIn(entry.path(), queue);
-    if (stream && entry.is_directory(ignored) && !fs::exists(entry.path() / "manifest", ignored)) {
-      recover(entry.path(), queue, *stream, sync);
+    const std::string name = entry.path().filename();
+    std::smatch parts;
+    if (!std::regex_match(name, parts, streamFolder) || !entry.is_directory(ignored) ||
+        fs::exists(entry.path() / "manifest", ignored)) {
+      continue;
     }
+    UnfinishedStream stream{entry.path(), parts[1], parts[2]};
+    if (isDead(stream)) {
+      found.push_back(std::move(stream));
+    }
+  }
+  return found;
+}
+
+void recoverStreams(const std::vector<UnfinishedStream>& streams, Sync sync) {
+  for (const UnfinishedStream& stream : streams) {
+    recover(stream, sync);
   }
 }
 

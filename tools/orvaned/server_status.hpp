@@ -11,6 +11,10 @@ constexpr ox_status_t kOutOfOrder = 1001;
 constexpr ox_status_t kUnlawfulRecord = 1002;
 constexpr ox_status_t kStoreFailed = 1003;
 constexpr ox_status_t kServerEnding = 1004;
+constexpr ox_status_t kLimitReached = 1005;
+constexpr ox_status_t kNoPair = 1006;
+constexpr ox_status_t kBadRequest = 1007;
+constexpr ox_status_t kWorkerDied = 1008;
 
 struct StatusMeaning {
   ox_status_t status;
@@ -26,6 +30,10 @@ constexpr StatusMeaning kStatusMeanings[] = {
     {kStoreFailed, "store failed",
      "the store could not take the data: disk full, no permission, ..."},
     {kServerEnding, "server ending", "the server is going; an open stream was cut off"},
+    {kLimitReached, "limit reached", "no lease: the user or the server has all the pairs it may"},
+    {kNoPair, "no pair", "no lease: a queue pair could not be made"},
+    {kBadRequest, "bad request", "no lease: the server does not understand what was asked"},
+    {kWorkerDied, "worker died", "what served the queue died or hung; an open stream is broken"},
 };
 
 }  // namespace orvaned

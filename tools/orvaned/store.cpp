@@ -5,24 +5,13 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "process_name.hpp"
+
 namespace orvaned {
-namespace {
-
-// An id is unique only within its process; start time and process together do not come again.
-std::string makeIdPrefix() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc = {};
-  gmtime_r(&now, &utc);
-  char text[sizeof("20261121T023224")] = {};
-  std::strftime(text, sizeof(text), "%Y%m%dT%H%M%S", &utc);
-  return std::string(text) + "-" + std::to_string(getpid());
-}
-
 // By trying: permissions alone do not tell of a read-only or full file system.
 void checkWritable(const std::string& directory) {
   std::string probe = directory + "/.orvaned.XXXXXX";
@@ -34,13 +23,11 @@ void checkWritable(const std::string& directory) {
   rmdir(probe.c_str());
 }
 
-}  // namespace
-
 Store::Store(std::string storeDirectory, std::string queueName, Sync syncMode)
     : directory(std::move(storeDirectory)),
       queue(std::move(queueName)),
       sync(syncMode),
-      idPrefix(makeIdPrefix()) {
+      idPrefix(timeAndProcess()) {
   checkWritable(directory);
 }
 

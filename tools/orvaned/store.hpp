@@ -9,12 +9,15 @@
 
 namespace orvaned {
 
+// Throws std::runtime_error unless `directory` is a folder that the server can write to. It is not
+// created: a mistyped path would fill the wrong disk.
+void checkWritable(const std::string& directory);
+
 // What one queue's streams leave on disk: a folder QUEUE-ID for each stream, and a file
 // QUEUE-outside-records for the records that came while no stream was open.
 class Store {
  public:
-  // Throws std::runtime_error unless `directory` is a folder that the server can write to. It is
-  // not created: a mistyped path would fill the wrong disk.
+  // Throws as checkWritable() does.
   Store(std::string directory, std::string queue, Sync sync);
 
   // A new stream's folder. Throws Ox_ErrnoException (kStoreFailed), as the next two do.

@@ -20,19 +20,21 @@ std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
 }
 
-Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore)
+Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore, Tell tellEnds)
     : queueName(std::move(name)),
       loggedName(doublePercent(queueName)),
       queues(queuePair),
-      store(streamStore) {}
+      store(streamStore),
+      tell(std::move(tellEnds)) {}
 
-void Worker::run(const StopWithin& stopWithin) {
+const Ending& Worker::run(const EndWithin& endWithin) {
   try {
-    std::chrono::microseconds wait{0};
-    while (!stopWithin(wait)) {
+    const Ending* ending = nullptr;
+    for (auto wait = pause.next(); (ending = endWithin(wait)) == nullptr;) {
       wait = step();
     }
-    finish();
+    finish(*ending);
+    return *ending;
   } catch (const interprocess_exception& e) {
     giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")");
   }
@@ -61,16 +63,16 @@ bool Worker::runOnce() {
   return true;
 }
 
-void Worker::finish() {
+void Worker::finish(const Ending& ending) {
   for (std::size_t count = queues.waiting(); count > 0; --count) {
     runOnce();
   }
-  abandonStream(tool::kCutOff, "the server was stopped");
+  abandonStream(tool::kCutOff, ending.reason, kServerEnding);
   if (badBatches > 0) {
     log.log(LEVEL_WARNING, __func__, kBadBatch, "queue %s: %lu bad batches were refused in all",
             loggedName.c_str(), badBatches);
   }
-  farewell("the server was stopped: send again what it did not acknowledge");
+  farewell(ending.farewell);
 }
 
 void Worker::takeBatch(std::span<const unsigned char> message) {
@@ -120,6 +122,7 @@ void Worker::open(const Header& header) {
     stream = Stream{StreamState(header), store.createStream()};
   } catch (const Ox_ErrnoException& e) {
     broken = e;
+    tellFailure(e.status(), e.message());
     throw;
   }
   log.log(LEVEL_INFO, __func__, 0, "queue %s: stream %s begins", loggedName.c_str(),
@@ -135,7 +138,9 @@ void Worker::close(const Header& header, const char* how) {
   checkNoData(header);
   if (stream) {
     stream->state.take(header);
-    endStream(how, "");
+    stream->folder->end(how, "", stream->state.skipped());
+    concludeStream();
+    tell(lastReceipt);
   }
 }
 
@@ -203,26 +208,26 @@ void Worker::report(const char* function, const Ox_ErrnoException& error) {
 void Worker::fail(const char* function, const Ox_ErrnoException& error) {
   report(function, error);
   if (stream) {
-    abandonStream(tool::kBroken, error.message());
+    abandonStream(tool::kBroken, error.message(), error.status());
     broken = error;
   }
 }
 
-void Worker::endStream(const char* how, const std::string& reason) {
-  stream->folder->end(how, reason, stream->state.skipped());
-  concludeStream();
-}
-
 // Ends the stream, if there is one, where nobody asked for it: what fails then is only logged.
-void Worker::abandonStream(const char* how, const std::string& reason) {
+void Worker::abandonStream(const char* how, const std::string& reason, ox_status_t status) {
   if (!stream) {
     return;
   }
   try {
-    endStream(how, reason);
+    stream->folder->end(how, reason, stream->state.skipped());
   } catch (const Ox_ErrnoException& e) {
     logError(__func__, e);
-    concludeStream();
+  }
+  concludeStream();
+  if (status == 0) {
+    tell(lastReceipt);
+  } else {
+    tellFailure(status, reason);
   }
 }
 
@@ -232,6 +237,10 @@ void Worker::concludeStream() {
   stream.reset();
 }
 
+void Worker::tellFailure(ox_status_t status, const std::string& reason) {
+  tell("failed " + std::to_string(status) + " " + reason);
+}
+
 void Worker::farewell(const std::string& reason) {
   pvk_shm_response_t response;
   response.assign(kServerEnding, reason.c_str());
@@ -239,13 +248,13 @@ void Worker::farewell(const std::string& reason) {
 }
 
 void Worker::giveUp(const std::string& reason) {
-  abandonStream(tool::kBroken, reason);
+  abandonStream(tool::kBroken, reason, kServerEnding);
   try {
     farewell(reason);
   } catch (const interprocess_exception&) {
     // The response queue is beyond use as well.
   }
-  throw std::runtime_error("queue " + queueName + ": " + reason + ": start the server again");
+  throw std::runtime_error("queue " + queueName + ": " + reason);
 }
 
 }  // namespace orvaned

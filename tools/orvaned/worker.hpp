@@ -27,8 +27,18 @@ class Pause {
   std::chrono::microseconds length = kShortest;
 };
 
-// Waits so long, or until the server is to end; true when it is to.
-using StopWithin = std::function<bool(std::chrono::microseconds)>;
+// Why a worker ends.
+struct Ending {
+  std::string reason;    // for the manifest of a stream that is open then
+  std::string farewell;  // for whoever still uses the queue
+};
+
+// Waits so long, or until the worker is to end; then it says why.
+using EndWithin = std::function<const Ending*(std::chrono::microseconds)>;
+
+// Is told of each stream's end: its receipt, or "failed STATUS REASON" when it was not stored
+// whole.
+using Tell = std::function<void(const std::string&)>;
 
 // Serves one queue pair: takes its batches, stores what they carry, answers each of them once.
 //
@@ -45,7 +55,9 @@ using StopWithin = std::function<bool(std::chrono::microseconds)>;
 // A success is answered without text while a stream is open, else with the receipt of the last one.
 class Worker {
  public:
-  Worker(std::string queueName, QueuePair& queues, Store& store);
+  Worker(
+      std::string queueName, QueuePair& queues, Store& store,
+      Tell tell = [](const std::string&) {});
 
   // Takes one batch, if there is one. What Boost throws passes through.
   bool runOnce();
@@ -53,13 +65,13 @@ class Worker {
   // The same; returns how long to wait before the next look.
   std::chrono::microseconds step();
 
-  // Takes batches until it is to stop, then ends as finish() does. When the queues fail, ends the
-  // open stream as broken, tells the producer if that is still possible, and throws
+  // Takes batches until it is to end, then finishes; returns why it ended. When the queues fail,
+  // ends the open stream as broken, tells the producer if that is still possible, and throws
   // std::runtime_error.
-  void run(const StopWithin& stopWithin);
+  const Ending& run(const EndWithin& endWithin);
 
   // Takes what waits in the send queue now, cuts an open stream off, posts a farewell.
-  void finish();
+  void finish(const Ending& ending);
 
  private:
   using Entry = orvane::ShmBatch::Entry;
@@ -82,9 +94,9 @@ class Worker {
   void logError(const char* function, const Ox_ErrnoException& error) const;
   void report(const char* function, const Ox_ErrnoException& error);
   void fail(const char* function, const Ox_ErrnoException& error);
-  void endStream(const char* how, const std::string& reason);
-  void abandonStream(const char* how, const std::string& reason);
+  void abandonStream(const char* how, const std::string& reason, ox_status_t status = 0);
   void concludeStream();
+  void tellFailure(ox_status_t status, const std::string& reason);
   void farewell(const std::string& reason);
   [[noreturn]] void giveUp(const std::string& reason);
 
@@ -93,6 +105,7 @@ class Worker {
   const std::string loggedName;  // of the queue, fit for a line of the log
   QueuePair& queues;
   Store& store;
+  const Tell tell;
   std::optional<Stream> stream;
   std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
   std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "fd.hpp"
+
+namespace orvaned {
+
+// The server's end of a producer's connection. The talk, one packet of text each (SOCK_SEQPACKET),
+// at most 512 bytes:
+//   producer  "orvane 1 lease"           1 is the version of the talk
+//   server    "lease NAME"               or "refused STATUS REASON", and the end
+//   server    "receipt stream=..."       for each stream that ended, or "failed STATUS REASON"
+// Its end, from either side, ends the lease. Nothing here blocks.
+class LeaseConnection {
+ public:
+  // What a producer sends first: everything else, or nothing in time, is refused.
+  enum class Request { none, lease, bad, end };
+
+  explicit LeaseConnection(Fd socket);
+
+  Request readRequest();
+
+  // Sends a packet, or keeps it for sendKept() when the producer does not read: it may take its
+  // receipts when it likes.
+  void send(const std::string& text);
+  void sendKept();
+
+  int fd() const { return socket.get(); }
+
+  // Who connected; where the system cannot tell the process, its number is 0.
+  const ucred& producer() const { return who; }
+
+ private:
+  bool trySend(const std::string& text) const;
+
+  Fd socket;
+  ucred who = {};
+  std::deque<std::string> kept;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,94 @@
+#include "lease_desk.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <orvane/orvane.hpp>
+#include <utility>
+
+#include "log.hpp"
+#include "server_status.hpp"
+
+namespace orvaned {
+namespace {
+
+constexpr std::chrono::seconds kTimeToAsk{5};
+constexpr std::chrono::seconds kBetweenTries{1};
+
+}  // namespace
+
+void LeaseDesk::addTo(std::vector<pollfd>& events) const {
+  if (Clock::now() >= acceptAgain) {
+    events.push_back({socket.fd(), POLLIN, 0});
+  }
+  for (const Applicant& applicant : applicants) {
+    events.push_back({applicant.connection->fd(), POLLIN, 0});
+  }
+}
+
+std::vector<LeaseDesk::Connection> LeaseDesk::serve(const Limit& limit) {
+  acceptAll(limit);
+  std::vector<Connection> asked;
+  std::erase_if(applicants, [&](Applicant& applicant) {
+    switch (applicant.connection->readRequest()) {
+      case LeaseConnection::Request::lease:
+        asked.push_back(std::move(applicant.connection));
+        return true;
+      case LeaseConnection::Request::bad:
+        refuse(*applicant.connection, kBadRequest, "this server understands \"orvane 1 lease\"");
+        return true;
+      case LeaseConnection::Request::end:
+        return true;
+      default:
+        if (Clock::now() < applicant.deadline) {
+          return false;
+        }
+        refuse(*applicant.connection, kBadRequest, "nothing was asked for in time");
+        return true;
+    }
+  });
+  return asked;
+}
+
+// A user's connections count as its pairs before they have asked: no user can keep others away.
+void LeaseDesk::acceptAll(const Limit& limit) {
+  for (;;) {
+    Fd fd = socket.accept();
+    if (fd.get() < 0) {
+      if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
+        // No file is left: wait until one is, instead of asking again and again.
+        acceptAgain = Clock::now() + kBetweenTries;
+      }
+      return;
+    }
+    auto connection = std::make_unique<LeaseConnection>(std::move(fd));
+    const ucred& producer = connection->producer();
+    const std::string reason = limit(producer, applicationsOf(producer.uid));
+    if (reason.empty()) {
+      applicants.push_back({std::move(connection), Clock::now() + kTimeToAsk});
+    } else {
+      refuse(*connection, kLimitReached, reason);
+    }
+  }
+}
+
+LeaseDesk::Count LeaseDesk::applicationsOf(uid_t user) const {
+  const auto own = std::count_if(applicants.begin(), applicants.end(), [user](const auto& one) {
+    return one.connection->producer().uid == user;
+  });
+  return {static_cast<std::size_t>(own), applicants.size()};
+}
+
+void LeaseDesk::closeFiles(int keep) {
+  socket.closeFile();
+  std::erase_if(applicants,
+                [keep](const Applicant& applicant) { return applicant.connection->fd() != keep; });
+}
+
+void refuse(LeaseConnection& connection, int status, const std::string& reason) {
+  static const orvane::server::Logger log("leases");
+  log.log(orvane::server::LEVEL_WARNING, __func__, status, "user %u, process %d: %s",
+          connection.producer().uid, connection.producer().pid, doublePercent(reason).c_str());
+  connection.send("refused " + std::to_string(status) + " " + reason);
+}
+
+}  // namespace orvaned

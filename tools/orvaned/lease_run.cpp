@@ -1,0 +1,84 @@
+#include "lease_run.hpp"
+
+#include <filesystem>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <regex>
+#include <set>
+#include <stdexcept>
+
+#include "process_name.hpp"
+
+namespace orvaned {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kRun[] = "orvane-[0-9]{8}T[0-9]{6}-[0-9]+";
+constexpr char kShmFolder[] = "/dev/shm";
+
+std::optional<std::string> runOf(const std::string& queueName) {
+  static const std::regex leased("(" + std::string(kRun) + ")_[0-9]+");
+  std::smatch parts;
+  return std::regex_match(queueName, parts, leased) ? std::optional(parts[1].str()) : std::nullopt;
+}
+
+std::set<std::string> namesInShm() {
+  std::set<std::string> names;
+  for (const auto& entry : fs::directory_iterator(kShmFolder)) {
+    names.insert(entry.path().filename());
+  }
+  return names;
+}
+
+// Also of those of which only a response queue, or a private name, is left.
+std::vector<std::string> queuesOf(const std::string& run, const std::set<std::string>& names) {
+  const std::regex partOfPair("\\.?(" + run + "_[0-9]+)(Response)?(\\.new)?");
+  std::set<std::string> queues;
+  for (const std::string& name : names) {
+    std::smatch parts;
+    if (std::regex_match(name, parts, partOfPair)) {
+      queues.insert(parts[1]);
+    }
+  }
+  return {queues.begin(), queues.end()};
+}
+
+}  // namespace
+
+LeaseRun::LeaseRun() : name("orvane-" + timeAndProcess()), lock(lockPathOf(name)) {}
+
+std::string LeaseRun::newQueueName() const {
+  return orvane::UniqueIdGenerator::getInstance().generateId(name);
+}
+
+std::vector<DeadRun> takeDeadRuns() {
+  static const std::regex lockName("\\.(" + std::string(kRun) + ")\\.lock");
+  const std::set<std::string> names = namesInShm();
+  std::vector<DeadRun> dead;
+  for (const std::string& name : names) {
+    std::smatch parts;
+    if (!std::regex_match(name, parts, lockName)) {
+      continue;
+    }
+    try {
+      if (auto lock = LockFile::takeOver(lockPathOf(parts[1]))) {
+        dead.push_back({std::move(*lock), queuesOf(parts[1], names)});
+      }
+    } catch (const std::runtime_error&) {
+      // Another user's.
+    }
+  }
+  return dead;
+}
+
+bool isOfDeadRun(const std::string& queueName) {
+  const auto run = runOf(queueName);
+  try {
+    return run && !LockFile::isHeld(lockPathOf(*run));
+  } catch (const std::runtime_error&) {
+    return false;  // another user's
+  }
+}
+
+}  // namespace orvaned

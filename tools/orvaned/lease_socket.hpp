@@ -1,0 +1,38 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "fd.hpp"
+#include "lock_file.hpp"
+
+namespace orvaned {
+
+// The Unix socket at which producers ask for leases. Removed with this object, and replaced when a
+// dead server left it.
+class LeaseSocket {
+ public:
+  // Throws std::runtime_error when another server listens there, something else has that name, or
+  // the system refuses.
+  LeaseSocket(const std::string& path, mode_t mode);
+  ~LeaseSocket();
+  LeaseSocket(const LeaseSocket&) = delete;
+  LeaseSocket& operator=(const LeaseSocket&) = delete;
+
+  // The next connection, if there is one.
+  Fd accept() const;
+
+  int fd() const { return listening.get(); }
+
+  // For a forked process, which is not to listen.
+  void closeFile() { listening.reset(); }
+
+ private:
+  const std::string path;
+  const LockFile lock;
+  Fd listening;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "fd.hpp"
+
+namespace orvaned {
+
+// A file that is locked while its owner lives: the system lets go of the lock when the process and
+// all that it forked have ended, however they ended. It holds the owner's process number. Removed
+// with this object.
+class LockFile {
+ public:
+  // Throws std::runtime_error when somebody else holds it, or the file is another user's. When the
+  // owner is dead and only its forked children still hold it, waits some seconds for their end.
+  explicit LockFile(std::string path);
+
+  // The lock of an owner that is dead. Nothing when there is no such file, when it is held, or when
+  // it is another user's. Throws std::runtime_error when the file cannot be opened, as isHeld does.
+  static std::optional<LockFile> takeOver(const std::string& path);
+
+  // Is there such a file, and does anybody hold it?
+  static bool isHeld(const std::string& path);
+
+  LockFile(LockFile&&) = default;
+  LockFile& operator=(LockFile&&) = delete;
+  ~LockFile();
+
+ private:
+  LockFile(std::string lockPath, Fd lockFd) : path(std::move(lockPath)), fd(std::move(lockFd)) {}
+
+  std::string path;
+  Fd fd;
+};
+
+// The lock of a fixed queue name, or of all leases of one server. A leading dot keeps it apart from
+// the queues, whose names have none.
+std::string lockPathOf(const std::string& name);
+
+}  // namespace orvaned
