@@ -1,8 +1,8 @@
 #pragma once
 
 // Everything orvane offers. Read in this order, the headers follow the data: a record, the batch
-// that packs it, the reader that takes a batch apart, the writer that sends it; then what a server
-// needs besides.
+// that packs it, the reader that takes a batch apart, the writer that sends it, the lease that a
+// writer's queue comes from (link orvane::lease for it); then what a server needs besides.
 
 // clang-format off
 #include "orvane/export.hpp"
@@ -14,6 +14,7 @@
 #include "orvane/writer.hpp"
 #include "orvane/queue_name.hpp"
 #include "orvane/timeout.hpp"
+#include "orvane/lease.hpp"
 #include "orvane/process_name.hpp"
 
 #include "orvane/logger.hpp"

@@ -115,6 +115,18 @@ TEST_F(OutputFileTest, TakesBackTheRecordsOfAFailedFlush) {
   EXPECT_EQ(file.records(), 2U);
 }
 
+TEST_F(OutputFileTest, LeavesNoFileBehindWhenNotEvenItsFirstRecordFits) {
+  OutputFile file(path, Sync::segment);
+  file.append(bytesOf("0123456789"));
+  {
+    FileSizeLimit limit(5);
+    EXPECT_TRUE(throwsErrno(1003, "File too large: cannot write " + path, [&] { file.flush(); }));
+    EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{});
+  }
+  file.flush();  // the disk has room again
+  EXPECT_EQ(readFile(path), "0123456789");
+}
+
 TEST_F(OutputFileTest, TakesBackALargeRecordThatDoesNotFitWhole) {
   writeFile(path, "old");
   OutputFile file(path, Sync::segment);

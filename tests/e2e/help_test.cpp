@@ -19,8 +19,8 @@ TEST(Help, OfSendNamesItsOptionsAndExitCodes) {
 
   EXPECT_EQ(ended.how, "exit 0");
   for (const char* part :
-       {"FILE", "--queue NAME", "--segment-size SIZE=64MiB", "--timeout SECONDS=30", "  0  ",
-        "  1  ", "  2  ", "  3  ", "  4  ", "  5  "}) {
+       {"FILE", "--queue NAME", "--socket PATH", "--segment-size SIZE=64MiB",
+        "--timeout SECONDS=30", "  0  ", "  1  ", "  2  ", "  3  ", "  4  ", "  5  "}) {
     EXPECT_TRUE(contains(ended.out, part)) << part;
   }
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -88,7 +89,8 @@ TEST(SendFailure, WrongUseIsExplained) {
     return ended.how + ": " + ended.err.substr(0, ended.err.find('\n'));
   };
   EXPECT_EQ(usage({}), "exit 2: A subcommand is required");
-  EXPECT_EQ(usage({"send"}), "exit 2: --queue is required");
+  EXPECT_EQ(usage({"send"}), "exit 2: FILE is required");
+  EXPECT_EQ(usage({"send", "f"}), "exit 2: Exactly 1 option from [--queue,--socket] is required");
   EXPECT_EQ(usage({"send", "--queue", "q"}), "exit 2: FILE is required");
   EXPECT_EQ(usage({"send", "--queue", "q", "--timeout", "0", "f"}),
             "exit 2: --timeout: Value 0 not in range 1 to 86400");
@@ -204,6 +206,25 @@ TEST(SendFailure, RemovedQueueIsNoticedBeforeTheTimeout) {
   EXPECT_EQ(ended.err,
             "orvane send: while sending standard input (0 of 1 file stored): the queue " +
                 queues.name() + " was removed before orvaned had taken everything\n");
+}
+
+// The writer's own end would close the stream, as a whole one: it would wait for room, and get it.
+TEST(SendFailure, StreamThatCannotBeStoppedIsNotClosedEither) {
+  QueuePair queues({.depth = 1});
+  Process send({ORVANE_PATH, "send", "--queue", queues.name(), "-"});
+  ASSERT_TRUE(comesTrue([&] { return queues.waiting() == 1; }));
+  ASSERT_EQ(unlink(("/dev/shm/" + queues.name()).c_str()), 0);
+  send.write("more than the one message that the queue holds");
+  send.closeInput();
+
+  const std::string systemCall = "/proc/" + std::to_string(send.pid()) + "/syscall";
+  ASSERT_TRUE(comesTrue([&] {
+    return send.hasEnded() || readFile(systemCall).starts_with(std::to_string(SYS_futex) + " ");
+  }));
+  queues.discardAll();
+
+  EXPECT_EQ(send.wait().how, "exit 4");
+  EXPECT_EQ(queues.waiting(), 0u);
 }
 
 class SendSignal : public testing::TestWithParam<int> {};

@@ -15,6 +15,8 @@ class Server {
   ~Server();  // also removes the queues of a server that was killed
 
   Process& process() { return server; }
+  pid_t pid() const { return server.pid(); }
+  std::string errors() const { return server.errorOutput(); }
   const std::string& queue() const { return queueName; }
   const std::string& store() const { return folder.path(); }
 

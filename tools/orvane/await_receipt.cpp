@@ -32,6 +32,25 @@ std::optional<Receipt> takeReceipt(PolledWriter& writer) {
   return receipt;
 }
 
+[[noreturn]] void failWithoutReceipt(std::chrono::seconds timeout) {
+  throw Failure(kUnknown, "orvaned sent no receipt within " + std::to_string(timeout.count()) +
+                              " s: is it still running?");
+}
+
+std::optional<Receipt> takeReceipt(orvane::Lease& lease) {
+  try {
+    return parseReceipt(lease.receipt(0));
+  } catch (const Ox_ErrnoException& e) {
+    if (e.status() == orvane::kLeaseLost) {
+      throw Failure(kUnknown, "orvaned ended the lease without a receipt for the stream");
+    }
+    if (e.status() != orvane::kStatusTimedOut) {
+      throw;
+    }
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
 Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt) {
@@ -48,12 +67,23 @@ Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interru
     }
     const auto now = Clock::now();
     if (now - start >= timeout) {
-      throw Failure(kUnknown, "orvaned sent no receipt within " + std::to_string(timeout.count()) +
-                                  " s: is it still running?");
+      failWithoutReceipt(timeout);
     }
     if (now >= nextProbe && writer.allTaken()) {
       writer.probe();
       nextProbe = now + kProbeAfter;
+    }
+  }
+}
+
+Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt) {
+  const auto start = Clock::now();
+  for (Backoff backoff(interrupt);; backoff.pause()) {
+    if (const auto receipt = takeReceipt(lease)) {
+      return *receipt;
+    }
+    if (Clock::now() - start >= timeout) {
+      failWithoutReceipt(timeout);
     }
   }
 }

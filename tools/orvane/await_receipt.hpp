@@ -12,4 +12,7 @@ namespace tool {
 // server left or nothing came in time, Ox_ErrnoException when it refused, Interrupted.
 Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt);
 
+// The same over a lease's connection, which nobody else reads.
+Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt);
+
 }  // namespace tool

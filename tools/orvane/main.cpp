@@ -15,7 +15,7 @@ namespace {
 constexpr char kVersion[] = "orvane " ORVANE_VERSION;
 
 struct Arguments {
-  std::string queueName;
+  tool::Destination destination;
   std::vector<std::string> files;
   tool::SendOptions options;
   std::string demoFile;
@@ -24,9 +24,14 @@ struct Arguments {
 CLI::App* addSend(CLI::App& app, Arguments& arguments) {
   CLI::App* send = app.add_subcommand("send", "Store files as streams of a running orvaned");
   send->set_version_flag("--version", kVersion);
-  send->add_option("--queue", arguments.queueName, "The queue that orvaned serves")
-      ->required()
+  CLI::Option_group* where = send->add_option_group("+Where");
+  where->add_option("--queue", arguments.destination.queue, "The queue that orvaned serves, or")
       ->type_name("NAME");
+  where
+      ->add_option("--socket", arguments.destination.socket,
+                   "The socket at which orvaned leases queues")
+      ->type_name("PATH");
+  where->require_option(1);
   send->add_option("--segment-size", arguments.options.segmentSize,
                    "Start a new segment after so many bytes, such as 512KiB")
       ->transform(CLI::AsSizeValue(false).description(""))
@@ -44,10 +49,10 @@ CLI::App* addSend(CLI::App& app, Arguments& arguments) {
   send->footer(
       "Exit codes:\n"
       "  0  everything is stored: the server's receipt matches what was sent\n"
-      "  1  nothing was sent: no such queue, a file that cannot be opened, ...\n"
+      "  1  nothing was sent: no such queue, no lease, a file that cannot be opened, ...\n"
       "  2  wrong use of the command\n"
       "  3  the server refused; its reason is printed\n"
-      "  4  unknown: no receipt came in time, or the server went away\n"
+      "  4  unknown: no receipt came in time, or the server died or went away\n"
       "  5  an input could not be read to its end; its stream is marked as stopped");
   return send;
 }
@@ -96,7 +101,7 @@ int parseAndRun(int argc, char** argv) {
   }
   if (send->parsed()) {
     return run("orvane send",
-               [&] { tool::sendFiles(arguments.queueName, arguments.files, arguments.options); });
+               [&] { tool::sendFiles(arguments.destination, arguments.files, arguments.options); });
   }
   const int code =
       run("orvane demo", [&] { std::puts(tool::runDemo(arguments.demoFile).c_str()); });

@@ -68,14 +68,16 @@ std::size_t dataPerRecord(std::size_t messageSize) {
 }  // namespace
 
 PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout,
-                           Interrupt& endsIt)
+                           Interrupt& endsIt, const orvane::Lease* queuesLease)
     : queueName(queue),
       timeout(roomTimeout),
       interrupt(endsIt),
+      lease(queuesLease),
       sendQueue(attach(queueName, queueName)),
       responseQueue(attach(queueName, orvane::getMessageQueueResponseName(queueName))),
       inode(inodeOf(queueName)),
-      writer("", queueName, orvane::kMinTimeoutSeconds, orvane::kMinTimeoutSeconds, false),
+      writer(std::make_unique<orvane::ShmWriter>("", queueName, orvane::kMinTimeoutSeconds,
+                                                 orvane::kMinTimeoutSeconds, false)),
       maxData(dataPerRecord(sendQueue.get_max_msg_size())),
       batchSize(kEmptyBatch) {}
 
@@ -83,17 +85,17 @@ void PolledWriter::open() {
   takeAnswers();  // to an earlier stream: the writer would take the first one for its own
   waitForRoom(timeout);
   ++batches;
-  writer.open();
+  writer->open();
 }
 
 void PolledWriter::writeSegment(const unsigned char* data, std::size_t size) {
   makeRoomInBatch(size);
-  writer.writeSegment(data, size);
+  writer->writeSegment(data, size);
 }
 
 void PolledWriter::endSegment() {
   makeRoomInBatch(0);
-  writer.endSegment();
+  writer->endSegment();
 }
 
 void PolledWriter::close() {
@@ -101,14 +103,17 @@ void PolledWriter::close() {
   waitForRoom(timeout);
   ++batches;
   batchSize = kEmptyBatch;
-  writer.close();
+  writer->close();
 }
 
 void PolledWriter::abort() noexcept {
   try {
     waitForRoom(std::min(timeout, kAbortTime));
-    writer.stop(false);
+    writer->stop(false);
   } catch (...) {  // the failure that led here is the one to report
+    // Never destroyed, and the command ends now.
+    static const orvane::ShmWriter* const abandoned = writer.release();
+    static_cast<void>(abandoned);
   }
 }
 
@@ -116,7 +121,7 @@ void PolledWriter::flush() {
   waitForRoom(timeout);
   ++batches;
   batchSize = kEmptyBatch;
-  writer.flush_shm_buffer(orvane::kMinTimeoutSeconds);
+  writer->flush_shm_buffer(orvane::kMinTimeoutSeconds);
 }
 
 void PolledWriter::makeRoomInBatch(std::size_t dataSize) {
@@ -160,6 +165,9 @@ bool PolledWriter::allTaken() {
 }
 
 bool PolledWriter::serverLeft() const {
+  if (lease != nullptr && !lease->alive()) {
+    return true;
+  }
   const ino_t now = inodeOf(queueName);
   return now == 0 || now != inode;
 }

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
 #include <string>
@@ -21,8 +22,10 @@ namespace tool {
 // Failure when the queue stays full or its server is gone, and Interrupted.
 class PolledWriter {
  public:
-  // Attaches to the pair. `roomTimeout` bounds each wait for room.
-  PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout, Interrupt& endsIt);
+  // Attaches to the pair. `roomTimeout` bounds each wait for room. A null pointer stands for a
+  // queue that is not leased.
+  PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout, Interrupt& endsIt,
+               const orvane::Lease* queuesLease = nullptr);
 
   // The most data that one record can carry here.
   std::size_t recordSize() const { return maxData; }
@@ -32,7 +35,8 @@ class PolledWriter {
   void endSegment();
   void close();
 
-  // Tells the server that the stream ends here, unfinished, if that can be told within seconds.
+  // Tells the server that the stream ends here, unfinished. If that cannot be told within seconds,
+  // nothing more is: not even by the writer's own end, which would close the stream as a whole one.
   void abort() noexcept;
 
   // Messages sent so far, whatever the stream.
@@ -47,7 +51,8 @@ class PolledWriter {
   // Has the server taken every batch? It has then answered all but the last one.
   bool allTaken();
 
-  // Has the server removed the queue? What it answered before can still be taken.
+  // Has the server removed the queue, or ended its lease? What it answered before can still be
+  // taken.
   bool serverLeft() const;
 
  private:
@@ -61,10 +66,11 @@ class PolledWriter {
   const std::string queueName;
   const std::chrono::seconds timeout;
   Interrupt& interrupt;
+  const orvane::Lease* const lease;
   Queue sendQueue;
   Queue responseQueue;
   const ino_t inode;  // of the send queue
-  orvane::ShmWriter writer;
+  std::unique_ptr<orvane::ShmWriter> writer;
   const std::size_t maxData;
   std::size_t batchSize;  // bytes in the writer's batch
   std::uint64_t batches = 0;

@@ -19,6 +19,17 @@ void requireQueueName(const std::string& name) {
   }
 }
 
+std::optional<orvane::Lease> leaseFrom(const Destination& destination, unsigned int timeout) {
+  if (!destination.socket) {
+    return std::nullopt;
+  }
+  try {
+    return std::optional<orvane::Lease>(std::in_place, *destination.socket, timeout);
+  } catch (const Ox_ErrnoException& e) {
+    throw Failure(kNothingSent, "got no lease: " + e.message());
+  }
+}
+
 // All of them before anything is sent, so that a misspelt name costs nothing.
 std::vector<Input> openAll(const std::vector<std::string>& paths) {
   std::vector<Input> inputs;
@@ -65,11 +76,11 @@ std::string whileSending(const std::string& name, const Totals& totals, std::siz
 }
 
 void sendAll(std::vector<Input>& inputs, PolledWriter& writer, const SendOptions& options,
-             Interrupt& interrupt, Totals& totals) {
+             Interrupt& interrupt, orvane::Lease* lease, Totals& totals) {
   Progress progress(totalSize(inputs));
   for (Input& input : inputs) {
     try {
-      add(sendStream(writer, input.reader(interrupt), options, progress, interrupt), totals);
+      add(sendStream(writer, input.reader(interrupt), options, progress, interrupt, lease), totals);
     } catch (const Failure& failure) {
       throw Failure(failure.code,
                     whileSending(input.name(), totals, inputs.size()) + ": " + failure.what());
@@ -90,14 +101,20 @@ void printSummary(const Totals& totals) {
 
 }  // namespace
 
-void sendFiles(const std::string& queueName, const std::vector<std::string>& paths,
+void sendFiles(const Destination& destination, const std::vector<std::string>& paths,
                const SendOptions& options) {
-  requireQueueName(queueName);
+  if (!destination.socket) {
+    requireQueueName(destination.queue);
+  }
   std::vector<Input> inputs = openAll(paths);
+  // Before signals are kept for later: there is nothing to tidy up yet.
+  std::optional<orvane::Lease> lease = leaseFrom(destination, options.timeoutSeconds);
+  orvane::Lease* const leased = lease ? &*lease : nullptr;
   Interrupt interrupt;
-  PolledWriter writer(queueName, std::chrono::seconds(options.timeoutSeconds), interrupt);
+  PolledWriter writer(lease ? lease->queueName() : destination.queue,
+                      std::chrono::seconds(options.timeoutSeconds), interrupt, leased);
   Totals totals;
-  sendAll(inputs, writer, options, interrupt, totals);
+  sendAll(inputs, writer, options, interrupt, leased, totals);
   printSummary(totals);
 }
 

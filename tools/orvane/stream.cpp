@@ -5,6 +5,7 @@
 
 #include "await_receipt.hpp"
 #include "exit_code.hpp"
+#include "orvaned/server_status.hpp"
 #include "units.hpp"
 
 namespace tool {
@@ -21,6 +22,9 @@ namespace ipc = boost::interprocess;
   } catch (const Ox_ErrnoException& e) {
     if (e.status() == orvane::kStatusTimedOut) {
       throw Failure(kUnknown, e.message() + ": does another producer use the same queue?");
+    }
+    if (e.status() == orvaned::kWorkerDied) {
+      throw Failure(kUnknown, "the stream may be lost: " + e.message());
     }
     throw Failure(kRefused, "orvaned refused the stream: " + e.message() + " (status " +
                                 std::to_string(e.status()) + ")");
@@ -71,7 +75,7 @@ void requireMatch(const Sent& sent, const Receipt& receipt) {
 }  // namespace
 
 Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
-                Progress& progress, Interrupt& interrupt) {
+                Progress& progress, Interrupt& interrupt, orvane::Lease* lease) {
   Sent sent;
   const std::uint64_t batchesBefore = writer.batchesSent();
   const auto start = std::chrono::steady_clock::now();
@@ -85,8 +89,9 @@ Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& opt
       throw;
     }
     sent.batches = writer.batchesSent() - batchesBefore;
-    const Receipt receipt =
-        awaitReceipt(writer, std::chrono::seconds(options.timeoutSeconds), interrupt);
+    const std::chrono::seconds timeout(options.timeoutSeconds);
+    const Receipt receipt = lease != nullptr ? awaitReceipt(*lease, timeout, interrupt)
+                                             : awaitReceipt(writer, timeout, interrupt);
     sent.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     requireMatch(sent, receipt);
     sent.stream = receipt.stream;

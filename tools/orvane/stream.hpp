@@ -25,8 +25,9 @@ struct Sent {
 };
 
 // Sends everything that `read` delivers as one stream, and waits for the server's word that it is
-// stored. When this throws, the stream was aborted: Failure, Interrupted, or what `read` threw.
+// stored: over the lease's connection where the queue is leased, else in its answers. When this
+// throws, the stream was aborted: Failure, Interrupted, or what `read` threw.
 Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
-                Progress& progress, Interrupt& interrupt);
+                Progress& progress, Interrupt& interrupt, orvane::Lease* lease = nullptr);
 
 }  // namespace tool

@@ -1,5 +1,6 @@
 #include "lease_connection.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <utility>
@@ -32,8 +33,13 @@ LeaseConnection::Request LeaseConnection::readRequest() {
              : Request::bad;
 }
 
+// A path in a reason may hold anything.
 void LeaseConnection::send(const std::string& text) {
-  kept.push_back(text.substr(0, kLongestPacket));
+  std::string packet = text.substr(0, kLongestPacket);
+  std::replace_if(
+      packet.begin(), packet.end(),
+      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
+  kept.push_back(std::move(packet));
   sendKept();
 }
 

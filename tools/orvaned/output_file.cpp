@@ -132,15 +132,24 @@ void OutputFile::write(Bytes bytes) {
     }
     if (written < 0) {
       const int error = errno;
-      if (::ftruncate(fd, end) != 0) {
-        const int truncateError = errno;
-        const orvane::server::Logger log("store");
-        log.log(orvane::server::LEVEL_ERROR, __func__, truncateError,
-                "cannot take half a record back from %s", doublePercent(path).c_str());
-      }
+      takeBack();
       throwStoreFailed(error, "write", path);
     }
     bytes = bytes.subspan(static_cast<std::size_t>(written));
+  }
+}
+
+// What a failed write left: half a record, or a file without a byte.
+void OutputFile::takeBack() {
+  if (end == 0) {
+    ::unlink(path.c_str());
+    ::close(std::exchange(fd, -1));
+    created = false;
+  } else if (::ftruncate(fd, end) != 0) {
+    const int error = errno;
+    const orvane::server::Logger log("store");
+    log.log(orvane::server::LEVEL_ERROR, __func__, error, "cannot take half a record back from %s",
+            doublePercent(path).c_str());
   }
 }
 

@@ -51,6 +51,7 @@ class OutputFile {
  private:
   void writeBuffer();
   void write(Bytes bytes);
+  void takeBack();
   void commit(std::uint64_t recordCount, Bytes head, Bytes data);
   void create();
   void requireName() const;

@@ -33,7 +33,8 @@ constexpr StatusMeaning kStatusMeanings[] = {
     {kLimitReached, "limit reached", "no lease: the user or the server has all the pairs it may"},
     {kNoPair, "no pair", "no lease: a queue pair could not be made"},
     {kBadRequest, "bad request", "no lease: the server does not understand what was asked"},
-    {kWorkerDied, "worker died", "what served the queue died or hung; an open stream is broken"},
+    {kWorkerDied, "worker died",
+     "what served the queue died; what it did not acknowledge may be lost"},
 };
 
 }  // namespace orvaned

@@ -62,7 +62,7 @@ void removePair(const std::string& queueName) {
 
 void postFarewell(const std::string& queueName, const std::string& reason) {
   pvk_shm_response_t farewell;
-  farewell.assign(kServerEnding, reason.c_str());
+  farewell.assign(kWorkerDied, reason.c_str());
   const std::string name = orvane::getMessageQueueResponseName(queueName);
   try {
     ipc::message_queue queue(ipc::open_only, name.c_str());

@@ -16,8 +16,9 @@ bool pairExists(const std::string& queueName);
 
 void removePair(const std::string& queueName);
 
-// Tells a producer that still uses the pair why it is removed. Waits for nobody for long, but a
-// hostile or broken queue can crash or hang whoever calls this: call it in a process of its own.
+// Tells a producer that still uses the pair why it is removed (kWorkerDied). Waits for nobody for
+// long, but a hostile or broken queue can crash or hang whoever calls this: call it in a process of
+// its own.
 void postFarewell(const std::string& queueName, const std::string& reason);
 
 }  // namespace orvaned

@@ -1,26 +1,26 @@
 #include "store.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "fd.hpp"
 #include "process_name.hpp"
 
 namespace orvaned {
-// By trying: permissions alone do not tell of a read-only or full file system.
+// A full file system is found out by the first stream.
 void checkWritable(const std::string& directory) {
-  std::string probe = directory + "/.orvaned.XXXXXX";
-  if (mkdtemp(probe.data()) == nullptr) {
+  const Fd folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder.get() < 0 || access(directory.c_str(), W_OK | X_OK) != 0) {
     throw std::runtime_error(
         "cannot store into " + directory + ": " + std::generic_category().message(errno) +
         ": --store needs a folder that exists and that the server can write to");
   }
-  rmdir(probe.c_str());
 }
 
 Store::Store(std::string storeDirectory, std::string queueName, Sync syncMode)

@@ -1,0 +1,17 @@
+#include <iostream>
+#include <orvane/orvane.hpp>
+
+int main(int argc, char** argv) try {
+  const unsigned char order[] = "14 crates of oranges";
+  // A queue of one's own, for as long as the lease lives; 5 seconds to get it.
+  orvane::Lease lease(argc > 1 ? argv[1] : "/run/orvaned/socket", 5);
+  orvane::ShmWriter writer("orders", lease.queueName(), 30, 5, false);
+  writer.open();
+  writer.writeSegment(order, sizeof order - 1);
+  writer.endSegment();
+  writer.close();
+  std::cout << lease.receipt(30) << "\n";
+} catch (const std::exception& e) {
+  std::cerr << "producer: " << e.what() << "\n";
+  return 1;
+}

@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+
+#include "fake_server.hpp"
+#include "interruptions.hpp"
+#include "orvane/lease.hpp"
+#include "support/throws.hpp"
+
+namespace orvane::test {
+namespace {
+
+constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
+
+const char kFirst[] =
+    "receipt stream=20261121T023224-4711_0 records=12 bytes=9 segments=2 end=closed";
+const char kSecond[] =
+    "receipt stream=20261121T023224-4711_1 records=0 bytes=0 segments=0 end=stopped";
+const char kLost[] = "The server ended the lease without a word: it died or was stopped";
+
+std::string timedOut(const std::string& seconds) {
+  return "Timed out after waiting " + seconds +
+         "s for the server's answer: it is busy or was stopped";
+}
+
+FakeServer::Script leaseAnd(std::vector<std::string> more, bool hears = true) {
+  more.insert(more.begin(), "lease q");
+  return {.says = std::move(more), .hears = hears};
+}
+
+// A lease that was taken.
+class LeaseReceipt : public testing::Test {
+ protected:
+  explicit LeaseReceipt(FakeServer::Script script = leaseAnd({}))
+      : lease((server.serve(std::move(script)), server.path()), kLong) {}
+
+  testing::AssertionResult throws(ox_status_t status, const std::string& message,
+                                  unsigned int timeout = kLong) {
+    return throwsErrno(status, message, [&] { lease.receipt(timeout); });
+  }
+
+  FakeServer server;
+  Lease lease;
+};
+
+TEST_F(LeaseReceipt, IsTheServersText) {
+  server.say(kFirst);
+  EXPECT_EQ(lease.receipt(kLong), kFirst);
+}
+
+TEST_F(LeaseReceipt, ComesInTheServersOrder) {
+  server.say(kFirst);
+  server.say(kSecond);
+
+  EXPECT_EQ(lease.receipt(0), kFirst);
+  EXPECT_EQ(lease.receipt(0), kSecond);
+}
+
+TEST_F(LeaseReceipt, MayBeAsLongAsAPacket) {
+  const std::string longest = "receipt " + std::string(504, 'x');
+  server.say(longest);
+  EXPECT_EQ(lease.receipt(0), longest);
+}
+
+TEST_F(LeaseReceipt, OfAStreamThatCouldNotBeStoredIsTheServersStatusAndReason) {
+  server.say("failed 1003 No space left on device");
+  server.say(kSecond);
+
+  EXPECT_TRUE(throws(1003, "No space left on device"));
+
+  EXPECT_TRUE(lease.alive());
+  EXPECT_EQ(lease.receipt(0), kSecond);
+}
+
+TEST_F(LeaseReceipt, ReasonMayNameAFileInAnyLanguage) {
+  server.say(
+      "failed 1003 /srv/b\xc3\xbc"
+      "cher: No space left on device");
+  EXPECT_TRUE(throws(1003,
+                     "/srv/b\xc3\xbc"
+                     "cher: No space left on device"));
+}
+
+TEST_F(LeaseReceipt, IsLookedForWithoutWaiting) {
+  EXPECT_TRUE(throws(15, timedOut("0"), 0));
+
+  EXPECT_TRUE(lease.alive());
+  server.say(kFirst);
+  EXPECT_EQ(lease.receipt(0), kFirst);
+}
+
+TEST_F(LeaseReceipt, IsWaitedForUpToTheTimeout) {
+  const Stopwatch watch;
+
+  EXPECT_TRUE(throws(15, timedOut("1"), 1));
+
+  EXPECT_GE(watch.seconds(), 1);
+  EXPECT_LT(watch.seconds(), kLong);
+  EXPECT_TRUE(lease.alive());
+  server.say(kFirst);
+  EXPECT_EQ(lease.receipt(0), kFirst);
+}
+
+TEST_F(LeaseReceipt, IsWaitedForUpToTheTimeoutUnderSignals) {
+  const Interruptions interruptions;
+  const Stopwatch watch;
+
+  EXPECT_TRUE(throws(15, timedOut("1"), 1));
+
+  EXPECT_GE(watch.seconds(), 1);
+  EXPECT_LT(watch.seconds(), kLong);
+  EXPECT_GT(interruptions.count(), 10);
+}
+
+TEST_F(LeaseReceipt, RejectsATimeoutOfMoreThanADay) {
+  server.say(kFirst);
+
+  EXPECT_TRUE(throws(
+      9, "Invalid timeout, specified value 86401 was more than maximum allowed value of 86400",
+      86401));
+
+  EXPECT_EQ(lease.receipt(86400), kFirst);
+}
+
+TEST_F(LeaseReceipt, SentBeforeTheServersEndIsStillThere) {
+  server.say(kFirst);
+  server.say("failed 1004 the server was stopped");
+  server.end();
+
+  EXPECT_FALSE(lease.alive());
+  EXPECT_EQ(lease.receipt(0), kFirst);
+  EXPECT_TRUE(throws(1004, "the server was stopped", 0));
+  EXPECT_TRUE(throws(901, kLost, 0));
+  EXPECT_TRUE(throws(901, kLost));
+  EXPECT_FALSE(lease.alive());
+}
+
+TEST_F(LeaseReceipt, DoesNotComeAfterTheServersEnd) {
+  EXPECT_TRUE(lease.alive());
+  server.end();
+
+  EXPECT_FALSE(lease.alive());
+  EXPECT_TRUE(throws(901, kLost));
+  EXPECT_FALSE(lease.alive());
+  EXPECT_EQ(lease.queueName(), "q");
+}
+
+TEST_F(LeaseReceipt, ThatIsUnreadIsNoEnd) {
+  server.say(kFirst);
+  EXPECT_TRUE(lease.alive());
+}
+
+TEST_F(LeaseReceipt, OfAnotherVersionEndsTheLease) {
+  server.say("note all is well");
+  server.awaitScript();
+
+  EXPECT_TRUE(throws(901,
+                     "The server does not keep to version 1 of this talk, it said \"note all is "
+                     "well\": install the same release on both sides"));
+
+  EXPECT_FALSE(lease.alive());
+  EXPECT_TRUE(throws(901, kLost));
+  EXPECT_EQ(server.hear(), "") << "the server learns of it";
+}
+
+TEST_F(LeaseReceipt, ThatIsEmptyEndsTheLease) {
+  server.say("");
+
+  EXPECT_TRUE(throws(901, kLost));
+
+  EXPECT_FALSE(lease.alive());
+}
+
+class OddReceipt : public LeaseReceipt,
+                   public testing::WithParamInterface<std::pair<std::string, std::string>> {};
+
+TEST_P(OddReceipt, EndsTheLease) {
+  const auto& [packet, said] = GetParam();
+  server.say(packet);
+
+  EXPECT_TRUE(throws(901, "The server does not keep to version 1 of this talk, it said \"" + said +
+                              "\": install the same release on both sides"));
+
+  EXPECT_FALSE(lease.alive());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, OddReceipt,
+    testing::Values(std::pair("receipt", "receipt"), std::pair("receipts x", "receipts x"),
+                    std::pair("lease q", "lease q"), std::pair("failed", "failed"),
+                    std::pair("failed 15 late", "failed 15 late"),
+                    std::pair("failed 1003", "failed 1003"),
+                    std::pair("failed x 1003", "failed x 1003"), std::pair("receipt \n", "9 bytes"),
+                    std::pair("receipt \x7f", "9 bytes"),
+                    std::pair("receipt " + std::string(505, 'x'), "513 bytes"),
+                    std::pair(std::string(100000, 'x'), "100000 bytes")));
+
+// A server that never read the request and ended resets the connection.
+class ReceiptBeforeReset : public LeaseReceipt {
+ protected:
+  ReceiptBeforeReset() : LeaseReceipt(leaseAnd({kFirst, kSecond}, false)) { server.end(); }
+};
+
+TEST_F(ReceiptBeforeReset, IsStillThere) {
+  EXPECT_FALSE(lease.alive());
+  EXPECT_EQ(lease.receipt(0), kFirst);
+  EXPECT_EQ(lease.receipt(0), kSecond);
+  EXPECT_TRUE(throws(901, kLost, 0));
+}
+
+}  // namespace
+}  // namespace orvane::test
