@@ -6,14 +6,20 @@
 namespace orvane::test {
 namespace {
 
-std::string firstCppBlock(const std::string& markdown) {
+std::vector<std::string> cppBlocks(const std::string& markdown) {
   const std::string fence = "```cpp\n";
-  const std::size_t begin = markdown.find(fence) + fence.size();
-  return markdown.substr(begin, markdown.find("```", begin) - begin);
+  std::vector<std::string> blocks;
+  for (std::size_t at = 0; (at = markdown.find(fence, at)) != std::string::npos;) {
+    at += fence.size();
+    blocks.push_back(markdown.substr(at, markdown.find("```", at) - at));
+  }
+  return blocks;
 }
 
-TEST(Readme, ShowsTheProducerThatIsCompiled) {
-  EXPECT_EQ(firstCppBlock(readFile(README_PATH)), readFile(SMALLEST_PRODUCER_SOURCE));
+TEST(Readme, ShowsTheProducersThatAreCompiled) {
+  EXPECT_EQ(cppBlocks(readFile(README_PATH)),
+            (std::vector<std::string>{readFile(SMALLEST_PRODUCER_SOURCE),
+                                      readFile(LEASED_PRODUCER_SOURCE)}));
 }
 
 TEST(SmallestProducer, StoresItsRecord) {
