@@ -40,6 +40,15 @@ TEST(QueueNameRule, RefusesALeadingDotOnly) {
   EXPECT_EQ(refusalOf("not.hidden."), "accepted");
 }
 
+TEST(QueueNameRule, RefusesAResponseQueuesName) {
+  const std::string refusal = "the queue name ends in Response, as only response queues' do";
+  EXPECT_EQ(refusalOf("ordersResponse"), refusal);
+  EXPECT_EQ(refusalOf("Response"), refusal);
+  EXPECT_EQ(refusalOf("Responses"), "accepted");
+  EXPECT_EQ(refusalOf("Response.orders"), "accepted");
+  EXPECT_EQ(refusalOf("response"), "accepted");
+}
+
 TEST(QueueNameRule, RefusesEveryOtherByteWithoutRepeatingIt) {
   const std::string allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.-";
   for (int byte = 0; byte < 256; ++byte) {

@@ -106,10 +106,21 @@ void ServerProcess::killAll() const {
   kill(-pid, SIGKILL);
 }
 
-std::vector<pid_t> ServerProcess::children() const {
-  const std::string process = std::to_string(pid);
-  std::ifstream list("/proc/" + process + "/task/" + process + "/children");
-  return {std::istream_iterator<pid_t>(list), {}};
+// The child that has the queue in its memory, where it still has the name that it was made under.
+pid_t ServerProcess::workerOf(const std::string& queue) const {
+  const std::string parent = std::to_string(pid);
+  for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
+    std::ifstream children("/proc/" + parent + "/task/" + parent + "/children");
+    for (pid_t child = 0; children >> child;) {
+      std::ifstream maps("/proc/" + std::to_string(child) + "/maps");
+      const std::string memory{std::istreambuf_iterator<char>(maps), {}};
+      if (memory.find("/." + queue + ".new") != std::string::npos) {
+        return child;
+      }
+    }
+    sched_yield();
+  }
+  throw std::runtime_error("nobody serves " + queue);
 }
 
 void ServerProcess::waitUntilStopped() const {

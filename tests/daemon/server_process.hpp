@@ -40,8 +40,8 @@ class ServerProcess {
 
   pid_t process() const { return pid; }
 
-  // The processes that work for it now, oldest first.
-  std::vector<pid_t> children() const;
+  // The process that serves this queue; waits for it.
+  pid_t workerOf(const std::string& queue) const;
 
   // Waits until it is stopped, by SIGSTOP.
   void waitUntilStopped() const;

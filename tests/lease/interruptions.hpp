@@ -4,7 +4,6 @@
 #include <sys/time.h>
 
 #include <atomic>
-#include <chrono>
 
 namespace orvane::test {
 
@@ -32,16 +31,6 @@ class Interruptions {
  private:
   inline static std::atomic<int> arrived = 0;
   struct sigaction before = {};
-};
-
-class Stopwatch {
- public:
-  double seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  }
-
- private:
-  std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
 };
 
 }  // namespace orvane::test

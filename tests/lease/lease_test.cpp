@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "fake_server.hpp"
+#include "faults/waiting_thread.hpp"
 #include "interruptions.hpp"
 #include "support/throws.hpp"
 
@@ -273,24 +274,14 @@ TEST(LeaseEnd, EndsTheConnection) {
 TEST(LeaseEnd, OfACancelledThreadDoesNotEndTheProcess) {
   FakeServer server;
   server.serve({.says = {"lease q"}});
-  const auto takeAndEnd = [](void* path) -> void* {
+  WaitingThread thread([&] {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    {
-      const Lease lease(*static_cast<const std::string*>(path), kLong);
-      pthread_cancel(pthread_self());
-      pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    }
-    pthread_testcancel();
-    return nullptr;
-  };
-  std::string path = server.path();
-  pthread_t thread{};
-  ASSERT_EQ(pthread_create(&thread, nullptr, takeAndEnd, &path), 0);
+    const Lease lease(server.path(), kLong);
+    pthread_cancel(pthread_self());
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+  });
 
-  void* result = nullptr;
-  pthread_join(thread, &result);
-
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  EXPECT_FALSE(thread.returns()) << "it was not cancelled";
   EXPECT_EQ(server.hear(), "");
 }
 

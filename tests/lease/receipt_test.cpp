@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_server.hpp"
+#include "faults/waiting_thread.hpp"
 #include "interruptions.hpp"
 #include "orvane/lease.hpp"
 #include "support/throws.hpp"
@@ -156,7 +157,7 @@ TEST_F(LeaseReceipt, OfAnotherVersionEndsTheLease) {
                      "The server does not keep to version 1 of this talk, it said \"note all is "
                      "well\": install the same release on both sides"));
 
-  EXPECT_FALSE(lease.alive());
+  ASSERT_FALSE(lease.alive());
   EXPECT_TRUE(throws(901, kLost));
   EXPECT_EQ(server.hear(), "") << "the server learns of it";
 }

@@ -38,17 +38,19 @@ std::optional<Receipt> takeReceipt(PolledWriter& writer) {
 }
 
 std::optional<Receipt> takeReceipt(orvane::Lease& lease) {
+  std::string text;
   try {
-    return parseReceipt(lease.receipt(0));
+    text = lease.receipt(0);
   } catch (const Ox_ErrnoException& e) {
-    if (e.status() == orvane::kLeaseLost) {
-      throw Failure(kUnknown, "orvaned ended the lease without a receipt for the stream");
+    if (e.status() == orvane::kStatusTimedOut) {
+      return std::nullopt;
     }
-    if (e.status() != orvane::kStatusTimedOut) {
-      throw;
-    }
-    return std::nullopt;
+    throw;
   }
+  if (auto receipt = parseReceipt(text)) {
+    return receipt;
+  }
+  throw Failure(kUnknown, "orvaned, of another release, sent what is no receipt here: " + text);
 }
 
 }  // namespace

@@ -12,7 +12,8 @@ namespace tool {
 // server left or nothing came in time, Ox_ErrnoException when it refused, Interrupted.
 Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt);
 
-// The same over a lease's connection, which nobody else reads.
+// The same over a lease's connection, which nobody else reads; kLeaseLost says that the server
+// left.
 Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt);
 
 }  // namespace tool

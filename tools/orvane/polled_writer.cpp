@@ -68,7 +68,7 @@ std::size_t dataPerRecord(std::size_t messageSize) {
 }  // namespace
 
 PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout,
-                           Interrupt& endsIt, const orvane::Lease* queuesLease)
+                           Interrupt& endsIt, orvane::Lease* queuesLease)
     : queueName(queue),
       timeout(roomTimeout),
       interrupt(endsIt),
@@ -137,6 +137,9 @@ void PolledWriter::waitForRoom(std::chrono::seconds limit) {
   for (Backoff backoff(interrupt); sendQueue.get_num_msg() == sendQueue.get_max_msg();
        backoff.pause()) {
     if (serverLeft()) {
+      if (lease != nullptr) {
+        lease->receipt(0);  // throws why it ended, if the server could still say so
+      }
       failToSend("was removed before orvaned had taken everything");
     }
     if (Clock::now() >= deadline) {
@@ -165,8 +168,8 @@ bool PolledWriter::allTaken() {
 }
 
 bool PolledWriter::serverLeft() const {
-  if (lease != nullptr && !lease->alive()) {
-    return true;
+  if (lease != nullptr) {
+    return !lease->alive();  // after the queue's removal, and with the server's last word before it
   }
   const ino_t now = inodeOf(queueName);
   return now == 0 || now != inode;

@@ -19,13 +19,14 @@ namespace tool {
 // process that dies inside the queue's own wait wedges it for every later one.
 //
 // What ShmWriter throws passes through, and so do the queue's exceptions. Besides, each call throws
-// Failure when the queue stays full or its server is gone, and Interrupted.
+// Failure when the queue stays full or its server is gone, what Lease::receipt() throws when the
+// lease has ended, and Interrupted.
 class PolledWriter {
  public:
   // Attaches to the pair. `roomTimeout` bounds each wait for room. A null pointer stands for a
   // queue that is not leased.
   PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout, Interrupt& endsIt,
-               const orvane::Lease* queuesLease = nullptr);
+               orvane::Lease* queuesLease = nullptr);
 
   // The most data that one record can carry here.
   std::size_t recordSize() const { return maxData; }
@@ -66,7 +67,7 @@ class PolledWriter {
   const std::string queueName;
   const std::chrono::seconds timeout;
   Interrupt& interrupt;
-  const orvane::Lease* const lease;
+  orvane::Lease* const lease;
   Queue sendQueue;
   Queue responseQueue;
   const ino_t inode;  // of the send queue

@@ -23,6 +23,9 @@ namespace ipc = boost::interprocess;
     if (e.status() == orvane::kStatusTimedOut) {
       throw Failure(kUnknown, e.message() + ": does another producer use the same queue?");
     }
+    if (e.status() == orvane::kLeaseLost) {
+      throw Failure(kUnknown, "orvaned ended the lease without a receipt for the stream");
+    }
     if (e.status() == orvaned::kWorkerDied) {
       throw Failure(kUnknown, "the stream may be lost: " + e.message());
     }

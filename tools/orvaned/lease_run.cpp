@@ -1,5 +1,6 @@
 #include "lease_run.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <orvane/orvane.hpp>
@@ -44,6 +45,27 @@ std::vector<std::string> queuesOf(const std::string& run, const std::set<std::st
   return {queues.begin(), queues.end()};
 }
 
+// Those with a lock file.
+std::vector<std::string> runsOf(const std::set<std::string>& names) {
+  static const std::regex lockName("\\.(" + std::string(kRun) + ")\\.lock");
+  std::vector<std::string> runs;
+  for (const std::string& name : names) {
+    std::smatch parts;
+    if (std::regex_match(name, parts, lockName)) {
+      runs.push_back(parts[1]);
+    }
+  }
+  return runs;
+}
+
+LockFile::Owner ownerOf(const std::string& run) {
+  try {
+    return LockFile::ownerOf(lockPathOf(run));
+  } catch (const std::runtime_error&) {
+    return LockFile::Owner::alive;  // another user's
+  }
+}
+
 }  // namespace
 
 LeaseRun::LeaseRun() : name("orvane-" + timeAndProcess()), lock(lockPathOf(name)) {}
@@ -53,17 +75,12 @@ std::string LeaseRun::newQueueName() const {
 }
 
 std::vector<DeadRun> takeDeadRuns() {
-  static const std::regex lockName("\\.(" + std::string(kRun) + ")\\.lock");
   const std::set<std::string> names = namesInShm();
   std::vector<DeadRun> dead;
-  for (const std::string& name : names) {
-    std::smatch parts;
-    if (!std::regex_match(name, parts, lockName)) {
-      continue;
-    }
+  for (const std::string& run : runsOf(names)) {
     try {
-      if (auto lock = LockFile::takeOver(lockPathOf(parts[1]))) {
-        dead.push_back({std::move(*lock), queuesOf(parts[1], names)});
+      if (auto lock = LockFile::takeOver(lockPathOf(run))) {
+        dead.push_back({std::move(*lock), queuesOf(run, names)});
       }
     } catch (const std::runtime_error&) {
       // Another user's.
@@ -72,13 +89,15 @@ std::vector<DeadRun> takeDeadRuns() {
   return dead;
 }
 
+bool hasDyingRuns() {
+  const std::vector<std::string> runs = runsOf(namesInShm());
+  return std::any_of(runs.begin(), runs.end(),
+                     [](const std::string& run) { return ownerOf(run) == LockFile::Owner::dying; });
+}
+
 bool isOfDeadRun(const std::string& queueName) {
   const auto run = runOf(queueName);
-  try {
-    return run && !LockFile::isHeld(lockPathOf(*run));
-  } catch (const std::runtime_error&) {
-    return false;  // another user's
-  }
+  return run && ownerOf(*run) == LockFile::Owner::dead;
 }
 
 }  // namespace orvaned

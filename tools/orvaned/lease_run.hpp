@@ -30,6 +30,9 @@ struct DeadRun {
 
 std::vector<DeadRun> takeDeadRuns();
 
+// Are there runs that can only soon be taken?
+bool hasDyingRuns();
+
 // Is it a leased queue's name, of a run that has ended?
 bool isOfDeadRun(const std::string& queueName);
 

@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds kBetweenTries{20};
 
 Fd openFile(const std::string& path, int flags) {
   Fd fd(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags, 0600));
-  if (fd.get() < 0 && errno != ENOENT) {
+  if (fd.get() < 0 && (errno != ENOENT || (flags & O_CREAT) != 0)) {
     fail(path, errno);
   }
   return fd;
@@ -78,7 +78,7 @@ LockFile::LockFile(std::string lockPath) : path(std::move(lockPath)) {
     }
     if (!tryLock(path, fd)) {
       const pid_t holder = holderOf(fd);
-      if (!isDead(holder) || Clock::now() >= deadline) {
+      if ((holder != 0 && !isDead(holder)) || Clock::now() >= deadline) {
         throw std::runtime_error("another orvaned, process " + std::to_string(holder) + ", holds " +
                                  path);
       }
@@ -97,15 +97,20 @@ LockFile::LockFile(std::string lockPath) : path(std::move(lockPath)) {
 
 std::optional<LockFile> LockFile::takeOver(const std::string& path) {
   Fd fd = openFile(path, 0);
-  if (fd.get() < 0 || !isOwn(fd) || !tryLock(path, fd) || !isAt(path, fd)) {
+  if (fd.get() < 0 || !isOwn(fd) || !tryLock(path, fd) || !isAt(path, fd) ||
+      ftruncate(fd.get(), 0) != 0) {
     return std::nullopt;
   }
   return LockFile(path, std::move(fd));
 }
 
-bool LockFile::isHeld(const std::string& path) {
+LockFile::Owner LockFile::ownerOf(const std::string& path) {
   const Fd fd = openFile(path, 0);
-  return fd.get() >= 0 && flock(fd.get(), LOCK_EX | LOCK_NB) != 0;
+  if (fd.get() < 0 || tryLock(path, fd)) {
+    return Owner::dead;
+  }
+  const pid_t holder = holderOf(fd);
+  return holder == 0 ? Owner::dead : isDead(holder) ? Owner::dying : Owner::alive;
 }
 
 LockFile::~LockFile() {

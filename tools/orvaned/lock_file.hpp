@@ -16,12 +16,17 @@ class LockFile {
   // owner is dead and only its forked children still hold it, waits some seconds for their end.
   explicit LockFile(std::string path);
 
-  // The lock of an owner that is dead. Nothing when there is no such file, when it is held, or when
-  // it is another user's. Throws std::runtime_error when the file cannot be opened, as isHeld does.
+  // The lock of an owner that is dead; the file names none from then on. Nothing when there is no
+  // such file, when it is held, or when it is another user's. Throws std::runtime_error when the
+  // file cannot be opened, as ownerOf does.
   static std::optional<LockFile> takeOver(const std::string& path);
 
-  // Is there such a file, and does anybody hold it?
-  static bool isHeld(const std::string& path);
+  enum class Owner {
+    alive,
+    dying,  // dead, but not all that it forked
+    dead    // with all that it forked; somebody may clean up after it
+  };
+  static Owner ownerOf(const std::string& path);
 
   LockFile(LockFile&&) = default;
   LockFile& operator=(LockFile&&) = delete;

@@ -90,7 +90,7 @@ void Pair::stop() {
 }
 
 void Pair::kill() {
-  if (child) {
+  if (child && phase == Phase::serving) {
     killed = true;
     child->signal(SIGKILL);
   }

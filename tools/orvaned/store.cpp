@@ -13,10 +13,11 @@
 #include "process_name.hpp"
 
 namespace orvaned {
-// A full file system is found out by the first stream.
+// By trying, with a file that never has a name: permissions alone do not tell of a read-only file
+// system.
 void checkWritable(const std::string& directory) {
-  const Fd folder(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folder.get() < 0 || access(directory.c_str(), W_OK | X_OK) != 0) {
+  const Fd probe(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+  if (probe.get() < 0 && errno != EOPNOTSUPP) {
     throw std::runtime_error(
         "cannot store into " + directory + ": " + std::generic_category().message(errno) +
         ": --store needs a folder that exists and that the server can write to");

@@ -12,7 +12,6 @@
 
 #include "log.hpp"
 #include "queue_pair.hpp"
-#include "recovery.hpp"
 #include "server_status.hpp"
 #include "stale_pair.hpp"
 
@@ -64,8 +63,11 @@ Supervisor::Supervisor(const Options& serverOptions)
 }
 
 bool Supervisor::run() {
-  cleanUpAfterDeadServers();
+  if (leases) {
+    cleanUpAfterDeadRuns();
+  }
   if (queueLock) {
+    recoverWhere([this](const UnfinishedStream& stream) { return stream.queue == options.queue; });
     pairs.emplace_back(forPairs, Pair::Kind::fixed, options.queue);
   }
   if (desk) {
@@ -78,29 +80,32 @@ bool Supervisor::run() {
     takeSignals();
     serveDesk();
     stepPairs();
+    if (cleanUpAgain && Clock::now() >= *cleanUpAgain && !stopAt) {
+      cleanUpAfterDeadRuns();
+    }
     std::erase_if(recoveries, [](Child& child) { return child.ended().has_value(); });
   }
   return !failed;
 }
 
 // While others are served already: no new pair or stream has the name of an old one.
-void Supervisor::cleanUpAfterDeadServers() {
-  const std::vector<UnfinishedStream> unfinished =
-      findUnfinished(options.store, [this](const UnfinishedStream& stream) {
-        return (queueLock && stream.queue == options.queue) ||
-               (leases && isOfDeadRun(stream.queue));
-      });
-  if (!unfinished.empty()) {
-    recover([&unfinished, this] { recoverStreams(unfinished, options.sync); });
-  }
-  if (!leases) {
-    return;
-  }
+void Supervisor::cleanUpAfterDeadRuns() {
+  // Asked first: who ends meanwhile may be overlooked here.
+  const bool again = hasDyingRuns();
+  recoverWhere([](const UnfinishedStream& stream) { return isOfDeadRun(stream.queue); });
   for (DeadRun& dead : takeDeadRuns()) {
     for (const std::string& queue : dead.queues) {
       pairs.emplace_back(forPairs, Pair::Kind::dead, queue);
     }
     deadRuns.push_back(std::move(dead.lock));
+  }
+  cleanUpAgain = again ? std::optional(Clock::now() + kTick) : std::nullopt;
+}
+
+void Supervisor::recoverWhere(const std::function<bool(const UnfinishedStream&)>& isDead) {
+  const std::vector<UnfinishedStream> unfinished = findUnfinished(options.store, isDead);
+  if (!unfinished.empty()) {
+    recover([&unfinished, this] { recoverStreams(unfinished, options.sync); });
   }
 }
 
@@ -153,9 +158,11 @@ void Supervisor::serveDesk() {
   const auto limit = [this](const ucred& producer, LeaseDesk::Count applications) {
     return limitReachedBy(producer, applications);
   };
-  for (auto& connection : desk->serve(limit)) {
+  asked = desk->serve(limit);
+  for (auto& connection : asked) {
     pairs.emplace_back(forPairs, Pair::Kind::leased, leases->newQueueName(), std::move(connection));
   }
+  asked.clear();
 }
 
 std::string Supervisor::limitReachedBy(const ucred& producer, LeaseDesk::Count applications) const {
@@ -233,6 +240,7 @@ void Supervisor::closeOthers(int keep) {
   if (desk) {
     desk->closeFiles(keep);
   }
+  std::erase_if(asked, [keep](const auto& one) { return one && one->fd() != keep; });
   for (Pair& pair : pairs) {
     pair.closeConnection(keep);
   }

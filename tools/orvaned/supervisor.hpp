@@ -15,6 +15,7 @@
 #include "lock_file.hpp"
 #include "options.hpp"
 #include "pair.hpp"
+#include "recovery.hpp"
 
 namespace orvaned {
 
@@ -32,7 +33,8 @@ class Supervisor {
  private:
   using Clock = Child::Clock;
 
-  void cleanUpAfterDeadServers();
+  void cleanUpAfterDeadRuns();
+  void recoverWhere(const std::function<bool(const UnfinishedStream&)>& isDead);
   bool isOver() const;
   void waitForEvents();
   void takeSignals();
@@ -50,7 +52,9 @@ class Supervisor {
   std::optional<LockFile> queueLock;
   std::optional<LeaseRun> leases;
   std::optional<LeaseDesk> desk;
+  std::vector<LeaseDesk::Connection> asked;  // what becomes pairs just now
   std::vector<LockFile> deadRuns;
+  std::optional<Clock::time_point> cleanUpAgain;
   std::list<Pair> pairs;
   std::list<Child> recoveries;
   std::optional<Clock::time_point> stopAt;

@@ -1,0 +1,67 @@
+"""Names that are taken already, or vanish."""
+
+import os
+import socket
+from pathlib import Path
+
+from cases import case
+from cases.processes import EVERYBODY
+from programs import Broken
+from scene import remove
+
+SQUATTERS = {
+    "file": lambda path: path.write_bytes(b""),
+    "text": lambda path: path.write_text("somebody's notes"),
+    "link": lambda path: path.symlink_to("/nowhere"),
+    "folder": lambda path: path.mkdir(),
+    "pipe": lambda path: os.mkfifo(path),
+    "socket": lambda path: bind(path),
+}
+
+
+@case("a name that the server needs is taken by a stranger before it starts", often=3)
+def names_taken(scene):
+    path = scene.rng.choice(places(scene))
+    kind = scene.rng.choice(list(SQUATTERS))
+    SQUATTERS[kind](path)
+    server = scene.start_server()
+    server.may_give_up = True
+    if server.wait_until_ready():
+        scene.send()
+    elif str(path) not in server.errors:
+        raise Broken(f"{path} was a {kind}; orvaned did not name it: {server.errors.strip()}")
+    scene.moment = "before"
+    scene.undo = lambda: server.runs() or remove(path)
+
+
+@case("a second server for the same names")
+def second_server(scene):
+    scene.serve()
+    scene.send()
+    scene.until_an_instant()
+    second = scene.start_server()
+    scene.servers.remove(second)
+    scene.others.append(second)
+    if second.wait() != 1 or "another orvaned" not in second.errors:
+        raise Broken(f"the second server ended with {second.process.returncode}: {second.errors}")
+
+
+@case("the names in /dev/shm removed at a random instant, by a tidy administrator")
+def names_removed(scene):
+    server = scene.serve()
+    scene.send(may_fail=EVERYBODY)
+    scene.until_an_instant()
+    for path in scene.our_shm_files():
+        path.unlink(missing_ok=True)
+    scene.undo = lambda: scene.end_if_running(server)
+
+
+def places(scene):
+    shm = scene.seen("/dev/shm")
+    return [shm / scene.queue, shm / f"{scene.queue}Response", shm / f".{scene.queue}.lock",
+            scene.socket, Path(f"{scene.socket}.lock")]
+
+
+def bind(path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as stranger:
+        stranger.bind(str(path))

@@ -1,0 +1,243 @@
+"""One case's world: a server, its producers, a store and names of their own."""
+
+import contextlib
+import os
+import random
+import re
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import stored
+from programs import START_BOUND, STOP_BOUND, Broken, Program, Send, Server, poll
+
+SHM = "/dev/shm"
+SMALLEST = b"14 crates of oranges"  # what the example sends
+
+# How the producers of one case reach the server: by the fixed name, or by a lease each.
+WAYS = {
+    "one fixed": ["fixed"],
+    "one leased": ["leased"],
+    "eight leased": ["leased"] * 8,
+    "one fixed, seven leased": ["fixed"] + ["leased"] * 7,
+}
+
+
+def remove(path):
+    if path.is_dir() and not path.is_symlink():
+        path.rmdir()
+    else:
+        path.unlink(missing_ok=True)
+
+
+class Scene:
+    def __init__(self, seed, number, binaries, folder):
+        self.rng = rng = random.Random(f"{seed}/{number}")
+        self.binaries = binaries
+        self.folder = folder
+        self.queue = f"faults-{os.getpid()}-{number}"
+        self.store = folder / "store"
+        self.socket = folder / "socket"
+        self.store.mkdir()
+        self.way = rng.choice(list(WAYS))
+        self.segments = rng.randrange(1, 25)
+        self.size = rng.randrange(100_000, 2_000_000) // len(WAYS[self.way])
+        self.segment_size = self.size // self.segments + 1
+        self.geometry = ["--messages", rng.randrange(1, 9),
+                         "--message-size", rng.choice([2048, 8192, 65536])]
+        self.sync = rng.choice(["always", "segment", "none"])
+        self.servers = []
+        self.sends = []
+        self.others = []  # other programs
+        self.contents = [SMALLEST]
+        self.prefix = []  # of every command
+        self.root = Path("/")
+        self.moment = "missed"
+        self.may_fail = 0
+        self.strangers = False  # somebody else sends to the fixed name, too
+        self.undo = lambda: None  # what an administrator would mend after the fault
+        self.needs_recovery = False  # what the store refused, only the next start can finish
+
+    def seen(self, path):
+        """A path as this process finds it, when the programs have mounts of their own."""
+        return self.root / str(path).lstrip("/")
+
+    def program(self, kind, name, command, **options):
+        return kind(f"{name}-{len(self.servers) + len(self.sends) + len(self.others)}",
+                    self.folder, [*self.prefix, *command], **options)
+
+    def start_server(self, prefix=(), environment=None, options=(), is_ready=None):
+        command = [*prefix, self.binaries / "orvaned", "--queue", self.queue,
+                   "--socket", self.socket, "--store", self.store, "--sync", self.sync,
+                   *self.geometry, *options]
+        server = self.program(Server, "orvaned", command, environment=environment,
+                              is_ready=is_ready or self.says_ready)
+        self.servers.append(server)
+        return server
+
+    def says_ready(self, server):
+        return all(re.search(rf" serving .*{re.escape(place)}[ ,]", server.errors)
+                   for place in (self.queue, str(self.socket)))
+
+    def has_names(self, _server):
+        """For a server whose log may fail: before it, nobody had these names."""
+        return self.socket.exists() and self.seen(SHM + "/" + self.queue).exists()
+
+    def serve(self, **options):
+        """A server that is ready; one that a fault may keep from it is for start_server()."""
+        server = self.start_server(**options)
+        if not server.wait_until_ready():
+            raise Broken(f"{server.name} did not start: {server.errors.strip()[-400:]}")
+        server.held_at_start = server.held()
+        return server
+
+    def new_file(self, size):
+        file = self.folder / f"file-{len(self.contents)}"
+        file.write_bytes(self.rng.randbytes(size))
+        self.contents.append(file.read_bytes())
+        return file
+
+    def start_send(self, way, files, prefix=(), environment=None, timeout=30):
+        place = ["--queue", self.queue] if way == "fixed" else ["--socket", self.socket]
+        command = [*prefix, self.binaries / "orvane", "send", *place, "--timeout", timeout,
+                   "--segment-size", self.segment_size, *files]
+        send = self.program(Send, "send", command, files=files, timeout=timeout,
+                            environment=environment)
+        self.sends.append(send)
+        return send
+
+    def send(self, may_fail=0, prefix=(), environment=None):
+        """Starts all producers, the first one with a prefix; so many of them need not succeed."""
+        ways = WAYS[self.way]
+        self.may_fail = min(may_fail, len(ways))
+        # Who has lost its server need not wait for it long.
+        timeout = 1 if self.may_fail == len(ways) else 30
+        files = [[self.new_file(self.size) for _ in range(self.rng.randrange(1, 3))] for _ in ways]
+        return [self.start_send(ways[n], files[n], () if n else prefix, environment, timeout)
+                for n in range(len(ways))]
+
+    def streams(self):
+        return [path for path in self.seen(self.store).iterdir()
+                if stored.FOLDER.fullmatch(path.name)]
+
+    def note_moment(self):
+        if not self.streams():
+            self.moment = "before"
+        else:
+            self.moment = "during" if any(send.runs() for send in self.sends) else "after"
+
+    def stored_bytes(self):
+        total = 0
+        for file in self.seen(self.store).glob("*/*"):
+            with contextlib.suppress(FileNotFoundError):  # renamed meanwhile
+                total += file.stat().st_size
+        return total
+
+    def until_an_instant(self):
+        """Waits until a random part of what is being sent is stored, or for a random time."""
+        by_progress = self.rng.random() < 0.8
+        part = self.rng.random() * sum(map(len, self.contents))
+        pause = self.rng.uniform(0, 0.001 if by_progress else 0.05)
+        while by_progress and self.stored_bytes() < part and any(s.runs() for s in self.sends):
+            time.sleep(0.0005)
+        time.sleep(pause)
+        self.note_moment()
+
+    def finish(self):
+        """Everybody comes to an end in time, and the place is as good as new."""
+        for send in self.sends:
+            send.wait()
+        self.outcomes = [send.check_end() for send in self.sends]
+        failed = len([outcome for outcome in self.outcomes if outcome != "stored"])
+        if failed > self.may_fail:
+            raise Broken(f"{failed} producers failed where {self.may_fail} may: " + " | ".join(
+                send.errors.strip() for send in self.sends if send.process.returncode != 0))
+        self.undo()
+        self.check_service()
+        if self.needs_recovery:
+            self.stop(self.servers[-1])
+            self.serve()
+        self.check_recovery()
+        self.stop(self.servers[-1])
+        for server in self.servers:
+            server.check_end()
+        self.check_leftovers()
+
+    def check_service(self):
+        """The same server, or else the next one at the same place, serves new producers."""
+        server = self.servers[-1]
+        if not server.runs():
+            if server.process.returncode != 0 and not (server.killed or server.may_give_up):
+                raise Broken(f"{server.name} ended by itself: {server.errors.strip()[-400:]}")
+            server = self.serve()
+        self.check_new_producer("fixed")
+        self.check_new_producer("leased")
+        example = self.program(Program, "smallest_producer",
+                               [self.binaries / "smallest_producer", self.queue])
+        self.others.append(example)
+        if example.wait() != 0:
+            raise Broken(f"the example failed: {example.errors.strip()}")
+        if server.held_at_start:
+            poll(server.holds_no_more_than_at_start, STOP_BOUND,
+                 f"{server.name} did not come back to {server.held_at_start} files, workers, KiB")
+
+    def check_recovery(self):
+        """Nothing is left of dead servers, whose last processes may outlive them a little."""
+        poll(lambda: all((stream / "manifest").exists() for stream in self.streams()), START_BOUND,
+             "not every stream was finished")
+        dead = self.servers[:-1]
+        poll(lambda: not any(self.is_leased_from(dead, path.name) for path in self.shm_files()),
+             START_BOUND, f"{SHM} was not cleaned up after a dead server")
+
+    def check_new_producer(self, way):
+        """It is served: on a queue that strangers use, when what they sent has been answered."""
+        for _ in range(50 if self.strangers and way == "fixed" else 1):
+            probe = self.start_send(way, [self.new_file(3000)])
+            if probe.wait() == 0:
+                return
+        raise Broken(f"a new producer ({way}) failed: {probe.errors.strip()}")
+
+    def end_if_running(self, server):
+        """Of a server that the case keeps from its work only a timely end is asked."""
+        if server.runs():
+            server.strike(signal.SIGTERM)
+            server.wait()
+
+    def stop(self, server):
+        server.process.send_signal(signal.SIGTERM)
+        if server.wait() != 0:
+            raise Broken(f"{server.name} ended with {server.process.returncode} when told to end: "
+                         f"{server.errors.strip()[-400:]}")
+
+    def is_leased_from(self, servers, name):
+        """Is it a name in /dev/shm that only one of these servers can have given, or locked?"""
+        leased = re.match(r"\.?orvane-\d{8}T\d{6}-(\d+)[_.]", name)
+        return leased is not None and int(leased[1]) in [server.pid for server in servers]
+
+    def shm_files(self):
+        shm = self.seen(SHM)
+        return list(shm.iterdir()) if shm.exists() else []
+
+    def our_shm_files(self):
+        fixed = re.compile(rf"\.?{self.queue}(Response)?(\.new|\.lock)?")
+        return [path for path in self.shm_files()
+                if fixed.fullmatch(path.name) or self.is_leased_from(self.servers, path.name)]
+
+    def check_leftovers(self):
+        left = [path.name for path in self.our_shm_files()]
+        left += [path.name for path in self.folder.glob("socket*")]
+        if left:
+            raise Broken(f"left behind: {', '.join(sorted(left))}")
+
+    def clear_away(self):
+        for program in [*self.servers, *self.sends, *self.others]:
+            program.clear_away()
+        self.root = Path("/")  # mounts of their own are gone
+        for path in self.our_shm_files():
+            remove(path)
+
+    def keep_store(self):
+        """Where mounts of its own hide it, a copy, to look at after a failure."""
+        subprocess.run(["cp", "-a", f"{self.seen(self.store)}/.", self.store], check=False,
+                       capture_output=True)

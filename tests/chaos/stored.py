@@ -1,0 +1,105 @@
+"""What is in a store, read with no help from the code that wrote it."""
+
+import re
+import zlib
+
+from programs import Broken
+
+FOLDER = re.compile(r"(?P<queue>.+)-(?P<id>\d{8}T\d{6}-\d+_\d+)")
+SEGMENT = re.compile(
+    r"segment number=(?P<number>\d+) records=(?P<records>\d+) bytes=(?P<bytes>\d+) "
+    r"algorithm=\d+ parameters=\d+,\d+,\d+ crc32=(?P<crc32>[0-9a-f]{8}) file=(?P<file>\S+)")
+UNFINISHED = re.compile(
+    r"unfinished file=(?P<file>\S+) bytes=(?P<bytes>\d+) crc32=(?P<crc32>[0-9a-f]{8})")
+OTHERS = re.compile(
+    r"other-records=(?P<records>\d+) bytes=(?P<bytes>\d+) crc32=(?P<crc32>[0-9a-f]{8})")
+ENDS = {"closed", "stopped", "cut-off", "broken"}
+
+
+class StoredStream:
+    """A stream's folder, each file checked against the manifest."""
+
+    def __init__(self, path):
+        self.path = path
+        names = FOLDER.fullmatch(path.name)
+        if not names:
+            raise Broken(f"the store holds {path.name}, which is no stream")
+        self.queue, self.id = names["queue"], names["id"]
+        if not (path / "manifest").exists():
+            raise Broken(f"{path.name} has no manifest: {sorted(f.name for f in path.iterdir())}")
+        self.lines = (path / "manifest").read_text(errors="replace").split("\n")
+        self.end = self.fact("end")
+        self.receipt = next((line for line in self.lines if line.startswith("receipt ")), "")
+        self.segments = [found for line in self.lines if (found := SEGMENT.fullmatch(line))]
+        self.check()
+
+    def fact(self, name):
+        start = name + "="
+        return next((line[len(start):] for line in self.lines if line.startswith(start)), "")
+
+    def check(self):
+        if self.end not in ENDS or f" end={self.end}" not in self.receipt:
+            self.fail(f"ends as '{self.end}', its receipt is '{self.receipt}'")
+        if any(line.startswith("damaged ") for line in self.lines):
+            self.fail("lists damaged files")
+        totals = re.search(r" bytes=(\d+) ", self.receipt)
+        others = next(filter(None, map(OTHERS.fullmatch, self.lines)), None)
+        stored = sum(int(segment["bytes"]) for segment in self.segments)
+        if int(totals[1]) != stored + (int(others["bytes"]) if others else 0):
+            self.fail(f"has {stored} bytes in segments, its receipt is '{self.receipt}'")
+        self.check_files()
+
+    def check_files(self):
+        listed = [*self.segments, *filter(None, map(UNFINISHED.fullmatch, self.lines))]
+        expected = {"manifest"}
+        for line in listed:
+            if line["file"] != "-":
+                name = self.name_of(line)
+                expected.add(name)
+                self.check_file(name, int(line["bytes"]), int(line["crc32"], 16))
+        actual = {file.name for file in self.path.iterdir()}
+        if actual - {"other-records"} != expected - {"other-records"}:
+            self.fail(f"holds {sorted(actual)}, its manifest lists {sorted(expected)}")
+
+    def name_of(self, line):
+        """A segment of a broken stream may have been listed, and then not been renamed."""
+        name = line["file"]
+        part = self.end == "broken" and not (self.path / name).exists()
+        return f"{name}.part" if part else name
+
+    def check_file(self, name, size, crc32):
+        path = self.path / name
+        content = path.read_bytes() if path.exists() else b""
+        if len(content) != size or zlib.crc32(content) != crc32:
+            self.fail(f"lists {name} with {size} bytes {crc32:08x}, "
+                      f"which has {len(content)} bytes {zlib.crc32(content):08x}")
+
+    def content_of(self, segment):
+        if segment["file"] == "-":
+            return b""
+        return (self.path / self.name_of(segment)).read_bytes()
+
+    def holds(self, content):
+        """Closed, and byte for byte this."""
+        return self.end == "closed" and b"".join(map(self.content_of, self.segments)) == content
+
+    def is_part_of(self, content, segment_size):
+        """Each segment is where it belongs, and only one that was not finished is short, or has no
+        file."""
+        for segment in self.segments:
+            start = int(segment["number"]) * segment_size
+            whole = content[start:start + segment_size]
+            part = self.content_of(segment)
+            unfinished = segment["file"] == "-" or segment["file"].endswith(".part")
+            if part != whole and not (unfinished and whole.startswith(part)):
+                return False
+        return True
+
+    def fail(self, what):
+        raise Broken(f"{self.path.name} {what}")
+
+
+def read_store(store):
+    """Its streams. Records outside any stream have a file of their own, and are lawful."""
+    return [StoredStream(path) for path in sorted(store.iterdir())
+            if not path.name.endswith("-outside-records")]
