@@ -11,9 +11,9 @@
 namespace {
 
 using orvane::test::readFile;
-using orvaned::isOfDeadRun;
 using orvaned::LeaseRun;
 using orvaned::LockFile;
+using orvaned::ownerOfLeased;
 
 TEST(LeaseRunTest, NamesEachQueueByTimeAndProcessAndNumber) {
   const LeaseRun run;
@@ -33,10 +33,10 @@ TEST(LeaseRunTest, IsAliveWhileItsLockIsHeld) {
     queue = run.newQueueName();
     lock = "/dev/shm/." + queue.substr(0, queue.rfind('_')) + ".lock";
     EXPECT_EQ(readFile(lock), std::to_string(getpid()) + "\n");
-    EXPECT_FALSE(isOfDeadRun(queue));
+    EXPECT_EQ(ownerOfLeased(queue), LockFile::Owner::alive);
   }
   EXPECT_FALSE(std::filesystem::exists(lock));
-  EXPECT_TRUE(isOfDeadRun(queue));
+  EXPECT_EQ(ownerOfLeased(queue), LockFile::Owner::dead);
 }
 
 // Its streams are in the store of one server, its queues may be removed by any.
@@ -44,15 +44,15 @@ TEST(LeaseRunTest, IsDeadWhileAnotherServerCleansUpAfterIt) {
   const std::string run = "orvane-20200101T000001-" + std::to_string(getpid());
   orvane::test::writeFile(orvaned::lockPathOf(run), "1\n");
   const auto lock = LockFile::takeOver(orvaned::lockPathOf(run));
-  EXPECT_TRUE(isOfDeadRun(run + "_0"));
+  EXPECT_EQ(ownerOfLeased(run + "_0"), LockFile::Owner::dead);
 }
 
 TEST(LeaseRunTest, OnlyLeasedQueuesAreOfADeadRun) {
-  EXPECT_TRUE(isOfDeadRun("orvane-20200101T000000-1_0"));
+  EXPECT_EQ(ownerOfLeased("orvane-20200101T000000-1_0"), LockFile::Owner::dead);
   for (const char* name : {"orders", "orvane-20200101T000000-1", "orvane-20200101T000000-1_",
                            "orvane-20200101T000000-1_0x", "my-orvane-20200101T000000-1_0",
                            "orvane-20200101-1_0", ""}) {
-    EXPECT_FALSE(isOfDeadRun(name)) << name;
+    EXPECT_EQ(ownerOfLeased(name), LockFile::Owner::alive) << name;
   }
 }
 

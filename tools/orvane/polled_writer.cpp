@@ -32,20 +32,34 @@ std::string noSuchQueue(const std::string& name) {
   return text;
 }
 
+[[noreturn]] void failToAttach(const std::string& queueName, const std::string& part,
+                               const ipc::interprocess_exception& e) {
+  switch (e.get_error_code()) {
+    case ipc::not_found_error:
+      throw Failure(kNothingSent, noSuchQueue(queueName));
+    case ipc::security_error:
+      throw Failure(kNothingSent, "no permission to use " + (kShmFolder + part) +
+                                      ": run as its owner, or start orvaned with another --mode");
+    default:
+      throw Failure(kNothingSent, "cannot use " + (kShmFolder + part) + " as a queue: " + e.what());
+  }
+}
+
 ipc::message_queue attach(const std::string& queueName, const std::string& part) {
   try {
     return ipc::message_queue(ipc::open_only, part.c_str());
   } catch (const ipc::interprocess_exception& e) {
-    switch (e.get_error_code()) {
-      case ipc::not_found_error:
-        throw Failure(kNothingSent, noSuchQueue(queueName));
-      case ipc::security_error:
-        throw Failure(kNothingSent, "no permission to use " + (kShmFolder + part) +
-                                        ": run as its owner, or start orvaned with another --mode");
-      default:
-        throw Failure(kNothingSent,
-                      "cannot use " + (kShmFolder + part) + " as a queue: " + e.what());
-    }
+    failToAttach(queueName, part, e);
+  }
+}
+
+// The server may have removed the queues since they were attached to above.
+std::unique_ptr<orvane::ShmWriter> newWriter(const std::string& queueName) {
+  try {
+    return std::make_unique<orvane::ShmWriter>("", queueName, orvane::kMinTimeoutSeconds,
+                                               orvane::kMinTimeoutSeconds, false);
+  } catch (const ipc::interprocess_exception& e) {
+    failToAttach(queueName, queueName, e);
   }
 }
 
@@ -76,8 +90,7 @@ PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTi
       sendQueue(attach(queueName, queueName)),
       responseQueue(attach(queueName, orvane::getMessageQueueResponseName(queueName))),
       inode(inodeOf(queueName)),
-      writer(std::make_unique<orvane::ShmWriter>("", queueName, orvane::kMinTimeoutSeconds,
-                                                 orvane::kMinTimeoutSeconds, false)),
+      writer(newWriter(queueName)),
       maxData(dataPerRecord(sendQueue.get_max_msg_size())),
       batchSize(kEmptyBatch) {}
 

@@ -1,6 +1,5 @@
 #include "lease_run.hpp"
 
-#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <orvane/orvane.hpp>
@@ -58,6 +57,14 @@ std::vector<std::string> runsOf(const std::set<std::string>& names) {
   return runs;
 }
 
+std::optional<LockFile> takeOver(const std::string& run) {
+  try {
+    return LockFile::takeOver(lockPathOf(run));
+  } catch (const std::runtime_error&) {
+    return std::nullopt;  // another user's
+  }
+}
+
 LockFile::Owner ownerOf(const std::string& run) {
   try {
     return LockFile::ownerOf(lockPathOf(run));
@@ -74,30 +81,22 @@ std::string LeaseRun::newQueueName() const {
   return orvane::UniqueIdGenerator::getInstance().generateId(name);
 }
 
-std::vector<DeadRun> takeDeadRuns() {
-  const std::set<std::string> names = namesInShm();
-  std::vector<DeadRun> dead;
-  for (const std::string& run : runsOf(names)) {
-    try {
-      if (auto lock = LockFile::takeOver(lockPathOf(run))) {
-        dead.push_back({std::move(*lock), queuesOf(run, names)});
-      }
-    } catch (const std::runtime_error&) {
-      // Another user's.
+DeadRuns takeDeadRuns() {
+  DeadRuns dead;
+  for (const std::string& run : runsOf(namesInShm())) {
+    if (auto lock = takeOver(run)) {
+      // Looked for only now: until its end it may have made more.
+      dead.taken.push_back({std::move(*lock), queuesOf(run, namesInShm())});
+    } else if (ownerOf(run) != LockFile::Owner::alive) {
+      dead.moreToCome = true;
     }
   }
   return dead;
 }
 
-bool hasDyingRuns() {
-  const std::vector<std::string> runs = runsOf(namesInShm());
-  return std::any_of(runs.begin(), runs.end(),
-                     [](const std::string& run) { return ownerOf(run) == LockFile::Owner::dying; });
-}
-
-bool isOfDeadRun(const std::string& queueName) {
+LockFile::Owner ownerOfLeased(const std::string& queueName) {
   const auto run = runOf(queueName);
-  return run && ownerOf(*run) == LockFile::Owner::dead;
+  return run ? ownerOf(*run) : LockFile::Owner::alive;
 }
 
 }  // namespace orvaned

@@ -28,12 +28,13 @@ struct DeadRun {
   std::vector<std::string> queues;
 };
 
-std::vector<DeadRun> takeDeadRuns();
+struct DeadRuns {
+  std::vector<DeadRun> taken;
+  bool moreToCome = false;  // others can only be taken later
+};
+DeadRuns takeDeadRuns();
 
-// Are there runs that can only soon be taken?
-bool hasDyingRuns();
-
-// Is it a leased queue's name, of a run that has ended?
-bool isOfDeadRun(const std::string& queueName);
+// Of the run that a leased queue is named after; alive for every other name.
+LockFile::Owner ownerOfLeased(const std::string& queueName);
 
 }  // namespace orvaned

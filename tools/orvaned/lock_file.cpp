@@ -106,6 +106,9 @@ std::optional<LockFile> LockFile::takeOver(const std::string& path) {
 
 LockFile::Owner LockFile::ownerOf(const std::string& path) {
   const Fd fd = openFile(path, 0);
+  if (fd.get() >= 0 && !isOwn(fd)) {
+    return Owner::alive;
+  }
   if (fd.get() < 0 || tryLock(path, fd)) {
     return Owner::dead;
   }

@@ -22,7 +22,7 @@ class LockFile {
   static std::optional<LockFile> takeOver(const std::string& path);
 
   enum class Owner {
-    alive,
+    alive,  // or another user's, which is not for us to say
     dying,  // dead, but not all that it forked
     dead    // with all that it forked; somebody may clean up after it
   };

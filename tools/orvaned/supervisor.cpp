@@ -88,18 +88,23 @@ bool Supervisor::run() {
   return !failed;
 }
 
-// While others are served already: no new pair or stream has the name of an old one.
+// While others are served already: no new pair or stream has the name of an old one. A dead run's
+// last processes, or another server that cleans up after it or just looks, may still be in the way.
 void Supervisor::cleanUpAfterDeadRuns() {
-  // Asked first: who ends meanwhile may be overlooked here.
-  const bool again = hasDyingRuns();
-  recoverWhere([](const UnfinishedStream& stream) { return isOfDeadRun(stream.queue); });
-  for (DeadRun& dead : takeDeadRuns()) {
-    for (const std::string& queue : dead.queues) {
+  bool again = false;
+  recoverWhere([&again](const UnfinishedStream& stream) {
+    const LockFile::Owner owner = ownerOfLeased(stream.queue);
+    again = again || owner == LockFile::Owner::dying;
+    return owner == LockFile::Owner::dead;
+  });
+  DeadRuns dead = takeDeadRuns();
+  for (DeadRun& run : dead.taken) {
+    for (const std::string& queue : run.queues) {
       pairs.emplace_back(forPairs, Pair::Kind::dead, queue);
     }
-    deadRuns.push_back(std::move(dead.lock));
+    deadRuns.push_back(std::move(run.lock));
   }
-  cleanUpAgain = again ? std::optional(Clock::now() + kTick) : std::nullopt;
+  cleanUpAgain = again || dead.moreToCome ? std::optional(Clock::now() + kTick) : std::nullopt;
 }
 
 void Supervisor::recoverWhere(const std::function<bool(const UnfinishedStream&)>& isDead) {
