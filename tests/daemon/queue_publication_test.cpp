@@ -62,13 +62,16 @@ TEST_F(QueuePublicationTest, LeavesNoPrivateName) {
   EXPECT_EQ(sharedMemoryOf(name), Names{});
 }
 
+std::string inUse(const std::string& queue) {
+  return "the queue " + queue + " is in use: take another name, or remove /dev/shm/" + queue +
+         " if its server is gone";
+}
+
 TEST_F(QueuePublicationTest, NeverReplacesAQueueInUse) {
   for (const std::string& taken : {name, name + "Response"}) {
     const message_queue queue(create_only, taken.c_str(), 1, 100);
     const ino_t file = statusOf(taken).st_ino;
-    EXPECT_EQ(refusal(), "the queue " + taken +
-                             " is in use: take another name, or remove /dev/shm/" + taken +
-                             " if its server is gone");
+    EXPECT_EQ(refusal(), inUse(taken));
     EXPECT_EQ(sharedMemoryOf(name), Names{taken});
     EXPECT_EQ(statusOf(taken).st_ino, file);
     message_queue::remove(taken.c_str());

@@ -109,12 +109,14 @@ void ServerProcess::killAll() const {
 // The child that has the queue in its memory, where it still has the name that it was made under.
 pid_t ServerProcess::workerOf(const std::string& queue) const {
   const std::string parent = std::to_string(pid);
+  const std::string listed = "/proc/" + parent + "/task/" + parent + "/children";
+  const std::string mapped = "/." + queue + ".new";
   for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
-    std::ifstream children("/proc/" + parent + "/task/" + parent + "/children");
+    std::ifstream children(listed);
     for (pid_t child = 0; children >> child;) {
       std::ifstream maps("/proc/" + std::to_string(child) + "/maps");
       const std::string memory{std::istreambuf_iterator<char>(maps), {}};
-      if (memory.find("/." + queue + ".new") != std::string::npos) {
+      if (memory.find(mapped) != std::string::npos) {
         return child;
       }
     }
