@@ -15,10 +15,10 @@ class LeaseSocketTest : public LeaseTest {
   // Starts a server that is to end by itself, at another path.
   void expectRefusal(const std::string& path, const std::string& reason) {
     ServerProcess refused({"--socket", path, "--store", store.path()});
+    const std::string run = "-" + std::to_string(refused.process());
     EXPECT_EQ(refused.wait(), 1);
     EXPECT_EQ(refused.output(), "TIME error 1 orvaned::main: " + reason + "\n");
     EXPECT_EQ(namesIn(store.path()), Words{});
-    const std::string run = "-" + std::to_string(refused.process());
     for (const std::string& name : namesIn("/dev/shm")) {
       EXPECT_FALSE(name.ends_with(run + ".lock")) << name;
     }

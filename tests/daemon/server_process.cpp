@@ -86,7 +86,9 @@ bool ServerProcess::says(const std::string& words, int times) {
 }
 
 void ServerProcess::signal(int number) const {
-  kill(pid, number);
+  if (pid > 0) {  // after wait() it would reach everybody
+    kill(pid, number);
+  }
 }
 
 // A server that is killed leaves its lock files.
