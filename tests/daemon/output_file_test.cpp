@@ -202,4 +202,14 @@ TEST_F(OutputFileTest, SaysWhatItCannotRename) {
   EXPECT_EQ(readFile(path), "data");
 }
 
+TEST_F(OutputFileTest, InTheNullStoreOnlyCounts) {
+  OutputFile file("/dev/null/segment", Sync::always);
+  file.append(bytesOf("head"), bytesOf("data"));
+  file.append(Bytes(200000, 'L'));
+  file.flush();
+  EXPECT_EQ(file.records(), 2U);
+  EXPECT_EQ(file.bytes(), 200008U);
+  file.finish("/dev/null/final");
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <orvane/orvane.hpp>
 
 #include "server_process.hpp"
 #include "support/queue_pair.hpp"
@@ -212,6 +213,26 @@ TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
 
 TEST_F(ServerStartTest, VersionNamesTheProgram) {
   expectEnd({"--version"}, 0, "orvaned 1.0.0\n");
+}
+
+TEST_F(ServerStartTest, TheNullStoreTakesStreamsAndKeepsNothing) {
+  for (int start = 0; start < 2; ++start) {
+    ServerProcess server({"--queue", name, "--store", "/dev/null", "--sync", "always"});
+    ASSERT_TRUE(server.isServing());
+    {
+      orvane::ShmWriter writer("", name, 30, 30, false);
+      const unsigned char data[100000] = {};
+      writer.open();
+      writer.writeSegment(data, 5);
+      writer.endSegment();
+      writer.writeSegment(data, sizeof data);
+      writer.close();
+    }
+    EXPECT_TRUE(server.says("records=2 bytes=100005 segments=2 end=closed"));
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.wait(), 0);
+  }
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
 }
 
 }  // namespace

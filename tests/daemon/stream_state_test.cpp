@@ -177,4 +177,24 @@ TEST_F(StreamStateTest, AnEndOfSegmentHasNoData) {
       refuses(1002, "a record of type 2 has 3 data bytes; it may have none", header(2, 3, 0, 3)));
 }
 
+// Such records are taken on a short cut.
+TEST_F(StreamStateTest, EachRecordInARunOfDataIsChecked) {
+  take(1, 2, 7, 5);
+  take(1, 3, 7, 5);
+  EXPECT_TRUE(
+      refuses(1001, "sequence number out of order: expected above 3, got 3", header(1, 3, 7, 5)));
+  EXPECT_TRUE(
+      refuses(1002, "a record of segment 8 came before segment 7 was ended", header(1, 4, 8, 5)));
+  take(1, 6, 7, 5);
+  EXPECT_EQ(state.skipped(), 1U);  // 5: what was refused has been there
+}
+
+TEST_F(StreamStateTest, NoNumberFollowsTheLastOne) {
+  take(1, kMax - 1, 0, 5);
+  take(1, kMax, 0, 5);
+  EXPECT_TRUE(refuses(1001,
+                      "sequence number out of order: expected above 18446744073709551615, got 0",
+                      header(1, 0, 0, 5)));
+}
+
 }  // namespace

@@ -101,7 +101,9 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
                  "dot, at most 200 bytes");
   app.add_option("--socket", options.socket,
                  "Unix socket at which each producer gets a queue of its own");
-  app.add_option("--store", options.store, "Folder to store into; it must exist")->required();
+  app.add_option("--store", options.store,
+                 "Folder to store into; it must exist. /dev/null: check, count and keep nothing")
+      ->required();
   app.add_option("--messages", geometry.messages, "Messages that the queue holds, 1 to 4096")
       ->check(CLI::Range(std::size_t{1}, kMaxMessages))
       ->capture_default_str();

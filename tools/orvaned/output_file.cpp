@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -18,8 +19,12 @@
 namespace orvaned {
 namespace {
 
-// Small records share a write; one of this size or more is written from where it lies.
-constexpr std::size_t kBufferSize = 32768;
+// Small records share a write; one of this size or more is written from where it lies. (Copying it
+// costs as much as the system call from there on.)
+constexpr std::size_t kWrittenDirectly = 8192;
+constexpr std::size_t kBufferSize = 65536;
+
+constexpr off_t kStartWriting = 8 << 20;
 
 std::string folderOf(const std::string& path) {
   return std::filesystem::path(path).parent_path().string();
@@ -44,7 +49,9 @@ void syncFolder(const std::string& path) {
 }
 
 OutputFile::OutputFile(std::string filePath, Sync syncMode)
-    : path(std::move(filePath)), sync(syncMode) {}
+    : path(std::move(filePath)),
+      sync(syncMode),
+      isKept(!path.starts_with(std::string(kNullStore) + "/")) {}
 
 OutputFile::~OutputFile() {
   if (fd >= 0) {
@@ -53,20 +60,29 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::append(Bytes head, Bytes data) {
-  if (head.size() + data.size() >= kBufferSize) {
+  const std::size_t size = head.size() + data.size();
+  if (!isKept) {
+    ++writtenRecords;
+    writtenBytes += size;
+    return;
+  }
+  if (size >= kWrittenDirectly || size > kBufferSize - buffered) {
     writeBuffer();
+  }
+  if (size >= kWrittenDirectly) {
     write(head);
     write(data);
     commit(1, head, data);
     return;
   }
-  buffer.reserve(2 * kBufferSize);
-  buffer.insert(buffer.end(), head.begin(), head.end());
-  buffer.insert(buffer.end(), data.begin(), data.end());
-  ++bufferedRecords;
-  if (buffer.size() >= kBufferSize) {
-    writeBuffer();
+  if (!buffer) {
+    buffer = std::make_unique_for_overwrite<unsigned char[]>(kBufferSize);
   }
+  for (const Bytes bytes : {head, data}) {
+    std::copy(bytes.begin(), bytes.end(), &buffer[buffered]);
+    buffered += bytes.size();
+  }
+  ++bufferedRecords;
 }
 
 void OutputFile::flush() {
@@ -115,9 +131,10 @@ void OutputFile::resume(std::uint64_t size) {
 }
 
 void OutputFile::writeBuffer() {
-  write(buffer);
-  commit(bufferedRecords, {}, buffer);
-  buffer.clear();
+  const Bytes bytes(buffer.get(), buffered);
+  write(bytes);
+  commit(bufferedRecords, {}, bytes);
+  buffered = 0;
   bufferedRecords = 0;
 }
 
@@ -160,6 +177,15 @@ void OutputFile::commit(std::uint64_t recordCount, Bytes head, Bytes data) {
   writtenChecksum = checksumOf(data, checksumOf(head, writtenChecksum));
   end += static_cast<off_t>(byteCount);
   dataSynced = dataSynced && byteCount == 0;
+  startWriting();
+}
+
+// The disk works while the rest is still coming, instead of all at once when it is synced.
+void OutputFile::startWriting() {
+  if (sync != Sync::none && end - writingUpTo >= kStartWriting) {
+    ::sync_file_range(fd, writingUpTo, end - writingUpTo, SYNC_FILE_RANGE_WRITE);
+    writingUpTo = end;
+  }
 }
 
 void OutputFile::create() {

@@ -3,9 +3,10 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace orvaned {
 
@@ -15,6 +16,9 @@ enum class Sync {
   segment,  // at the end of each segment and each stream
   none      // when the system sees fit
 };
+
+// The store that keeps nothing, and only counts.
+constexpr std::string_view kNullStore = "/dev/null";
 
 // A file that records are appended to, through a buffer. It is created with its first byte, and it
 // holds whole records only: a write that fails is undone.
@@ -53,18 +57,22 @@ class OutputFile {
   void write(Bytes bytes);
   void takeBack();
   void commit(std::uint64_t recordCount, Bytes head, Bytes data);
+  void startWriting();
   void create();
   void requireName() const;
   void syncData();
 
   const std::string path;
   const Sync sync;
+  const bool isKept;
   int fd = -1;
   bool created = false;
   bool nameSynced = false;
   bool dataSynced = true;
   off_t end = 0;  // of the last whole record in the file
-  std::vector<unsigned char> buffer;
+  off_t writingUpTo = 0;
+  std::unique_ptr<unsigned char[]> buffer;
+  std::size_t buffered = 0;
   std::uint64_t bufferedRecords = 0;
   std::uint64_t writtenRecords = 0;
   std::uint64_t writtenBytes = 0;

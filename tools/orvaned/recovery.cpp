@@ -282,6 +282,9 @@ void recover(const UnfinishedStream& unfinished, Sync sync) {
 std::vector<UnfinishedStream> findUnfinished(
     const std::string& store, const std::function<bool(const UnfinishedStream&)>& isDead) {
   static const std::regex streamFolder("(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)");
+  if (store == kNullStore) {
+    return {};
+  }
   std::error_code ignored;  // what cannot be looked into cannot be finished: that is logged then
   std::vector<UnfinishedStream> found;
   for (const auto& entry : fs::directory_iterator(store)) {

@@ -10,7 +10,7 @@
 namespace orvaned {
 
 // Throws std::runtime_error unless `directory` is a folder that the server can write to. It is not
-// created: a mistyped path would fill the wrong disk.
+// created: a mistyped path would fill the wrong disk. kNullStore always can.
 void checkWritable(const std::string& directory);
 
 // What one queue's streams leave on disk: a folder QUEUE-ID for each stream, and a file

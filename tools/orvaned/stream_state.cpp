@@ -26,7 +26,7 @@ void checkNoData(const pvk_shm_message_t& header) {
   }
 }
 
-void StreamState::take(const pvk_shm_message_t& header) {
+void StreamState::takeOther(const pvk_shm_message_t& header) {
   if (header.type <= kRecordStop) {
     takeNumber(header.seqNo);
   }

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "load.hpp"
+#include "queue_link.hpp"
+
+namespace bench {
+
+using Clock = std::chrono::steady_clock;
+
+// What is measured: `produce` sends records over the link for so long, and then a close record.
+struct Form {
+  std::string name;
+  enum class Messages { batches, records } messages;
+  std::function<std::unique_ptr<Link>(const Geometry&, std::size_t capacity)> make;
+  std::size_t largest;
+  std::function<Sent(Link&, const Load&, std::size_t capacity, Clock::duration)> produce;
+  std::string missing;
+};
+
+// orvane beside the bare queue, and each peer in both forms.
+std::vector<Form> allForms();
+
+// Bytes of data per second, or nothing where not one record fits a message.
+std::optional<double> measure(const Form& form, const Geometry& geometry, const Load& load,
+                              Work work, Clock::duration time);
+
+}  // namespace bench

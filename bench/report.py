@@ -1,0 +1,298 @@
+#!/usr/bin/env python3
+"""Turns what the benchmarks printed into tables, and with --docs into those of the documents.
+
+usage: report.py RESULTS [--docs ROOT]
+
+A ratio is the median of the rounds' ratios: each round measures everything once, so that a slow
+moment of the machine hits both sides of some rounds and does not move the median.
+"""
+
+import argparse
+import collections
+import json
+import os
+import pathlib
+import platform
+import re
+import statistics
+import subprocess
+import sys
+import time
+
+SIZES = [64, 1024, 16384, 131072]
+SINGLE_PEERS = ["pipe", "Unix stream", "ZeroMQ", "nng"]
+
+
+def size_name(size):
+    return f"{size} B" if size < 1024 else f"{size // 1024} KiB"
+
+
+def lines_of(path):
+    return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
+
+
+def by_round(records, keys, value):
+    """{key: {round: value}}, a key being the tuple of the fields `keys`."""
+    found = collections.defaultdict(dict)
+    for record in records:
+        found[tuple(record[key] for key in keys)][record["round"]] = record[value]
+    return found
+
+
+def median(values):
+    return statistics.median(values.values())
+
+
+def ratio(left, right):
+    """The median of the rounds' ratios."""
+    return statistics.median(left[n] / right[n] for n in left if n in right)
+
+
+def table(head, rows):
+    """Markdown, aligned so that it can be read on a terminal as well."""
+    cells = [head] + rows
+    widths = [max(len(row[i]) for row in cells) for i in range(len(head))]
+    padded = [[cell.ljust(w) if i == 0 else cell.rjust(w) for i, (cell, w) in
+               enumerate(zip(row, widths))] for row in cells]
+    rule = ["-" * w if i == 0 else "-" * (w - 1) + ":" for i, w in enumerate(widths)]
+    return "\n".join("| " + " | ".join(row) + " |" for row in [padded[0], rule] + padded[1:])
+
+
+class Google:
+    """Nanoseconds per item of a Google Benchmark run: {(name, argument): {repetition: ns}}."""
+
+    def __init__(self, path):
+        self.found = collections.defaultdict(dict)
+        runs = json.loads(path.read_text())["benchmarks"] if path.exists() else []
+        for run in runs:
+            if run["run_type"] == "iteration":
+                name, argument = run["name"].split("/")[:2]
+                key = (name, int(argument.split(":")[1]))
+                self.found[key][run["repetition_index"]] = 1e9 / run["items_per_second"]
+
+    def sizes(self):
+        return sorted({size for _, size in self.found})
+
+
+def append_table(results):
+    runs = Google(results / "append.json")
+    wanted = {"writeData": [3.0, 3.0, 1.35, 1.05, 1.05], "writeSegment": [3.5, 3.8, 1.5, 1.05, 1.05]}
+    rows = []
+    for index, size in enumerate(runs.sizes()):
+        copy = runs.found["copy", size]
+        row = [size_name(size), f"{median(copy):.1f} ns"]
+        for call in ("writeData", "writeSegment"):
+            took = runs.found[call, size]
+            row += [f"{median(took):.1f} ns", f"{ratio(took, copy):.2f}", f"{wanted[call][index]:.2f}"]
+        rows.append(row)
+    return table(["data", "memcpy", "write_data", "ratio", "goal", "writeSegment", "ratio", "goal"], rows)
+
+
+def read_table(results):
+    runs = Google(results / "read.json")
+    rows = [[size_name(size), f"{median(runs.found['trusting', size]):.1f} ns",
+             f"{median(runs.found['batchView', size]):.1f} ns",
+             f"{ratio(runs.found['batchView', size], runs.found['trusting', size]):.2f}"]
+            for size in runs.sizes()]
+    return table(["data", "trusting reader", "BatchView", "ratio"], rows)
+
+
+def stream_runs(results):
+    return by_round(lines_of(results / "stream.jsonl"), ("form", "size", "work"), "bytes_per_second")
+
+
+def stream_sizes(runs):
+    return sorted({size for _, size, _ in runs})
+
+
+def stream_table(results, work):
+    runs = stream_runs(results)
+    sizes = stream_sizes(runs)
+    forms = {form for form, _, kind in runs if kind == work}
+    speed = {form: max(median(runs[form, size, work]) for size in sizes
+                       if (form, size, work) in runs) for form in forms}
+    rows = []
+    for form in sorted(forms, key=lambda form: (form != "orvane", -speed[form])):
+        row = [form]
+        for size in sizes:
+            run = runs.get((form, size, work))
+            if run:
+                times = ratio(runs["orvane", size, work], run)
+                row.append(f"{median(run) / 1e6:,.0f} MB/s (x{times:.{2 if times < 10 else 0}f})")
+            else:
+                row.append("-")
+        rows.append(row)
+    return table(["records of"] + [size_name(size) for size in sizes], rows)
+
+
+def best_of(runs, forms, size, work):
+    """The fastest of the forms by its median."""
+    there = [form for form in forms if (form, size, work) in runs]
+    return max(there, key=lambda form: median(runs[form, size, work])) if there else None
+
+
+def goal_rows(runs, label, work, forms, wanted):
+    row = [label]
+    for size, goal in zip(SIZES, wanted):
+        form = best_of(runs, forms, size, work)
+        if form is None:
+            row.append("-")
+            continue
+        times = ratio(runs["orvane", size, work], runs[form, size, work])
+        row.append(f"{times:.{2 if times < 10 else 0}f} / {goal:g}")
+    return row
+
+
+def goals_table(results):
+    runs = stream_runs(results)
+    single = [f"{peer}, {how}" for peer in SINGLE_PEERS for how in ("batches", "one by one")]
+    rows = [
+        goal_rows(runs, "the queue, filled before; bytes", "bytes", ["queue, filled before"],
+                  [0.70, 0.95, 0.95, 0.95]),
+        goal_rows(runs, "the queue, filled before; headers", "headers", ["queue, filled before"],
+                  [0.70] * 4),
+        goal_rows(runs, "one record a message; bytes", "bytes", ["queue, one by one"],
+                  [10, 2.5, 1.2, 1.1]),
+        goal_rows(runs, "one record a message; headers", "headers", ["queue, one by one"],
+                  [10, 2.5, 1.2, 1.1]),
+        goal_rows(runs, "best of pipe, Unix stream, ZeroMQ, nng; bytes", "bytes", single, [1.0] * 4),
+        goal_rows(runs, "best of pipe, Unix stream, ZeroMQ, nng; headers", "headers", single,
+                  [1.0] * 4),
+    ]
+    return table(["orvane / ... (measured / goal)"] + [size_name(size) for size in SIZES], rows)
+
+
+def round_trip_table(results):
+    records = lines_of(results / "round_trip.jsonl")
+    p50 = by_round(records, ("form", "think_us"), "p50_us")
+    p99 = by_round(records, ("form", "think_us"), "p99_us")
+    unix = p50.get(("Unix stream", 0))
+    rows = []
+    for key in sorted((key for key in p50 if key[1] == 0), key=lambda key: median(p50[key])):
+        rows.append([key[0], f"{median(p50[key]):.1f} us", f"{median(p99[key]):.1f} us",
+                     f"{ratio(p50[key], unix):.2f}" if unix else "-"])
+    return table(["there and back", "p50", "p99", "p50 / Unix stream's"], rows)
+
+
+def idle_table(results):
+    rows = [[str(record["pairs"]), f"{record['cpu_percent']:.2f} %",
+             f"{record['cpu_percent'] / record['pairs']:.2f} %"]
+            for record in lines_of(results / "idle.jsonl") if "pairs" in record]
+    return table(["pairs", "of one core", "each"], rows)
+
+
+def demo_table(results):
+    runs = by_round(lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
+    rows = []
+    for size in sorted({size for _, size in runs}):
+        stream, null = runs["stream", size], runs["null store", size]
+        disk, dd = runs["disk", size], runs["dd", size]
+        rows.append([size_name(size), f"{median(stream) / 1e6:,.0f} MB/s", f"{median(null) / 1e6:,.0f} MB/s",
+                     f"{ratio(null, stream):.2f}", f"{median(dd) / 1e6:,.0f} MB/s",
+                     f"{median(disk) / 1e6:,.0f} MB/s", f"{ratio(disk, dd):.2f}"])
+    return table(["records of", "stream", "null store", "ratio", "dd", "disk", "ratio"], rows)
+
+
+def sweep_rows(records, key, default):
+    runs = by_round(records, (key, "size"), "bytes_per_second")
+    sizes = sorted({size for _, size in runs})
+    settings = list(dict.fromkeys(record[key] for record in sorted(
+        records, key=lambda record: [int(part) for part in re.split("[x-]", record[key])])))
+    rows = []
+    for setting in settings:
+        row = [setting]
+        for size in sizes:
+            run = runs.get((setting, size))
+            row.append(f"{ratio(run, runs[default, size]):.2f}" if run else "-")
+        rows.append(row)
+    return sizes, rows
+
+
+def geometry_table(results):
+    sizes, rows = sweep_rows(lines_of(results / "geometry.jsonl"), "geometry", "8x524488")
+    for row in rows:
+        messages, size = map(int, row[0].split("x"))
+        row.insert(1, f"{messages * size / (1 << 20):.1f} MiB")
+    return table(["messages x bytes", "in all"] + [size_name(size) for size in sizes], rows)
+
+
+def pause_table(results):
+    _, rows = sweep_rows(lines_of(results / "pause.jsonl"), "pauses", "50-5000")
+    trips = by_round(lines_of(results / "pause_trips.jsonl"), ("form", "think_us"), "p50_us")
+    idle = {record["pauses"]: record["cpu_percent"]
+            for record in lines_of(results / "idle.jsonl") if "pauses" in record}
+    for row in rows:
+        pauses = row[0]
+        for think in (0, 20000):
+            run = trips.get(("polling " + pauses, think))
+            row.append(f"{median(run):,.0f} us" if run else "-")
+        row.append(f"{idle[pauses]:.2f} %" if pauses in idle else "-")
+    return table(["shortest-longest, us", "stream of 1 KiB", "round trip", "after 20 ms", "idle"], rows)
+
+
+def first_line(command):
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout.splitlines()[0]
+
+
+def machine():
+    cpu = next(line.split(":")[1].strip() for line in open("/proc/cpuinfo") if "model name" in line)
+    release = platform.freedesktop_os_release()["PRETTY_NAME"] if hasattr(
+        platform, "freedesktop_os_release") else platform.system()
+    return (f"{time.strftime('%Y-%m-%d')}; {cpu}, {os.cpu_count()} cores; Linux {platform.release()}; "
+            f"{release}; {first_line(['c++', '--version'])}.")
+
+
+TABLES = {
+    "goals": goals_table,
+    "stream-bytes": lambda results: stream_table(results, "bytes"),
+    "stream-headers": lambda results: stream_table(results, "headers"),
+    "append": append_table,
+    "read": read_table,
+    "round-trip": round_trip_table,
+    "idle": idle_table,
+    "demo": demo_table,
+    "geometry": geometry_table,
+    "pause": pause_table,
+}
+
+
+def fill_in(path, blocks):
+    """Replaces what stands between `<!-- bench: NAME -->` and `<!-- end -->`."""
+
+    def block(match):
+        name = match[1]
+        return f"<!-- bench: {name} -->\n{blocks[name]}\n<!-- end -->" if name in blocks else match[0]
+
+    text = path.read_text()
+    path.write_text(re.sub(r"<!-- bench: (\S+) -->\n.*?<!-- end -->", block, text, flags=re.DOTALL))
+
+
+def draw_plots(results, folder):
+    try:
+        import plots
+    except ImportError as error:
+        print(f"left out: the plots ({error})", file=sys.stderr)
+    else:
+        plots.draw(results, folder)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("results", type=pathlib.Path)
+    parser.add_argument("--docs", type=pathlib.Path)
+    arguments = parser.parse_args()
+    blocks = {"machine": machine()}
+    for name, make in TABLES.items():
+        made = make(arguments.results)
+        if made.count("\n") > 1:
+            blocks[name] = made
+    for name, text in blocks.items():
+        print(f"{name}:\n\n{text}\n")
+    if arguments.docs:
+        draw_plots(arguments.results, arguments.docs / "docs" / "plots")
+        for document in ("docs/performance.md", "README.md"):
+            fill_in(arguments.docs / document, blocks)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

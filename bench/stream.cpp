@@ -1,0 +1,121 @@
+// How fast records go from one process to another: through orvane, through the queue under it, and
+// through everything else that a user might take. Prints a line of JSON for each measurement.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <stdexcept>
+
+#include "forms.hpp"
+
+namespace bench {
+namespace {
+
+struct Setup {
+  std::vector<std::size_t> sizes = {64, 1024, 16384, 131072};
+  std::vector<std::string> works = {"headers", "bytes"};
+  std::vector<std::string> forms;
+  std::vector<std::string> geometries = {"8x524488"};
+  std::vector<std::string> pauses = {"50-5000"};
+  int rounds = 5;
+  double seconds = 0.2;
+};
+
+struct Case {
+  const Form* form;
+  std::string geometry;
+  std::string pauses;
+  std::size_t size;
+  std::string work;
+};
+
+std::vector<Case> allCases(const Setup& setup, const std::vector<Form>& forms) {
+  std::vector<Case> cases;
+  for (const Form& form : forms) {
+    for (const std::string& geometry : setup.geometries) {
+      for (const std::string& pauses : setup.pauses) {
+        for (const std::size_t size : setup.sizes) {
+          for (const std::string& work : setup.works) {
+            cases.push_back({&form, geometry, pauses, size, work});
+          }
+        }
+      }
+    }
+  }
+  return cases;
+}
+
+void run(const Case& one, int round, Clock::duration time) {
+  Geometry geometry = geometryNamed(one.geometry);
+  geometry.pauses = pausesNamed(one.pauses);
+  const Work work = one.work == "bytes" ? Work::bytes : Work::headers;
+  const auto rate = measure(*one.form, geometry, Load(one.size), work, time);
+  if (!rate) {
+    return;
+  }
+  std::printf(R"({"question":"stream","form":"%s","geometry":"%s","pauses":"%s","size":%zu,)"
+              R"("work":"%s","round":%d,"bytes_per_second":%.0f})"
+              "\n",
+              one.form->name.c_str(), one.geometry.c_str(), one.pauses.c_str(), one.size,
+              one.work.c_str(), round, *rate);
+  std::fflush(stdout);
+}
+
+// Of all forms, or of those that were asked for.
+std::vector<Form> chosenForms(const std::vector<std::string>& names) {
+  std::vector<Form> chosen;
+  for (const Form& form : allForms()) {
+    if (!names.empty() && std::find(names.begin(), names.end(), form.name) == names.end()) {
+      continue;
+    }
+    if (!form.missing.empty()) {
+      std::fprintf(stderr, "left out: %s (%s)\n", form.name.c_str(), form.missing.c_str());
+      continue;
+    }
+    chosen.push_back(form);
+  }
+  return chosen;
+}
+
+// In each round in another order, so that nobody always follows the same one.
+void runAll(const Setup& setup) {
+  const auto time =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(setup.seconds));
+  const std::vector<Form> forms = chosenForms(setup.forms);
+  std::vector<Case> cases = allCases(setup, forms);
+  std::mt19937 random;
+  for (int round = 0; round < setup.rounds; ++round) {
+    std::shuffle(cases.begin(), cases.end(), random);
+    for (const Case& one : cases) {
+      run(one, round, time);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+  bench::Setup setup;
+  CLI::App app("Measures how fast records go from one process to another.", "bench_stream");
+  app.add_option("--size", setup.sizes, "Data bytes of a record")->capture_default_str();
+  app.add_option("--work", setup.works, "What the consumer does: headers decodes, bytes also sums")
+      ->check(CLI::IsMember({"headers", "bytes"}))
+      ->capture_default_str();
+  app.add_option("--form", setup.forms, "Which forms; all without it");
+  app.add_option("--geometry", setup.geometries, "MESSAGESxBYTES of orvane's queue")
+      ->capture_default_str();
+  app.add_option("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us")
+      ->capture_default_str();
+  app.add_option("--rounds", setup.rounds, "How often everything is measured, in turn")
+      ->capture_default_str();
+  app.add_option("--seconds", setup.seconds, "How long each time")->capture_default_str();
+  CLI11_PARSE(app, argc, argv);
+  try {
+    bench::runAll(setup);
+    return 0;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "bench_stream: %s\n", e.what());
+    return 1;
+  }
+}
