@@ -105,7 +105,7 @@ void sizes(benchmark::internal::Benchmark* benchmark) {
   benchmark->UseManualTime()->ArgName("data")->Arg(0)->Arg(64)->Arg(1024)->Arg(16384)->Arg(131072);
 }
 
-BENCHMARK(copy)->Apply(sizes);
+BENCHMARK(copy)->Name("memcpy")->Apply(sizes);
 BENCHMARK(writeData)->Apply(sizes);
 BENCHMARK(writeSegment)->Apply(sizes);
 

@@ -56,14 +56,14 @@ double throughServer(const Served& server, const Load& load, std::size_t bytes) 
 }
 
 double throughDd(const std::string& folder, std::size_t bytes) {
-  const std::string command =
-      "dd if=/dev/zero of='" + folder +
-      "/dd' bs=512K conv=fsync status=none count=" + std::to_string(bytes / kBlock);
+  const std::size_t blocks = bytes / kBlock;
+  const std::string command = "dd if=/dev/zero of='" + folder +
+                              "/dd' bs=512K conv=fsync status=none count=" + std::to_string(blocks);
   const auto begin = Clock::now();
   if (std::system(command.c_str()) != 0) {
     throw std::runtime_error("failed: " + command);
   }
-  return static_cast<double>(bytes / kBlock * kBlock) / secondsSince(begin);
+  return static_cast<double>(blocks * kBlock) / secondsSince(begin);
 }
 
 void clear(const std::filesystem::path& folder) {
@@ -127,7 +127,7 @@ void runAll(const Setup& setup) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   bench::Setup setup;
   CLI::App app("Measures the way through orvaned and its store.", "bench_demo");
   app.add_option("--orvaned", setup.orvaned, "The server")->required();
@@ -140,11 +140,9 @@ int main(int argc, char** argv) {
   app.add_option("--seconds", setup.seconds, "How long each time, without orvaned")
       ->capture_default_str();
   CLI11_PARSE(app, argc, argv);
-  try {
-    bench::runAll(setup);
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "bench_demo: %s\n", e.what());
-    return 1;
-  }
+  bench::runAll(setup);
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "bench_demo: %s\n", e.what());
+  return 1;
 }

@@ -91,7 +91,7 @@ Sent filledBefore(Link& link, const Load& load, std::size_t capacity, Clock::dur
 }
 
 Sent oneByOne(Link& link, const Load& load, std::size_t, Clock::duration time) {
-  std::array<unsigned char, orvane::pvk_shm_message_t::kSerializedSize> head;
+  std::array<unsigned char, orvane::pvk_shm_message_t::kSerializedSize> head = {};
   const std::uint64_t sent = sendFor(time, recordsBetweenLooks(load), [&](std::uint64_t number) {
     load.header(number).serializeToBuffer(head.data());
     link.send(head, load.data());

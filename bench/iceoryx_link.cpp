@@ -42,7 +42,7 @@ class Daemon {
     }
     close(output[1]);
     std::FILE* const lines = fdopen(output[0], "r");
-    std::array<char, 256> line;
+    std::array<char, 256> line = {};
     while (std::fgets(line.data(), line.size(), lines) != nullptr) {
       if (std::strstr(line.data(), "ready for clients") != nullptr) {
         return;

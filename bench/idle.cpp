@@ -51,7 +51,7 @@ double shareOfPolling(const std::string& pauses, double seconds) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   std::string orvaned;
   std::vector<std::size_t> pairs = {1, 4, 16};
   std::vector<std::string> pauses;
@@ -63,21 +63,19 @@ int main(int argc, char** argv) {
                  "SHORTEST-LONGEST pause of a reader, in us, to measure as well");
   app.add_option("--seconds", seconds, "How long each time")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
-  try {
-    for (const std::size_t count : pairs) {
-      std::printf(R"({"question":"idle","pairs":%zu,"seconds":%g,"cpu_percent":%.2f})"
-                  "\n",
-                  count, seconds, 100 * bench::share(orvaned, count, seconds));
-      std::fflush(stdout);
-    }
-    for (const std::string& one : pauses) {
-      std::printf(R"({"question":"idle","pauses":"%s","seconds":%g,"cpu_percent":%.2f})"
-                  "\n",
-                  one.c_str(), seconds, 100 * bench::shareOfPolling(one, seconds));
-    }
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "bench_idle: %s\n", e.what());
-    return 1;
+  for (const std::size_t count : pairs) {
+    std::printf(R"({"question":"idle","pairs":%zu,"seconds":%g,"cpu_percent":%.2f})"
+                "\n",
+                count, seconds, 100 * bench::share(orvaned, count, seconds));
+    std::fflush(stdout);
   }
+  for (const std::string& one : pauses) {
+    std::printf(R"({"question":"idle","pauses":"%s","seconds":%g,"cpu_percent":%.2f})"
+                "\n",
+                one.c_str(), seconds, 100 * bench::shareOfPolling(one, seconds));
+  }
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "bench_idle: %s\n", e.what());
+  return 1;
 }

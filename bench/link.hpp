@@ -44,7 +44,7 @@ struct Peer {
   std::string name;
   std::function<std::unique_ptr<Link>(std::size_t)> make;
   std::size_t largest = static_cast<std::size_t>(-1);  // message that it can carry here
-  std::string missing = "";                            // why it was left out of this build
+  std::string missing = {};                            // why it was left out of this build
 };
 
 // What orvane is measured beside, the nearest first.

@@ -49,7 +49,7 @@ def draw_stream(results, path):
         best = collections.defaultdict(float)
         for (form, of, work), run in runs.items():
             if of == size and work == "bytes":
-                name = form.removesuffix(", batches").removesuffix(", one by one")
+                name = report.mechanism_of(form)
                 best[name] = max(best[name], report.median(run) / 1e6)
         names = sorted(best, key=best.get, reverse=True)
         bars(axes, names, [best[name] for name in names], "MB/s")
@@ -63,7 +63,7 @@ def draw_google(results, name, title, path):
     sizes = runs.sizes()
     figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.2 * len(sizes), 1.8))
     for axes, size in zip(all_axes, sizes):
-        names = [name for name, of in runs.found if of == size]
+        names = sorted(name for name, of in runs.found if of == size)
         bars(axes, names, [report.median(runs.found[name, size]) for name in names], title)
         axes.set_title(report.size_name(size))
     figure.tight_layout()

@@ -79,7 +79,7 @@ def append_table(results):
     wanted = {"writeData": [3.0, 3.0, 1.35, 1.05, 1.05], "writeSegment": [3.5, 3.8, 1.5, 1.05, 1.05]}
     rows = []
     for index, size in enumerate(runs.sizes()):
-        copy = runs.found["copy", size]
+        copy = runs.found["memcpy", size]
         row = [size_name(size), f"{median(copy):.1f} ns"]
         for call in ("writeData", "writeSegment"):
             took = runs.found[call, size]
@@ -123,6 +123,25 @@ def stream_table(results, work):
                 row.append("-")
         rows.append(row)
     return table(["records of"] + [size_name(size) for size in sizes], rows)
+
+
+def mechanism_of(form):
+    """A peer's name, in whichever of its forms."""
+    return form if form.startswith("queue") else re.sub(", (batches|one by one)$", "", form)
+
+
+def readme_table(results):
+    """Each mechanism in the better of its forms."""
+    runs = stream_runs(results)
+    sizes = stream_sizes(runs)
+    best = collections.defaultdict(dict)
+    for (form, size, work), run in runs.items():
+        if work == "bytes" and not form.startswith(("queue", "orvane,")):
+            cell = best[mechanism_of(form)]
+            cell[size] = max(cell.get(size, 0), median(run) / 1e6)
+    rows = [[name] + [f"{cells[size]:,.0f}" if size in cells else "-" for size in sizes]
+            for name, cells in sorted(best.items(), key=lambda item: -sum(item[1].values()))]
+    return table(["MB/s with records of"] + [size_name(size) for size in sizes], rows)
 
 
 def best_of(runs, forms, size, work):
@@ -243,6 +262,7 @@ def machine():
 
 
 TABLES = {
+    "readme": readme_table,
     "goals": goals_table,
     "stream-bytes": lambda results: stream_table(results, "bytes"),
     "stream-headers": lambda results: stream_table(results, "headers"),

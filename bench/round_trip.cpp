@@ -78,28 +78,30 @@ using MakeLinks = std::function<std::pair<std::unique_ptr<Link>, std::unique_ptr
 
 Run betweenTwo(const std::string& name, const MakeLinks& make) {
   return [name, make](const Setup& setup, unsigned think, Trips& trips) {
-    const auto [there, back] = make();
+    const auto links = make();
+    Link& there = *links.first;
+    Link& back = *links.second;
     const auto meeting = std::make_unique<Shared<Meeting>>(2U);
     const auto end = std::make_unique<Shared<Meeting>>(2U);
     runTogether(
         name,
         [&] {
-          back->beReceiver();
-          there->beSender();
+          back.beReceiver();
+          there.beSender();
           (*meeting)->wait();
-          makeTrips(setup, think, *there, *back, trips);
+          makeTrips(setup, think, there, back, trips);
           (*end)->wait();
-          there->leave();
-          back->leave();
+          there.leave();
+          back.leave();
         },
         [&] {
-          there->beReceiver();
-          back->beSender();
+          there.beReceiver();
+          back.beSender();
           (*meeting)->wait();
-          answerAll(*there, *back);
+          answerAll(there, back);
           (*end)->wait();
-          there->leave();
-          back->leave();
+          there.leave();
+          back.leave();
         });
   };
 }
@@ -212,7 +214,7 @@ void runAll(const Setup& setup) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   bench::Setup setup;
   CLI::App app("Measures how long a record and its answer take.", "bench_round_trip");
   app.add_option("--orvaned", setup.orvaned, "The server to measure as well");
@@ -224,11 +226,9 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--seconds", setup.seconds, "How long each time")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
-  try {
-    bench::runAll(setup);
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "bench_round_trip: %s\n", e.what());
-    return 1;
-  }
+  bench::runAll(setup);
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "bench_round_trip: %s\n", e.what());
+  return 1;
 }

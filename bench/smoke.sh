@@ -1,9 +1,9 @@
 #!/bin/sh
-# smoke.sh LINE PROGRAM ARGUMENT...: the program succeeds and prints a line that matches. Keeps what it
-# printed in a file named after the program.
+# smoke.sh RESULT LINE PROGRAM ARGUMENT...: the program succeeds, and prints a line that matches. What it
+# prints is kept in RESULT.
 set -eu
-line=$1
-program=$2
+result=$1
+line=$2
 shift 2
-"$program" "$@" >"$(basename "$program").out"
-grep -Eq -- "$line" "$(basename "$program").out"
+"$@" >"$result"
+grep -Eq -- "$line" "$result"

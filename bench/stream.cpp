@@ -95,7 +95,7 @@ void runAll(const Setup& setup) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   bench::Setup setup;
   CLI::App app("Measures how fast records go from one process to another.", "bench_stream");
   app.add_option("--size", setup.sizes, "Data bytes of a record")->capture_default_str();
@@ -111,11 +111,9 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--seconds", setup.seconds, "How long each time")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
-  try {
-    bench::runAll(setup);
-    return 0;
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "bench_stream: %s\n", e.what());
-    return 1;
-  }
+  bench::runAll(setup);
+  return 0;
+} catch (const std::exception& e) {
+  std::fprintf(stderr, "bench_stream: %s\n", e.what());
+  return 1;
 }

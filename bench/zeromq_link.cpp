@@ -77,7 +77,7 @@ class ZeroMqLink : public Link {
   const std::string address = "ipc://@" + uniqueName();
   void* context = nullptr;
   void* socket = nullptr;
-  zmq_msg_t message;
+  zmq_msg_t message = {};
 };
 
 }  // namespace
