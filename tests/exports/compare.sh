@@ -1,10 +1,11 @@
 #!/bin/sh
-# compare.sh NM LIBRARY LIST: fails unless LIBRARY exports exactly the names in LIST.
-# A name that is gone breaks programs that were linked with it; a new one is a promise to keep.
+# compare.sh NM LIBRARY LIST: fails unless LIBRARY exports exactly the names in LIST, each with its
+# version. A name that is gone, or has another version, breaks programs that were linked with it; a new
+# one is a promise to keep.
 # After a deliberate change: compare.sh NM LIBRARY LIST --update
 set -eu
 export LC_ALL=C
-exported=$("$1" -D --defined-only "$2" | sed -E 's/^[0-9a-f]+ . //; s/@@.*$//' | c++filt | sort -u)
+exported=$("$1" -D --defined-only "$2" | sed -E 's/^[0-9a-f]+ . //' | c++filt | sort -u)
 if [ "${4-}" = --update ]; then
   printf '%s\n' "$exported" > "$3"
 fi
