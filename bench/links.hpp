@@ -19,6 +19,7 @@ std::unique_ptr<Link> makeForcedPackets(std::size_t capacity);
 std::size_t largestPosixMessage();
 std::unique_ptr<Link> makePosixQueue(std::size_t capacity);
 
+std::unique_ptr<Link> makeRing(std::size_t capacity);
 std::unique_ptr<Link> makeZeroMq(std::size_t capacity);
 std::unique_ptr<Link> makeNng(std::size_t capacity);
 std::unique_ptr<Link> makeIceoryx(std::size_t capacity);

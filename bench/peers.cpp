@@ -29,6 +29,7 @@ std::vector<Peer> peers() {
     forced.missing = "SO_SNDBUFFORCE needs root";
   }
   all.push_back(forced);
+  all.push_back({"lock-free ring", makeRing});
 #ifdef BENCH_ZEROMQ
   all.push_back({"ZeroMQ", makeZeroMq});
 #else

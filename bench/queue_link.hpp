@@ -19,11 +19,11 @@ struct Pauses {
 // As orvaned is started by default.
 struct Geometry {
   std::size_t messages = 8;
-  std::size_t messageSize = 524488;
+  std::size_t messageSize = 1048968;
   Pauses pauses = {};
 };
 
-// "8x524488" and "50-5000", as in the options. Throw std::invalid_argument.
+// "8x1048968" and "50-5000", as in the options. Throw std::invalid_argument.
 Geometry geometryNamed(const std::string& text);
 Pauses pausesNamed(const std::string& text);
 

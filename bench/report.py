@@ -228,7 +228,7 @@ def sweep_rows(records, key, default):
 
 
 def geometry_table(results):
-    sizes, rows = sweep_rows(lines_of(results / "geometry.jsonl"), "geometry", "8x524488")
+    sizes, rows = sweep_rows(lines_of(results / "geometry.jsonl"), "geometry", "8x1048968")
     for row in rows:
         messages, size = map(int, row[0].split("x"))
         row.insert(1, f"{messages * size / (1 << 20):.1f} MiB")

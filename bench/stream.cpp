@@ -15,7 +15,7 @@ struct Setup {
   std::vector<std::size_t> sizes = {64, 1024, 16384, 131072};
   std::vector<std::string> works = {"headers", "bytes"};
   std::vector<std::string> forms;
-  std::vector<std::string> geometries = {"8x524488"};
+  std::vector<std::string> geometries = {"8x1048968"};
   std::vector<std::string> pauses = {"50-5000"};
   int rounds = 5;
   double seconds = 0.2;

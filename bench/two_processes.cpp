@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -34,7 +35,22 @@ pid_t start(const std::function<void()>& work) {
   }
 }
 
+void* mapShared(std::size_t size) {
+  void* const memory =
+      mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) {
+    failWithErrno("cannot share memory");
+  }
+  return memory;
+}
+
 }  // namespace
+
+SharedBytes::SharedBytes(std::size_t bytes) : size(bytes), memory(mapShared(size)) {}
+
+SharedBytes::~SharedBytes() {
+  munmap(memory, size);
+}
 
 void Meeting::wait() {
   --missing;

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/mman.h>
-
 #include <atomic>
 #include <functional>
 #include <new>
@@ -10,29 +8,35 @@
 
 namespace bench {
 
-// A value in memory that forked processes share with the one that made it.
+// Memory that forked processes share with the one that made it.
+class SharedBytes {
+ public:
+  explicit SharedBytes(std::size_t size);
+  ~SharedBytes();
+  SharedBytes(const SharedBytes&) = delete;
+  SharedBytes& operator=(const SharedBytes&) = delete;
+
+  unsigned char* data() const { return static_cast<unsigned char*>(memory); }
+
+ private:
+  const std::size_t size;
+  void* const memory;
+};
+
+// A value in such memory.
 template <typename Value>
 class Shared {
  public:
   template <typename... Arguments>
   explicit Shared(Arguments... arguments)
-      : memory(mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
-                    0)) {
-    if (memory == MAP_FAILED) {
-      failWithErrno("cannot share memory");
-    }
-    value = new (memory) Value(arguments...);
-  }
-  ~Shared() { munmap(memory, sizeof(Value)); }
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
+      : memory(sizeof(Value)), value(new (memory.data()) Value(arguments...)) {}
 
   Value& operator*() const { return *value; }
   Value* operator->() const { return value; }
 
  private:
-  void* memory;
-  Value* value;
+  const SharedBytes memory;
+  Value* const value;
 };
 
 // For `count` processes: returns in each when all of them have come here.

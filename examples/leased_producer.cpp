@@ -4,7 +4,7 @@
 int main(int argc, char** argv) try {
   const unsigned char order[] = "14 crates of oranges";
   // A queue of one's own, for as long as the lease lives; 5 seconds to get it.
-  orvane::Lease lease(argc > 1 ? argv[1] : "/run/orvaned/socket", 5);
+  orvane::Lease lease(argc > 1 ? argv[1] : "/run/orvaned/orders/socket", 5);
   orvane::ShmWriter writer("orders", lease.queueName(), 30, 5, false);
   writer.open();
   writer.writeSegment(order, sizeof order - 1);

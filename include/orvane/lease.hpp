@@ -13,7 +13,7 @@ constexpr ox_status_t kLeaseNoServer = 900;  // there is no server to ask at thi
 constexpr ox_status_t kLeaseLost = 901;      // the server ended, or let go of the lease
 
 // A queue pair of one's own, from the server's socket, for as long as this object lives.
-//   Lease lease("/run/orvaned/socket", 5);
+//   Lease lease("/run/orvaned/orders/socket", 5);
 //   ShmWriter writer("backup", lease.queueName(), 30, 5, false);
 //   ... writer.close();
 //   std::string stored = lease.receipt(30);  // the server's word that the stream is stored

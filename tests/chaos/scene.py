@@ -220,7 +220,7 @@ class Scene:
         return list(shm.iterdir()) if shm.exists() else []
 
     def our_shm_files(self):
-        fixed = re.compile(rf"\.?{self.queue}(Response)?(\.new|\.lock)?")
+        fixed = re.compile(rf"\.?{self.queue}(Response)?(\.new|\.lock|\.stats)?")
         return [path for path in self.shm_files()
                 if fixed.fullmatch(path.name) or self.is_leased_from(self.servers, path.name)]
 

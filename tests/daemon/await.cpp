@@ -57,7 +57,7 @@ void stop(pid_t process) {
 std::vector<std::string> sharedMemoryOf(const std::string& queue) {
   std::vector<std::string> names;
   for (const std::string& name : namesIn("/dev/shm")) {
-    for (const char* end : {"", "Response", ".new", "Response.new", ".lock"}) {
+    for (const char* end : {"", "Response", ".new", "Response.new", ".lock", ".stats"}) {
       if (name == queue + end || name == "." + queue + end) {
         names.push_back(name);
       }

@@ -25,7 +25,7 @@ long systemCallOf(pid_t process);
 // Stops it, as SIGSTOP does.
 void stop(pid_t process);
 
-// What is in /dev/shm of a queue pair, its private names and its lock included.
+// What is in /dev/shm of a queue pair, its private names, its lock and its totals included.
 std::vector<std::string> sharedMemoryOf(const std::string& queue);
 
 }  // namespace orvane::test

@@ -79,7 +79,7 @@ TEST_F(LeaseEndTest, AKilledProducerIsGoneThoughItsForkedChildHoldsTheConnection
   char text[256] = {};
   ASSERT_GT(read(name[0], text, sizeof(text) - 1), 0);
   const std::string queue = text;
-  EXPECT_EQ(sharedMemoryOf(queue), (Words{queue, queue + "Response"}));
+  EXPECT_EQ(sharedMemoryOf(queue), wholePair(queue));
   child.signal(SIGKILL);
   EXPECT_EQ(child.nextChange(), "signal 9");
   EXPECT_TRUE(eventually([&] { return sharedMemoryOf(queue).empty(); }));

@@ -25,6 +25,11 @@ class LeaseTest : public testing::Test {
  protected:
   using Words = std::vector<std::string>;
 
+  // What is in /dev/shm of a queue pair that is served.
+  static Words wholePair(const std::string& queue) {
+    return {"." + queue + ".stats", queue, queue + "Response"};
+  }
+
   // The command line of a server.
   Words arguments(const Words& more = {}) const;
 

@@ -48,7 +48,7 @@ TEST_F(LeasePairTest, IsThereWhenItsNameIsToldAndOnlyItsUsers) {
   start({"--mode", "0666"});
   const LeaseClient client(socket);
   const std::string name = client.ask();
-  EXPECT_EQ(sharedMemoryOf(name), (Words{name, name + "Response"}));
+  EXPECT_EQ(sharedMemoryOf(name), wholePair(name));
   EXPECT_EQ(modeOf("/dev/shm/" + name), 0600U);
   EXPECT_EQ(modeOf("/dev/shm/" + name + "Response"), 0600U);
   EXPECT_EQ(modeOf(socket), 0666U);
@@ -63,7 +63,7 @@ TEST_F(LeasePairTest, SaysWhoGotIt) {
             "TIME info 0 orvaned::serve: serving leases at " + socket + ", storing into " +
                 store.path() + "\nTIME info 0 orvaned::serve: serving queue " + name +
                 " for user " + std::to_string(geteuid()) + ", process " + std::to_string(getpid()) +
-                " (8 messages of 524488 bytes), storing into " + store.path() + "\n");
+                " (8 messages of 1048968 bytes), storing into " + store.path() + "\n");
 }
 
 TEST_F(LeasePairTest, TakesAWritersStreamAndSendsItsReceipt) {

@@ -2,10 +2,12 @@
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 
+#include "common/lock_file.hpp"
 #include "lease_fixture.hpp"
 
 namespace orvane::test {
@@ -31,7 +33,7 @@ TEST_F(LeaseRecoveryTest, APairIsRemovedAndItsProducerToldBefore) {
   EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));
   die();
   EXPECT_EQ(producer.client.next(), kEnd);
-  EXPECT_EQ(sharedMemoryOf(producer.name), (Words{producer.name, producer.name + "Response"}));
+  EXPECT_EQ(sharedMemoryOf(producer.name), wholePair(producer.name));
   start();
   EXPECT_EQ(producer.queues.answer(), (Answer{1008, kDied}));
   EXPECT_TRUE(eventually([&] { return sharedMemoryOf(producer.name).empty(); }));
@@ -64,7 +66,7 @@ TEST_F(LeaseRecoveryTest, WhatIsLeftOfAPairIsRemovedAndNothingElse) {
   // As a server left them that was killed while it made or removed a pair.
   const std::string run = "orvane-20200101T000000-" + std::to_string(getpid());
   const Words left = {"." + run + "_0.new", run + "_1Response", "." + run + "_2Response.new",
-                      run + "_3"};
+                      run + "_3", "." + run + "_8.stats"};
   const Words others = {run + "_4.old", run + "_x", "my" + run + "_5", run + "6_7"};
   for (const Words& names : {left, others}) {
     for (const std::string& name : names) {
@@ -79,6 +81,42 @@ TEST_F(LeaseRecoveryTest, WhatIsLeftOfAPairIsRemovedAndNothingElse) {
   EXPECT_TRUE(eventually([&] { return !fs::exists("/dev/shm/." + run + ".lock"); }));
   for (const std::string& name : others) {
     EXPECT_TRUE(fs::remove("/dev/shm/" + name)) << name;
+  }
+}
+
+// A server that was killed, whose worker lives on for a while: it still makes queues, and uses
+// them.
+TEST_F(LeaseRecoveryTest, WhatADyingServerHasIsLeftAloneUntilItIsDead) {
+  const std::string run = "orvane-20200101T000003-" + std::to_string(getpid());
+  const std::string first = "/dev/shm/." + run + "_0.new";
+  const std::string later = "/dev/shm/." + run + "_1.new";
+  writeFile(first, "");
+  int pids[2] = {};
+  ASSERT_EQ(pipe(pids), 0);
+  const pid_t dead = fork();
+  if (dead == 0) {
+    const tool::LockFile lock(tool::lockPathOf(run));
+    const pid_t worker = fork();
+    if (worker == 0) {
+      pause();
+    }
+    _exit(write(pids[1], &worker, sizeof worker) == sizeof worker ? 0 : 1);
+  }
+  pid_t worker = 0;
+  ASSERT_EQ(read(pids[0], &worker, sizeof worker), static_cast<ssize_t>(sizeof worker));
+  ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+
+  start();
+  EXPECT_TRUE(LeaseClient(socket).ask().starts_with("orvane-"));  // it has looked by now
+  EXPECT_TRUE(fs::exists(first));
+  EXPECT_TRUE(fs::exists(tool::lockPathOf(run)));
+  writeFile(later, "");
+  kill(worker, SIGKILL);
+  for (const std::string& path : {first, later, tool::lockPathOf(run)}) {
+    EXPECT_TRUE(eventually([&] { return !fs::exists(path); })) << path;
+  }
+  for (const int end : pids) {
+    close(end);
   }
 }
 
@@ -117,7 +155,7 @@ TEST_F(LeaseRecoveryTest, ALivingServersStreamsAndPairsAreLeftAlone) {
   EXPECT_EQ(server->wait(), 0);
   EXPECT_EQ(server->output().find("what a dead server left"), std::string::npos)
       << server->output();
-  EXPECT_EQ(sharedMemoryOf(living.name), (Words{living.name, living.name + "Response"}));
+  EXPECT_EQ(sharedMemoryOf(living.name), wholePair(living.name));
   EXPECT_EQ(namesIn(folderOf(living.name)), (Words{"manifest.part", "segment-000000.part"}));
   EXPECT_EQ(living.queues.ask({kClose}).status, 0);
   EXPECT_EQ(living.client.next(),

@@ -91,14 +91,16 @@ TEST_F(LeaseRequestTest, AConnectionThatHasNotAskedCountsAsAPair) {
 }
 
 TEST_F(LeaseRequestTest, AllPairsTakeOnlySoMuchMemory) {
-  // A pair takes 208 + 1 x (24 + 1000) bytes, and 208 + 3 x (24 + 136) for the answers.
-  start({"--messages", "1", "--message-size", "1000", "--shm-limit", "3840"});
+  // A pair takes 208 + 1 x (24 + 1000) bytes, 208 + 3 x (24 + 136) for the answers, and a page for
+  // its totals.
+  start({"--messages", "1", "--message-size", "1000", "--shm-limit", "12032"});
   LeasedProducer first(socket);
   LeasedProducer second(socket);
   const LeaseClient third(socket);
-  EXPECT_EQ(third.ask(),
-            "refused 1005 the leases would take 5760 bytes of /dev/shm, of 3840 that they may: end "
-            "one, or start orvaned with a larger --shm-limit");
+  EXPECT_EQ(
+      third.ask(),
+      "refused 1005 the leases would take 18048 bytes of /dev/shm, of 12032 that they may: end "
+      "one, or start orvaned with a larger --shm-limit");
   EXPECT_EQ(third.next(), kEnd);
   EXPECT_EQ(second.queues.ask({kOpen}), (Answer{0, ""}));
   first.client.close();
@@ -110,7 +112,7 @@ TEST_F(LeaseRequestTest, AMessageTooLargeForSharedMemoryLeavesNothingBehind) {
   const LeaseClient client(socket);
   const std::string refusal = client.ask();
   const std::string begin =
-      "refused 1006 the queues need 4398047265504 bytes of /dev/shm, which has ";
+      "refused 1006 the queues need 4398047269600 bytes of /dev/shm, which has ";
   const std::string end = ": use fewer or smaller messages, or enlarge it";
   EXPECT_TRUE(refusal.starts_with(begin) && refusal.ends_with(end)) << refusal;
   EXPECT_EQ(client.next(), kEnd);

@@ -12,8 +12,8 @@ namespace {
 
 using orvane::test::readFile;
 using orvaned::LeaseRun;
-using orvaned::LockFile;
 using orvaned::ownerOfLeased;
+using tool::LockFile;
 
 TEST(LeaseRunTest, NamesEachQueueByTimeAndProcessAndNumber) {
   const LeaseRun run;
@@ -42,8 +42,8 @@ TEST(LeaseRunTest, IsAliveWhileItsLockIsHeld) {
 // Its streams are in the store of one server, its queues may be removed by any.
 TEST(LeaseRunTest, IsDeadWhileAnotherServerCleansUpAfterIt) {
   const std::string run = "orvane-20200101T000001-" + std::to_string(getpid());
-  orvane::test::writeFile(orvaned::lockPathOf(run), "1\n");
-  const auto lock = LockFile::takeOver(orvaned::lockPathOf(run));
+  orvane::test::writeFile(tool::lockPathOf(run), "1\n");
+  const auto lock = LockFile::takeOver(tool::lockPathOf(run));
   EXPECT_EQ(ownerOfLeased(run + "_0"), LockFile::Owner::dead);
 }
 

@@ -1,4 +1,4 @@
-#include "lock_file.hpp"
+#include "common/lock_file.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ namespace orvane::test {
 namespace {
 
 namespace fs = std::filesystem;
-using orvaned::LockFile;
+using tool::LockFile;
 using Owner = LockFile::Owner;
 
 // A process that took the lock and died, and one that it forked and that still has it.
@@ -132,7 +132,7 @@ TEST_F(LockFileTest, WaitsForWhatADeadOwnerForked) {
 
 // A server that starts, or that looks whether another one is dead, has it for a moment.
 TEST_F(LockFileTest, WaitsForAHolderThatHasNotSaidItsNumber) {
-  orvaned::Fd holder(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  tool::Fd holder(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
   Child taker([&] {
     holder.reset();  // this copy of it
@@ -202,7 +202,7 @@ TEST_F(LockFileTest, AnotherUsersFileIsLeftAlone) {
 }
 
 TEST(LockPath, IsHiddenBesideTheQueues) {
-  EXPECT_EQ(orvaned::lockPathOf("orders"), "/dev/shm/.orders.lock");
+  EXPECT_EQ(tool::lockPathOf("orders"), "/dev/shm/.orders.lock");
 }
 
 }  // namespace

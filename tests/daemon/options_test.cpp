@@ -30,7 +30,7 @@ TEST(Options, HaveDefaults) {
   EXPECT_EQ(options.queue, "orders");
   EXPECT_EQ(options.store, "/srv/streams");
   EXPECT_EQ(options.geometry.messages, 8U);
-  EXPECT_EQ(options.geometry.messageSize, 524488U);
+  EXPECT_EQ(options.geometry.messageSize, 1048968U);
   EXPECT_EQ(options.geometry.mode, 0600U);
   EXPECT_EQ(options.sync, orvaned::Sync::segment);
   EXPECT_EQ(options.logLevel, ox::Kind::info);

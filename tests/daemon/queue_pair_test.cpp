@@ -103,7 +103,7 @@ TEST_F(QueuePairTest, LeavesAStrangersResponseQueueAlone) {
 
 TEST_F(QueuePairTest, IsRefusedBeforeItFillsSharedMemory) {
   const std::string refusal = refusalOf({1000000000, 1048576, 0600});
-  const std::string start = "the queues need 1048760000000736 bytes of /dev/shm, which has ";
+  const std::string start = "the queues need 1048760000004832 bytes of /dev/shm, which has ";
   const std::string end = ": use fewer or smaller messages, or enlarge it";
   EXPECT_TRUE(refusal.starts_with(start) && refusal.ends_with(end)) << refusal;
   EXPECT_FALSE(exists(name));

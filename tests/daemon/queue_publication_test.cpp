@@ -56,7 +56,7 @@ class QueuePublicationTest : public testing::Test {
 TEST_F(QueuePublicationTest, LeavesNoPrivateName) {
   {
     const QueuePair pair(name, {2, 100, 0600});
-    EXPECT_EQ(sharedMemoryOf(name), (Names{name, name + "Response"}));
+    EXPECT_EQ(sharedMemoryOf(name), (Names{"." + name + ".stats", name, name + "Response"}));
     EXPECT_EQ(statusOf(name).st_nlink, 1U);
   }
   EXPECT_EQ(sharedMemoryOf(name), Names{});

@@ -62,7 +62,7 @@ TEST(QueueNameRule, RefusesEveryOtherByteWithoutRepeatingIt) {
 TEST(MessageSize, FitsWholeRecordsOfTheLargestSize) {
   EXPECT_EQ(tool::smallestMessageSize(), 56U);
   EXPECT_EQ(tool::messageSizeFor(1), 131128U);
-  EXPECT_EQ(tool::messageSizeFor(4), 524488U);
+  EXPECT_EQ(tool::messageSizeFor(8), 1048968U);
 }
 
 }  // namespace

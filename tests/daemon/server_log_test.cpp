@@ -46,7 +46,7 @@ class ServerLogTest : public testing::Test {
     EXPECT_EQ(server.wait(), 1);
     return server.output();
   }
-  std::string serving(const std::string& sizes = "8 messages of 524488 bytes") const {
+  std::string serving(const std::string& sizes = "8 messages of 1048968 bytes") const {
     return "TIME info 0 orvaned::serve: serving queue " + name + " (" + sizes + "), storing into " +
            store + "\n";
   }

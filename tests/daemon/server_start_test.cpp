@@ -45,7 +45,7 @@ TEST_F(ServerStartTest, SaysWhenItIsReady) {
   ServerProcess server({"--queue", name, "--store", folder.path()});
   ASSERT_TRUE(server.isServing());
   EXPECT_EQ(server.output(), "TIME info 0 orvaned::serve: serving queue " + name +
-                                 " (8 messages of 524488 bytes), storing into " + folder.path() +
+                                 " (8 messages of 1048968 bytes), storing into " + folder.path() +
                                  "\n");
 }
 
@@ -132,7 +132,7 @@ TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
                         "--message-size", "1073741824"});
   EXPECT_EQ(server.wait(), 1);
   const std::string start =
-      "TIME error 1 orvaned::serve: the queues need 4398047265504 bytes of /dev/shm, which has ";
+      "TIME error 1 orvaned::serve: the queues need 4398047269600 bytes of /dev/shm, which has ";
   EXPECT_EQ(server.output().substr(0, start.size()), start);
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name));
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name + "Response"));
@@ -181,7 +181,7 @@ TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
                            "--store",
                            "--messages",
                            "--message-size",
-                           "=524488",
+                           "=1048968",
                            "--mode",
                            "=0600",
                            "--log-level",

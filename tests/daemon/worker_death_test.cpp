@@ -69,7 +69,8 @@ TEST_F(WorkerDeathTest, HappensAgainAndAgain) {
     EXPECT_EQ(producer.answer(), (Answer{1008, kWorkerDied}));
     ASSERT_TRUE(server->says("serving queue " + name + " ", death + 1));
   }
-  EXPECT_EQ(sharedMemoryOf(name), (Words{"." + name + ".lock", name, name + "Response"}));
+  EXPECT_EQ(sharedMemoryOf(name),
+            (Words{"." + name + ".lock", "." + name + ".stats", name, name + "Response"}));
 }
 
 TEST_F(WorkerDeathTest, ByAStopInsideAQueueCallIsTheSupervisorsDoing) {
@@ -176,7 +177,7 @@ TEST_F(StalePair, IsReplacedAndItsProducerToldBefore) {
             (Answer{1008, "the server died: send again what it did not acknowledge"}));
   EXPECT_TRUE(takeAnswers(answers).empty());
   const boost::interprocess::message_queue fresh(boost::interprocess::open_only, name.c_str());
-  EXPECT_EQ(fresh.get_max_msg_size(), 524488U);
+  EXPECT_EQ(fresh.get_max_msg_size(), 1048968U);
   EXPECT_EQ(send.get_num_msg(), 0U);
   EXPECT_EQ(Producer(name).ask({kOpen}), (Answer{0, ""}));
 }
@@ -186,7 +187,8 @@ TEST_F(StalePair, IsReplacedThoughNothingInItCanBeUsed) {
   writeFile("/dev/shm/" + name + "Response", "x");
   writeFile("/dev/shm/." + name + ".new", std::string(100, '\xff'));
   startFixed();
-  EXPECT_EQ(sharedMemoryOf(name), (Words{"." + name + ".lock", name, name + "Response"}));
+  EXPECT_EQ(sharedMemoryOf(name),
+            (Words{"." + name + ".lock", "." + name + ".stats", name, name + "Response"}));
   EXPECT_EQ(Producer(name).ask({kOpen}), (Answer{0, ""}));
 }
 

@@ -64,7 +64,7 @@ TEST_F(Demo, MadeUpBytesComeBackIdentical) {
   EXPECT_EQ(ended.how, "exit 0");
   EXPECT_EQ(ended.err, "");
   EXPECT_TRUE(matches(ended.out,
-                      std::string("OK 268435456 bytes, 514 batches, 4 segments, ") + kTimeAndRate));
+                      std::string("OK 268435456 bytes, 258 batches, 4 segments, ") + kTimeAndRate));
 }
 
 TEST_F(Demo, ProgramComesBackIdentical) {
@@ -152,7 +152,7 @@ TEST_F(Demo, MissingServerIsReported) {
 
 TEST_F(Demo, DiskThatFillsUpIsReported) {
   Surroundings smallFiles = around();
-  smallFiles.fileSizeLimit = 5 << 20;
+  smallFiles.fileSizeLimit = 9 << 20;
 
   Process demo(command({}), smallFiles);
   const Ended ended = demo.wait();
@@ -180,7 +180,7 @@ TEST_F(Demo, KilledDemoTakesItsServerAndItsQueuesAlong) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
   const std::string queue = "orvane-demo-" + std::to_string(demo.pid()) + "-";
-  ASSERT_TRUE(comesTrue([&] { return sharedMemoryNamed(queue).size() == 3; }));
+  ASSERT_TRUE(comesTrue([&] { return sharedMemoryNamed(queue).size() == 4; }));
   const pid_t server = serverOf(demo);
 
   demo.signal(SIGKILL);
@@ -195,7 +195,7 @@ class DemoSignal : public Demo, public testing::WithParamInterface<int> {};
 TEST_P(DemoSignal, LeavesNothingBehind) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
-  ASSERT_TRUE(comesTrue([&] { return serverOf(demo) != 0 && leftBy(demo).size() == 4; }));
+  ASSERT_TRUE(comesTrue([&] { return serverOf(demo) != 0 && leftBy(demo).size() == 5; }));
   const pid_t server = serverOf(demo);
 
   demo.signal(GetParam());

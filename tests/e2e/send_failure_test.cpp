@@ -12,7 +12,7 @@
 namespace orvane::test {
 namespace {
 
-const std::string kMuch(6 << 20, 'x');  // more than a queue of the default size holds
+const std::string kMuch(10 << 20, 'x');  // more than a queue of the default size holds
 
 TEST(SendFailure, MissingQueueIsReportedWithTheQueuesThatAreThere) {
   Server other;
@@ -131,7 +131,7 @@ TEST(SendFailure, StoreThatVanishedIsReportedAsRefused) {
 }
 
 TEST(SendFailure, DiskThatFillsUpOnTheWayIsReportedAsRefused) {
-  Server server({}, {.fileSizeLimit = 5 << 20});
+  Server server({}, {.fileSizeLimit = 9 << 20});
 
   const Ended ended = run(server.sendCommand({"-"}), kMuch);
 

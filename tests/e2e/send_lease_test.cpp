@@ -47,10 +47,11 @@ class SendOverALease : public testing::Test {
     stopServing();
     const std::string state = "/proc/" + std::to_string(workerOf(started)) + "/stat";
     ASSERT_TRUE(comesTrue([&] { return contains(readFile(state), ") T "); }));
-    const std::string leased = sharedMemoryNamed("-" + std::to_string(started.pid()) + "_").front();
+    // Behind its totals.
+    const std::string leased = sharedMemoryNamed("-" + std::to_string(started.pid()) + "_").at(1);
     const Queue queue(boost::interprocess::open_only, leased.c_str());
     // All of it is read: eight messages, one that finds no room, and a record behind it.
-    send.write(std::string(9 * 524288 + 131072, 'x'));
+    send.write(std::string(9 * 1048576 + 131072, 'x'));
     ASSERT_TRUE(comesTrue([&] { return queue.get_num_msg() == queue.get_max_msg(); }));
   }
 
@@ -114,9 +115,9 @@ TEST_F(SendOverALease, NeedsEitherAQueueOrASocket) {
 }
 
 TEST_F(SendOverALease, StreamThatCannotBeStoredIsReportedAsRefused) {
-  Server server({"--socket", socket}, {.fileSizeLimit = 5 << 20});
+  Server server({"--socket", socket}, {.fileSizeLimit = 9 << 20});
 
-  const Ended ended = run(sendCommand({"-"}), std::string(6 << 20, 'x'));
+  const Ended ended = run(sendCommand({"-"}), std::string(10 << 20, 'x'));
 
   EXPECT_EQ(ended.how, "exit 3");
   EXPECT_EQ(ended.out, "");

@@ -5,10 +5,12 @@
 
 namespace tool {
 
-// What `orvane send` exits with; its --help lists them. 2, a wrong command line, is main's own.
+// What `orvane send` exits with; its --help lists them. 2, a wrong command line, is main's own. The
+// other commands fail with 1 only.
 enum ExitCode {
   kStored = 0,
   kNothingSent = 1,
+  kFailed = 1,
   kUsage = 2,
   kRefused = 3,
   kUnknown = 4,

@@ -2,13 +2,18 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <orvane/orvane.hpp>
 
+#include "clean.hpp"
 #include "demo.hpp"
+#include "dump.hpp"
 #include "exit_code.hpp"
 #include "interrupt.hpp"
+#include "ls.hpp"
 #include "send.hpp"
+#include "stat.hpp"
 
 namespace {
 
@@ -19,7 +24,16 @@ struct Arguments {
   std::vector<std::string> files;
   tool::SendOptions options;
   std::string demoFile;
+  bool lsJson = false;
+  std::string statQueue;
+  tool::StatOptions stat;
+  std::vector<std::string> cleanQueues;
+  bool dryRun = false;
+  std::string dumped;
+  bool dumpJson = false;
 };
+
+constexpr char kExitCodes[] = "Exit codes: 0 done, 1 failed, 2 wrong use of the command.";
 
 CLI::App* addSend(CLI::App& app, Arguments& arguments) {
   CLI::App* send = app.add_subcommand("send", "Store files as streams of a running orvaned");
@@ -70,6 +84,76 @@ CLI::App* addDemo(CLI::App& app, Arguments& arguments) {
   return demo;
 }
 
+CLI::App* addLs(CLI::App& app, Arguments& arguments) {
+  CLI::App* ls = app.add_subcommand("ls", "List the queues of this machine");
+  ls->set_version_flag("--version", kVersion);
+  ls->add_flag("--json", arguments.lsJson, "Print JSON");
+  ls->footer(std::string("A - stands for what this user may not know, or orvaned did not publish.\n"
+                         "SERVER is the process that serves the queue.\n") +
+             kExitCodes);
+  return ls;
+}
+
+std::string checkInterval(const std::string& text) {
+  char* end = nullptr;
+  const double seconds = std::strtod(text.c_str(), &end);
+  const bool isNumber = !text.empty() && *end == '\0';
+  return isNumber && seconds >= 0 && seconds <= 86400 ? "" : "must be seconds, 0 to 86400";
+}
+
+CLI::App* addStat(CLI::App& app, Arguments& arguments) {
+  CLI::App* stat = app.add_subcommand("stat", "Show what a queue has carried so far, and how fast");
+  stat->set_version_flag("--version", kVersion);
+  stat->add_option("NAME", arguments.statQueue, "The queue")->required()->type_name("");
+  stat->add_option("--interval", arguments.stat.interval,
+                   "Seconds between the two looks that the rates come from; 0: no rates")
+      ->check(checkInterval)
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  stat->add_flag("--json", arguments.stat.json, "Print JSON");
+  stat->footer(
+      std::string("The totals count from when the pair was made. Looking at them disturbs no "
+                  "stream.\n") +
+      kExitCodes);
+  return stat;
+}
+
+CLI::App* addClean(CLI::App& app, Arguments& arguments) {
+  CLI::App* clean =
+      app.add_subcommand("clean", "Remove what servers that are gone left in /dev/shm");
+  clean->set_version_flag("--version", kVersion);
+  clean
+      ->add_option("NAME", arguments.cleanQueues,
+                   "Only of these queues; with a leased one, of all that its server leased")
+      ->type_name("");
+  clean->add_flag("--dry-run", arguments.dryRun, "Only tell what would be removed");
+  clean->footer(
+      std::string("A server that starts does the same for its own queue and for leases. "
+                  "Root cleans up after\neverybody's servers, others after their own.\n") +
+      kExitCodes);
+  return clean;
+}
+
+CLI::App* addDump(CLI::App& app, Arguments& arguments) {
+  CLI::App* dump = app.add_subcommand("dump", "Show what a capture or a stored stream holds");
+  dump->set_version_flag("--version", kVersion);
+  dump->add_option("FILE", arguments.dumped,
+                   "A capture (orvaned --capture), one batch, or a stored stream's folder; - is "
+                   "standard input")
+      ->required()
+      ->type_name("");
+  dump->add_flag("--json", arguments.dumpJson, "Print JSON, one object a line");
+  dump->footer(
+      std::string("Of each record, its data's length and Adler-32 are shown, and its header:\n"
+                  "(seqNo,type,len,segAlg,segmentNo,segmentDone,segParam1,segParam2,segParam3,"
+                  "magic).\n"
+                  "Of a stored stream, the manifest, and whether each file is as it says. What is "
+                  "broken is shown\n"
+                  "with the reason; then it is 1 that the command exits with.\n") +
+      kExitCodes);
+  return dump;
+}
+
 template <typename Command>
 int run(const std::string& name, Command command) {
   try {
@@ -94,6 +178,10 @@ int parseAndRun(int argc, char** argv) {
   Arguments arguments;
   const CLI::App* send = addSend(app, arguments);
   addDemo(app, arguments);
+  const CLI::App* ls = addLs(app, arguments);
+  const CLI::App* stat = addStat(app, arguments);
+  const CLI::App* clean = addClean(app, arguments);
+  const CLI::App* dump = addDump(app, arguments);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -102,6 +190,18 @@ int parseAndRun(int argc, char** argv) {
   if (send->parsed()) {
     return run("orvane send",
                [&] { tool::sendFiles(arguments.destination, arguments.files, arguments.options); });
+  }
+  if (ls->parsed()) {
+    return run("orvane ls", [&] { tool::listQueues(arguments.lsJson); });
+  }
+  if (stat->parsed()) {
+    return run("orvane stat", [&] { tool::printStat(arguments.statQueue, arguments.stat); });
+  }
+  if (clean->parsed()) {
+    return run("orvane clean", [&] { tool::cleanUp(arguments.cleanQueues, arguments.dryRun); });
+  }
+  if (dump->parsed()) {
+    return run("orvane dump", [&] { tool::dump(arguments.dumped, arguments.dumpJson); });
   }
   const int code =
       run("orvane demo", [&] { std::puts(tool::runDemo(arguments.demoFile).c_str()); });

@@ -6,6 +6,7 @@
 
 #include "backoff.hpp"
 #include "common/queue_rules.hpp"
+#include "common/shm_names.hpp"
 #include "exit_code.hpp"
 #include "queue_list.hpp"
 
@@ -19,18 +20,6 @@ constexpr std::chrono::seconds kAbortTime(2);
 
 const std::size_t kEmptyBatch = orvane::ShmBatch::MetaData::getSerializedSize();
 const std::size_t kHeader = orvane::pvk_shm_message_t::getSerializedSize();
-
-std::string noSuchQueue(const std::string& name) {
-  std::string text = "no queue named " + name + ": is orvaned running? Queues here: ";
-  const std::vector<std::string> queues = queuesHere();
-  if (queues.empty()) {
-    return text + "none; orvaned --queue " + name + " --store DIR would serve it";
-  }
-  for (std::size_t i = 0; i < queues.size(); ++i) {
-    text += (i == 0 ? "" : ", ") + queues[i];
-  }
-  return text;
-}
 
 [[noreturn]] void failToAttach(const std::string& queueName, const std::string& part,
                                const ipc::interprocess_exception& e) {

@@ -1,24 +1,44 @@
 #include "queue_list.hpp"
 
-#include <filesystem>
 #include <orvane/orvane.hpp>
 #include <set>
+#include <stdexcept>
+
+#include "common/queue_rules.hpp"
+#include "common/shm_names.hpp"
 
 namespace tool {
 
 std::vector<std::string> queuesHere() {
-  std::set<std::string> names;
-  std::error_code ignored;  // an unreadable folder lists nothing
-  for (const auto& entry : std::filesystem::directory_iterator(kShmFolder, ignored)) {
-    names.insert(entry.path().filename());
-  }
+  const std::set<std::string> names = namesInShm();
   std::vector<std::string> queues;
   for (const std::string& name : names) {
-    if (names.count(orvane::getMessageQueueResponseName(name)) > 0) {
+    if (names.count(orvane::getMessageQueueResponseName(name)) > 0 && mayBeQueue(name)) {
       queues.push_back(name);
     }
   }
   return queues;
+}
+
+bool mayBeQueue(const std::string& name) {
+  try {
+    checkQueueName(name);
+    return true;
+  } catch (const std::invalid_argument&) {
+    return false;
+  }
+}
+
+std::string noSuchQueue(const std::string& name) {
+  std::string text = "no queue named " + name + ": is orvaned running? Queues here: ";
+  const std::vector<std::string> queues = queuesHere();
+  if (queues.empty()) {
+    return text + "none; orvaned --queue " + name + " --store DIR would serve it";
+  }
+  for (std::size_t i = 0; i < queues.size(); ++i) {
+    text += (i == 0 ? "" : ", ") + queues[i];
+  }
+  return text;
 }
 
 }  // namespace tool

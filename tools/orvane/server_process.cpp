@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "backoff.hpp"
+#include "common/shm_names.hpp"
 #include "exit_code.hpp"
-#include "queue_list.hpp"
 
 namespace tool {
 namespace {

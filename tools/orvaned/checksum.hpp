@@ -1,11 +1,9 @@
 #pragma once
 
-#include <cstdint>
-#include <span>
+#include "common/checksum.hpp"
 
 namespace orvaned {
 
-// The CRC-32 of gzip, continued from that of the bytes before.
-std::uint32_t checksumOf(std::span<const unsigned char> bytes, std::uint32_t before = 0);
+using tool::checksumOf;
 
 }  // namespace orvaned

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "lock_file.hpp"
+#include "common/lock_file.hpp"
 
 namespace orvaned {
 
@@ -19,12 +19,12 @@ class LeaseRun {
 
  private:
   const std::string name;
-  const LockFile lock;
+  const tool::LockFile lock;
 };
 
 // What a dead run left in /dev/shm. Holding its lock keeps other servers from cleaning up as well.
 struct DeadRun {
-  LockFile lock;
+  tool::LockFile lock;
   std::vector<std::string> queues;
 };
 
@@ -35,6 +35,6 @@ struct DeadRuns {
 DeadRuns takeDeadRuns();
 
 // Of the run that a leased queue is named after; alive for every other name.
-LockFile::Owner ownerOfLeased(const std::string& queueName);
+tool::LockFile::Owner ownerOfLeased(const std::string& queueName);
 
 }  // namespace orvaned

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "common/lock_file.hpp"
 #include "fd.hpp"
-#include "lock_file.hpp"
 
 namespace orvaned {
 
@@ -31,7 +31,7 @@ class LeaseSocket {
 
  private:
   const std::string path;
-  const LockFile lock;
+  const tool::LockFile lock;
   Fd listening;
 };
 

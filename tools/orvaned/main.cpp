@@ -8,6 +8,7 @@
 #include <exception>
 #include <orvane/orvane.hpp>
 
+#include "capture.hpp"
 #include "log.hpp"
 #include "options.hpp"
 #include "store.hpp"
@@ -54,6 +55,7 @@ void allowManyFiles() {
 bool serve(const orvaned::Options& options, const Logger& log) {
   orvaned::checkOptions(options);
   orvaned::checkWritable(options.store);
+  orvaned::checkCapture(options.capture);
   orvaned::Supervisor supervisor(options);
   const std::size_t messageSize = options.geometry.messageSize;
   if (messageSize < tool::messageSizeFor(1)) {

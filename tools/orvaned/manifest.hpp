@@ -1,43 +1,22 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
+#include "common/manifest_lines.hpp"
 #include "common/receipt.hpp"
 #include "output_file.hpp"
 
 namespace orvaned {
 
-// What is kept of one segment. The algorithm and its parameters are those of its first record.
-struct SegmentSummary {
-  std::uint64_t number = 0;
-  std::uint64_t records = 0;
-  std::uint64_t bytes = 0;
-  std::uint32_t algorithm = 0;
-  std::uint32_t parameters[3] = {};
-  std::uint32_t checksum = 0;
-  std::string file;  // empty: the segment holds no data
-
-  bool operator==(const SegmentSummary&) const = default;
-};
-
-// What a file has behind its name while it is not finished.
-constexpr char kUnfinished[] = ".part";
-
-// The name of a segment's file.
-std::string segmentName(std::uint64_t number);
-
-constexpr char kOtherRecords[] = "other-records";
-
-// The records of other types, in the file of that name.
-struct OtherRecords {
-  std::uint64_t records = 0;
-  std::uint64_t bytes = 0;     // of their data
-  std::uint32_t checksum = 0;  // of the file
-
-  bool operator==(const OtherRecords&) const = default;
-};
+using tool::checksumText;
+using tool::kOtherRecords;
+using tool::kUnfinished;
+using tool::OtherRecords;
+using tool::parseOthers;
+using tool::parseSegment;
+using tool::segmentName;
+using tool::SegmentSummary;
 
 struct StreamSummary {
   tool::Receipt receipt;
@@ -48,14 +27,6 @@ struct StreamSummary {
 
 // Adds what a segment holds.
 void count(tool::Receipt& receipt, const SegmentSummary& segment);
-
-// A line of the manifest and back; nothing when the line is not exactly one.
-std::string textOf(const SegmentSummary& segment);
-std::string textOf(const OtherRecords& others);
-std::optional<SegmentSummary> parseSegment(const std::string& line);
-std::optional<OtherRecords> parseOthers(const std::string& line);
-
-std::string checksumText(std::uint32_t checksum);
 
 // The file `manifest` in a stream's folder: text, one line a fact.
 //   format=1
@@ -94,7 +65,7 @@ class Manifest {
   void resume(std::uint64_t size) { file.resume(size); }
 
   void add(const SegmentSummary& segment) { line(textOf(segment)); }
-  void addUnfinished(const std::string& name, std::uint64_t bytes, std::uint32_t checksum);
+  void add(const tool::UnfinishedFile& unfinished) { line(textOf(unfinished)); }
   void addDamaged(const std::string& name, const std::string& reason);
 
   void flush() { file.flush(); }

@@ -133,6 +133,8 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->check(checkLevel)
       ->capture_default_str();
   app.add_flag("--trace", options.trace, "Log each batch and each answer too");
+  app.add_option("--capture", options.capture,
+                 "Append every message that comes, good or bad, to this file, for orvane dump");
   try {
     app.parse(argc, argv);
     if (options.queue.empty() && options.socket.empty()) {

@@ -16,13 +16,14 @@ struct Options {
   std::string store;
   // Eight messages of four of the largest records: about 4 MiB, which is where throughput peaks.
   // Fewer starve a producer that flushes each record; more fall out of the processor's cache.
-  Geometry geometry{8, tool::messageSizeFor(4), 0600};
+  Geometry geometry{8, tool::messageSizeFor(8), 0600};
   Sync sync = Sync::segment;
   std::size_t pairsPerUser = 16;
   std::size_t shmLimit = 0;     // bytes of /dev/shm for all leases; 0: half of what it has
   std::uint32_t idleLimit = 0;  // seconds; 0: none
   ox::Kind logLevel = ox::Kind::info;
   bool trace = false;
+  std::string capture;  // empty: none
 };
 
 constexpr int kUsageError = 2;

@@ -56,6 +56,9 @@ class Pair {
 
   bool isOver() const { return !child && !retryAt; }
 
+  // Can its queues be used?
+  bool isServing() const { return child && phase == Phase::serving && child->isReady(); }
+
   Kind kind() const { return pairKind; }
   const LeaseConnection* lease() const { return connection.get(); }
 

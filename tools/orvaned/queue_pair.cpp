@@ -10,6 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "common/shm_names.hpp"
+
 namespace orvaned {
 
 namespace ipc = boost::interprocess;
@@ -19,6 +21,7 @@ namespace {
 
 constexpr char kShmFolder[] = "/dev/shm";
 constexpr mode_t kGroupMode = 0660;
+constexpr std::size_t kPage = 4096;
 constexpr unsigned kSuccessPriority = 0;
 constexpr unsigned kErrorPriority = 1;
 
@@ -52,6 +55,11 @@ std::string pathOf(const std::string& name) {
                            std::generic_category().message(error));
 }
 
+// The group of a producer that is another user.
+std::optional<gid_t> readersOf(const std::optional<Owner>& owner) {
+  return owner && owner->user != geteuid() ? std::optional(owner->group) : std::nullopt;
+}
+
 // By its group, where this process may not give files away.
 void giveTo(const Owner& owner, const std::string& name) {
   const std::string path = pathOf(name);
@@ -70,16 +78,13 @@ void giveTo(const Owner& owner, const std::string& name) {
 
 std::size_t bytesOfPair(const Geometry& geometry) {
   return bytesOfQueue(geometry.messages, geometry.messageSize) +
-         bytesOfQueue(geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t));
-}
-
-std::string privateNameOf(const std::string& queueName) {
-  return "." + queueName + ".new";
+         bytesOfQueue(geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t)) +
+         kPage;  // for the totals
 }
 
 QueuePair::Queue::Queue(std::string queueName, std::size_t messages, std::size_t messageSize,
                         mode_t mode, std::optional<Owner> owner)
-    : name(std::move(queueName)), privateName(privateNameOf(name)) {
+    : name(std::move(queueName)), privateName(tool::privateNameOf(name)) {
   create(messages, messageSize, mode);
   try {
     publish(owner);
@@ -126,6 +131,7 @@ QueuePair::QueuePair(const std::string& name, const Geometry& geometry, std::opt
     : watched(heartbeat != nullptr ? *heartbeat : unwatched),
       bufferSize(checkRoom(geometry).messageSize),
       buffer(std::make_unique_for_overwrite<unsigned char[]>(bufferSize)),
+      published(name, geometry, readersOf(owner)),
       response(orvane::getMessageQueueResponseName(name),
                geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t),
                geometry.mode, owner),

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "heartbeat.hpp"
+#include "stats_file.hpp"
 
 namespace orvaned {
 
@@ -29,12 +30,9 @@ struct Owner {
 // Bytes of /dev/shm that a pair takes.
 std::size_t bytesOfPair(const Geometry& geometry);
 
-// Under this name a queue is created, before it gets the name under which a producer finds it:
-// nobody ever sees one that is half made or open to the wrong user.
-std::string privateNameOf(const std::string& queueName);
-
-// A send queue and its response queue in /dev/shm, created and removed with this object. Nothing
-// here waits inside a queue. What Boost throws passes through: the pair is then of no more use.
+// A send queue and its response queue in /dev/shm, and the file of its totals, created and removed
+// with this object. Nothing here waits inside a queue. What Boost throws passes through: the pair
+// is then of no more use.
 class QueuePair {
  public:
   // Throws std::runtime_error, leaving nothing behind, when a name is taken, there is no room, or
@@ -56,6 +54,9 @@ class QueuePair {
 
   // Throws away the answers that nobody took.
   void discardAnswers();
+
+  // The published totals.
+  tool::QueueStats& stats() { return published.stats(); }
 
  private:
   struct Queue {
@@ -79,7 +80,8 @@ class QueuePair {
   Heartbeat& watched;
   const std::size_t bufferSize;
   const std::unique_ptr<unsigned char[]> buffer;
-  Queue response;  // before the send queue: a producer that finds that one must find both
+  StatsFile published;  // before the queues: there is none without it
+  Queue response;       // before the send queue: a producer that finds that one must find both
   Queue send;
   std::optional<orvane::pvk_shm_response_t> pending;
 };

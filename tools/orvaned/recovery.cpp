@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "checksum.hpp"
+#include "common/stored_file.hpp"
 #include "fd.hpp"
 #include "log.hpp"
 #include "manifest.hpp"
@@ -25,8 +25,6 @@ namespace orvaned {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::size_t kBlock = 1 << 20;
 
 // What there is of a manifest, up to the first line that is torn or makes no sense.
 struct Listed {
@@ -70,51 +68,6 @@ Listed readListed(const fs::path& file, const std::string& queue, const std::str
     }
   }
   return listed;
-}
-
-struct Content {
-  std::uint64_t bytes = 0;
-  std::uint32_t checksum = 0;
-};
-
-// Throws Ox_ErrnoException (kStoreFailed).
-Content contentOf(const fs::path& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    throwStoreFailed(errno, "read", path);
-  }
-  Content content;
-  std::vector<unsigned char> block(kBlock);
-  ssize_t size = 0;
-  while ((size = ::read(fd, block.data(), block.size())) > 0) {
-    const auto count = static_cast<std::size_t>(size);
-    content.bytes += count;
-    content.checksum = checksumOf({block.data(), count}, content.checksum);
-  }
-  const int error = errno;
-  ::close(fd);
-  if (size < 0) {
-    throwStoreFailed(error, "read", path);
-  }
-  return content;
-}
-
-// Why the file is not what was listed; empty when it is.
-std::string faultOf(const fs::path& file, std::uint64_t bytes, std::uint32_t checksum) {
-  try {
-    const Content content = contentOf(file);
-    if (content.bytes != bytes) {
-      return "it has " + std::to_string(content.bytes) + " bytes instead of " +
-             std::to_string(bytes);
-    }
-    if (content.checksum != checksum) {
-      return "its checksum is " + checksumText(content.checksum) + " instead of " +
-             checksumText(checksum);
-    }
-    return "";
-  } catch (const Ox_ErrnoException& e) {
-    return e.message();
-  }
 }
 
 // A stream that a server left when it died.
@@ -182,7 +135,7 @@ void LeftStream::check(const SegmentSummary& segment) {
   const fs::path part = file.string() + kUnfinished;
   const bool renamed = fs::exists(file) || !fs::exists(part);
   listed.insert({segment.file, segment.file + kUnfinished});
-  const std::string fault = faultOf(renamed ? file : part, segment.bytes, segment.checksum);
+  const std::string fault = tool::faultOf(renamed ? file : part, {segment.bytes, segment.checksum});
   if (!fault.empty()) {
     damaged.push_back({segment.file, fault});
     return;
@@ -201,7 +154,7 @@ void LeftStream::checkOthers(const OtherRecords& others) {
   }
   const std::uint64_t headers = others.records * orvane::pvk_shm_message_t::getSerializedSize();
   const std::string fault =
-      faultOf(folder / kOtherRecords, headers + others.bytes, others.checksum);
+      tool::faultOf(folder / kOtherRecords, {headers + others.bytes, others.checksum});
   if (!fault.empty()) {
     listed.insert(kOtherRecords);
     damaged.push_back({kOtherRecords, fault});
@@ -229,10 +182,10 @@ void LeftStream::addUnlisted(const std::string& name) {
     return;
   }
   try {
-    const Content content = contentOf(folder / name);
-    manifest.addUnfinished(name, content.bytes, content.checksum);
-  } catch (const Ox_ErrnoException& e) {
-    damaged.push_back({name, e.message()});
+    const tool::Content content = tool::contentOf(folder / name);
+    manifest.add(tool::UnfinishedFile{name, content.bytes, content.checksum});
+  } catch (const std::runtime_error& e) {
+    damaged.push_back({name, e.what()});
   }
 }
 

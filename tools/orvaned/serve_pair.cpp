@@ -54,7 +54,7 @@ void serve(const Options& options, const std::string& queueName, LeaseConnection
     lease->send("lease " + queueName);
     tell = [lease](const std::string& text) { lease->send(text); };
   }
-  Worker worker(queueName, queues, store, tell);
+  Worker worker(queueName, queues, store, tell, Capture(options.capture, queueName));
   const Ending& ending =
       worker.run([&watch](std::chrono::microseconds pause) { return watch.within(pause); });
   log.log(LEVEL_INFO, "serve", 0, "stopped serving queue %s: %s", queue.c_str(),

@@ -3,12 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
 #include <stdexcept>
 
-#include "queue_pair.hpp"
+#include "common/shm_names.hpp"
 #include "server_status.hpp"
 
 namespace orvaned {
@@ -19,18 +18,10 @@ using orvane::pvk_shm_response_t;
 
 constexpr unsigned kErrorPriority = 1;
 
-// The send queue first: a producer that finds it expects to find the other.
-std::array<std::string, 4> pathsOf(const std::string& queueName) {
-  const std::string folder = "/dev/shm/";
-  const std::string response = orvane::getMessageQueueResponseName(queueName);
-  return {folder + queueName, folder + response, folder + privateNameOf(queueName),
-          folder + privateNameOf(response)};
-}
-
 }  // namespace
 
 void requireOwnPair(const std::string& queueName) {
-  for (const std::string& path : pathsOf(queueName)) {
+  for (const std::string& path : tool::pathsOfPair(queueName)) {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
       continue;
@@ -46,7 +37,7 @@ void requireOwnPair(const std::string& queueName) {
 }
 
 bool pairExists(const std::string& queueName) {
-  for (const std::string& path : pathsOf(queueName)) {
+  for (const std::string& path : tool::pathsOfPair(queueName)) {
     if (access(path.c_str(), F_OK) == 0) {
       return true;
     }
@@ -55,7 +46,7 @@ bool pairExists(const std::string& queueName) {
 }
 
 void removePair(const std::string& queueName) {
-  for (const std::string& path : pathsOf(queueName)) {
+  for (const std::string& path : tool::pathsOfPair(queueName)) {
     unlink(path.c_str());
   }
 }

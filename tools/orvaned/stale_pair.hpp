@@ -4,8 +4,8 @@
 
 namespace orvaned {
 
-// What a dead worker left of a queue pair in /dev/shm. Only its names are touched here, never the
-// queues behind them, except in postFarewell().
+// What a dead worker left of a queue pair in /dev/shm, its totals included. Only its names are
+// touched here, never the queues behind them, except in postFarewell().
 
 // Throws std::runtime_error when something under one of the pair's names is another user's, or no
 // file at all.

@@ -23,6 +23,7 @@ using orvane::server::LEVEL_INFO;
 using orvane::server::Logger;
 
 constexpr std::chrono::milliseconds kTick{500};  // between two looks at the heartbeats
+constexpr std::chrono::milliseconds kTickAtStart{10};
 constexpr std::chrono::seconds kTimeToFinish{10};
 constexpr std::chrono::seconds kTimeToCleanUp{4};
 
@@ -53,7 +54,7 @@ Supervisor::Supervisor(const Options& serverOptions)
                [this](const std::string& queue, pid_t worker) { recoverAfter(queue, worker); }},
       signals(openSignals()) {
   if (!options.queue.empty()) {
-    queueLock.emplace(lockPathOf(options.queue));
+    queueLock.emplace(tool::lockPathOf(options.queue));
     requireOwnPair(options.queue);
   }
   if (!options.socket.empty()) {
@@ -76,6 +77,7 @@ bool Supervisor::run() {
                           doublePercent(options.store).c_str());
   }
   while (!isOver()) {
+    tellWhenReady();
     waitForEvents();
     takeSignals();
     serveDesk();
@@ -93,9 +95,9 @@ bool Supervisor::run() {
 void Supervisor::cleanUpAfterDeadRuns() {
   bool again = false;
   recoverWhere([&again](const UnfinishedStream& stream) {
-    const LockFile::Owner owner = ownerOfLeased(stream.queue);
-    again = again || owner == LockFile::Owner::dying;
-    return owner == LockFile::Owner::dead;
+    const tool::LockFile::Owner owner = ownerOfLeased(stream.queue);
+    again = again || owner == tool::LockFile::Owner::dying;
+    return owner == tool::LockFile::Owner::dead;
   });
   DeadRuns dead = takeDeadRuns();
   for (DeadRun& run : dead.taken) {
@@ -114,6 +116,16 @@ void Supervisor::recoverWhere(const std::function<bool(const UnfinishedStream&)>
   }
 }
 
+void Supervisor::tellWhenReady() {
+  const auto isAwaited = [](const Pair& pair) {
+    return pair.kind() == Pair::Kind::fixed && !pair.isServing();
+  };
+  if (!ready && !stopAt && std::none_of(pairs.begin(), pairs.end(), isAwaited)) {
+    ready = true;
+    manager.tell("READY=1");
+  }
+}
+
 bool Supervisor::isOver() const {
   const bool nothingLeft = pairs.empty() && recoveries.empty();
   if (stopAt && Clock::now() >= *stopAt + kTimeToFinish + kTimeToCleanUp) {
@@ -127,7 +139,8 @@ void Supervisor::waitForEvents() {
   if (desk) {
     desk->addTo(events);
   }
-  poll(events.data(), events.size(), static_cast<int>(kTick.count()));
+  const auto tick = ready || stopAt ? kTick : kTickAtStart;
+  poll(events.data(), events.size(), static_cast<int>(tick.count()));
 }
 
 void Supervisor::takeSignals() {
@@ -145,6 +158,7 @@ void Supervisor::takeSignals() {
 }
 
 void Supervisor::stop() {
+  manager.tell("STOPPING=1");
   stopAt = Clock::now();
   desk.reset();
   for (Pair& pair : pairs) {

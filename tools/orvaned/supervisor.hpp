@@ -9,13 +9,14 @@
 #include <vector>
 
 #include "child.hpp"
+#include "common/lock_file.hpp"
 #include "fd.hpp"
 #include "lease_desk.hpp"
 #include "lease_run.hpp"
-#include "lock_file.hpp"
 #include "options.hpp"
 #include "pair.hpp"
 #include "recovery.hpp"
+#include "service_manager.hpp"
 
 namespace orvaned {
 
@@ -35,6 +36,7 @@ class Supervisor {
 
   void cleanUpAfterDeadRuns();
   void recoverWhere(const std::function<bool(const UnfinishedStream&)>& isDead);
+  void tellWhenReady();
   bool isOver() const;
   void waitForEvents();
   void takeSignals();
@@ -48,15 +50,17 @@ class Supervisor {
 
   const Options& options;
   const Pair::Surroundings forPairs;
+  ServiceManager manager;
   Fd signals;
-  std::optional<LockFile> queueLock;
+  std::optional<tool::LockFile> queueLock;
   std::optional<LeaseRun> leases;
   std::optional<LeaseDesk> desk;
   std::vector<LeaseDesk::Connection> asked;  // what becomes pairs just now
-  std::vector<LockFile> deadRuns;
+  std::vector<tool::LockFile> deadRuns;
   std::optional<Clock::time_point> cleanUpAgain;
   std::list<Pair> pairs;
   std::list<Child> recoveries;
+  bool ready = false;  // all that was asked for is served
   std::optional<Clock::time_point> stopAt;
   bool failed = false;  // to make the fixed pair at all
 };

@@ -20,12 +20,15 @@ std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
 }
 
-Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore, Tell tellEnds)
+Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore, Tell tellEnds,
+               Capture messageCapture)
     : queueName(std::move(name)),
       loggedName(doublePercent(queueName)),
       queues(queuePair),
+      stats(queuePair.stats()),
       store(streamStore),
-      tell(std::move(tellEnds)) {}
+      tell(std::move(tellEnds)),
+      capture(std::move(messageCapture)) {}
 
 const Ending& Worker::run(const EndWithin& endWithin) {
   try {
@@ -54,9 +57,11 @@ bool Worker::runOnce() {
     queues.postPending();
     return false;
   }
+  capture.add(*message);
   batchError.reset();
   takeBatch(*message);
   const pvk_shm_response_t response = answer();
+  countBatch(response.status);
   queues.answer(response);
   log.logTrace(__func__, "queue %s: answered %d \"%s\"", loggedName.c_str(), response.status,
                doublePercent(response.text).c_str());
@@ -75,6 +80,14 @@ void Worker::finish(const Ending& ending) {
   farewell(ending.farewell);
 }
 
+void Worker::countBatch(ox_status_t status) {
+  tool::add(stats.batches, 1);
+  if (status != 0) {
+    tool::add(stats.errorAnswers, 1);
+  }
+  stats.lastBatch.store(tool::monotonicNow(), std::memory_order_relaxed);
+}
+
 void Worker::takeBatch(std::span<const unsigned char> message) {
   try {
     const orvane::BatchView batch(message.data(), message.size());
@@ -85,6 +98,7 @@ void Worker::takeBatch(std::span<const unsigned char> message) {
     }
   } catch (const Ox_ErrnoException& e) {
     ++badBatches;
+    tool::add(stats.badBatches, 1);
     fail(__func__, Ox_ErrnoException(kBadBatch, e.message(), ""));
   }
   flush();
@@ -125,6 +139,8 @@ void Worker::open(const Header& header) {
     tellFailure(e.status(), e.message());
     throw;
   }
+  tool::add(stats.streams, 1);
+  tool::setStream(stats, stream->folder->stream());
   log.log(LEVEL_INFO, __func__, 0, "queue %s: stream %s begins", loggedName.c_str(),
           stream->folder->stream().c_str());
 }
@@ -150,17 +166,32 @@ void Worker::storeRecord(const Entry& entry) {
     return;
   }
   if (!stream) {
-    return store.storeOutside(entry);
+    store.storeOutside(entry);
+    return countRecord(entry);
   }
   stream->state.take(entry.header);
   switch (entry.header.type) {
     case orvane::kRecordSegmentData:
-      return stream->folder->storeSegmentData(entry);
+      stream->folder->storeSegmentData(entry);
+      stream->segmentHasData = stream->segmentHasData || entry.header.len > 0;
+      return countRecord(entry);
     case orvane::kRecordEndOfSegment:
-      return stream->folder->endSegment(entry.header);
+      stream->folder->endSegment(entry.header);
+      return countSegment();
     default:
-      return stream->folder->storeOther(entry);
+      stream->folder->storeOther(entry);
+      return countRecord(entry);
   }
+}
+
+void Worker::countRecord(const Entry& entry) {
+  tool::add(stats.records, 1);
+  tool::add(stats.bytes, entry.header.len);
+}
+
+// As receipts count: a segment without data is none.
+void Worker::countSegment() {
+  tool::add(stats.segments, std::exchange(stream->segmentHasData, false) ? 1 : 0);
 }
 
 // At the end of each batch, so that its answer tells of a disk that is full.
@@ -232,6 +263,8 @@ void Worker::abandonStream(const char* how, const std::string& reason, ox_status
 }
 
 void Worker::concludeStream() {
+  countSegment();
+  tool::setStream(stats, "");
   lastReceipt = textOf(stream->folder->receipt());
   log.log(LEVEL_INFO, __func__, 0, "queue %s: %s", loggedName.c_str(), lastReceipt.c_str());
   stream.reset();

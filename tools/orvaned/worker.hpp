@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 
+#include "capture.hpp"
 #include "queue_pair.hpp"
 #include "store.hpp"
 #include "stream_state.hpp"
@@ -56,8 +57,8 @@ using Tell = std::function<void(const std::string&)>;
 class Worker {
  public:
   Worker(
-      std::string queueName, QueuePair& queues, Store& store,
-      Tell tell = [](const std::string&) {});
+      std::string queueName, QueuePair& queues, Store& store, Tell tell = [](const std::string&) {},
+      Capture capture = {});
 
   // Takes one batch, if there is one. What Boost throws passes through.
   bool runOnce();
@@ -80,6 +81,7 @@ class Worker {
   struct Stream {
     StreamState state;
     std::unique_ptr<StreamFolder> folder;
+    bool segmentHasData = false;  // the one in progress
   };
 
   void takeBatch(std::span<const unsigned char> message);
@@ -87,6 +89,9 @@ class Worker {
   void open(const Header& header);
   void close(const Header& header, const char* how);
   void storeRecord(const Entry& entry);
+  void countRecord(const Entry& entry);
+  void countSegment();
+  void countBatch(ox_status_t status);
   void flush();
   orvane::pvk_shm_response_t answer() const;
 
@@ -104,8 +109,10 @@ class Worker {
   const std::string queueName;
   const std::string loggedName;  // of the queue, fit for a line of the log
   QueuePair& queues;
+  tool::QueueStats& stats;
   Store& store;
   const Tell tell;
+  Capture capture;
   std::optional<Stream> stream;
   std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
   std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <optional>
 #include <string>
 
-#include "fd.hpp"
+#include "common/fd.hpp"
 
-namespace orvaned {
+namespace tool {
 
 // A file that is locked while its owner lives: the system lets go of the lock when the process and
 // all that it forked have ended, however they ended. It holds the owner's process number. Removed
@@ -17,16 +20,16 @@ class LockFile {
   explicit LockFile(std::string path);
 
   // The lock of an owner that is dead; the file names none from then on. Nothing when there is no
-  // such file, when it is held, or when it is another user's. Throws std::runtime_error when the
+  // such file, when it is held, or when it is not this user's. Throws std::runtime_error when the
   // file cannot be opened, as ownerOf does.
-  static std::optional<LockFile> takeOver(const std::string& path);
+  static std::optional<LockFile> takeOver(const std::string& path, uid_t user = geteuid());
 
   enum class Owner {
-    alive,  // or another user's, which is not for us to say
+    alive,  // or not this user's, which is not for us to say
     dying,  // dead, but not all that it forked
     dead    // with all that it forked; somebody may clean up after it
   };
-  static Owner ownerOf(const std::string& path);
+  static Owner ownerOf(const std::string& path, uid_t user = geteuid());
 
   LockFile(LockFile&&) = default;
   LockFile& operator=(LockFile&&) = delete;
@@ -43,4 +46,4 @@ class LockFile {
 // the queues, whose names have none.
 std::string lockPathOf(const std::string& name);
 
-}  // namespace orvaned
+}  // namespace tool

@@ -1,8 +1,8 @@
-#include "checksum.hpp"
+#include "common/checksum.hpp"
 
 #include <libdeflate.h>
 
-namespace orvaned {
+namespace tool {
 
 // Of the libraries with this checksum, the one that does not slow the store down. Measured with
 // records of 128 KiB: libdeflate 26 GB/s, zlib 4.0, Boost 0.3. A store in memory took 2.4 GB/s
@@ -12,4 +12,4 @@ std::uint32_t checksumOf(std::span<const unsigned char> bytes, std::uint32_t bef
   return bytes.empty() ? before : libdeflate_crc32(before, bytes.data(), bytes.size());
 }
 
-}  // namespace orvaned
+}  // namespace tool

@@ -1,4 +1,4 @@
-#include "lock_file.hpp"
+#include "common/lock_file.hpp"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,7 +14,7 @@
 #include <thread>
 #include <utility>
 
-namespace orvaned {
+namespace tool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -52,9 +52,9 @@ bool tryLock(const std::string& path, const Fd& fd) {
   return false;
 }
 
-bool isOwn(const Fd& fd) {
+bool belongsTo(uid_t user, const Fd& fd) {
   struct stat status = {};
-  return fstat(fd.get(), &status) == 0 && status.st_uid == geteuid();
+  return fstat(fd.get(), &status) == 0 && status.st_uid == user;
 }
 
 pid_t holderOf(const Fd& fd) {
@@ -72,7 +72,7 @@ LockFile::LockFile(std::string lockPath) : path(std::move(lockPath)) {
   const auto deadline = Clock::now() + kPatience;
   for (;;) {
     fd = openFile(path, O_CREAT);
-    if (!isOwn(fd)) {
+    if (!belongsTo(geteuid(), fd)) {
       throw std::runtime_error("cannot lock " + path +
                                ": it belongs to another user: remove it, or take another name");
     }
@@ -95,18 +95,18 @@ LockFile::LockFile(std::string lockPath) : path(std::move(lockPath)) {
   }
 }
 
-std::optional<LockFile> LockFile::takeOver(const std::string& path) {
+std::optional<LockFile> LockFile::takeOver(const std::string& path, uid_t user) {
   Fd fd = openFile(path, 0);
-  if (fd.get() < 0 || !isOwn(fd) || !tryLock(path, fd) || !isAt(path, fd) ||
+  if (fd.get() < 0 || !belongsTo(user, fd) || !tryLock(path, fd) || !isAt(path, fd) ||
       ftruncate(fd.get(), 0) != 0) {
     return std::nullopt;
   }
   return LockFile(path, std::move(fd));
 }
 
-LockFile::Owner LockFile::ownerOf(const std::string& path) {
+LockFile::Owner LockFile::ownerOf(const std::string& path, uid_t user) {
   const Fd fd = openFile(path, 0);
-  if (fd.get() >= 0 && !isOwn(fd)) {
+  if (fd.get() >= 0 && !belongsTo(user, fd)) {
     return Owner::alive;
   }
   if (fd.get() < 0 || tryLock(path, fd)) {
@@ -126,4 +126,4 @@ std::string lockPathOf(const std::string& name) {
   return "/dev/shm/." + name + ".lock";
 }
 
-}  // namespace orvaned
+}  // namespace tool

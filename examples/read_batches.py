@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""Prints a capture's batches: read_batches.py FILE. Made from docs/format.md alone. Exits with 1 when
+a message is no batch, or bytes belong to no message."""
+import sys
+from zlib import adler32
+
+CAPTURE_MAGIC = b"ORVC"
+BATCH_MAGIC = 0xFF00EE11
+RECORD_MAGIC = 0xAABBCCDD
+
+
+def number(data, offset, size):
+    return int.from_bytes(data[offset:offset + size], "big")
+
+
+def messages(data):
+    """Yields (queue, message, offset); no queue: bytes between two messages."""
+    at = 0
+    while at < len(data):
+        name = at + 16
+        start = name + number(data, at + 4, 4)
+        end = start + number(data, at + 8, 8)
+        queue = data[name:start]
+        if (data[at:at + 4] == CAPTURE_MAGIC and start - name <= 200 and end - start <= 2**30
+                and name <= end <= len(data) and all(0x20 < c < 0x7F for c in queue)):
+            yield queue.decode("ascii"), data[start:end], at
+        else:
+            end = data.find(CAPTURE_MAGIC, at + 1)
+            end = end if end > at else len(data)
+            yield None, data[at:end], at
+        at = end
+
+
+def records(batch):
+    """The records as text. Everything is compared with the batch's size before it is used."""
+    if len(batch) < 8 or number(batch, 0, 4) != BATCH_MAGIC:
+        raise ValueError("it does not begin as a batch")
+    at = 8
+    for index in range(number(batch, 4, 4)):
+        if len(batch) - at < 48:
+            raise ValueError(f"record {index} has no room for a header at byte {at}")
+        kind, length, done, alg, one, two, three, magic = (
+            number(batch, at + offset, 4) for offset in (0, 4, 24, 28, 32, 36, 40, 44))
+        seq, segment = number(batch, at + 8, 8), number(batch, at + 16, 8)
+        if magic != RECORD_MAGIC:
+            raise ValueError(f"record {index} has no magic word at byte {at + 44}")
+        data = batch[at + 48:at + 48 + length]
+        if len(data) < length:
+            raise ValueError(f"record {index} has {len(data)} of {length} bytes of data")
+        crc = f", crc={adler32(data)}" if length else ""
+        yield (f"[{index}]: type={kind}, len={length}{crc} "
+               f"({seq},{kind},{length},{alg},{segment},{done},{one},{two},{three},{magic})")
+        at += 48 + length
+    if at != len(batch):
+        raise ValueError(f"{len(batch) - at} bytes are left over")
+
+
+def main(path):
+    with open(path, "rb") as file:
+        data = file.read()
+    count = failures = 0
+    for queue, message, offset in messages(data):
+        size = f"{len(message)} byte" + ("" if len(message) == 1 else "s")
+        try:
+            if queue is None:
+                raise ValueError(f"{size} at byte {offset} belong to no message")
+            print(f"message {count}, queue {queue}, {size}")
+            count += 1
+            texts = list(records(message))
+            total = len(message)
+            print(f"ShmBatch: entries={len(texts)}, bufferSize={total}, used={total}")
+            print(*texts, sep="\n", end="\n" if texts else "")
+        except ValueError as reason:
+            failures += 1
+            print("broken:", reason)
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1]))
