@@ -37,6 +37,14 @@ TEST(Options, HaveDefaults) {
   EXPECT_FALSE(options.trace);
 }
 
+TEST(Options, SizesMayHaveAUnit) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--message-size=2MiB", "--shm-limit=512 kb"}, options),
+            std::nullopt);
+  EXPECT_EQ(options.geometry.messageSize, 2097152U);
+  EXPECT_EQ(options.shmLimit, 524288U);
+}
+
 TEST(Options, AreTakenFromTheCommandLine) {
   Options options;
   EXPECT_EQ(parse({"--queue=q", "--store=.", "--messages=16", "--message-size=262248", "--mode=660",

@@ -148,9 +148,11 @@ TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
   expectEnd({"--queue", name, "--store", folder.path(), "--messages", "4097"}, 2,
             "orvaned: --messages: Value 4097 not in range 1 to 4096" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "-5"}, 2,
-            "orvaned: --message-size: must be a number of bytes" + hint);
+            "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "large"}, 2,
-            "orvaned: --message-size: must be a number of bytes" + hint);
+            "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
+  expectEnd({"--queue", name, "--store", folder.path(), "--shm-limit", "1MX"}, 2,
+            "orvaned: --shm-limit: must be a number of bytes, such as 512KiB" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--log-level", "loud"}, 2,
             "orvaned: --log-level: must be info, auth, warning or error" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--sync", "off"}, 2,

@@ -15,12 +15,13 @@
 namespace orvane::test {
 namespace {
 
-// With all processes that it started.
+// With all processes that it started, but for one that has ended.
 bool isStopped(const Server& server) {
   const std::string pid = std::to_string(server.pid());
   std::istringstream children(pid + " " + readFile("/proc/" + pid + "/task/" + pid + "/children"));
   for (std::string child; children >> child;) {
-    if (readFile("/proc/" + child + "/stat").find(") T ") == std::string::npos) {
+    const std::string stat = readFile("/proc/" + child + "/stat");
+    if (!contains(stat, ") T ") && !contains(stat, ") Z ")) {
       return false;
     }
   }

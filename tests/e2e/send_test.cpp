@@ -170,6 +170,18 @@ TEST(Send, ProgressIsDrawnOnATerminal) {
   EXPECT_EQ(ended.err.find('\x1b'), std::string::npos) << "colours";
 }
 
+TEST(Send, ProgressIsNotDrawnForWhoWantsPlainText) {
+  Server server({"--message-size", "600", "--messages", "2"});
+  TempFolder folder;
+  const std::string path = fileOf(folder, std::string(4000000, 'x'));
+
+  const Ended ended =
+      run(server.sendCommand({path}), "", {.environment = {"NO_COLOR=1"}, .errorTerminal = true});
+
+  EXPECT_EQ(ended.how, "exit 0");
+  EXPECT_EQ(ended.err, "");
+}
+
 TEST(Send, ProgressOfAPipeNamesNoTotal) {
   Server server;
   Process send(server.sendCommand({"-"}), {.errorTerminal = true});

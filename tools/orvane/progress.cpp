@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "units.hpp"
@@ -25,10 +26,16 @@ std::string clockText(double seconds) {
   return text;
 }
 
+// https://no-color.org: who sets it wants plain text.
+bool isPlain() {
+  const char* noColor = std::getenv("NO_COLOR");
+  return noColor != nullptr && *noColor != '\0';
+}
+
 }  // namespace
 
 Progress::Progress(std::optional<std::uint64_t> expected)
-    : shown(isatty(STDERR_FILENO) == 1),
+    : shown(isatty(STDERR_FILENO) == 1 && !isPlain()),
       total(expected),
       start(Clock::now()),
       nextDrawing(start + kRedraw) {}

@@ -53,9 +53,15 @@ std::string footer() {
          "usage.";
 }
 
-std::string checkMessageSize(const std::string& text) {
-  const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-  return digits ? "" : "must be a number of bytes";
+// A size with a unit, or none; `text` then holds the bytes.
+std::string toBytes(std::string& text) {
+  try {
+    if (text.find('-') == std::string::npos && CLI::AsSizeValue(false)(text).empty()) {
+      return "";
+    }
+  } catch (const CLI::ValidationError&) {  // of a unit that there is not
+  }
+  return "must be a number of bytes, such as 512KiB";
 }
 
 std::string checkLevel(const std::string& text) {
@@ -109,7 +115,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->capture_default_str();
   app.add_option("--message-size", geometry.messageSize,
                  "Bytes of one message; the largest record needs 131128")
-      ->check(checkMessageSize)
+      ->transform(CLI::Validator(toBytes, ""))
       ->capture_default_str();
   app.add_option("--mode", mode, "Who may use the queue and the socket, as chmod's octal number")
       ->check(checkMode)
@@ -123,7 +129,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->capture_default_str();
   app.add_option("--shm-limit", options.shmLimit,
                  "Bytes of /dev/shm that all leases may take, such as 512MiB; half of it otherwise")
-      ->transform(CLI::AsSizeValue(false).description(""));
+      ->transform(CLI::Validator(toBytes, ""));
   app.add_option("--idle-limit", options.idleLimit,
                  "Seconds without a record after which a queue that was used is made anew; its "
                  "producer died, maybe. 0: never")
