@@ -94,6 +94,10 @@ class IceoryxLink : public Link {
     }
     waitSet.reset();
     subscriber.reset();
+    // The runtime would remove them itself if this process ended in any other way than _exit().
+    for (const char* suffix : {"", ".lock"}) {
+      std::remove(("/tmp/" + runtime + suffix).c_str());
+    }
   }
 
   // The message's size goes first: a chunk is as large as it was asked for.
@@ -123,11 +127,12 @@ class IceoryxLink : public Link {
   }
 
  private:
-  static void join() {
+  void join() {
+    runtime = uniqueName();
     iox::log::LogManager::GetLogManager().SetDefaultLogLevel(
         iox::log::LogLevel::kOff, iox::log::LogLevelOutput::kHideLogLevel);
     iox::runtime::PoshRuntime::initRuntime(
-        iox::RuntimeName_t(iox::cxx::TruncateToCapacity, uniqueName()));
+        iox::RuntimeName_t(iox::cxx::TruncateToCapacity, runtime));
   }
   iox::capro::ServiceDescription service() const {
     return {"orvane", "bench", iox::capro::IdString_t(iox::cxx::TruncateToCapacity, name)};
@@ -140,6 +145,7 @@ class IceoryxLink : public Link {
 
   const std::size_t capacity;
   const std::string name = uniqueName();
+  std::string runtime;
   std::unique_ptr<iox::popo::UntypedPublisher> publisher;
   std::unique_ptr<iox::popo::UntypedSubscriber> subscriber;
   std::unique_ptr<iox::popo::WaitSet<>> waitSet;

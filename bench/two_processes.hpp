@@ -28,14 +28,13 @@ template <typename Value>
 class Shared {
  public:
   template <typename... Arguments>
-  explicit Shared(Arguments... arguments)
-      : memory(sizeof(Value)), value(new (memory.data()) Value(arguments...)) {}
+  explicit Shared(Arguments... arguments) : value(new (memory.data()) Value(arguments...)) {}
 
   Value& operator*() const { return *value; }
   Value* operator->() const { return value; }
 
  private:
-  const SharedBytes memory;
+  const SharedBytes memory{sizeof(Value)};
   Value* const value;
 };
 
