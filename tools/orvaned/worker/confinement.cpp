@@ -1,0 +1,201 @@
+#include "worker/confinement.hpp"
+
+#include <grp.h>
+#include <linux/capability.h>
+#include <linux/seccomp.h>
+#include <seccomp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include "worker/allowed_calls.hpp"
+#include "worker/landlock.hpp"
+
+namespace orvaned {
+namespace {
+
+[[noreturn]] void fail(int error, const std::string& what) {
+  throw std::system_error(error, std::generic_category(), what);
+}
+
+// What reads a file the first time that it is needed.
+void readFilesOfTheLibrary() {
+  tzset();  // for gmtime_r() and localtime_r()
+}
+
+void becomeUser(const WorkerUser& to) {
+  if (setgroups(0, nullptr) != 0 || setresgid(to.group, to.group, to.group) != 0 ||
+      setresuid(to.user, to.user, to.user) != 0) {
+    fail(errno,
+         "cannot become user " + std::to_string(to.user) + " (--worker-user root goes on as root)");
+  }
+}
+
+void endWith(pid_t parent, int signal) {
+  if (signal == 0) {
+    return;
+  }
+  prctl(PR_SET_PDEATHSIG, signal);
+  if (getppid() != parent) {
+    raise(signal);  // the parent was gone before the line above
+  }
+}
+
+// The kernel takes away the ambient ones as well: they are never more than the permitted ones.
+void dropCapabilities() {
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+  if (syscall(SYS_capset, &header, none) != 0 && errno != ENOSYS) {
+    fail(errno, "capset (--without capset goes on without it)");
+  }
+}
+
+constexpr int kFromSeccomp = 1;  // the kernel's SYS_SECCOMP, which glibc does not declare
+
+bool handlesRefusedCalls = false;
+std::atomic<int>* numberOfRefusedCall = nullptr;
+
+void endAtRefusedCall(int, siginfo_t* info, void*) {
+  if (info->si_code == kFromSeccomp && numberOfRefusedCall != nullptr) {
+    numberOfRefusedCall->store(info->si_syscall);
+  }
+  // The handler is gone (SA_RESETHAND), so that this ends the process.
+  syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), SIGSYS);
+}
+
+void handleRefusedCalls(std::atomic<int>* refusedCall) {
+  if (std::exchange(handlesRefusedCalls, true)) {
+    return;  // and sigaction() is refused by now
+  }
+  numberOfRefusedCall = refusedCall;
+  struct sigaction action = {};
+  action.sa_sigaction = endAtRefusedCall;
+  action.sa_flags = SA_SIGINFO | SA_RESETHAND | SA_NODEFER;
+  sigaction(SIGSYS, &action, nullptr);
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGSYS);
+  sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+// libseccomp would try prctl() where seccomp() is refused, and then nobody would learn of it.
+bool kernelHasSeccomp() {
+  syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, nullptr);
+  if (errno == ENOSYS || errno == EINVAL) {
+    return false;
+  }
+  if (errno != EFAULT) {  // which is what it says to the null pointer
+    fail(errno, "seccomp (--without seccomp goes on without it)");
+  }
+  return true;
+}
+
+class Filter {
+ public:
+  Filter() : context(seccomp_init(SCMP_ACT_TRAP), seccomp_release) {
+    if (context == nullptr) {
+      fail(ENOMEM, "seccomp_init");
+    }
+    // Calls by another architecture's numbers, i386 or x32, have no number that could be told.
+    set(SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS);
+    set(SCMP_FLTATR_CTL_NNP, 0);  // dropRights() has done that, and prctl() may be refused by now
+    set(SCMP_FLTATR_API_SYSRAWRC, 1);
+    set(SCMP_FLTATR_CTL_OPTIMIZE, 2);  // a tree instead of a list: it is walked at every call
+  }
+
+  void allow(std::span<const AllowedCall> calls) {
+    for (const AllowedCall& call : calls) {
+      check(add(call));
+    }
+  }
+
+  void load() {
+    const int result = seccomp_load(context.get());
+    if (result < 0) {
+      fail(-result, "seccomp (--without seccomp goes on without it)");
+    }
+  }
+
+ private:
+  int add(const AllowedCall& call) {
+    const auto process = static_cast<scmp_datum_t>(getpid());
+    scmp_filter_ctx filter = context.get();
+    switch (call.only) {
+      case Only::notExecutable:
+        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 1,
+                                SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
+      case Only::withoutAddress:
+        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 1, SCMP_A4(SCMP_CMP_EQ, 0));
+      case Only::thisProcess:
+        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 1,
+                                SCMP_A0(SCMP_CMP_EQ, process));
+      default:
+        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 0);
+    }
+  }
+
+  void set(scmp_filter_attr attribute, std::uint32_t value) {
+    check(seccomp_attr_set(context.get(), attribute, value));
+  }
+
+  static void check(int result) {
+    if (result < 0) {
+      fail(-result, "cannot make a list of system calls");
+    }
+  }
+
+  std::unique_ptr<void, void (*)(scmp_filter_ctx)> context;
+};
+
+}  // namespace
+
+void dropRights(const Confinement& confinement, pid_t parent, int allowedFile) {
+  readFilesOfTheLibrary();
+  int deathSignal = 0;
+  prctl(PR_GET_PDEATHSIG, &deathSignal);
+  if (confinement.user) {
+    becomeUser(*confinement.user);
+  }
+  if (confinement.capabilities) {
+    dropCapabilities();
+  }
+  endWith(parent, deathSignal);
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
+    fail(errno, "prctl");
+  }
+  if (confinement.landlock) {
+    forbidPaths(landlockVersion(), allowedFile);
+  }
+}
+
+bool restrictCalls(const Confinement& confinement, std::atomic<int>* refusedCall, bool mayOpen) {
+  if (!confinement.seccomp || !kernelHasSeccomp()) {
+    return false;
+  }
+  handleRefusedCalls(refusedCall);
+  Filter filter;
+  filter.allow(workerCalls());
+  filter.allow(instrumentationCalls());
+  if (mayOpen) {
+    filter.allow(openingCalls());
+  }
+  filter.load();
+  return true;
+}
+
+std::string nameOfCall(int number) {
+  const std::unique_ptr<char, void (*)(void*)> name(
+      seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, number), std::free);
+  return name != nullptr ? name.get() : std::to_string(number);
+}
+
+}  // namespace orvaned
