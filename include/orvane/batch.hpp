@@ -46,8 +46,9 @@ class ORVANE_API ShmBatch {
         : header(entryHeader), data(entryData) {}
 
     // All ten header fields are zero, the magic word too, so that nothing in an entry which is
-    // about to be read looks valid.
-    explicit Entry(const unsigned char* entryData) : data(entryData) {
+    // about to be read looks valid. Callers convert.
+    // NOLINTNEXTLINE(google-explicit-constructor)
+    Entry(const unsigned char* entryData) : data(entryData) {
       header.segmentDone = 0;
       header.magic = 0;
     }
@@ -58,7 +59,7 @@ class ORVANE_API ShmBatch {
 
   // An empty batch with room for `bufferSize` bytes, metadata included. Throws
   // kStatusInvalidArgument below 8.
-  explicit ShmBatch(unsigned long bufferSize);
+  ShmBatch(unsigned long bufferSize);  // NOLINT(google-explicit-constructor): callers convert
   ~ShmBatch();
   ShmBatch(const ShmBatch&) = delete;
   ShmBatch& operator=(const ShmBatch&) = delete;

@@ -13,7 +13,7 @@ namespace orvane {
 // destructor, open, setSegmentAlg, writeSegment, endSegment, stop.
 class ORVANE_API Channel {
  public:
-  explicit Channel(const std::string& name);
+  Channel(const std::string& name);  // NOLINT(google-explicit-constructor): callers convert
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
@@ -28,7 +28,7 @@ class ORVANE_API Channel {
 // The writing end. ShmWriter says what each call does.
 class ORVANE_API ChannelWriter : public Channel {
  public:
-  explicit ChannelWriter(const std::string& name);
+  ChannelWriter(const std::string& name);  // NOLINT(google-explicit-constructor): callers convert
 
   void close() override = 0;
   ~ChannelWriter() override;

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "orvane/export.hpp"
-#include "ox/status.hpp"
+#include "orvane/status.hpp"
 
 namespace orvane {
 

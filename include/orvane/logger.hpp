@@ -25,7 +25,7 @@ enum OrvanServerLoglevel : int {
 class ORVANE_API Logger {
  public:
   // With an empty name the line is "function: message".
-  explicit Logger(const std::string& name);
+  Logger(const std::string& name);  // NOLINT(google-explicit-constructor): callers convert
   Logger(const Logger&) = default;
   Logger(Logger&&) = default;
   Logger& operator=(const Logger&) = default;

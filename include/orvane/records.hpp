@@ -4,7 +4,7 @@
 #include <iosfwd>
 
 #include "orvane/export.hpp"
-#include "ox/status.hpp"
+#include "orvane/status.hpp"
 
 // The segment state (algorithm) of a stream. writeSegment accepts these two; any 32-bit value may
 // travel in a header.
@@ -75,7 +75,8 @@ ORVANE_API bool operator!=(const pvk_shm_message_t& a, const pvk_shm_message_t& 
 struct ORVANE_API pvk_shm_response_t {
   pvk_shm_response_t() {}  // NOLINT(modernize-use-equals-default): as above
 
-  // Stores `status` and the string `text` (not null), cut to 127 characters.
+  // Stores `status` and the string `text` (not null), cut to 127 characters; it may be a part
+  // of this record's own text.
   void assign(ox_status_t status, const char* text);
 
   ox_status_t status = 0;  // 0: success

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ox/errno_exception.hpp"  // what carries them
 #include "ox/status.hpp"
 
 namespace orvane {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "orvane/export.hpp"
+#include "orvane/status.hpp"
 
 namespace orvane {
 

@@ -43,7 +43,8 @@ class ORVANE_API ShmWriter : public ChannelWriter {
 
   // Ends the stream and sends what is pending. No effect on a writer that is not open. When it
   // throws, the writer is still open and the call may be repeated; after a time-out the batch holds
-  // both close records then.
+  // both close records then, unless there was no room for the first one: when the flush that makes
+  // room fails, the record is not in the batch.
   void close() override;
 
   // Closes a writer that is still open, dropping every error, and detaches; the queues stay.
@@ -53,7 +54,8 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   // Starts a stream: sends an open record at once. No effect on an open writer. After close() it
   // starts a new stream on the same queues. When it throws, the writer is not open and the call may
   // be repeated; if the server's answer was the cause, the open record was sent, and after a
-  // time-out the batch holds both.
+  // time-out the batch holds both. When the flush that makes room for the record fails, it is
+  // neither sent nor in the batch.
   void open() override;
 
   // Sets the segment state and its parameters for the records from the next one on. Any value is
@@ -79,9 +81,9 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   // The largest data length of one record, unless its segAlg is kOrvaneSegUnbounded: 131072 bytes.
   static unsigned long getMaxSegmentSize();
 
-  // Appends the caller's own record: `header` as it stands and header->len bytes at `data` (may be
-  // null when len is 0). `timeout` (seconds) bounds each send that the call makes: one when the
-  // record does not fit, one more when `flush` asks for it. Throws
+  // Appends the caller's own record: `header` as it stands when the call begins and header->len
+  // bytes at `data` (may be null when len is 0). `timeout` (seconds) bounds each send that the call
+  // makes: one when the record does not fit, one more when `flush` asks for it. Throws
   //   kStatusSegmentTooLarge, nothing changed;
   //   kStatusInvalidArgument, null data with a len: not stored, earlier records may have been sent;
   //   kStatusDoesNotFit, not stored, the earlier records were sent;
@@ -101,6 +103,8 @@ class ORVANE_API ShmWriter : public ChannelWriter {
 
  private:
   ORVANE_LOCAL void fillSegmentFields();
+  ORVANE_LOCAL void appendAfterFlush(pvk_shm_message_t record, const unsigned char* data,
+                                     unsigned int sendTimeout);
   ORVANE_LOCAL void endWith(std::uint32_t type, unsigned int sendTimeout, bool flush);
 
   std::string msgQueueName;

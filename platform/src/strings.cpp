@@ -7,6 +7,6 @@ void pvkstrcpy(char* destination, const char* source, std::size_t size) {
     return;
   }
   const std::size_t length = strnlen(source, size - 1);
-  std::memcpy(destination, source, length);
+  std::memmove(destination, source, length);
   std::memset(destination + length, 0, size - length);
 }

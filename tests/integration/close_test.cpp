@@ -52,6 +52,20 @@ TEST(Close, EndsTheTimeInWhichSegmentsAreAccepted) {
   EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.write("a"); }));
 }
 
+TEST(Close, ThatTimesOutMakingRoomLeavesItsRecordOutOfTheBatch) {
+  Stream stream({.timeout = 1});
+  stream.open();
+  const pvk_shm_message_t header = recordHeader(9, 960);  // leaves 8 bytes of 1024
+  stream.writer.write_data(&header, Bytes(960, 'x').data(), 1, false);
+  stream.pair.fill();
+  EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 1s to send data to orvaned on stream stream",
+                          [&] { stream.writer.close(); }));
+  stream.pair.discardAll();
+  EXPECT_EQ(stream.flushed().size(), 1U);  // without the close
+  stream.writer.close();
+  EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 3, .seqNo = 3}}));
+}
+
 TEST(Close, CutsParametersToTheirLow32Bits) {
   Stream stream;
   stream.open();

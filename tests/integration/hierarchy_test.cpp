@@ -26,6 +26,29 @@ static_assert(std::is_same_v<decltype(&ShmWriter::write_data),
 static_assert(
     std::is_same_v<decltype(&ShmWriter::flush_shm_buffer), void (ShmWriter::*)(unsigned int)>);
 
+// Callers may hand over a name where a channel is expected.
+template <class Base>
+struct Named : Base {
+  using Base::Base;
+  void close() override {}
+};
+struct NamedWriter : Named<ChannelWriter> {
+  using Named<ChannelWriter>::Named;
+  void open() override {}
+  void setSegmentAlg(orvane_seg_state_t, unsigned long, unsigned long, unsigned long) override {}
+  void writeSegment(const unsigned char*, unsigned long) override {}
+  void endSegment() override {}
+  void stop(bool) override {}
+};
+static_assert(std::is_convertible_v<const std::string&, Named<Channel>>);
+static_assert(std::is_convertible_v<const std::string&, NamedWriter>);
+
+TEST(Hierarchy, IsMadeOfANameWithoutACast) {
+  const Named<Channel>& channel = std::string("stream");
+  const NamedWriter& writer = std::string("stream");
+  EXPECT_NE(static_cast<const void*>(&channel), static_cast<const void*>(&writer));
+}
+
 // By the platform's C++ ABI a pointer to a virtual function is 1 + 8 times its slot.
 template <class Function>
 std::ptrdiff_t slotOf(Function function) {

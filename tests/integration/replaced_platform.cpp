@@ -15,6 +15,8 @@ namespace {
 bool tracing = false;
 bool traceThrows = false;
 int answered = 0;
+int actsAfter = 0;
+std::function<void()> action;
 std::vector<Call> calls;
 
 // The arguments as text, conversion by conversion: %s, %d and %u are all that the library uses.
@@ -57,7 +59,12 @@ void reset(bool on) {
   tracing = on;
   traceThrows = false;
   answered = 0;
+  action = nullptr;
   calls.clear();
+}
+void duringTraceOn(int call, std::function<void()> what) {
+  actsAfter = answered + call;
+  action = std::move(what);
 }
 void throwFromTrace(bool throws) {
   traceThrows = throws;
@@ -74,7 +81,9 @@ std::vector<Call> takeCalls() {
 namespace replaced = orvane::test::replaced;
 
 bool TraceOn() {
-  ++replaced::answered;
+  if (++replaced::answered == replaced::actsAfter && replaced::action) {
+    replaced::action();
+  }
   return replaced::tracing;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,7 @@ std::ostream& operator<<(std::ostream& stream, const Call& call);
 
 void reset(bool tracing);          // forgets all calls
 void throwFromTrace(bool throws);  // lets the next calls of __Trace throw an int
+void duringTraceOn(int call, std::function<void()> action);  // 1: the next call of TraceOn
 int traceOnCalls();                // since reset()
 std::vector<Call> takeCalls();
 

@@ -53,6 +53,26 @@ TEST_F(ReplacedPlatform, IsAskedOnceMoreByEachFlush) {
   EXPECT_EQ(traceOnCalls(), 7);
 }
 
+// The flush asks the program whether it traces: there the program may do anything, as another
+// thread of it may while the flush waits.
+TEST_F(ReplacedPlatform, MayChangeTheCallersHeaderDuringTheFlushThatMakesRoom) {
+  write(900, false);
+  pvk_shm_message_t header = recordHeader(kRecordEndOfSegment, 200);
+  header.seqNo = 5;
+  replaced::duringTraceOn(2, [&] {  // 1: write_data's own line
+    header = recordHeader(9, 100);
+    header.seqNo = 6;
+  });
+  stream.writer.write_data(&header, Bytes(200, 'y').data(), 7, false);
+  ASSERT_EQ(header.seqNo, 6u);
+  stream.pair.discardAll();
+  const std::vector<Record> records = stream.flushed();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0], (Record{.type = 2, .seqNo = 5, .data = Bytes(200, 'y')}));
+  stream.writer.endSegment();  // redundant: the record that was stored was an end of segment
+  EXPECT_EQ(stream.flushed(), std::vector<Record>());
+}
+
 TEST_F(ReplacedPlatform, IsAskedOnceForEachOptionalLineOfAnOperation) {
   stream.write("a");
   EXPECT_EQ(traceOnCalls(), 1);

@@ -83,6 +83,17 @@ TEST_F(LoggerTest, NamedLoggerPutsItsNameInFront) {
   EXPECT_EQ(take(), (std::vector<Call>{{"InfoA", 0, "shm::open: x"}}));
 }
 
+// Callers may hand over a name where a logger is expected.
+static_assert(std::is_convertible_v<std::string, Logger>);
+void logThrough(const Logger& log) {
+  log.log(LEVEL_INFO, "open", 0, "x");
+}
+
+TEST_F(LoggerTest, IsMadeOfANameWithoutACast) {
+  logThrough(std::string("shm"));
+  EXPECT_EQ(take(), (std::vector<Call>{{"InfoA", 0, "shm::open: x"}}));
+}
+
 TEST_F(LoggerTest, EachLevelHasItsOwnSink) {
   const Logger logger("n");
   logger.log(LEVEL_INFO, "f", 1, "m");

@@ -22,6 +22,8 @@ static_assert(std::is_same_v<decltype(&ShmBatch::getRawSize), unsigned long (Shm
 static_assert(
     std::is_same_v<decltype(&ShmBatch::getNumEntries), unsigned int (ShmBatch::*)() const>);
 
+static_assert(std::is_convertible_v<unsigned long, ShmBatch>);  // callers convert
+
 constexpr const char* kNoRoom =
     "Could not add new batch entry because there is no room for it in the buffer";
 
@@ -35,6 +37,14 @@ Entry entryOf(std::uint32_t type, const Bytes& data) {
   header.type = type;
   header.len = static_cast<std::uint32_t>(data.size());
   return {header, data.data()};
+}
+
+unsigned long sizeOf(const ShmBatch& batch) {
+  return batch.getRawSize();
+}
+
+TEST(Batch, IsMadeOfItsCapacityWithoutACast) {
+  EXPECT_EQ(sizeOf(1024UL), 8U);
 }
 
 Entry entryOfLength(std::uint32_t len) {

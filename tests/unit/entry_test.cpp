@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <type_traits>
 
 #include "orvane/batch.hpp"
 #include "support/grouping_locale.hpp"
@@ -31,6 +32,17 @@ Bytes patternOf(std::size_t size) {
     bytes[i] = static_cast<unsigned char>(i * 7 + 3);
   }
   return bytes;
+}
+
+// Callers may hand over the data's address where an entry is expected.
+static_assert(std::is_convertible_v<const unsigned char*, Entry>);
+const unsigned char* dataOf(const Entry& entry) {
+  return entry.data;
+}
+
+TEST(Entry, IsMadeOfItsDataWithoutACast) {
+  const Bytes data = bytesOf("hello");
+  EXPECT_EQ(dataOf(data.data()), data.data());
 }
 
 TEST(Entry, CopiesTheHeaderAndKeepsThePointer) {

@@ -77,6 +77,25 @@ TEST(Response, LeavesNothingOfALongerFormerText) {
   EXPECT_EQ(rawBytesOf(response), followedByZeros(hex("08000000 62")));
 }
 
+TEST(Response, TakesATextThatIsAPartOfItsOwn) {
+  std::string text;
+  for (int i = 0; i < 127; ++i) {
+    text += static_cast<char>('a' + i % 26);
+  }
+  pvk_shm_response_t response;
+  response.assign(7, text.c_str());
+  response.assign(8, response.text + 3);
+  EXPECT_EQ(response.status, 8);
+  EXPECT_EQ(std::string(response.text, 128), text.substr(3) + std::string(4, '\0'));
+}
+
+TEST(Response, TakesItsOwnWholeText) {
+  pvk_shm_response_t response;
+  response.assign(7, "hello");
+  response.assign(8, response.text);
+  EXPECT_EQ(rawBytesOf(response), followedByZeros(hex("08000000 68656c6c6f")));
+}
+
 TEST(ResponseComparison, LooksAtStatusAndText) {
   pvk_shm_response_t a;
   pvk_shm_response_t b;
