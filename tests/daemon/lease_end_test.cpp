@@ -146,7 +146,7 @@ TEST_F(LeaseEndTest, AKilledWorkersProducerIsToldAndItsStreamIsFinished) {
   EXPECT_EQ(producer.queues.answer(),
             (Answer{1008, "what served the queue died: send again what it did not acknowledge"}));
   EXPECT_TRUE(eventually([&] { return sharedMemoryOf(producer.name).empty(); }));
-  EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=the server died\n");
+  EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=its worker died\n");
   EXPECT_EQ(readFile(folderOf(producer.name) + "/segment-000000"), "hello");
   EXPECT_EQ(other.queues.ask({kClose}).status, 0);
   EXPECT_EQ(other.client.next(),

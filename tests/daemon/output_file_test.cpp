@@ -25,21 +25,22 @@ using orvaned::Sync;
 class OutputFileTest : public testing::Test {
  protected:
   TempFolder folder;
+  orvaned::LocalDirectory directory{folder.path()};
   const std::string path = folder.path() + "/out";
 };
 
 TEST_F(OutputFileTest, IsNotCreatedWithoutBytes) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append({});
   file.flush();
   EXPECT_EQ(file.records(), 1U);
   EXPECT_EQ(file.bytes(), 0U);
-  file.finish(path + ".done");
+  file.finish("out.done");
   EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{});
 }
 
 TEST_F(OutputFileTest, GathersSmallRecordsUntilItIsFlushed) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("one"), bytesOf("two"));
   file.append({}, bytesOf("three"));
   EXPECT_FALSE(std::filesystem::exists(path));
@@ -51,7 +52,7 @@ TEST_F(OutputFileTest, GathersSmallRecordsUntilItIsFlushed) {
 }
 
 TEST_F(OutputFileTest, KeepsTheOrderOfSmallAndLargeRecords) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   const Bytes large(200000, 'L');
   std::string expected;
   for (int i = 0; i < 3; ++i) {
@@ -66,7 +67,7 @@ TEST_F(OutputFileTest, KeepsTheOrderOfSmallAndLargeRecords) {
 }
 
 TEST_F(OutputFileTest, WritesAFullBufferByItself) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   for (int i = 0; i < 1000; ++i) {
     file.append(Bytes(100, 'x'));
   }
@@ -75,16 +76,16 @@ TEST_F(OutputFileTest, WritesAFullBufferByItself) {
 }
 
 TEST_F(OutputFileTest, GetsItsFinalNameWithAllItsBytes) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("data"));
-  file.finish(folder.path() + "/final");
+  file.finish("final");
   EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"final"});
   EXPECT_EQ(readFile(folder.path() + "/final"), "data");
 }
 
 TEST_F(OutputFileTest, ContinuesAFileThatIsThere) {
   writeFile(path, "old ");
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("new"));
   file.flush();
   EXPECT_EQ(readFile(path), "old new");
@@ -92,14 +93,14 @@ TEST_F(OutputFileTest, ContinuesAFileThatIsThere) {
 }
 
 TEST_F(OutputFileTest, IsForItsOwnerOnly) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("data"));
   file.flush();
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
 }
 
 TEST_F(OutputFileTest, TakesBackTheRecordsOfAFailedFlush) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("0123456789"));
   file.flush();
   file.append(bytesOf("abcdefghij"));
@@ -116,7 +117,7 @@ TEST_F(OutputFileTest, TakesBackTheRecordsOfAFailedFlush) {
 }
 
 TEST_F(OutputFileTest, LeavesNoFileBehindWhenNotEvenItsFirstRecordFits) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("0123456789"));
   {
     FileSizeLimit limit(5);
@@ -129,7 +130,7 @@ TEST_F(OutputFileTest, LeavesNoFileBehindWhenNotEvenItsFirstRecordFits) {
 
 TEST_F(OutputFileTest, TakesBackALargeRecordThatDoesNotFitWhole) {
   writeFile(path, "old");
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("small"));
   const Bytes large(100000, 'L');
   FileSizeLimit limit(50000);
@@ -141,7 +142,7 @@ TEST_F(OutputFileTest, TakesBackALargeRecordThatDoesNotFitWhole) {
 }
 
 TEST_F(OutputFileTest, HasTheChecksumOfItsBytes) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   EXPECT_EQ(file.checksum(), 0x00000000U);
   file.append(bytesOf("01234"), bytesOf("56789"));
   file.flush();
@@ -149,7 +150,7 @@ TEST_F(OutputFileTest, HasTheChecksumOfItsBytes) {
 }
 
 TEST_F(OutputFileTest, HasTheChecksumOfSmallAndLargeRecords) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   const Bytes large(200000, 'L');
   for (int i = 0; i < 3; ++i) {
     file.append(bytesOf("head"), large);
@@ -160,7 +161,7 @@ TEST_F(OutputFileTest, HasTheChecksumOfSmallAndLargeRecords) {
 }
 
 TEST_F(OutputFileTest, LeavesWhatItTookBackOutOfTheChecksum) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("small"));
   const Bytes large(100000, 'L');
   FileSizeLimit limit(50000);
@@ -169,7 +170,7 @@ TEST_F(OutputFileTest, LeavesWhatItTookBackOutOfTheChecksum) {
 }
 
 TEST_F(OutputFileTest, NoticesAtAFlushThatItsFileIsGone) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("data"));
   file.flush();
   std::filesystem::remove(path);
@@ -179,15 +180,16 @@ TEST_F(OutputFileTest, NoticesAtAFlushThatItsFileIsGone) {
 
 TEST_F(OutputFileTest, ResumesBehindItsFirstBytes) {
   writeFile(path, "keep torn");
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.resume(5);
   file.append(bytesOf("new"));
-  file.finish(folder.path() + "/final");
+  file.finish("final");
   EXPECT_EQ(readFile(folder.path() + "/final"), "keep new");
 }
 
 TEST_F(OutputFileTest, SaysWhatItCannotCreate) {
-  OutputFile file(folder.path() + "/none/out", Sync::segment);
+  orvaned::LocalDirectory none(folder.path() + "/none");
+  OutputFile file(&none, "out", Sync::segment);
   file.append(bytesOf("data"));
   EXPECT_TRUE(throwsErrno(1003,
                           "No such file or directory: cannot create " + folder.path() + "/none/out",
@@ -195,21 +197,21 @@ TEST_F(OutputFileTest, SaysWhatItCannotCreate) {
 }
 
 TEST_F(OutputFileTest, SaysWhatItCannotRename) {
-  OutputFile file(path, Sync::segment);
+  OutputFile file(&directory, "out", Sync::segment);
   file.append(bytesOf("data"));
   EXPECT_TRUE(throwsErrno(1003, "No such file or directory: cannot rename " + path,
-                          [&] { file.finish(folder.path() + "/none/final"); }));
+                          [&] { file.finish("none/final"); }));
   EXPECT_EQ(readFile(path), "data");
 }
 
 TEST_F(OutputFileTest, InTheNullStoreOnlyCounts) {
-  OutputFile file("/dev/null/segment", Sync::always);
+  OutputFile file(nullptr, "segment", Sync::always);
   file.append(bytesOf("head"), bytesOf("data"));
   file.append(Bytes(200000, 'L'));
   file.flush();
   EXPECT_EQ(file.records(), 2U);
   EXPECT_EQ(file.bytes(), 200008U);
-  file.finish("/dev/null/final");
+  file.finish("final");
 }
 
 }  // namespace

@@ -29,12 +29,13 @@ TEST(QueueStatsTest, LiesInMemoryAsItIsDrawn) {
       {40, &stats.messageSize},   {48, &stats.madeAt},    {56, &stats.madeAtMonotonic},
       {64, &stats.batches},       {72, &stats.records},   {80, &stats.bytes},
       {88, &stats.segments},      {96, &stats.streams},   {104, &stats.badBatches},
-      {112, &stats.errorAnswers}, {120, &stats.lastBatch}};
+      {112, &stats.errorAnswers}, {120, &stats.lastBatch},
+      {184, &stats.userPlusOne},  {192, &stats.unreadReceipts}};
   for (const auto& [offset, number] : drawn) {
     *number = 0x0807060504030200 + offset;
   }
   const std::string bytes = bytesOf(stats);
-  ASSERT_EQ(bytes.size(), 184U);
+  ASSERT_EQ(bytes.size(), 200U);
   EXPECT_EQ(bytes.substr(0, 16), std::string("orvstats\1\0\0\0\0\0\0\0", 16));
   for (const auto& [offset, number] : drawn) {
     EXPECT_EQ(bytes.substr(offset, 8),
@@ -42,7 +43,7 @@ TEST(QueueStatsTest, LiesInMemoryAsItIsDrawn) {
         << offset;
   }
   EXPECT_EQ(bytes.substr(128, 8), std::string("\2\0\0\0\0\0\0\0", 8));
-  EXPECT_EQ(bytes.substr(136), "an id" + std::string(43, '\0'));
+  EXPECT_EQ(bytes.substr(136, 48), "an id" + std::string(43, '\0'));
 }
 
 TEST(QueueStatsTest, ReadsTheIdOfTheOpenStream) {

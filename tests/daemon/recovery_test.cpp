@@ -60,10 +60,9 @@ class RecoveryTest : public testing::Test {
     writeFile(folder + "/" + name, content);
   }
   void recover() {
-    orvaned::recoverStreams(
-        orvaned::findUnfinished(store.path(),
-                                [](const auto& stream) { return stream.queue == "q"; }),
-        Sync::segment);
+    orvaned::LocalUnfinishedStreams streams(store.path(),
+                                            [](const std::string& queue) { return queue == "q"; });
+    orvaned::recoverStreams(streams, Sync::segment, "the server");
   }
 
   std::string manifest() const { return readFile(folder + "/manifest"); }

@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <functional>
+#include <memory>
+#include <utility>
 
 #include "output_file.hpp"
 #include "store.hpp"
@@ -25,6 +27,29 @@ using orvaned::Sync;
 
 using Names = std::vector<std::string>;
 
+// Its files are pipes.
+class PipeDirectory : public orvaned::LocalDirectory {
+ public:
+  using LocalDirectory::LocalDirectory;
+
+  orvaned::Fd append(const std::string& name) override {
+    return orvaned::Fd(open(pathOf(name).c_str(), O_WRONLY | O_CLOEXEC));
+  }
+};
+
+class PipeAccess : public orvaned::StoreAccess {
+ public:
+  explicit PipeAccess(std::string storeFolder) : folder(std::move(storeFolder)) {}
+
+  NewStream createStream() override { return {"", nullptr}; }
+  std::unique_ptr<orvaned::StreamDirectory> outside() override {
+    return std::make_unique<PipeDirectory>(folder);
+  }
+
+ private:
+  const std::string folder;
+};
+
 class SyncTest : public testing::Test {
  protected:
   SyncTest() {
@@ -38,32 +63,33 @@ class SyncTest : public testing::Test {
   }
 
   TempFolder folder;
+  PipeDirectory directory{folder.path()};
   const std::string path = folder.path() + "/out";
   int reader = -1;
 };
 
 TEST_F(SyncTest, AFileIsSyncedBeforeItGetsItsFinalName) {
   for (const Sync sync : {Sync::segment, Sync::always}) {
-    OutputFile file(path, sync);
+    OutputFile file(&directory, "out", sync);
     file.append(bytesOf("data"));
-    EXPECT_TRUE(refusesToSync([&] { file.finish(folder.path() + "/final"); }));
+    EXPECT_TRUE(refusesToSync([&] { file.finish("final"); }));
     EXPECT_EQ(namesIn(folder.path()), Names{"out"});
   }
 }
 
 TEST_F(SyncTest, AFlushSyncsOnlyWithAlways) {
-  OutputFile always(path, Sync::always);
+  OutputFile always(&directory, "out", Sync::always);
   always.append(bytesOf("data"));
   EXPECT_TRUE(refusesToSync([&] { always.flush(); }));
   for (const Sync sync : {Sync::segment, Sync::none}) {
-    OutputFile file(path, sync);
+    OutputFile file(&directory, "out", sync);
     file.append(bytesOf("data"));
     file.flush();
   }
 }
 
 TEST_F(SyncTest, AFlushWithoutNewDataDoesNotSync) {
-  OutputFile file(path, Sync::always);
+  OutputFile file(&directory, "out", Sync::always);
   file.flush();
   file.append({});
   file.flush();
@@ -71,19 +97,19 @@ TEST_F(SyncTest, AFlushWithoutNewDataDoesNotSync) {
 
 TEST_F(SyncTest, SettlingSyncsUnlessItIsLeftToTheSystem) {
   for (const Sync sync : {Sync::segment, Sync::always}) {
-    OutputFile file(path, sync);
+    OutputFile file(&directory, "out", sync);
     file.append(bytesOf("data"));
     EXPECT_TRUE(refusesToSync([&] { file.settle(); }));
   }
-  OutputFile file(path, Sync::none);
+  OutputFile file(&directory, "out", Sync::none);
   file.append(bytesOf("data"));
   file.settle();
 }
 
 TEST_F(SyncTest, NothingIsSyncedWhenThatIsLeftToTheSystem) {
-  OutputFile file(path, Sync::none);
+  OutputFile file(&directory, "out", Sync::none);
   file.append(bytesOf("data"));
-  file.finish(folder.path() + "/final");
+  file.finish("final");
   EXPECT_EQ(namesIn(folder.path()), Names{"final"});
 }
 
@@ -92,11 +118,11 @@ TEST_F(SyncTest, RecordsOutsideStreamsAreSyncedOnlyWithAlways) {
   std::filesystem::rename(path, outside);
   const orvane::pvk_shm_message_t header;
   const orvane::ShmBatch::Entry entry(header, nullptr);
-  orvaned::Store always(folder.path(), "q", Sync::always);
+  orvaned::Store always(std::make_unique<PipeAccess>(folder.path()), "q", Sync::always);
   always.storeOutside(entry);
   EXPECT_TRUE(
       throwsErrno(1003, "Invalid argument: cannot sync " + outside, [&] { always.flush(); }));
-  orvaned::Store segment(folder.path(), "q", Sync::segment);
+  orvaned::Store segment(std::make_unique<PipeAccess>(folder.path()), "q", Sync::segment);
   segment.storeOutside(entry);
   segment.flush();
 }

@@ -47,7 +47,7 @@ TEST_F(WorkerDeathTest, MakesThePairAnewAndFinishesTheStreamAndNobodyElseNotices
   ASSERT_TRUE(server->says("serving queue " + name + " ", 2));
   EXPECT_TRUE(server->says(" error 1008 pair::workerEnded: queue " + name +
                            ": its worker was killed by signal 9\n"));
-  EXPECT_EQ(endingOf(name), "end=cut-off\nreason=the server died\n");
+  EXPECT_EQ(endingOf(name), "end=cut-off\nreason=its worker died\n");
   EXPECT_EQ(readFile(path + "/segment-000000"), "hello");
 
   Producer next(name);
@@ -107,7 +107,7 @@ TEST_F(WorkerDeathTest, AStoppedWorkerDoesNotKeepTheServerFromEnding) {
   EXPECT_LT(steady_clock::now() - begin, seconds(20));
   EXPECT_EQ(producer.answer(), (Answer{1008, kWorkerDied}));
   EXPECT_EQ(sharedMemoryOf(name), Words{});
-  EXPECT_EQ(endingOf(name), "end=cut-off\nreason=the server died\n");
+  EXPECT_EQ(endingOf(name), "end=cut-off\nreason=its worker died\n");
 }
 
 TEST_F(WorkerDeathTest, DoesNotMakeAnOrderlyEndSlow) {

@@ -19,6 +19,9 @@ class Fd {
 
   int get() const { return number; }
 
+  // Gives it up: whoever calls this closes it.
+  int release() { return std::exchange(number, -1); }
+
   void reset() {
     if (number >= 0) {
       close(std::exchange(number, -1));

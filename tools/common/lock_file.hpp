@@ -35,6 +35,9 @@ class LockFile {
   LockFile& operator=(LockFile&&) = delete;
   ~LockFile();
 
+  // Its descriptor: whoever inherits it keeps the lock as well.
+  int file() const { return fd.get(); }
+
  private:
   LockFile(std::string lockPath, Fd lockFd) : path(std::move(lockPath)), fd(std::move(lockFd)) {}
 

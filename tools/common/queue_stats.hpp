@@ -30,6 +30,8 @@ namespace tool {
 //   120      8    when the last batch came: ns of CLOCK_MONOTONIC; 0 before the first
 //   128      8    changes of the id behind it: odd while one is on its way
 //   136     48    id of the open stream, filled up with zeros; all zeros while none is open
+//   184      8    the lease's user id, plus 1; 0 for a queue with a fixed name
+//   192      8    receipts that the lease's producer has not read; at 4096 no batch is taken
 //
 // Numbers are in the machine's own order. The worker holds a lock of the file's first byte
 // (F_OFD_SETLK) while it lives: F_OFD_GETLK tells whether it does, and takes nothing.
@@ -54,10 +56,12 @@ struct QueueStats {
   Number lastBatch{0};
   Number streamChanges{0};
   Number stream[6]{};
+  Number userPlusOne{0};
+  Number unreadReceipts{0};
 };
 
 static_assert(QueueStats::Number::is_always_lock_free, "it is shared between processes");
-static_assert(sizeof(QueueStats) == 184);
+static_assert(sizeof(QueueStats) == 200);
 static_assert(offsetof(QueueStats, batches) == 64);
 static_assert(offsetof(QueueStats, stream) == 136);
 

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/fd.hpp"
+
 namespace tool {
 
 struct Content {
@@ -10,10 +12,18 @@ struct Content {
   std::uint32_t checksum = 0;
 };
 
-// Reads the whole file. Throws std::runtime_error.
+// Opens a file of the store for reading. Throws std::runtime_error; so it does for a symbolic link
+// and for what is no regular file, which no server puts there.
+Fd openStored(const std::string& path);
+
+// Reads the whole file, which `path` names for messages. Throws std::runtime_error.
+Content contentOf(const Fd& file, const std::string& path);
 Content contentOf(const std::string& path);
 
-// Why the file is not what was listed; empty when it is.
+// Why the content is not what was listed; empty when it is.
+std::string faultOf(const Content& found, const Content& listed);
+
+// The same of a file, also when it cannot be read.
 std::string faultOf(const std::string& path, const Content& listed);
 
 }  // namespace tool

@@ -35,7 +35,7 @@ const QueueStats* mapStats(const Fd& file, const std::string& queue) {
   struct stat status = {};
   void* memory = MAP_FAILED;
   if (fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-      status.st_size >= static_cast<off_t>(sizeof(QueueStats))) {
+      status.st_size >= static_cast<off_t>(offsetof(QueueStats, userPlusOne))) {
     memory = mmap(nullptr, sizeof(QueueStats), PROT_READ, MAP_SHARED, file.get(), 0);
   }
   if (memory != MAP_FAILED) {

@@ -2,19 +2,27 @@
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
+#include <exception>
 #include <new>
+#include <orvane/orvane.hpp>
 #include <system_error>
 #include <thread>
+
+#include "log.hpp"
 
 namespace orvaned {
 namespace {
 
 constexpr std::chrono::seconds kTimeToDie{1};
+constexpr int kRestingShare = 32;
 
 Heartbeat* sharedHeartbeat() {
   void* memory =
@@ -25,17 +33,50 @@ Heartbeat* sharedHeartbeat() {
   return new (memory) Heartbeat;
 }
 
+// Memory may be out: the line has to do without.
+void logException(const char* what) noexcept {
+  try {
+    orvane::server::Logger("process").log(orvane::server::LEVEL_ERROR, "run", kTaskThrew,
+                                          "this process ends: %s", doublePercent(what).c_str());
+  } catch (...) {
+    constexpr char line[] = "orvaned: a process ends, out of memory\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line, sizeof(line) - 1);
+  }
+}
+
+int run(const Child::Task& task, Heartbeat& heartbeat) noexcept {
+  try {
+    return task(heartbeat);
+  } catch (const std::exception& e) {
+    logException(e.what());
+  } catch (...) {
+    logException("an unknown exception");
+  }
+  return kTaskThrew;
+}
+
+Child::Clock::duration processorTimeOf(pid_t process) {
+  clockid_t clock = 0;
+  timespec used = {};
+  if (clock_getcpuclockid(process, &clock) != 0 || clock_gettime(clock, &used) != 0) {
+    return Child::Clock::duration(0);
+  }
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
 }  // namespace
 
-Child::Child(const Task& task) : heartbeat(sharedHeartbeat()) {
+Child::Child(const Task& task, Orphaned orphaned) : heartbeat(sharedHeartbeat()) {
   const pid_t parent = getpid();
   pid = fork();
   if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (getppid() != parent) {
-      raise(SIGTERM);  // the parent was gone before the line above
+    if (orphaned == Orphaned::isToldToEnd) {
+      prctl(PR_SET_PDEATHSIG, SIGTERM);
+      if (getppid() != parent) {
+        raise(SIGTERM);  // the parent was gone before the line above
+      }
     }
-    _exit(task(*heartbeat));
+    _exit(run(task, *heartbeat));
   }
   if (pid < 0) {
     const int error = errno;
@@ -76,11 +117,43 @@ Child::Clock::duration Child::insideQueueCall() {
   return now - lastChange;
 }
 
+Child::Clock::duration Child::busyWithoutMessage() {
+  const std::uint32_t messages = heartbeat->messages.load(std::memory_order_relaxed);
+  const auto now = Clock::now();
+  const auto used = processorTimeOf(pid);
+  if (messages != lastMessages || (used - busyFrom) * kRestingShare < now - busySince) {
+    lastMessages = messages;
+    busySince = now;
+    busyFrom = used;
+  }
+  return used - busyFrom;
+}
+
 void endAtTermination() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+std::pair<Fd, Fd> connectedSockets() {
+  int ends[2] = {};
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot start a process");
+  }
+  return {Fd(ends[0]), Fd(ends[1])};
+}
+
+void closeFilesExcept(std::vector<int> files) {
+  std::sort(files.begin(), files.end());
+  int next = STDERR_FILENO + 1;
+  for (const int file : files) {
+    if (file > next) {
+      close_range(static_cast<unsigned>(next), static_cast<unsigned>(file) - 1, 0);
+    }
+    next = std::max(next, file + 1);
+  }
+  close_range(static_cast<unsigned>(next), ~0U, 0);
 }
 
 }  // namespace orvaned

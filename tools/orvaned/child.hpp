@@ -5,20 +5,30 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <utility>
+#include <vector>
 
+#include "fd.hpp"
 #include "heartbeat.hpp"
 
 namespace orvaned {
 
-// A forked process that does one task. It is told to end (SIGTERM) when this process dies.
+// What a process exits with when an exception left its task.
+constexpr int kTaskThrew = 3;
+
+// A forked process that does one task. No exception leaves it: whatever its task throws is logged,
+// and the process ends with kTaskThrew.
 class Child {
  public:
   using Clock = std::chrono::steady_clock;
   using Task = std::function<int(Heartbeat&)>;
 
+  // What it does when this process dies before it.
+  enum class Orphaned { isToldToEnd /* SIGTERM */, goesOn };
+
   // Runs `task` in a new process, which exits with what it returns; nothing of this process's
   // objects is destroyed there. Throws std::system_error.
-  explicit Child(const Task& task);
+  explicit Child(const Task& task, Orphaned orphaned = Orphaned::isToldToEnd);
 
   // Kills it if it still runs, and waits a second for its end: it may hang in a disk.
   ~Child();
@@ -34,20 +44,37 @@ class Child {
   bool isReady() const { return heartbeat->ready.load(); }
   Clock::duration age() const { return Clock::now() - start; }
 
+  // The system call that it was not allowed and that ended it; -1: none.
+  int refusedCall() const { return heartbeat->refusedCall.load(); }
+
   // For how long it has been in one and the same queue call, as far as the calls to this function
   // have seen.
   Clock::duration insideQueueCall();
+
+  // The processor time that it has used since it took its last message, or since it last rested, as
+  // far as the calls to this function have seen. It rests while it uses less than 1/32 of a
+  // processor: an empty queue that it looks at, or a disk that it waits for.
+  Clock::duration busyWithoutMessage();
 
  private:
   Heartbeat* const heartbeat;
   const Clock::time_point start = Clock::now();
   std::uint32_t lastCalls = 0;
   Clock::time_point lastChange = start;
+  std::uint32_t lastMessages = 0;
+  Clock::time_point busySince = start;
+  Clock::duration busyFrom{0};
   pid_t pid;
   std::optional<int> status;
 };
 
 // For a task that may end at any moment: SIGTERM, which it inherits blocked, ends its process.
 void endAtTermination();
+
+// The ends of a socket of packets between two processes. Throws std::system_error.
+std::pair<Fd, Fd> connectedSockets();
+
+// In a new process: closes what it inherited, except the standard files and these.
+void closeFilesExcept(std::vector<int> files);
 
 }  // namespace orvaned

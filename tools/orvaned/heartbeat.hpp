@@ -8,7 +8,9 @@ namespace orvaned {
 // What a worker process and its supervisor share. Only the worker writes.
 struct Heartbeat {
   std::atomic<std::uint32_t> queueCalls{0};  // begun and ended ones: odd while inside one
+  std::atomic<std::uint32_t> messages{0};    // taken so far
   std::atomic<bool> ready{false};            // its queues can be used
+  std::atomic<int> refusedCall{-1};          // the system call that ended it
 };
 
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free, "it is shared between processes");

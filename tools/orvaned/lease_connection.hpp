@@ -22,6 +22,8 @@ class LeaseConnection {
   // What a producer sends first: everything else, or nothing in time, is refused.
   enum class Request { none, lease, bad, end };
 
+  static constexpr std::size_t kMostKept = 4096;
+
   explicit LeaseConnection(Fd socket);
 
   Request readRequest();
@@ -31,7 +33,14 @@ class LeaseConnection {
   void send(const std::string& text);
   void sendKept();
 
+  // How many packets are kept. At kMostKept the worker is to produce no more of them.
+  std::size_t waiting() const { return kept.size(); }
+  bool isFull() const { return kept.size() >= kMostKept; }
+  bool drained() const { return kept.empty(); }
+
   int fd() const { return socket.get(); }
+
+  int pidfd() const { return -1; }
 
   // Who connected; where the system cannot tell the process, its number is 0.
   const ucred& producer() const { return who; }

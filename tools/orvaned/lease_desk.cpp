@@ -78,12 +78,6 @@ LeaseDesk::Count LeaseDesk::applicationsOf(uid_t user) const {
   return {static_cast<std::size_t>(own), applicants.size()};
 }
 
-void LeaseDesk::closeFiles(int keep) {
-  socket.closeFile();
-  std::erase_if(applicants,
-                [keep](const Applicant& applicant) { return applicant.connection->fd() != keep; });
-}
-
 void refuse(LeaseConnection& connection, int status, const std::string& reason) {
   static const orvane::server::Logger log("leases");
   log.log(orvane::server::LEVEL_WARNING, __func__, status, "user %u, process %d: %s",

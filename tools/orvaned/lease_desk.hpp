@@ -37,8 +37,7 @@ class LeaseDesk {
   // Takes what has come; returns the connections whose producers have properly asked for a lease.
   std::vector<Connection> serve(const Limit& limit);
 
-  // Closes the files, in a forked process, except this one.
-  void closeFiles(int keep);
+  int lockFile() const { return socket.lockFile(); }
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -17,6 +17,8 @@ class LeaseRun {
 
   std::string newQueueName() const;
 
+  int lockFile() const { return lock.file(); }
+
  private:
   const std::string name;
   const tool::LockFile lock;

@@ -25,9 +25,7 @@ class LeaseSocket {
   Fd accept() const;
 
   int fd() const { return listening.get(); }
-
-  // For a forked process, which is not to listen.
-  void closeFile() { listening.reset(); }
+  int lockFile() const { return lock.file(); }
 
  private:
   const std::string path;

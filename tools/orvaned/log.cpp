@@ -16,6 +16,8 @@ constexpr std::array<const char*, 7> kKindNames = {"info",  "auth",  "warning", 
 
 std::atomic<ox::Kind> lowestLevel{ox::Kind::info};
 
+}  // namespace
+
 void writeLine(ox::Kind kind, int code, const char* text) {
   if (kind < lowestLevel.load(std::memory_order_relaxed)) {
     return;
@@ -26,8 +28,6 @@ void writeLine(ox::Kind kind, int code, const char* text) {
   while (write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
   }
 }
-
-}  // namespace
 
 void startLog(ox::Kind lowest, bool tracing) {
   lowestLevel.store(lowest, std::memory_order_relaxed);

@@ -21,6 +21,9 @@ namespace orvaned {
 // tracing; trace lines have no level, so `lowest` does not concern them.
 void startLog(ox::Kind lowest, bool tracing);
 
+// Writes one line; what startLog() makes the platform's sink.
+void writeLine(ox::Kind kind, int code, const char* text);
+
 // The level of that name: info, auth, warning or error, in the order of their severity.
 std::optional<ox::Kind> levelNamed(std::string_view name);
 

@@ -8,9 +8,6 @@ void count(tool::Receipt& receipt, const SegmentSummary& segment) {
   receipt.segments += segment.bytes > 0 ? 1 : 0;
 }
 
-Manifest::Manifest(const std::string& folder, Sync sync)
-    : path(folder + "/manifest"), file(path + kUnfinished, sync) {}
-
 void Manifest::begin(const std::string& queue, const std::string& stream) {
   line("format=1");
   line("queue=" + queue);

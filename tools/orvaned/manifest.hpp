@@ -58,7 +58,7 @@ void count(tool::Receipt& receipt, const SegmentSummary& segment);
 // and the file is renamed when it is complete. Throws Ox_ErrnoException (kStoreFailed).
 class Manifest {
  public:
-  Manifest(const std::string& folder, Sync sync);
+  Manifest(StreamDirectory* folder, Sync sync) : file(folder, "manifest.part", sync) {}
 
   // The first lines, or the first `size` bytes of a file that is there.
   void begin(const std::string& queue, const std::string& stream);
@@ -74,12 +74,11 @@ class Manifest {
   // The last lines, with or without what only the server of the stream knows; or no more lines.
   void finish(const StreamSummary& stream);
   void finish(const tool::Receipt& receipt, const std::string& reason);
-  void finish() { file.finish(path); }
+  void finish() { file.finish("manifest"); }
 
  private:
   void line(const std::string& text);
 
-  const std::string path;
   OutputFile file;
 };
 

@@ -7,6 +7,7 @@
 #include "common/queue_rules.hpp"
 #include "output_file.hpp"
 #include "queue_pair.hpp"
+#include "worker/confinement.hpp"
 
 namespace orvaned {
 
@@ -24,6 +25,7 @@ struct Options {
   ox::Kind logLevel = ox::Kind::info;
   bool trace = false;
   std::string capture;  // empty: none
+  Confinement confinement;  // of the workers
 };
 
 constexpr int kUsageError = 2;

@@ -2,19 +2,16 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <filesystem>
 #include <orvane/orvane.hpp>
-#include <system_error>
 #include <utility>
 
 #include "checksum.hpp"
 #include "log.hpp"
-#include "server_status.hpp"
 
 namespace orvaned {
 namespace {
@@ -26,42 +23,19 @@ constexpr std::size_t kBufferSize = 65536;
 
 constexpr off_t kStartWriting = 8 << 20;
 
-std::string folderOf(const std::string& path) {
-  return std::filesystem::path(path).parent_path().string();
+// Not fstat(), which may be a call that takes a path: a confined process has none of these.
+int statusOf(const Fd& file, struct stat& status) {
+  return static_cast<int>(::syscall(SYS_fstat, file.get(), &status));
 }
 
 }  // namespace
 
-void throwStoreFailed(int error, const std::string& action, const std::string& path) {
-  throw Ox_ErrnoException(
-      kStoreFailed, std::generic_category().message(error) + ": cannot " + action + " " + path, "");
-}
-
-void syncFolder(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const int error = fd < 0 || ::fsync(fd) != 0 ? errno : 0;
-  if (fd >= 0) {
-    ::close(fd);
-  }
-  if (error != 0) {
-    throwStoreFailed(error, "sync", path);
-  }
-}
-
-OutputFile::OutputFile(std::string filePath, Sync syncMode)
-    : path(std::move(filePath)),
-      sync(syncMode),
-      isKept(!path.starts_with(std::string(kNullStore) + "/")) {}
-
-OutputFile::~OutputFile() {
-  if (fd >= 0) {
-    ::close(fd);
-  }
-}
+OutputFile::OutputFile(StreamDirectory* fileFolder, std::string fileName, Sync syncMode)
+    : folder(fileFolder), name(std::move(fileName)), sync(syncMode) {}
 
 void OutputFile::append(Bytes head, Bytes data) {
   const std::size_t size = head.size() + data.size();
-  if (!isKept) {
+  if (folder == nullptr) {
     ++writtenRecords;
     writtenBytes += size;
     return;
@@ -91,7 +65,7 @@ void OutputFile::flush() {
   if (sync == Sync::always) {
     syncData();
     if (created && !nameSynced) {
-      syncFolder(folderOf(path));
+      folder->sync();
       nameSynced = true;
     }
   }
@@ -105,28 +79,24 @@ void OutputFile::settle() {
 }
 
 // The data is on the disk before the name says so, and the name before anybody is told.
-void OutputFile::finish(const std::string& finalPath) {
+void OutputFile::finish(const std::string& finalName) {
   settle();
   if (!created) {
     return;
   }
-  if (::close(std::exchange(fd, -1)) != 0) {
-    throwStoreFailed(errno, "write", path);
+  if (::close(fd.release()) != 0) {
+    throwStoreFailed(errno, "write", folder->pathOf(name));
   }
-  if (std::rename(path.c_str(), finalPath.c_str()) != 0) {
-    throwStoreFailed(errno, "rename", path);
-  }
+  folder->rename(name, finalName);
   if (sync != Sync::none) {
-    syncFolder(folderOf(finalPath));
+    folder->sync();
   }
 }
 
 void OutputFile::resume(std::uint64_t size) {
   create();
   end = static_cast<off_t>(size);
-  if (::ftruncate(fd, end) != 0) {
-    throwStoreFailed(errno, "write", path);
-  }
+  folder->truncate(name, size);
   dataSynced = false;  // whoever wrote it may not have come to that
 }
 
@@ -139,18 +109,18 @@ void OutputFile::writeBuffer() {
 }
 
 void OutputFile::write(Bytes bytes) {
-  if (!bytes.empty() && fd < 0) {
+  if (!bytes.empty() && fd.get() < 0) {
     create();
   }
   while (!bytes.empty()) {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    const ssize_t written = ::write(fd.get(), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) {
       continue;
     }
     if (written < 0) {
       const int error = errno;
       takeBack();
-      throwStoreFailed(error, "write", path);
+      throwStoreFailed(error, "write", folder->pathOf(name));
     }
     bytes = bytes.subspan(static_cast<std::size_t>(written));
   }
@@ -158,15 +128,18 @@ void OutputFile::write(Bytes bytes) {
 
 // What a failed write left: half a record, or a file without a byte.
 void OutputFile::takeBack() {
-  if (end == 0) {
-    ::unlink(path.c_str());
-    ::close(std::exchange(fd, -1));
-    created = false;
-  } else if (::ftruncate(fd, end) != 0) {
-    const int error = errno;
+  try {
+    if (end == 0) {
+      fd.reset();
+      created = false;
+      folder->remove(name);
+    } else {
+      folder->truncate(name, static_cast<std::uint64_t>(end));
+    }
+  } catch (const Ox_ErrnoException& e) {
     const orvane::server::Logger log("store");
-    log.log(orvane::server::LEVEL_ERROR, __func__, error, "cannot take half a record back from %s",
-            doublePercent(path).c_str());
+    log.log(orvane::server::LEVEL_ERROR, __func__, e.status(),
+            "cannot take half a record back: %s", doublePercent(e.what()).c_str());
   }
 }
 
@@ -183,25 +156,22 @@ void OutputFile::commit(std::uint64_t recordCount, Bytes head, Bytes data) {
 // The disk works while the rest is still coming, instead of all at once when it is synced.
 void OutputFile::startWriting() {
   if (sync != Sync::none && end - writingUpTo >= kStartWriting) {
-    ::sync_file_range(fd, writingUpTo, end - writingUpTo, SYNC_FILE_RANGE_WRITE);
+    ::sync_file_range(fd.get(), writingUpTo, end - writingUpTo, SYNC_FILE_RANGE_WRITE);
     writingUpTo = end;
   }
 }
 
 void OutputFile::create() {
-  fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    throwStoreFailed(errno, "create", path);
-  }
+  fd = folder->append(name);
   created = true;
-  end = ::lseek(fd, 0, SEEK_END);
+  end = ::lseek(fd.get(), 0, SEEK_END);
 }
 
 // A file without a name takes every byte, and all of them are lost when it is closed.
 void OutputFile::requireName() const {
   struct stat status = {};
-  if (fd >= 0 && ::fstat(fd, &status) == 0 && status.st_nlink == 0) {
-    throwStoreFailed(ENOENT, "write", path);
+  if (fd.get() >= 0 && statusOf(fd, status) == 0 && status.st_nlink == 0) {
+    throwStoreFailed(ENOENT, "write", folder->pathOf(name));
   }
 }
 
@@ -209,8 +179,8 @@ void OutputFile::syncData() {
   if (dataSynced) {
     return;
   }
-  if (::fdatasync(fd) != 0) {
-    throwStoreFailed(errno, "sync", path);
+  if (::fdatasync(fd.get()) != 0) {
+    throwStoreFailed(errno, "sync", folder->pathOf(name));
   }
   dataSynced = true;
 }

@@ -2,11 +2,15 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "fd.hpp"
+#include "store/stream_directory.hpp"
 
 namespace orvaned {
 
@@ -27,9 +31,9 @@ class OutputFile {
  public:
   using Bytes = std::span<const unsigned char>;
 
-  OutputFile(std::string path, Sync sync);
-  ~OutputFile();  // closes the file; what is still in the buffer is lost
-  OutputFile(const OutputFile&) = delete;
+  // `folder` must outlive it; without one, for a null pointer, it only counts.
+  OutputFile(StreamDirectory* folder, std::string name, Sync sync);
+  OutputFile(const OutputFile&) = delete;  // what is still in the buffer at its end is lost
   OutputFile& operator=(const OutputFile&) = delete;
 
   // Appends one record, of which `data` may be a part that is better not copied.
@@ -42,7 +46,7 @@ class OutputFile {
   void settle();
 
   // Settles, closes, and gives the file its final name, if there is a file. Ends its use.
-  void finish(const std::string& finalPath);
+  void finish(const std::string& finalName);
 
   // Continues a file that is there behind its first `size` bytes.
   void resume(std::uint64_t size);
@@ -62,10 +66,10 @@ class OutputFile {
   void requireName() const;
   void syncData();
 
-  const std::string path;
+  StreamDirectory* const folder;
+  const std::string name;
   const Sync sync;
-  const bool isKept;
-  int fd = -1;
+  Fd fd;
   bool created = false;
   bool nameSynced = false;
   bool dataSynced = true;
@@ -78,12 +82,5 @@ class OutputFile {
   std::uint64_t writtenBytes = 0;
   std::uint32_t writtenChecksum = 0;
 };
-
-// Brings the names in a folder onto the disk.
-void syncFolder(const std::string& path);
-
-// Throws Ox_ErrnoException (kStoreFailed) with the text of `error`, an errno value: the cause
-// first, because an answer has room for 127 characters and a path may be long.
-[[noreturn]] void throwStoreFailed(int error, const std::string& action, const std::string& path);
 
 }  // namespace orvaned

@@ -13,6 +13,7 @@
 #include "serve_pair.hpp"
 #include "server_status.hpp"
 #include "stale_pair.hpp"
+#include "worker/confinement.hpp"
 
 namespace orvaned {
 namespace {
@@ -20,13 +21,14 @@ namespace {
 using orvane::server::LEVEL_ERROR;
 using orvane::server::Logger;
 
-// A queue's lock is waited for 2 seconds at most; no lawful call takes so long.
+// A queue's lock is waited for 2 seconds at most; no valid call takes so long.
 constexpr std::chrono::seconds kStuckAfter{5};
-constexpr std::chrono::seconds kFarewellTime{3};
+constexpr std::chrono::seconds kBusyAtMost{5};
+constexpr std::chrono::seconds kNoticeTime{3};
 constexpr std::chrono::seconds kBetweenTries{1};
 
 constexpr char kServerDied[] = "the server died: send again what it did not acknowledge";
-constexpr char kWorkerDiedFarewell[] =
+constexpr char kWorkerDiedNotice[] =
     "what served the queue died: send again what it did not acknowledge";
 
 const Logger& logger() {
@@ -36,15 +38,17 @@ const Logger& logger() {
 
 }  // namespace
 
-Pair::Pair(const Surroundings& surroundings, Kind kindOfPair, std::string queueName,
-           std::unique_ptr<LeaseConnection> lease)
-    : around(surroundings),
+Pair::Pair(const Context& pairContext, Kind kindOfPair, std::string queueName,
+           std::optional<uid_t> producersUser, std::unique_ptr<LeaseConnection> lease)
+    : context(pairContext),
       pairKind(kindOfPair),
       name(std::move(queueName)),
       loggedName(doublePercent(name)),
+      user(producersUser),
       connection(std::move(lease)),
-      farewell(kServerDied) {
-  begin();
+      notice(kServerDied) {
+  // Nothing is under a lease's name: it was chosen so. What is there now is not opened.
+  pairKind == Kind::leased ? proceed() : begin();
 }
 
 // Where the process is still there, not even SIGKILL has ended it.
@@ -62,13 +66,11 @@ void Pair::step() {
     }
     return;
   }
-  if (phase == Phase::farewell && child->age() > kFarewellTime) {
+  if (phase == Phase::notice && child->age() > kNoticeTime) {
     child->signal(SIGKILL);
   }
-  if (phase == Phase::serving && !killed && child->insideQueueCall() > kStuckAfter) {
-    logger().log(LEVEL_ERROR, __func__, kWorkerDied,
-                 "queue %s: its worker hangs inside a queue and is killed", loggedName.c_str());
-    kill();
+  if (phase == Phase::serving && !killed) {
+    watchWorker();
   }
   if (const auto status = child->ended()) {
     if (phase == Phase::serving) {
@@ -79,6 +81,22 @@ void Pair::step() {
       proceed();
     }
   }
+}
+
+void Pair::watchWorker() {
+  if (child->insideQueueCall() > kStuckAfter) {
+    killWorker("hangs inside a queue");
+  } else if (child->busyWithoutMessage() > kBusyAtMost) {
+    killWorker("uses the processor without taking a message");
+  } else if (broker.process->ended()) {
+    killWorker("has lost the process that opens its files");
+  }
+}
+
+void Pair::killWorker(const char* reason) {
+  logger().log(LEVEL_ERROR, "step", kWorkerDied, "queue %s: its worker %s and is killed",
+               loggedName.c_str(), reason);
+  kill();
 }
 
 void Pair::stop() {
@@ -96,23 +114,17 @@ void Pair::kill() {
   }
 }
 
-void Pair::closeConnection(int keep) {
-  if (connection && connection->fd() != keep) {
-    connection.reset();
-  }
-}
-
 void Pair::begin() {
   retryAt.reset();
   try {
     if (pairKind == Kind::fixed) {
-      requireOwnPair(name);
+      requireOwnPair(name, context.options.confinement.user);
     }
     if (pairExists(name)) {
-      sayFarewell();
+      postNotice();
       return;
     }
-  } catch (const std::runtime_error& e) {
+  } catch (const std::exception& e) {
     logger().log(LEVEL_ERROR, __func__, kNoPair, "%s", doublePercent(e.what()).c_str());
     failed = true;
   }
@@ -135,52 +147,91 @@ void Pair::serve() {
   phase = Phase::serving;
   killed = false;
   try {
-    child = std::make_unique<Child>([this](Heartbeat& heartbeat) {
-      around.closeOthers(connection ? connection->fd() : -1);
-      return servePair(around.options, name, connection.get(), heartbeat);
-    });
-  } catch (const std::system_error& e) {
+    startProcesses();
+  } catch (const std::exception& e) {
+    child.reset();
+    broker = Broker();
     logger().log(LEVEL_ERROR, __func__, kNoPair, "queue %s: %s", loggedName.c_str(), e.what());
-    if (connection) {
-      refuse(*connection, kNoPair, e.what());
-      connection.reset();
-    }
+    refuseLease(e.what());
     failed = true;
     proceed();
   }
 }
 
-void Pair::sayFarewell() {
-  phase = Phase::farewell;
-  try {
-    child = std::make_unique<Child>([this](Heartbeat&) {
-      around.closeOthers(-1);
-      endAtTermination();
-      postFarewell(name, farewell);
-      return 0;
-    });
-  } catch (const std::system_error&) {  // then without a word
+void Pair::startProcesses() {
+  auto [workersEnd, brokersEnd] = connectedSockets();
+  broker.process = std::make_unique<Child>(
+      [&, file = brokersEnd.get()](Heartbeat&) {
+        context.keepOnly({file});
+        return serveWorker(context.options, name, Fd(file), context.supervisor);
+      },
+      Child::Orphaned::goesOn);
+  child = std::make_unique<Child>([&, file = workersEnd.get()](Heartbeat& heartbeat) {
+    std::vector<int> files = {file};
+    if (connection) {
+      files.insert(files.end(), {connection->fd(), connection->pidfd()});
+    }
+    context.keepOnly(files);
+    return servePair(context.options, name, connection.get(), Fd(file), context.supervisor,
+                     heartbeat);
+  });
+  broker.socket = std::move(workersEnd);
+}
+
+void Pair::postNotice() {
+  phase = Phase::notice;
+  child = std::make_unique<Child>([this](Heartbeat& heartbeat) {
+    context.keepOnly({});
+    endAtTermination();
+    orvaned::postNotice(name, notice, user, context.options.confinement, context.supervisor,
+                        &heartbeat.refusedCall);
+    return 0;
+  });
+}
+
+void Pair::workerEnded(int status) {
+  const bool wasKilled = WIFSIGNALED(status);
+  const bool died = wasKilled || WEXITSTATUS(status) == kTaskThrew;
+  served = served || child->isReady();
+  failed = !child->isReady();
+  if (died) {
+    logDeath(status);
+    if (connection) {
+      connection->send((failed ? "refused " : "failed ") + std::to_string(kWorkerDied) +
+                       " what served the queue died");
+    }
+    notice = kWorkerDiedNotice;
+  }
+  context.conclude(std::move(broker), died);
+  connection.reset();
+  child.reset();
+  if (died) {
+    begin();
+  } else {
     removePair(name);
     proceed();
   }
 }
 
-void Pair::workerEnded(int status) {
-  served = served || child->isReady();
-  failed = !child->isReady();
-  if (WIFSIGNALED(status)) {
-    logger().log(LEVEL_ERROR, __func__, kWorkerDied, "queue %s: its worker was killed by signal %d",
-                 loggedName.c_str(), WTERMSIG(status));
-    if (connection) {
-      connection->send((failed ? "refused " : "failed ") + std::to_string(kWorkerDied) +
-                       " what served the queue died");
-    }
-    around.recover(name, child->process());
-    farewell = kWorkerDiedFarewell;
+void Pair::logDeath(int status) const {
+  if (!WIFSIGNALED(status)) {
+    logger().log(LEVEL_ERROR, "workerEnded", kWorkerDied,
+                 "queue %s: its worker was ended by an exception", loggedName.c_str());
+    return;
   }
-  connection.reset();
-  child.reset();
-  begin();
+  const int call = child->refusedCall();
+  const std::string refused =
+      call >= 0 ? ": it made the system call " + nameOfCall(call) + ", which it may not" : "";
+  logger().log(LEVEL_ERROR, "workerEnded", kWorkerDied,
+               "queue %s: its worker was killed by signal %d%s", loggedName.c_str(),
+               WTERMSIG(status), refused.c_str());
+}
+
+void Pair::refuseLease(const std::string& reason) {
+  if (connection) {
+    refuse(*connection, kNoPair, reason);
+    connection.reset();
+  }
 }
 
 }  // namespace orvaned

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "child.hpp"
 #include "lease_connection.hpp"
@@ -12,12 +14,14 @@
 
 namespace orvaned {
 
-// A queue pair as the supervisor sees it: the process that serves it, and what is to be done when
-// that process ends. The supervisor itself never touches a queue, since whoever may use one can
-// make the other side crash or hang in it.
+// A queue pair as the supervisor sees it: the worker process that serves it, the broker of that
+// process, and what is to be done when the worker ends. The supervisor itself never touches a
+// queue, since whoever may use one can make the other side crash or hang in it.
 //
-// What a worker left behind is removed, but its producer is told first, by another process. A fixed
-// pair is then made anew; a leased one is over, and its connection ends.
+// What a dead worker left behind is removed, but its producer is told first, by another confined
+// process. A fixed pair is then made anew; a leased one is over, and its connection ends.
+//
+// Nothing here throws or blocks, except the constructor, which may throw std::bad_alloc.
 class Pair {
  public:
   using Clock = Child::Clock;
@@ -28,24 +32,33 @@ class Pair {
     dead     // left by another server; only to be removed
   };
 
-  // What a pair needs of the supervisor.
-  struct Surroundings {
-    const Options& options;
-    // In a new process: closes the files of all others, except this one.
-    std::function<void(int keep)> closeOthers;
-    // Finishes the streams that a worker process, which died, left in the store.
-    std::function<void(const std::string& queue, pid_t worker)> recover;
+  // A worker's broker, and this end of the socket to it: with it another process can finish what
+  // the worker left open.
+  struct Broker {
+    std::unique_ptr<Child> process;
+    Fd socket = Fd();
   };
 
-  Pair(const Surroundings& surroundings, Kind kindOfPair, std::string queueName,
-       std::unique_ptr<LeaseConnection> lease = nullptr);
+  // What a pair needs of the supervisor.
+  struct Context {
+    const Options& options;
+    pid_t supervisor;
+    // In a new process: closes all files but these, those of the log and of the server's locks.
+    std::function<void(std::vector<int> files)> keepOnly;
+    // Takes the broker of a worker that has ended; `died`: the worker left its work undone.
+    std::function<void(Broker broker, bool died)> conclude;
+  };
 
-  // Kills the process.
+  // `user` is whose the files of a leased or dead pair may be, besides the server's own.
+  Pair(const Context& pairContext, Kind kindOfPair, std::string queueName,
+       std::optional<uid_t> producersUser = {}, std::unique_ptr<LeaseConnection> lease = nullptr);
+
+  // Kills the processes.
   ~Pair();
   Pair(const Pair&) = delete;
   Pair& operator=(const Pair&) = delete;
 
-  // Looks after the process; to be called when a child ended, and every now and then.
+  // Looks after the processes; to be called when a child ended, and every now and then.
   void step();
 
   // Tells the worker to end, and does not start another one.
@@ -62,26 +75,30 @@ class Pair {
   Kind kind() const { return pairKind; }
   const LeaseConnection* lease() const { return connection.get(); }
 
-  // For a forked process that has no business with it, unless it is the file to keep.
-  void closeConnection(int keep);
-
  private:
-  enum class Phase { serving, farewell };
+  enum class Phase { serving, notice };
 
   void begin();    // removes what is there, then proceeds
   void proceed();  // starts the next worker, if there is to be one
   void serve();
-  void sayFarewell();
+  void startProcesses();
+  void postNotice();
+  void watchWorker();
+  void killWorker(const char* reason);
   void workerEnded(int status);
+  void logDeath(int status) const;
+  void refuseLease(const std::string& reason);
 
-  const Surroundings& around;
-  const Kind pairKind;
+  const Context& context;
+  const Pair::Kind pairKind;
   const std::string name;
   const std::string loggedName;
+  const std::optional<uid_t> user;
   std::unique_ptr<LeaseConnection> connection;
   std::unique_ptr<Child> child;
+  Broker broker;
   Phase phase = Phase::serving;
-  const char* farewell;
+  const char* notice;
   bool killed = false;
   bool stopping = false;
   bool served = false;  // ever

@@ -123,15 +123,19 @@ void QueuePair::Queue::publish(std::optional<Owner> owner) {
 }
 
 QueuePair::Queue::~Queue() {
-  ipc::message_queue::remove(name.c_str());
+  if (removesName) {
+    ipc::message_queue::remove(name.c_str());
+  }
 }
 
 QueuePair::QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner,
                      Heartbeat* heartbeat)
     : watched(heartbeat != nullptr ? *heartbeat : unwatched),
-      bufferSize(checkRoom(geometry).messageSize),
-      buffer(std::make_unique_for_overwrite<unsigned char[]>(bufferSize)),
-      published(name, geometry, readersOf(owner)),
+      messages(geometry.messages),
+      buffer(checkRoom(geometry).messageSize),
+      responseBuffer(sizeof(pvk_shm_response_t)),
+      published(name, geometry, readersOf(owner),
+                owner ? std::optional(owner->user) : std::nullopt),
       response(orvane::getMessageQueueResponseName(name),
                geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t),
                geometry.mode, owner),
@@ -141,10 +145,18 @@ std::optional<std::span<const unsigned char>> QueuePair::receive() {
   ipc::message_queue::size_type size = 0;
   unsigned priority = 0;
   const QueueCall call(watched);
-  if (!send.queue->try_receive(buffer.get(), bufferSize, size, priority)) {
+  if (!send.queue->try_receive(buffer.data(), buffer.size(), size, priority)) {
     return std::nullopt;
   }
-  return std::span<const unsigned char>(buffer.get(), size);
+  watched.messages.store(watched.messages.load(std::memory_order_relaxed) + 1,
+                         std::memory_order_relaxed);
+  return std::span<const unsigned char>(buffer.data(), size);
+}
+
+void QueuePair::leaveNames() {
+  response.removesName = false;
+  send.removesName = false;
+  published.leaveName();
 }
 
 std::size_t QueuePair::waiting() {
@@ -170,13 +182,13 @@ void QueuePair::postPending() {
 
 void QueuePair::discardAnswers() {
   pending.reset();
-  pvk_shm_response_t discarded;
   ipc::message_queue::size_type size = 0;
   unsigned priority = 0;
   // Bounded: another producer may be posting into this queue what it likes.
   for (std::size_t n = response.queue->get_max_msg(); n > 0; --n) {
     const QueueCall call(watched);
-    if (!response.queue->try_receive(&discarded, sizeof(discarded), size, priority)) {
+    if (!response.queue->try_receive(responseBuffer.data(), responseBuffer.size(), size,
+                                     priority)) {
       return;
     }
   }

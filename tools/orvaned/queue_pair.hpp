@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
@@ -12,6 +11,7 @@
 
 #include "heartbeat.hpp"
 #include "stats_file.hpp"
+#include "worker/guarded_buffer.hpp"
 
 namespace orvaned {
 
@@ -55,6 +55,12 @@ class QueuePair {
   // Throws away the answers that nobody took.
   void discardAnswers();
 
+  // From now on somebody else removes the names: this process is about to lose the right to.
+  void leaveNames();
+
+  // Messages that the send queue can hold.
+  std::size_t capacity() const { return messages; }
+
   // The published totals.
   tool::QueueStats& stats() { return published.stats(); }
 
@@ -71,6 +77,7 @@ class QueuePair {
 
     const std::string name;
     const std::string privateName;
+    bool removesName = true;
     std::optional<boost::interprocess::message_queue> queue;
   };
 
@@ -78,8 +85,9 @@ class QueuePair {
 
   Heartbeat unwatched;
   Heartbeat& watched;
-  const std::size_t bufferSize;
-  const std::unique_ptr<unsigned char[]> buffer;
+  const std::size_t messages;
+  const GuardedBuffer buffer;          // for a message
+  const GuardedBuffer responseBuffer;  // for an answer that nobody took
   StatsFile published;  // before the queues: there is none without it
   Queue response;       // before the send queue: a producer that finds that one must find both
   Queue send;

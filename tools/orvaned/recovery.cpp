@@ -1,22 +1,20 @@
 #include "recovery.hpp"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <optional>
 #include <orvane/orvane.hpp>
 #include <regex>
 #include <set>
+#include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
-#include <vector>
 
 #include "common/stored_file.hpp"
-#include "fd.hpp"
 #include "log.hpp"
 #include "manifest.hpp"
 #include "server_status.hpp"
@@ -25,6 +23,8 @@ namespace orvaned {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr char kManifest[] = "manifest";
 
 // What there is of a manifest, up to the first line that is torn or makes no sense.
 struct Listed {
@@ -35,18 +35,43 @@ struct Listed {
   std::optional<tool::Receipt> receipt;  // when nothing is missing but the final name
 };
 
-Listed readListed(const fs::path& file, const std::string& queue, const std::string& stream) {
-  std::ifstream lines(file, std::ios::binary);
+// The lines of a file, without their ends. A line without an end is torn, and none.
+class Lines {
+ public:
+  explicit Lines(Fd lineFile) : file(std::move(lineFile)) {}
+
+  bool next(std::string& line) {
+    std::size_t end = 0;
+    while ((end = buffered.find('\n')) == std::string::npos) {
+      std::array<char, 65536> block;
+      const ssize_t size = file.get() < 0 ? 0 : read(file.get(), block.data(), block.size());
+      if (size <= 0) {
+        return false;
+      }
+      buffered.append(block.data(), static_cast<std::size_t>(size));
+    }
+    line = buffered.substr(0, end);
+    buffered.erase(0, end + 1);
+    return true;
+  }
+
+ private:
+  const Fd file;
+  std::string buffered;
+};
+
+Listed readListed(Fd manifest, const std::string& queue, const std::string& stream) {
+  Lines lines(std::move(manifest));
   std::string line;
-  const auto next = [&] { return std::getline(lines, line) && !lines.eof(); };  // false: torn
   Listed listed;
   for (const std::string& first : {std::string("format=1"), "queue=" + queue, "stream=" + stream}) {
-    if (!next() || line != first) {
+    if (!lines.next(line) || line != first) {
       return {};
     }
     listed.bytes += line.size() + 1;
   }
-  while (next()) {
+  bool isLine = false;
+  while ((isLine = lines.next(line))) {
     const auto segment = parseSegment(line);
     if (!segment) {
       break;
@@ -54,30 +79,35 @@ Listed readListed(const fs::path& file, const std::string& queue, const std::str
     listed.segments.push_back(*segment);
     listed.bytes += line.size() + 1;
   }
-  if (const auto others = parseOthers(line)) {
+  listed.allBytes = listed.bytes + (isLine ? line.size() + 1 : 0);
+  if (const auto others = parseOthers(line); others && isLine) {
     listed.others = *others;
   }
   std::optional<tool::Receipt> receipt;
-  while (next()) {
+  while (lines.next(line)) {
+    listed.allBytes += line.size() + 1;
     if (const auto found = tool::parseReceipt(line)) {
       receipt = found;
     }
     if (line.starts_with("reason=")) {
       listed.receipt = receipt;
-      listed.allBytes = fs::file_size(file);
     }
   }
   return listed;
 }
 
-// A stream that a server left when it died.
+// A stream that a server or a worker left when it died.
 class LeftStream {
  public:
-  LeftStream(fs::path streamFolder, Sync syncMode)
-      : folder(std::move(streamFolder)), sync(syncMode), manifest(folder, sync) {}
+  LeftStream(StreamDirectory& streamFolder, Sync syncMode)
+      : folder(streamFolder), sync(syncMode), manifest(&folder, sync) {}
+
+  // Has another process finished it meanwhile?
+  bool isFinished();
 
   // Returns its receipt.
-  tool::Receipt finish(const std::string& queue, const std::string& stream);
+  tool::Receipt finish(const std::string& queue, const std::string& stream,
+                       const std::string& reason);
 
   std::size_t damagedFiles() const { return damaged.size(); }
 
@@ -87,21 +117,33 @@ class LeftStream {
     std::string reason;
   };
 
+  bool has(const std::string& name) const { return names.contains(name); }
+  Fd readManifest();
   void check(const SegmentSummary& segment);
   void checkOthers(const OtherRecords& others);
+  std::string faultOf(const std::string& name, const tool::Content& listedContent);
+  tool::Content contentOf(const std::string& name);
   void addUnlisted();
   void addUnlisted(const std::string& name);
 
-  const fs::path folder;
+  StreamDirectory& folder;
   const Sync sync;
   Manifest manifest;
+  std::set<std::string> names;   // of files that are there
   tool::Receipt receipt;         // of what is whole
   std::set<std::string> listed;  // names of files
   std::vector<Damage> damaged;
 };
 
-tool::Receipt LeftStream::finish(const std::string& queue, const std::string& stream) {
-  const Listed found = readListed(folder / "manifest.part", queue, stream);
+bool LeftStream::isFinished() {
+  const std::vector<std::string> found = folder.names();
+  names = {found.begin(), found.end()};
+  return has(kManifest);
+}
+
+tool::Receipt LeftStream::finish(const std::string& queue, const std::string& stream,
+                                 const std::string& reason) {
+  const Listed found = readListed(readManifest(), queue, stream);
   for (const SegmentSummary& segment : found.segments) {
     check(segment);
   }
@@ -123,27 +165,32 @@ tool::Receipt LeftStream::finish(const std::string& queue, const std::string& st
   }
   receipt.stream = stream;
   receipt.end = damaged.empty() ? tool::kCutOff : tool::kBroken;
-  manifest.finish(receipt, "the server died");
+  manifest.finish(receipt, reason);
   return receipt;
+}
+
+Fd LeftStream::readManifest() {
+  const std::string part = std::string(kManifest) + kUnfinished;
+  return has(part) ? folder.read(part) : Fd();
 }
 
 void LeftStream::check(const SegmentSummary& segment) {
   if (segment.file.empty()) {
     return count(receipt, segment);
   }
-  const fs::path file = folder / segment.file;
-  const fs::path part = file.string() + kUnfinished;
-  const bool renamed = fs::exists(file) || !fs::exists(part);
-  listed.insert({segment.file, segment.file + kUnfinished});
-  const std::string fault = tool::faultOf(renamed ? file : part, {segment.bytes, segment.checksum});
+  const std::string part = segment.file + kUnfinished;
+  const bool renamed = has(segment.file) || !has(part);
+  listed.insert({segment.file, part});
+  const std::string fault =
+      faultOf(renamed ? segment.file : part, {segment.bytes, segment.checksum});
   if (!fault.empty()) {
     damaged.push_back({segment.file, fault});
     return;
   }
   if (!renamed) {
-    OutputFile output(part, sync);
+    OutputFile output(&folder, part, sync);
     output.resume(segment.bytes);
-    output.finish(file);
+    output.finish(segment.file);
   }
   count(receipt, segment);
 }
@@ -153,24 +200,29 @@ void LeftStream::checkOthers(const OtherRecords& others) {
     return;
   }
   const std::uint64_t headers = others.records * orvane::pvk_shm_message_t::getSerializedSize();
-  const std::string fault =
-      tool::faultOf(folder / kOtherRecords, {headers + others.bytes, others.checksum});
+  const std::string fault = faultOf(kOtherRecords, {headers + others.bytes, others.checksum});
   if (!fault.empty()) {
     listed.insert(kOtherRecords);
     damaged.push_back({kOtherRecords, fault});
   }
 }
 
-void LeftStream::addUnlisted() {
-  std::set<std::string> names;
-  for (const auto& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename();
-    if (name == kOtherRecords || name.starts_with("segment-")) {
-      names.insert(name);
-    }
+std::string LeftStream::faultOf(const std::string& name, const tool::Content& listedContent) {
+  try {
+    return tool::faultOf(contentOf(name), listedContent);
+  } catch (const std::exception& e) {
+    return e.what();
   }
+}
+
+tool::Content LeftStream::contentOf(const std::string& name) {
+  return tool::contentOf(folder.read(name), folder.pathOf(name));
+}
+
+void LeftStream::addUnlisted() {
   for (const std::string& name : names) {
-    if (!listed.contains(name)) {
+    const bool isRecords = name == kOtherRecords || name.starts_with("segment-");
+    if (isRecords && !listed.contains(name)) {
       addUnlisted(name);
     }
   }
@@ -182,82 +234,76 @@ void LeftStream::addUnlisted(const std::string& name) {
     return;
   }
   try {
-    const tool::Content content = tool::contentOf(folder / name);
+    const tool::Content content = contentOf(name);
     manifest.add(tool::UnfinishedFile{name, content.bytes, content.checksum});
-  } catch (const std::runtime_error& e) {
+  } catch (const std::exception& e) {
     damaged.push_back({name, e.what()});
   }
 }
 
-// Two servers that start at once may both find the stream.
-class FolderLock {
- public:
-  explicit FolderLock(const std::string& path)
-      : fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-        taken(fd.get() < 0 || flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {}
-
-  bool isTaken() const { return taken; }
-
- private:
-  const Fd fd;
-  const bool taken;  // also where the folder cannot be opened: finishing it tells why
-};
-
-void recover(const UnfinishedStream& unfinished, Sync sync) {
+void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
   using namespace orvane::server;
   const Logger log("recovery");
-  const std::string loggedName = doublePercent(unfinished.queue);
+  const std::string queue = doublePercent(unfinished.queue);
+  const std::string left = "what " + std::string(who == "the server" ? "a dead server" : "a dead worker") + " left";
   try {
-    const FolderLock lock(unfinished.path);
-    if (!lock.isTaken() || fs::exists(unfinished.path + "/manifest")) {
-      return;  // another server does, or did, just this
+    LeftStream stream(*unfinished.folder, sync);
+    if (stream.isFinished()) {
+      return;
     }
-    LeftStream left(unfinished.path, sync);
-    const std::string receipt = textOf(left.finish(unfinished.queue, unfinished.stream));
-    if (left.damagedFiles() == 0) {
-      log.log(LEVEL_INFO, __func__, 0, "queue %s: finished what a dead server left: %s",
-              loggedName.c_str(), receipt.c_str());
+    const std::string receipt =
+        textOf(stream.finish(unfinished.queue, unfinished.stream, who + " died"));
+    if (stream.damagedFiles() == 0) {
+      log.log(LEVEL_INFO, __func__, 0, "queue %s: finished %s: %s", queue.c_str(), left.c_str(),
+              receipt.c_str());
     } else {
-      log.log(
-          LEVEL_WARNING, __func__, kStoreFailed,
-          "queue %s: finished what a dead server left: %s; damaged files: %zu, see its manifest",
-          loggedName.c_str(), receipt.c_str(), left.damagedFiles());
+      log.log(LEVEL_WARNING, __func__, kStoreFailed,
+              "queue %s: finished %s: %s; damaged files: %zu, see its manifest", queue.c_str(),
+              left.c_str(), receipt.c_str(), stream.damagedFiles());
     }
   } catch (const std::exception& e) {
     log.log(LEVEL_ERROR, __func__, kStoreFailed,
-            "queue %s: cannot finish what a dead server left, the next start tries again: %s",
-            loggedName.c_str(), doublePercent(e.what()).c_str());
+            "queue %s: cannot finish %s, the next start tries again: %s", queue.c_str(),
+            left.c_str(), doublePercent(e.what()).c_str());
   }
 }
 
 }  // namespace
 
-std::vector<UnfinishedStream> findUnfinished(
-    const std::string& store, const std::function<bool(const UnfinishedStream&)>& isDead) {
+LocalUnfinishedStreams::LocalUnfinishedStreams(
+    const std::string& store, const std::function<bool(const std::string& queue)>& isDead) {
   static const std::regex streamFolder("(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)");
   if (store == kNullStore) {
-    return {};
+    return;
   }
   std::error_code ignored;  // what cannot be looked into cannot be finished: that is logged then
-  std::vector<UnfinishedStream> found;
   for (const auto& entry : fs::directory_iterator(store)) {
     const std::string name = entry.path().filename();
     std::smatch parts;
-    if (!std::regex_match(name, parts, streamFolder) || !entry.is_directory(ignored) ||
-        fs::exists(entry.path() / "manifest", ignored)) {
-      continue;
-    }
-    UnfinishedStream stream{entry.path(), parts[1], parts[2]};
-    if (isDead(stream)) {
-      found.push_back(std::move(stream));
+    if (std::regex_match(name, parts, streamFolder) && entry.is_directory(ignored) &&
+        !entry.is_symlink(ignored) && !fs::exists(entry.path() / kManifest, ignored) &&
+        isDead(parts[1])) {
+      found.push_back({entry.path(), parts[1], parts[2]});
     }
   }
-  return found;
 }
 
-void recoverStreams(const std::vector<UnfinishedStream>& streams, Sync sync) {
-  for (const UnfinishedStream& stream : streams) {
-    recover(stream, sync);
+std::optional<UnfinishedStream> LocalUnfinishedStreams::next() {
+  while (!found.empty()) {
+    const Found one = std::move(found.back());
+    found.pop_back();
+    auto folder = std::make_unique<LocalDirectory>(one.path);
+    // Of one that cannot be opened, finishing it tells why.
+    if (folder->lock() || !folder->isOpen()) {
+      return UnfinishedStream{one.queue, one.stream, std::move(folder)};
+    }
+  }
+  return std::nullopt;
+}
+
+void recoverStreams(UnfinishedStreams& streams, Sync sync, const std::string& who) {
+  while (auto stream = streams.next()) {
+    recover(*stream, sync, who);
   }
 }
 

@@ -42,7 +42,7 @@ void lock(int file) {
 }  // namespace
 
 StatsFile::StatsFile(const std::string& queueName, const Geometry& geometry,
-                     std::optional<gid_t> readers)
+                     std::optional<gid_t> readers, std::optional<uid_t> user)
     : path(tool::statsPathOf(queueName)),
       file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kOwnersMode)) {
   if (file.get() < 0) {
@@ -54,7 +54,7 @@ StatsFile::StatsFile(const std::string& queueName, const Geometry& geometry,
     unlink(path.c_str());
     throw;
   }
-  publish(geometry, readers);
+  publish(geometry, readers, user);
 }
 
 // A file with holes would do until /dev/shm is full, and then kill whoever writes into it.
@@ -70,7 +70,8 @@ void StatsFile::allocate() {
   mapped = new (memory) QueueStats;
 }
 
-void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers) {
+void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
+                        std::optional<uid_t> user) {
   lock(file.get());
   // Where the group cannot be given, the queues cannot either, which is reported with them.
   const bool given = readers && fchown(file.get(), static_cast<uid_t>(-1), *readers) == 0;
@@ -82,12 +83,15 @@ void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers) 
   mapped->messageSize = geometry.messageSize;
   mapped->madeAt = wallClockNow();
   mapped->madeAtMonotonic = tool::monotonicNow();
+  mapped->userPlusOne = user ? std::uint64_t{*user} + 1 : 0;
   mapped->magic = tool::kStatsMagic;
 }
 
 StatsFile::~StatsFile() {
   munmap(mapped, sizeof(QueueStats));
-  unlink(path.c_str());
+  if (removesName) {
+    unlink(path.c_str());
+  }
 }
 
 }  // namespace orvaned

@@ -18,20 +18,25 @@ class StatsFile {
  public:
   // Throws std::runtime_error, leaving nothing behind. Whom the mode does not let read may still be
   // one of the readers, the group of a leased pair's producer.
-  StatsFile(const std::string& queueName, const Geometry& geometry, std::optional<gid_t> readers);
+  StatsFile(const std::string& queueName, const Geometry& geometry, std::optional<gid_t> readers,
+            std::optional<uid_t> user = {});
   ~StatsFile();
   StatsFile(const StatsFile&) = delete;
   StatsFile& operator=(const StatsFile&) = delete;
+
+  // From now on somebody else removes the file.
+  void leaveName() { removesName = false; }
 
   tool::QueueStats& stats() { return *mapped; }
 
  private:
   void allocate();
-  void publish(const Geometry& geometry, std::optional<gid_t> readers);
+  void publish(const Geometry& geometry, std::optional<gid_t> readers, std::optional<uid_t> user);
 
   const std::string path;
   Fd file;  // its lock tells that this process lives
   tool::QueueStats* mapped = nullptr;
+  bool removesName = true;
 };
 
 }  // namespace orvaned

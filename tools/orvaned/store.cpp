@@ -1,62 +1,33 @@
 #include "store.hpp"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
-#include "fd.hpp"
-#include "process_name.hpp"
-
 namespace orvaned {
-// By trying, with a file that never has a name: permissions alone do not tell of a read-only file
-// system.
-void checkWritable(const std::string& directory) {
-  if (directory == kNullStore) {
-    return;
-  }
-  const Fd probe(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
-  if (probe.get() < 0 && errno != EOPNOTSUPP) {
-    throw std::runtime_error(
-        "cannot store into " + directory + ": " + std::generic_category().message(errno) +
-        ": --store needs a folder that exists and that the server can write to");
-  }
+namespace {
+
+std::unique_ptr<StoreAccess> openStore(const std::string& directory, const std::string& queue,
+                                       Sync sync) {
+  checkWritable(directory);
+  return std::make_unique<LocalAccess>(directory, queue, sync);
 }
 
-Store::Store(std::string storeDirectory, std::string queueName, Sync syncMode)
-    : directory(std::move(storeDirectory)),
-      queue(std::move(queueName)),
-      sync(syncMode),
-      idPrefix(timeAndProcess()) {
-  checkWritable(directory);
-}
+}  // namespace
+
+Store::Store(const std::string& directory, const std::string& queueName, Sync syncMode)
+    : Store(openStore(directory, queueName, syncMode), queueName, syncMode) {}
+
+Store::Store(std::unique_ptr<StoreAccess> storeAccess, const std::string& queueName, Sync syncMode)
+    : access(std::move(storeAccess)), queue(queueName), sync(syncMode) {}
 
 std::unique_ptr<StreamFolder> Store::createStream() {
-  for (;;) {
-    const std::string id = nextStreamId();
-    const std::string path = directory + "/" + queue + "-" + id;
-    if (directory == kNullStore) {
-      return std::make_unique<StreamFolder>(path, queue, id, sync);
-    }
-    if (mkdir(path.c_str(), 0700) == 0) {
-      if (sync != Sync::none) {
-        syncFolder(directory);
-      }
-      return std::make_unique<StreamFolder>(path, queue, id, sync);
-    }
-    if (errno != EEXIST) {
-      throwStoreFailed(errno, "create", path);
-    }
-  }
+  StoreAccess::NewStream stream = access->createStream();
+  return std::make_unique<StreamFolder>(std::move(stream.folder), queue, stream.id, sync);
 }
 
 void Store::storeOutside(const orvane::ShmBatch::Entry& entry) {
   if (!outside) {
-    outside = std::make_unique<OutputFile>(directory + "/" + queue + "-outside-records", sync);
+    outsideFolder = access->outside();
+    outside = std::make_unique<OutputFile>(outsideFolder.get(), outsideNameOf(queue), sync);
   }
   appendRecord(*outside, entry);
 }
@@ -66,10 +37,6 @@ void Store::flush() {
   if (const auto file = std::move(outside)) {
     file->flush();
   }
-}
-
-std::string Store::nextStreamId() {
-  return orvane::UniqueIdGenerator::getInstance().generateId(idPrefix);
 }
 
 }  // namespace orvaned

@@ -5,20 +5,19 @@
 #include <string>
 
 #include "output_file.hpp"
+#include "store/store_access.hpp"
 #include "stream_folder.hpp"
 
 namespace orvaned {
-
-// Throws std::runtime_error unless `directory` is a folder that the server can write to. It is not
-// created: a mistyped path would fill the wrong disk. kNullStore always can.
-void checkWritable(const std::string& directory);
 
 // What one queue's streams leave on disk: a folder QUEUE-ID for each stream, and a file
 // QUEUE-outside-records for the records that came while no stream was open.
 class Store {
  public:
-  // Throws as checkWritable() does.
-  Store(std::string directory, std::string queue, Sync sync);
+  // Its own process makes the files. Throws as checkWritable() does.
+  Store(const std::string& directory, const std::string& queue, Sync sync);
+
+  Store(std::unique_ptr<StoreAccess> storeAccess, const std::string& queue, Sync sync);
 
   // A new stream's folder. Throws Ox_ErrnoException (kStoreFailed), as the next two do.
   std::unique_ptr<StreamFolder> createStream();
@@ -29,12 +28,10 @@ class Store {
   void flush();
 
  private:
-  std::string nextStreamId();
-
-  const std::string directory;
+  const std::unique_ptr<StoreAccess> access;
   const std::string queue;
   const Sync sync;
-  const std::string idPrefix;
+  std::unique_ptr<StreamDirectory> outsideFolder;
   std::unique_ptr<OutputFile> outside;
 };
 

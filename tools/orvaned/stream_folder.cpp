@@ -24,8 +24,8 @@ void appendRecord(OutputFile& file, const ShmBatch::Entry& entry) {
   file.append(header, dataOf(entry));
 }
 
-StreamFolder::Segment::Segment(const std::string& folder, const pvk_shm_message_t& first, Sync sync)
-    : name(segmentName(first.segmentNo)), file(folder + "/" + name + kUnfinished, sync) {
+StreamFolder::Segment::Segment(StreamDirectory* folder, const pvk_shm_message_t& first, Sync sync)
+    : name(segmentName(first.segmentNo)), file(folder, name + kUnfinished, sync) {
   summary.number = first.segmentNo;
   summary.algorithm = first.segAlg;
   summary.parameters[0] = first.segParam1;
@@ -33,12 +33,12 @@ StreamFolder::Segment::Segment(const std::string& folder, const pvk_shm_message_
   summary.parameters[2] = first.segParam3;
 }
 
-StreamFolder::StreamFolder(std::string folderPath, const std::string& queue,
+StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> streamFolder, const std::string& queue,
                            const std::string& stream, Sync syncMode)
-    : path(std::move(folderPath)),
+    : folder(std::move(streamFolder)),
       sync(syncMode),
-      manifest(path, sync),
-      other(path + "/" + kOtherRecords, sync) {
+      manifest(folder.get(), sync),
+      other(folder.get(), kOtherRecords, sync) {
   manifest.begin(queue, stream);
   summary.receipt.stream = stream;
 }
@@ -87,7 +87,7 @@ void StreamFolder::end(const std::string& how, const std::string& reason, std::u
 
 void StreamFolder::begin(const pvk_shm_message_t& first) {
   if (!segment) {
-    segment = std::make_unique<Segment>(path, first, sync);
+    segment = std::make_unique<Segment>(folder.get(), first, sync);
   }
 }
 
@@ -106,7 +106,7 @@ void StreamFolder::finishSegment() {
   const auto ended = std::move(segment);
   list(*ended, ended->name);
   manifest.settle();
-  ended->file.finish(path + "/" + ended->name);
+  ended->file.finish(ended->name);
 }
 
 void StreamFolder::abandonSegment() {

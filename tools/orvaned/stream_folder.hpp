@@ -19,7 +19,9 @@ namespace orvaned {
 // the stream can then only be ended as broken.
 class StreamFolder {
  public:
-  StreamFolder(std::string path, const std::string& queue, const std::string& stream, Sync sync);
+  // A null pointer keeps nothing, and only counts.
+  StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
+               const std::string& stream, Sync sync);
 
   void storeSegmentData(const orvane::ShmBatch::Entry& entry);
   void endSegment(const orvane::pvk_shm_message_t& header);
@@ -39,7 +41,7 @@ class StreamFolder {
 
  private:
   struct Segment {
-    Segment(const std::string& folder, const orvane::pvk_shm_message_t& first, Sync sync);
+    Segment(StreamDirectory* folder, const orvane::pvk_shm_message_t& first, Sync sync);
 
     SegmentSummary summary;
     std::string name;
@@ -53,7 +55,7 @@ class StreamFolder {
   void list(const Segment& ended, std::string fileName);
   void finishManifest();
 
-  const std::string path;
+  const std::unique_ptr<StreamDirectory> folder;
   const Sync sync;
   Manifest manifest;
   bool manifestTried = false;

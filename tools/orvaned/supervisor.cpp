@@ -2,14 +2,15 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <system_error>
+#include <exception>
 #include <utility>
 
+#include "common/shm_names.hpp"
 #include "log.hpp"
 #include "queue_pair.hpp"
 #include "server_status.hpp"
@@ -26,6 +27,7 @@ constexpr std::chrono::milliseconds kTick{500};  // between two looks at the hea
 constexpr std::chrono::milliseconds kTickAtStart{10};
 constexpr std::chrono::seconds kTimeToFinish{10};
 constexpr std::chrono::seconds kTimeToCleanUp{4};
+constexpr std::size_t kMostDeadPairs = 16;  // looked after at a time
 
 Fd openSignals() {
   sigset_t signals = supervisorSignals();
@@ -50,12 +52,12 @@ sigset_t supervisorSignals() {
 
 Supervisor::Supervisor(const Options& serverOptions)
     : options(serverOptions),
-      forPairs{options, [this](int keep) { closeOthers(keep); },
-               [this](const std::string& queue, pid_t worker) { recoverAfter(queue, worker); }},
+      context{options, getpid(), [this](std::vector<int> files) { keepOnly(std::move(files)); },
+              [this](Pair::Broker broker, bool died) { conclude(std::move(broker), died); }},
       signals(openSignals()) {
   if (!options.queue.empty()) {
     queueLock.emplace(tool::lockPathOf(options.queue));
-    requireOwnPair(options.queue);
+    requireOwnPair(options.queue, options.confinement.user);
   }
   if (!options.socket.empty()) {
     leases.emplace();
@@ -64,55 +66,92 @@ Supervisor::Supervisor(const Options& serverOptions)
 }
 
 bool Supervisor::run() {
+  tryTo("begin", [this] { begin(); });
+  while (!isOver()) {
+    tryTo("serve", [this] { step(); });
+  }
+  killAll();
+  return !failed;
+}
+
+void Supervisor::begin() {
+  recoverAgain = Clock::now();
   if (leases) {
-    cleanUpAfterDeadRuns();
+    searchAgain = Clock::now();
   }
   if (queueLock) {
-    recoverWhere([this](const UnfinishedStream& stream) { return stream.queue == options.queue; });
-    pairs.emplace_back(forPairs, Pair::Kind::fixed, options.queue);
+    pairs.emplace_back(context, Pair::Kind::fixed, options.queue);
   }
   if (desk) {
     Logger("orvaned").log(LEVEL_INFO, "serve", 0, "serving leases at %s, storing into %s",
                           doublePercent(options.socket).c_str(),
                           doublePercent(options.store).c_str());
   }
-  while (!isOver()) {
-    tellWhenReady();
-    waitForEvents();
-    takeSignals();
-    serveDesk();
-    stepPairs();
-    if (cleanUpAgain && Clock::now() >= *cleanUpAgain && !stopAt) {
-      cleanUpAfterDeadRuns();
+}
+
+void Supervisor::step() {
+  tellWhenReady();
+  waitForEvents();
+  takeSignals();
+  tryTo("serve requests for leases", [this] { serveDesk(); });
+  stepPairs();
+  stepRecoveries();
+  stepSearch();
+}
+
+// Memory may be out; whatever was to be done is tried again, or was refused.
+void Supervisor::tryTo(const char* action, const std::function<void()>& task) noexcept {
+  try {
+    task();
+  } catch (const std::exception& e) {
+    try {
+      Logger("supervisor")
+          .log(LEVEL_ERROR, __func__, kNoPair, "cannot %s, going on: %s", action,
+               doublePercent(e.what()).c_str());
+    } catch (const std::exception&) {
+      // Not even a line about it.
     }
-    std::erase_if(recoveries, [](Child& child) { return child.ended().has_value(); });
   }
-  return !failed;
 }
 
 // While others are served already: no new pair or stream has the name of an old one. A dead run's
 // last processes, or another server that cleans up after it or just looks, may still be in the way.
-void Supervisor::cleanUpAfterDeadRuns() {
-  bool again = false;
-  recoverWhere([&again](const UnfinishedStream& stream) {
-    const tool::LockFile::Owner owner = ownerOfLeased(stream.queue);
-    again = again || owner == tool::LockFile::Owner::dying;
-    return owner == tool::LockFile::Owner::dead;
-  });
-  DeadRuns dead = takeDeadRuns();
-  for (DeadRun& run : dead.taken) {
-    for (const std::string& queue : run.queues) {
-      pairs.emplace_back(forPairs, Pair::Kind::dead, queue);
+void Supervisor::stepRecoveries() {
+  for (RecoveryProcess& recovery : recoveries) {
+    recovery.step();
+    if (recovery.isOver() && recovery.isToBeRepeated()) {
+      recoverAgain = Clock::now() + kTick;
     }
-    deadRuns.push_back(std::move(run.lock));
   }
-  cleanUpAgain = again || dead.moreToCome ? std::optional(Clock::now() + kTick) : std::nullopt;
+  std::erase_if(recoveries, [](const RecoveryProcess& recovery) { return recovery.isOver(); });
+  if (recoverAgain && Clock::now() >= *recoverAgain && !stopAt) {
+    recoverAgain = Clock::now() + kTick;  // unless the next line succeeds
+    recoveries.emplace_back(context, options.queue);
+    recoverAgain.reset();
+  }
 }
 
-void Supervisor::recoverWhere(const std::function<bool(const UnfinishedStream&)>& isDead) {
-  const std::vector<UnfinishedStream> unfinished = findUnfinished(options.store, isDead);
-  if (!unfinished.empty()) {
-    recover([&unfinished, this] { recoverStreams(unfinished, options.sync); });
+void Supervisor::stepSearch() {
+  if (searchAgain && Clock::now() >= *searchAgain && !search && !stopAt) {
+    search.emplace(context);
+    searchAgain.reset();
+  }
+  if (!search) {
+    return;
+  }
+  while (deadPairs() < kMostDeadPairs) {
+    const auto left = search->next();
+    if (!left) {
+      break;
+    }
+    pairs.emplace_back(context, Pair::Kind::dead, left->queue, left->user);
+  }
+  if ((search->isComplete() || stopAt) && deadPairs() == 0) {
+    search->release();
+  }
+  if (search->isOver()) {
+    searchAgain = search->isToBeRepeated() ? std::optional(Clock::now() + kTick) : std::nullopt;
+    search.reset();
   }
 }
 
@@ -127,7 +166,7 @@ void Supervisor::tellWhenReady() {
 }
 
 bool Supervisor::isOver() const {
-  const bool nothingLeft = pairs.empty() && recoveries.empty();
+  const bool nothingLeft = pairs.empty() && recoveries.empty() && !search;
   if (stopAt && Clock::now() >= *stopAt + kTimeToFinish + kTimeToCleanUp) {
     return true;  // a process that even SIGKILL does not end: it waits for a disk
   }
@@ -135,7 +174,8 @@ bool Supervisor::isOver() const {
 }
 
 void Supervisor::waitForEvents() {
-  std::vector<pollfd> events = {{signals.get(), POLLIN, 0}};
+  std::vector<pollfd> events = {{signals.get(), POLLIN, 0},
+                                {search && !search->isComplete() ? search->fd() : -1, POLLIN, 0}};
   if (desk) {
     desk->addTo(events);
   }
@@ -151,21 +191,28 @@ void Supervisor::takeSignals() {
     }
   }
   if (stopAt && Clock::now() >= *stopAt + kTimeToFinish) {
-    for (Pair& pair : pairs) {
-      pair.kill();
-    }
+    killAll();
+  }
+}
+
+void Supervisor::killAll() {
+  for (Pair& pair : pairs) {
+    pair.kill();
+  }
+  for (const RecoveryProcess& recovery : recoveries) {
+    recovery.signal(SIGKILL);
   }
 }
 
 void Supervisor::stop() {
-  manager.tell("STOPPING=1");
   stopAt = Clock::now();
+  manager.tell("STOPPING=1");
   desk.reset();
   for (Pair& pair : pairs) {
     pair.stop();
   }
   // What is not finished then is left to the next start.
-  for (const Child& recovery : recoveries) {
+  for (const RecoveryProcess& recovery : recoveries) {
     recovery.signal(SIGTERM);
   }
 }
@@ -177,11 +224,22 @@ void Supervisor::serveDesk() {
   const auto limit = [this](const ucred& producer, LeaseDesk::Count applications) {
     return limitReachedBy(producer, applications);
   };
-  asked = desk->serve(limit);
-  for (auto& connection : asked) {
-    pairs.emplace_back(forPairs, Pair::Kind::leased, leases->newQueueName(), std::move(connection));
+  for (auto& connection : desk->serve(limit)) {
+    startLease(std::move(connection));
   }
-  asked.clear();
+}
+
+void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
+  LeaseConnection* const asking = connection.get();
+  try {
+    const uid_t user = connection->producer().uid;
+    pairs.emplace_back(context, Pair::Kind::leased, leases->newQueueName(), user,
+                       std::move(connection));
+  } catch (const std::exception& e) {
+    if (connection) {
+      refuse(*asking, kNoPair, e.what());
+    }
+  }
 }
 
 std::string Supervisor::limitReachedBy(const ucred& producer, LeaseDesk::Count applications) const {
@@ -198,8 +256,7 @@ std::string Supervisor::limitReachedBy(const ucred& producer, LeaseDesk::Count a
            " leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
   }
   const std::size_t bytes = (all + 1) * bytesOfPair(options.geometry);
-  const std::size_t limit =
-      options.shmLimit != 0 ? options.shmLimit : std::filesystem::space("/dev/shm").capacity / 2;
+  const std::size_t limit = shmLimit();
   if (bytes > limit) {
     return "the leases would take " + std::to_string(bytes) + " bytes of /dev/shm, of " +
            std::to_string(limit) +
@@ -208,9 +265,18 @@ std::string Supervisor::limitReachedBy(const ucred& producer, LeaseDesk::Count a
   return "";
 }
 
+// Where the system does not say how much there is, making a pair tells.
+std::size_t Supervisor::shmLimit() const {
+  struct statvfs shm = {};
+  if (options.shmLimit != 0 || statvfs(tool::kShmFolder, &shm) != 0) {
+    return options.shmLimit != 0 ? options.shmLimit : SIZE_MAX;
+  }
+  return shm.f_blocks * shm.f_frsize / 2;
+}
+
 void Supervisor::stepPairs() {
   for (auto pair = pairs.begin(); pair != pairs.end();) {
-    pair->step();
+    tryTo("look after a queue", [&] { pair->step(); });
     if (pair->isOver()) {
       failed = failed || (pair->kind() == Pair::Kind::fixed && !stopAt);
       pair = pairs.erase(pair);
@@ -221,48 +287,34 @@ void Supervisor::stepPairs() {
   if (failed && !stopAt) {
     stop();
   }
-  if (std::none_of(pairs.begin(), pairs.end(),
-                   [](const Pair& pair) { return pair.kind() == Pair::Kind::dead; })) {
-    deadRuns.clear();
+}
+
+std::size_t Supervisor::deadPairs() const {
+  return static_cast<std::size_t>(
+      std::count_if(pairs.begin(), pairs.end(),
+                    [](const Pair& pair) { return pair.kind() == Pair::Kind::dead; }));
+}
+
+void Supervisor::conclude(Pair::Broker broker, bool died) {
+  if (died) {
+    recoveries.emplace_back(context, std::move(broker));
+  } else {
+    recoveries.push_back(RecoveryProcess::nothingLeft(std::move(broker)));
   }
 }
 
-void Supervisor::recoverAfter(const std::string& queue, pid_t worker) {
-  recover([this, queue, worker] {
-    const std::string process = "-" + std::to_string(worker) + "_";
-    recoverStreams(findUnfinished(options.store,
-                                  [&](const UnfinishedStream& stream) {
-                                    return stream.queue == queue &&
-                                           stream.stream.find(process) != std::string::npos;
-                                  }),
-                   options.sync);
-  });
-}
-
-void Supervisor::recover(const std::function<void()>& task) {
-  try {
-    recoveries.emplace_back([this, &task](Heartbeat&) {
-      closeOthers(-1);
-      endAtTermination();
-      task();
-      return 0;
-    });
-  } catch (const std::system_error& e) {
-    Logger("recovery")
-        .log(LEVEL_ERROR, __func__, kStoreFailed,
-             "the next start finishes what a dead server left: %s", e.what());
+// The locks too: they tell other servers that some process of this one still lives.
+void Supervisor::keepOnly(std::vector<int> files) const {
+  if (queueLock) {
+    files.push_back(queueLock->file());
   }
-}
-
-void Supervisor::closeOthers(int keep) {
-  signals.reset();
+  if (leases) {
+    files.push_back(leases->lockFile());
+  }
   if (desk) {
-    desk->closeFiles(keep);
+    files.push_back(desk->lockFile());
   }
-  std::erase_if(asked, [keep](const auto& one) { return one && one->fd() != keep; });
-  for (Pair& pair : pairs) {
-    pair.closeConnection(keep);
-  }
+  closeFilesExcept(std::move(files));
 }
 
 }  // namespace orvaned

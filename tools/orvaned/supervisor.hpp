@@ -15,13 +15,16 @@
 #include "lease_run.hpp"
 #include "options.hpp"
 #include "pair.hpp"
-#include "recovery.hpp"
 #include "service_manager.hpp"
+#include "supervisor/dead_run_search.hpp"
+#include "supervisor/recovery_process.hpp"
 
 namespace orvaned {
 
-// The server's main process. It takes requests for leases, starts a worker process for each queue
-// pair, watches them, and cleans up after those that died; it neither stores nor touches a queue.
+// The server's main process. It takes requests for leases, starts the processes that serve queue
+// pairs, watches them, and cleans up after those that died. It never touches a queue or the store,
+// it never waits for anything but events, and what it calls may fail but not end it: whatever
+// cannot be done now is logged, and done later or refused.
 class Supervisor {
  public:
   // Takes the names that it is to serve. Throws std::runtime_error when others have them.
@@ -34,32 +37,38 @@ class Supervisor {
  private:
   using Clock = Child::Clock;
 
-  void cleanUpAfterDeadRuns();
-  void recoverWhere(const std::function<bool(const UnfinishedStream&)>& isDead);
+  void begin();
+  void step();
+  void tryTo(const char* action, const std::function<void()>& task) noexcept;
+  void stepRecoveries();
+  void stepSearch();
   void tellWhenReady();
   bool isOver() const;
   void waitForEvents();
   void takeSignals();
+  void killAll();
   void stop();
   void serveDesk();
+  void startLease(std::unique_ptr<LeaseConnection> connection);
   std::string limitReachedBy(const ucred& producer, LeaseDesk::Count applications) const;
+  std::size_t shmLimit() const;
   void stepPairs();
-  void recoverAfter(const std::string& queue, pid_t worker);
-  void recover(const std::function<void()>& task);
-  void closeOthers(int keep);
+  std::size_t deadPairs() const;
+  void conclude(Pair::Broker broker, bool died);
+  void keepOnly(std::vector<int> files) const;
 
   const Options& options;
-  const Pair::Surroundings forPairs;
+  const Pair::Context context;
   ServiceManager manager;
   Fd signals;
   std::optional<tool::LockFile> queueLock;
   std::optional<LeaseRun> leases;
   std::optional<LeaseDesk> desk;
-  std::vector<LeaseDesk::Connection> asked;  // what becomes pairs just now
-  std::vector<tool::LockFile> deadRuns;
-  std::optional<Clock::time_point> cleanUpAgain;
+  std::optional<DeadRunSearch> search;
+  std::optional<Clock::time_point> searchAgain;
+  std::optional<Clock::time_point> recoverAgain;
+  std::list<RecoveryProcess> recoveries;
   std::list<Pair> pairs;
-  std::list<Child> recoveries;
   bool ready = false;  // all that was asked for is served
   std::optional<Clock::time_point> stopAt;
   bool failed = false;  // to make the fixed pair at all

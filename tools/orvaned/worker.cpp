@@ -1,7 +1,8 @@
 #include "worker.hpp"
 
+#include <poll.h>
+
 #include <algorithm>
-#include <stdexcept>
 #include <utility>
 
 #include "common/receipt.hpp"
@@ -16,18 +17,26 @@ using orvane::server::LEVEL_ERROR;
 using orvane::server::LEVEL_INFO;
 using orvane::server::LEVEL_WARNING;
 
+namespace {
+
+// For a producer that reads its receipts when the worker ends.
+constexpr std::chrono::seconds kTimeToRead{5};
+constexpr int kLookAgainMs = 100;
+
+}  // namespace
+
 std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
 }
 
-Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore, Tell tellEnds,
-               Capture messageCapture)
+Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore,
+               LeaseConnection* leaseConnection, Capture messageCapture)
     : queueName(std::move(name)),
       loggedName(doublePercent(queueName)),
       queues(queuePair),
       stats(queuePair.stats()),
       store(streamStore),
-      tell(std::move(tellEnds)),
+      lease(leaseConnection),
       capture(std::move(messageCapture)) {}
 
 const Ending& Worker::run(const EndWithin& endWithin) {
@@ -44,7 +53,7 @@ const Ending& Worker::run(const EndWithin& endWithin) {
 }
 
 std::chrono::microseconds Worker::step() {
-  if (runOnce()) {
+  if (mayTake() && runOnce()) {
     pause.reset();
     return std::chrono::microseconds(0);
   }
@@ -69,7 +78,9 @@ bool Worker::runOnce() {
 }
 
 void Worker::finish(const Ending& ending) {
-  for (std::size_t count = queues.waiting(); count > 0; --count) {
+  // The count is the queue's own, which a hostile producer may have forged.
+  std::size_t count = std::min(queues.waiting(), queues.capacity());
+  while (count-- > 0 && awaitReader(Unread::few)) {
     runOnce();
   }
   abandonStream(tool::kCutOff, ending.reason, kServerEnding);
@@ -78,6 +89,46 @@ void Worker::finish(const Ending& ending) {
             loggedName.c_str(), badBatches);
   }
   farewell(ending.farewell);
+  awaitReader(Unread::none);
+}
+
+// The receipts that nobody reads must not take all memory.
+bool Worker::mayTake() {
+  if (lease == nullptr) {
+    return true;
+  }
+  publishUnread();
+  const bool awaited = lease->isFull();
+  if (awaited && !receiptsAwaited) {
+    log.log(LEVEL_WARNING, __func__, 0,
+            "queue %s: no batch is taken until the producer reads some of its %zu receipts",
+            loggedName.c_str(), lease->waiting());
+  }
+  receiptsAwaited = awaited;
+  return !awaited;
+}
+
+// A producer that does not read is waited for once.
+bool Worker::awaitReader(Unread wanted) {
+  if (lease == nullptr) {
+    return true;
+  }
+  const auto isReached = [this, wanted] {
+    return wanted == Unread::none ? lease->drained() : !lease->isFull();
+  };
+  const auto deadline = std::chrono::steady_clock::now() + kTimeToRead;
+  while (!isReached() && !readerGivenUp) {
+    pollfd room = {lease->fd(), POLLOUT, 0};
+    poll(&room, 1, kLookAgainMs);
+    lease->sendKept();
+    readerGivenUp = std::chrono::steady_clock::now() >= deadline;
+  }
+  publishUnread();
+  return isReached();
+}
+
+void Worker::publishUnread() {
+  stats.unreadReceipts.store(lease->waiting(), std::memory_order_relaxed);
 }
 
 void Worker::countBatch(ox_status_t status) {
@@ -274,6 +325,12 @@ void Worker::tellFailure(ox_status_t status, const std::string& reason) {
   tell("failed " + std::to_string(status) + " " + reason);
 }
 
+void Worker::tell(const std::string& text) {
+  if (lease != nullptr) {
+    lease->send(text);
+  }
+}
+
 void Worker::farewell(const std::string& reason) {
   pvk_shm_response_t response;
   response.assign(kServerEnding, reason.c_str());
@@ -287,7 +344,7 @@ void Worker::giveUp(const std::string& reason) {
   } catch (const interprocess_exception&) {
     // The response queue is beyond use as well.
   }
-  throw std::runtime_error("queue " + queueName + ": " + reason);
+  throw PairFailed("queue " + queueName + ": " + reason);
 }
 
 }  // namespace orvaned

@@ -6,9 +6,11 @@
 #include <optional>
 #include <orvane/orvane.hpp>
 #include <span>
+#include <stdexcept>
 #include <string>
 
 #include "capture.hpp"
+#include "lease_connection.hpp"
 #include "queue_pair.hpp"
 #include "store.hpp"
 #include "stream_state.hpp"
@@ -37,9 +39,11 @@ struct Ending {
 // Waits so long, or until the worker is to end; then it says why.
 using EndWithin = std::function<const Ending*(std::chrono::microseconds)>;
 
-// Is told of each stream's end: its receipt, or "failed STATUS REASON" when it was not stored
-// whole.
-using Tell = std::function<void(const std::string&)>;
+// The queues are of no more use: a process died or hangs inside one. The worker has ended its stream
+// and said so.
+class PairFailed : public std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 // Serves one queue pair: takes its batches, stores what they carry, answers each of them once.
 //
@@ -54,11 +58,13 @@ using Tell = std::function<void(const std::string&)>;
 // well, and no error. Other records outside a stream are kept apart.
 //
 // A success is answered without text while a stream is open, else with the receipt of the last one.
+// A lease is told of each stream's end: its receipt, or "failed STATUS REASON" when it was not
+// stored whole. While its producer leaves too many of them unread, no batch is taken.
 class Worker {
  public:
-  Worker(
-      std::string queueName, QueuePair& queues, Store& store, Tell tell = [](const std::string&) {},
-      Capture capture = {});
+  // A null pointer: the queue is no lease's.
+  Worker(std::string queueName, QueuePair& queues, Store& store, LeaseConnection* lease = nullptr,
+         Capture capture = {});
 
   // Takes one batch, if there is one. What Boost throws passes through.
   bool runOnce();
@@ -68,15 +74,19 @@ class Worker {
 
   // Takes batches until it is to end, then finishes; returns why it ended. When the queues fail,
   // ends the open stream as broken, tells the producer if that is still possible, and throws
-  // std::runtime_error.
+  // PairFailed.
   const Ending& run(const EndWithin& endWithin);
 
-  // Takes what waits in the send queue now, cuts an open stream off, posts a farewell.
+  // Takes what waits in the send queue now, at most as many messages as it holds; cuts an open
+  // stream off; posts a farewell; and gives a producer that reads its receipts some seconds to.
   void finish(const Ending& ending);
 
  private:
   using Entry = orvane::ShmBatch::Entry;
   using Header = orvane::pvk_shm_message_t;
+
+  // Of a lease's receipts.
+  enum class Unread { few, none };
 
   struct Stream {
     StreamState state;
@@ -102,6 +112,10 @@ class Worker {
   void abandonStream(const char* how, const std::string& reason, ox_status_t status = 0);
   void concludeStream();
   void tellFailure(ox_status_t status, const std::string& reason);
+  void tell(const std::string& text);
+  bool mayTake();
+  bool awaitReader(Unread wanted);
+  void publishUnread();
   void farewell(const std::string& reason);
   [[noreturn]] void giveUp(const std::string& reason);
 
@@ -111,8 +125,10 @@ class Worker {
   QueuePair& queues;
   tool::QueueStats& stats;
   Store& store;
-  const Tell tell;
+  LeaseConnection* const lease;
   Capture capture;
+  bool receiptsAwaited = false;  // no batch is taken until some were read
+  bool readerGivenUp = false;    // at the end: it does not read
   std::optional<Stream> stream;
   std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
   std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand

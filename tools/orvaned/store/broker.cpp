@@ -1,0 +1,234 @@
+#include "store/broker.hpp"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <orvane/orvane.hpp>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/manifest_lines.hpp"
+#include "log.hpp"
+#include "server_status.hpp"
+
+namespace orvaned {
+namespace {
+
+constexpr std::string_view kManifest = "manifest";
+constexpr std::string_view kSegment = "segment-";
+constexpr std::size_t kMostDigits = 20;
+
+bool isSegment(std::string_view name) {
+  if (!name.starts_with(kSegment)) {
+    return false;
+  }
+  name.remove_prefix(kSegment.size());
+  return !name.empty() && name.size() <= kMostDigits &&
+         name.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+bool isFinalName(std::string_view name) {
+  return name == kManifest || isSegment(name);
+}
+
+// A file that is not finished yet, or never gets another name.
+bool isChangeable(std::string_view name) {
+  if (name == tool::kOtherRecords) {
+    return true;
+  }
+  const std::string_view unfinished = tool::kUnfinished;
+  return name.ends_with(unfinished) && isFinalName(name.substr(0, name.size() - unfinished.size()));
+}
+
+bool isAllowed(const BrokerRequest& request) {
+  switch (request.call) {
+    case BrokerCall::read:
+      return isChangeable(request.name) || isFinalName(request.name);
+    case BrokerCall::rename:
+      return isFinalName(request.other) && request.name == request.other + tool::kUnfinished;
+    case BrokerCall::sync:
+    case BrokerCall::names:
+      return true;
+    default:
+      return isChangeable(request.name);
+  }
+}
+
+std::uint64_t sizeOf(const Fd& file) {
+  struct stat status = {};
+  return fstat(file.get(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+[[noreturn]] void refuse(const char* reason) {
+  throw Ox_ErrnoException(kStoreFailed, std::string("the broker refuses: ") + reason, "");
+}
+
+}  // namespace
+
+Broker::Broker(const Task& brokerTask, Fd socketToProcess)
+    : task(brokerTask),
+      socket(std::move(socketToProcess)),
+      access(task.store, task.queue, task.sync) {}
+
+void Broker::run() {
+  std::vector<unsigned char> packet(kLongestBrokerText);
+  for (;;) {
+    const ssize_t size = recv(socket.get(), packet.data(), packet.size(), 0);
+    if (size < 0 && errno == EINTR) {
+      continue;
+    }
+    if (size <= 0) {
+      return;
+    }
+    // What is no request can only come from a process that was taken over.
+    if (const auto request = parseRequest({packet.data(), static_cast<std::size_t>(size)})) {
+      answer(*request);
+    }
+  }
+}
+
+void Broker::answer(const BrokerRequest& request) {
+  if (request.call == BrokerCall::log) {
+    return log(request);
+  }
+  if (request.call == BrokerCall::endStream) {
+    return open.reset();
+  }
+  BrokerReply reply;
+  reply.serial = request.serial;
+  try {
+    perform(request, reply);
+  } catch (const std::exception& e) {
+    reply.error = EIO;
+    reply.text = e.what();
+  }
+  sendReply(socket, reply);
+}
+
+void Broker::perform(const BrokerRequest& request, BrokerReply& reply) {
+  switch (request.call) {
+    case BrokerCall::checkStore:
+      return checkWritable(task.store);
+    case BrokerCall::createStream:
+      return createStream(reply);
+    case BrokerCall::nextUnfinished:
+      return findUnfinished(reply);
+    default:
+      return performOnFile(request, reply);
+  }
+}
+
+void Broker::performOnFile(const BrokerRequest& request, BrokerReply& reply) {
+  StreamDirectory& folder = folderOf(request);
+  switch (request.call) {
+    case BrokerCall::append:
+      reply.file = folder.append(request.name);
+      if (request.area == BrokerArea::outside) {
+        outside.size = sizeOf(reply.file);
+      }
+      return;
+    case BrokerCall::read:
+      reply.file = folder.read(request.name);
+      return;
+    case BrokerCall::truncate:
+      return folder.truncate(request.name, request.number);
+    case BrokerCall::remove:
+      return folder.remove(request.name);
+    case BrokerCall::rename:
+      return folder.rename(request.name, request.other);
+    case BrokerCall::sync:
+      return folder.sync();
+    default:
+      return listNames(request.number, reply);
+  }
+}
+
+void Broker::createStream(BrokerReply& reply) {
+  if (task.queue.empty()) {
+    refuse("this process has no queue");
+  }
+  open.reset();
+  StoreAccess::NewStream stream = access.createStream();
+  if (!stream.folder) {
+    refuse("this store keeps nothing");
+  }
+  open = UnfinishedStream{task.queue, stream.id, std::move(stream.folder)};
+  reply.text = open->stream + '\0' + open->folder->path();
+}
+
+// As many as fit into a reply.
+void Broker::listNames(std::uint64_t from, BrokerReply& reply) {
+  std::vector<std::string> names = open->folder->names();
+  std::sort(names.begin(), names.end());
+  reply.number = names.size();
+  for (std::size_t i = from; i < names.size(); ++i) {
+    if (reply.text.size() + names[i].size() + 1 > kLongestBrokerText) {
+      return;
+    }
+    reply.text += names[i] + '/';
+  }
+}
+
+void Broker::findUnfinished(BrokerReply& reply) {
+  if (task.unfinished != nullptr) {
+    open = task.unfinished->next();
+  }
+  if (open) {
+    reply.number = 1;
+    reply.text = open->queue + '\0' + open->stream + '\0' + open->folder->path();
+  }
+}
+
+StreamDirectory& Broker::folderOf(const BrokerRequest& request) {
+  if (request.area == BrokerArea::outside) {
+    checkOutside(request);
+    outside.folder = access.outside();
+    if (!outside.folder) {
+      refuse("this store keeps nothing");
+    }
+    return *outside.folder;
+  }
+  if (!open) {
+    refuse("no stream is open");
+  }
+  if (!isAllowed(request)) {
+    refuse("this process may not do that to this file");
+  }
+  return *open->folder;
+}
+
+// Others' records are in that file too: it can grow, and lose only what it gained since it was
+// opened.
+void Broker::checkOutside(const BrokerRequest& request) const {
+  const bool isSync = request.call == BrokerCall::sync;
+  const bool isItsFile = !task.queue.empty() && request.name == outsideNameOf(task.queue);
+  const bool isKept =
+      request.call == BrokerCall::append ||
+      (request.call == BrokerCall::truncate && request.number >= outside.size) ||
+      (request.call == BrokerCall::remove && outside.size == 0);
+  if (!isSync && !(isItsFile && isKept)) {
+    refuse("this process may not do that to the records outside a stream");
+  }
+}
+
+// A line that does not name the queue gets its name: it may come from a process that was taken
+// over.
+void Broker::log(const BrokerRequest& request) const {
+  std::string line = request.other.substr(0, request.other.find('\0'));
+  const std::string queue = "queue " + task.queue;
+  if (!task.queue.empty() && line.find(queue) == std::string::npos) {
+    const std::size_t function = line.find(": ");
+    line.insert(function == std::string::npos ? 0 : function + 2, queue + ": ");
+  }
+  const std::uint64_t kind = request.number >> 32;
+  if (kind <= static_cast<std::uint64_t>(ox::Kind::leave)) {
+    writeLine(static_cast<ox::Kind>(kind), static_cast<std::int32_t>(request.number), line.c_str());
+  }
+}
+
+}  // namespace orvaned

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "output_file.hpp"
+#include "recovery.hpp"
+#include "store/broker_messages.hpp"
+#include "store/store_access.hpp"
+
+namespace orvaned {
+
+// The broker of one confined process. It has the server's rights and uses them for that process: it
+// makes the folders of its streams, and opens, renames and syncs files of the one stream that is
+// open, whose names it checks itself. It never touches a producer's memory, and a request that
+// breaks these rules is refused.
+class Broker {
+ public:
+  struct Task {
+    std::string store;
+    std::string queue;  // of the confined process; empty: it has none
+    Sync sync = Sync::segment;
+    // The streams that the confined process finishes; null: the one that another process left open.
+    UnfinishedStreams* unfinished = nullptr;
+  };
+
+  Broker(const Task& brokerTask, Fd socketToProcess);
+
+  // Answers requests until the other end of the socket is closed.
+  void run();
+
+ private:
+  // A file that may be cut, but not below what it held when it was opened last.
+  struct Outside {
+    std::unique_ptr<StreamDirectory> folder;
+    std::uint64_t size = 0;
+  };
+
+  void answer(const BrokerRequest& request);
+  void perform(const BrokerRequest& request, BrokerReply& reply);
+  void performOnFile(const BrokerRequest& request, BrokerReply& reply);
+  void createStream(BrokerReply& reply);
+  void listNames(std::uint64_t from, BrokerReply& reply);
+  void findUnfinished(BrokerReply& reply);
+  StreamDirectory& folderOf(const BrokerRequest& request);
+  void checkOutside(const BrokerRequest& request) const;
+  void log(const BrokerRequest& request) const;
+
+  const Task task;
+  const Fd socket;
+  LocalAccess access;
+  std::optional<UnfinishedStream> open;
+  Outside outside;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "fd.hpp"
+
+namespace orvaned {
+
+// What a confined process and its broker send each other, over a Unix socket of packets
+// (SOCK_SEQPACKET). Both run the same program, so numbers are in the machine's own order; but the
+// confined process may have been taken over by a hostile producer, so the broker trusts no byte.
+//
+//   request   serial 4, call 4, area 4, size of the name 4, number 8, name, other text
+//   reply     serial 4, error 4, number 8, text; with or without one file (SCM_RIGHTS)
+//
+// A reply carries the serial of its request: a process that goes on where another one died passes
+// over the replies that the dead one did not take.
+enum class BrokerCall : std::uint32_t {
+  checkStore,      // can the store be written to?
+  createStream,    // -> text: id, path; ends the stream before it
+  endStream,       // no reply
+  append,          // name -> file
+  read,            // name -> file
+  truncate,        // name, number: size
+  remove,          // name
+  rename,          // name, other: the new name
+  sync,            //
+  names,           // number: how many to pass over -> text: names, each ended by '/'; number: all
+  nextUnfinished,  // -> number: 1 when there is one; text: queue, id, path
+  log              // number: kind * 2^32 + code, other: line; no reply
+};
+
+// Which files a name is looked for among.
+enum class BrokerArea : std::uint32_t { stream, outside };
+
+struct BrokerRequest {
+  std::uint32_t serial = 0;
+  BrokerCall call = BrokerCall::checkStore;
+  BrokerArea area = BrokerArea::stream;
+  std::uint64_t number = 0;
+  std::string name;
+  std::string other;
+};
+
+struct BrokerReply {
+  std::uint32_t serial = 0;
+  std::int32_t error = 0;  // an errno value; `text` then says what failed
+  std::uint64_t number = 0;
+  std::string text;  // several parts are divided by '\0'
+  Fd file;
+};
+
+constexpr std::size_t kLongestBrokerText = 32768;
+
+std::vector<unsigned char> bytesOf(const BrokerRequest& request);
+
+// Nothing when the bytes are no request.
+std::optional<BrokerRequest> parseRequest(std::span<const unsigned char> bytes);
+
+// With MSG_DONTWAIT as one of the flags, false when there is no room.
+bool sendRequest(const Fd& socket, const BrokerRequest& request, int flags = 0);
+void sendReply(const Fd& socket, const BrokerReply& reply);
+
+// Nothing when the other side has ended.
+std::optional<BrokerReply> receiveReply(const Fd& socket);
+
+std::vector<std::string> partsOf(const std::string& text);
+
+}  // namespace orvaned

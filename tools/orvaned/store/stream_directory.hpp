@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fd.hpp"
+
+namespace orvaned {
+
+// The folder of one stream, as the process that stores into it may use it: LocalDirectory is the
+// folder itself, BrokeredDirectory asks the broker of a confined process. Every name is that of a
+// file in the folder. Nothing here follows a symbolic link or opens anything but a regular file.
+//
+// Each call throws Ox_ErrnoException (kStoreFailed) with the cause and the path.
+class StreamDirectory {
+ public:
+  explicit StreamDirectory(std::string folderPath) : folder(std::move(folderPath)) {}
+  virtual ~StreamDirectory() = default;
+  StreamDirectory(const StreamDirectory&) = delete;
+  StreamDirectory& operator=(const StreamDirectory&) = delete;
+
+  // For appending; created when it is missing, for its owner only.
+  virtual Fd append(const std::string& name) = 0;
+
+  // For reading.
+  virtual Fd read(const std::string& name) = 0;
+
+  // Cuts the file after its first `size` bytes.
+  virtual void truncate(const std::string& name, std::uint64_t size) = 0;
+
+  virtual void remove(const std::string& name) = 0;
+  virtual void rename(const std::string& from, const std::string& to) = 0;
+
+  // Brings the names in the folder onto the disk.
+  virtual void sync() = 0;
+
+  // All files that are there, in no order.
+  virtual std::vector<std::string> names() = 0;
+
+  // For messages only.
+  std::string pathOf(const std::string& name) const { return folder + "/" + name; }
+  const std::string& path() const { return folder; }
+
+ private:
+  const std::string folder;
+};
+
+// The folder itself, by a descriptor: whatever takes its name later is not used.
+class LocalDirectory : public StreamDirectory {
+ public:
+  // A folder that cannot be opened fails each call.
+  explicit LocalDirectory(std::string folderPath);
+
+  // The folder is at `madeAt` still, and gets its path in a moment.
+  LocalDirectory(std::string folderPath, const std::string& madeAt);
+
+  // Locks the folder for as long as this object lives. False when another process has the lock, or
+  // when the folder could not be opened.
+  bool lock();
+
+  bool isOpen() const { return openError == 0; }
+
+  Fd append(const std::string& name) override;
+  Fd read(const std::string& name) override;
+  void truncate(const std::string& name, std::uint64_t size) override;
+  void remove(const std::string& name) override;
+  void rename(const std::string& from, const std::string& to) override;
+  void sync() override;
+  std::vector<std::string> names() override;
+
+ private:
+  Fd open(const std::string& name, int flags, const char* action) const;
+  [[noreturn]] void fail(const char* action, const std::string& name, int error) const;
+
+  const Fd folderFd;
+  const int openError;
+};
+
+// Throws Ox_ErrnoException (kStoreFailed) with the text of `error`, an errno value: the cause
+// first, because an answer has room for 127 characters and a path may be long.
+[[noreturn]] void throwStoreFailed(int error, const std::string& action, const std::string& path);
+
+// Brings the names in a folder onto the disk. Throws the same.
+void syncFolder(const std::string& path);
+
+}  // namespace orvaned

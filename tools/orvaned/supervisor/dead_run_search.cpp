@@ -1,0 +1,110 @@
+#include "supervisor/dead_run_search.hpp"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <exception>
+#include <orvane/orvane.hpp>
+#include <utility>
+
+#include "common/queue_stats.hpp"
+#include "common/shm_names.hpp"
+#include "lease_run.hpp"
+#include "log.hpp"
+#include "server_status.hpp"
+
+namespace orvaned {
+namespace {
+
+// One packet for each pair, "QUEUE USER" (USER: its number plus 1, or 0), and a last one.
+constexpr char kDone[] = ".done";
+constexpr char kAgain[] = ".again";
+constexpr std::size_t kLongestPacket = 512;
+
+// As the totals say; they are the server's own file.
+std::uint64_t userPlusOneOf(const std::string& queue) {
+  const Fd file(
+      open(tool::statsPathOf(queue).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status = {};
+  std::uint64_t user = 0;
+  const bool isOurs = file.get() >= 0 && fstat(file.get(), &status) == 0 &&
+                      S_ISREG(status.st_mode) && status.st_uid == geteuid();
+  const bool isRead = isOurs && pread(file.get(), &user, sizeof user,
+                                      offsetof(tool::QueueStats, userPlusOne)) == sizeof user;
+  return isRead ? user : 0;
+}
+
+void sendPacket(const Fd& socket, const std::string& packet) {
+  send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
+}
+
+// Ends when the supervisor closes its end.
+int search(const Fd& supervisor) {
+  const DeadRuns dead = takeDeadRuns();
+  for (const DeadRun& run : dead.taken) {
+    for (const std::string& queue : run.queues) {
+      sendPacket(supervisor, queue + " " + std::to_string(userPlusOneOf(queue)));
+    }
+  }
+  sendPacket(supervisor, dead.moreToCome ? kAgain : kDone);
+  char byte = 0;
+  while (recv(supervisor.get(), &byte, 1, 0) < 0 && errno == EINTR) {
+  }
+  return 0;
+}
+
+std::optional<DeadRunSearch::Left> parse(const std::string& packet) {
+  const std::size_t blank = packet.find(' ');
+  if (blank == std::string::npos) {
+    return std::nullopt;
+  }
+  std::uint64_t user = 0;
+  std::from_chars(packet.data() + blank + 1, packet.data() + packet.size(), user);
+  return DeadRunSearch::Left{packet.substr(0, blank),
+                             user > 0 ? std::optional(static_cast<uid_t>(user - 1)) : std::nullopt};
+}
+
+}  // namespace
+
+DeadRunSearch::DeadRunSearch(const Pair::Context& context) {
+  try {
+    auto [ours, theirs] = connectedSockets();
+    process = std::make_unique<Child>([&, file = theirs.get()](Heartbeat&) {
+      context.keepOnly({file});
+      return search(Fd(file));
+    });
+    socket = std::move(ours);
+  } catch (const std::exception& e) {
+    orvane::server::Logger("leases").log(
+        orvane::server::LEVEL_ERROR, "searchDeadRuns", kNoPair,
+        "cannot look for what dead servers left, trying again: %s",
+        doublePercent(e.what()).c_str());
+    complete = true;
+    repeat = true;
+  }
+}
+
+std::optional<DeadRunSearch::Left> DeadRunSearch::next() {
+  if (complete) {
+    return std::nullopt;
+  }
+  char packet[kLongestPacket];
+  const ssize_t size = recv(socket.get(), packet, sizeof packet, MSG_DONTWAIT);
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return std::nullopt;
+  }
+  const std::string text(packet, size > 0 ? static_cast<std::size_t>(size) : 0);
+  if (auto left = parse(text)) {
+    return left;
+  }
+  complete = true;
+  repeat = text != kDone;
+  return std::nullopt;
+}
+
+}  // namespace orvaned

@@ -1,0 +1,120 @@
+#include "supervisor/recovery_process.hpp"
+
+#include <sys/wait.h>
+
+#include <exception>
+#include <orvane/orvane.hpp>
+#include <utility>
+
+#include "lease_run.hpp"
+#include "log.hpp"
+#include "recovery.hpp"
+#include "server_status.hpp"
+#include "store/broker.hpp"
+#include "store/brokered_store.hpp"
+#include "worker/confinement.hpp"
+
+namespace orvaned {
+namespace {
+
+constexpr int kAgain = 4;  // the broker's exit code when there may be more to do later
+
+void logError(const char* function, const char* what, const std::exception& error) {
+  orvane::server::Logger("recovery").log(orvane::server::LEVEL_ERROR, function, kStoreFailed,
+                                         "%s: %s", what, doublePercent(error.what()).c_str());
+}
+
+// Runs in the broker's process.
+int searchStore(const Options& options, const std::string& fixedQueue, Fd confined) {
+  bool again = false;
+  const auto isDead = [&](const std::string& queue) {
+    const tool::LockFile::Owner owner = ownerOfLeased(queue);
+    again = again || owner == tool::LockFile::Owner::dying;
+    return queue == fixedQueue || owner == tool::LockFile::Owner::dead;
+  };
+  try {
+    LocalUnfinishedStreams unfinished(options.store, isDead);
+    Broker({options.store, "", options.sync, &unfinished}, std::move(confined)).run();
+  } catch (const std::exception& e) {
+    logError(__func__, "cannot look for unfinished streams, trying again", e);
+    again = true;
+  }
+  return again ? kAgain : 0;
+}
+
+int recoverConfined(const Options& options, Fd brokerSocket, pid_t supervisor, const char* who,
+                    Heartbeat& heartbeat) {
+  // The log needs it to the end of the process.
+  static BrokerClient broker(std::move(brokerSocket));
+  broker.takeLog();
+  endAtTermination();
+  dropRights(options.confinement, supervisor);
+  restrictCalls(options.confinement, &heartbeat.refusedCall);
+  BrokeredUnfinishedStreams streams(broker);
+  recoverStreams(streams, options.sync, who);
+  return 0;
+}
+
+}  // namespace
+
+RecoveryProcess::RecoveryProcess(const Pair::Context& context, Pair::Broker workersBroker)
+    : broker(std::move(workersBroker.process)) {
+  try {
+    startConfined(context, workersBroker.socket, "its worker");
+  } catch (const std::exception& e) {
+    logError("recover", "the next start finishes what a dead worker left", e);
+  }
+}
+
+RecoveryProcess::RecoveryProcess(const Pair::Context& context, const std::string& fixedQueue) {
+  try {
+    startSearch(context, fixedQueue);
+  } catch (const std::exception& e) {
+    logError("recover", "cannot look for unfinished streams, trying again", e);
+    repeat = true;
+  }
+}
+
+RecoveryProcess RecoveryProcess::nothingLeft(Pair::Broker broker) {
+  RecoveryProcess process;
+  process.broker = std::move(broker.process);
+  return process;
+}
+
+void RecoveryProcess::startSearch(const Pair::Context& context, const std::string& fixedQueue) {
+  const auto [confinedsEnd, brokersEnd] = connectedSockets();
+  broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
+    context.keepOnly({file});
+    endAtTermination();
+    return searchStore(context.options, fixedQueue, Fd(file));
+  });
+  startConfined(context, confinedsEnd, "the server");
+}
+
+void RecoveryProcess::startConfined(const Pair::Context& context, const Fd& socket,
+                                    const char* who) {
+  confined = std::make_unique<Child>([&](Heartbeat& heartbeat) {
+    context.keepOnly({socket.get()});
+    return recoverConfined(context.options, Fd(socket.get()), context.supervisor, who, heartbeat);
+  });
+}
+
+void RecoveryProcess::step() {
+  if (confined && confined->ended()) {
+    confined.reset();
+  }
+  if (const auto status = broker ? broker->ended() : std::nullopt) {
+    repeat = repeat || (WIFEXITED(*status) && WEXITSTATUS(*status) == kAgain);
+    broker.reset();
+  }
+}
+
+void RecoveryProcess::signal(int number) const {
+  for (const Child* child : {confined.get(), broker.get()}) {
+    if (child != nullptr) {
+      child->signal(number);
+    }
+  }
+}
+
+}  // namespace orvaned

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "pair.hpp"
+
+namespace orvaned {
+
+// Two processes that finish what was left in the store: a broker, and a confined process that
+// reads and checks the files. Nothing here throws or blocks.
+class RecoveryProcess {
+ public:
+  // Finishes the stream that a dead worker left open, with its broker.
+  RecoveryProcess(const Pair::Context& context, Pair::Broker workersBroker);
+
+  // Finishes the streams of dead servers in the store; where `fixedQueue` is not empty, also those
+  // of the queue of that name, which this server alone serves.
+  RecoveryProcess(const Pair::Context& context, const std::string& fixedQueue);
+
+  // Only waits for the end of a broker that has nothing left to do.
+  static RecoveryProcess nothingLeft(Pair::Broker broker);
+
+  void step();
+  void signal(int number) const;
+
+  bool isOver() const { return !broker && !confined; }
+
+  // Once it is over: the store could not be searched, or some server is still dying.
+  bool isToBeRepeated() const { return repeat; }
+
+ private:
+  RecoveryProcess() = default;
+
+  void startSearch(const Pair::Context& context, const std::string& fixedQueue);
+  void startConfined(const Pair::Context& context, const Fd& socket, const char* who);
+
+  std::unique_ptr<Child> broker;
+  std::unique_ptr<Child> confined;
+  bool repeat = false;
+};
+
+}  // namespace orvaned
