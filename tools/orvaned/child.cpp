@@ -1,5 +1,6 @@
 #include "child.hpp"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -142,6 +143,15 @@ std::pair<Fd, Fd> connectedSockets() {
     throw std::system_error(errno, std::generic_category(), "cannot start a process");
   }
   return {Fd(ends[0]), Fd(ends[1])};
+}
+
+void closeStandardFiles() {
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  const Fd none(open("/dev/null", O_RDWR | O_CLOEXEC));
+  for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    dup2(none.get(), file);
+  }
+#endif
 }
 
 void closeFilesExcept(std::vector<int> files) {

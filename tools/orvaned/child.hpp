@@ -74,6 +74,10 @@ void endAtTermination();
 // The ends of a socket of packets between two processes. Throws std::system_error.
 std::pair<Fd, Fd> connectedSockets();
 
+// In a new process: makes the standard files empty ones. Not in a build with a sanitizer, which
+// reports what it finds there.
+void closeStandardFiles();
+
 // In a new process: closes what it inherited, except the standard files and these.
 void closeFilesExcept(std::vector<int> files);
 

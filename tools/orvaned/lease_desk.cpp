@@ -80,6 +80,7 @@ LeaseDesk::Count LeaseDesk::applicationsOf(uid_t user) const {
 
 void refuse(LeaseConnection& connection, int status, const std::string& reason) {
   static const orvane::server::Logger log("leases");
+  const LogSubject subject(connection.producer().uid);
   log.log(orvane::server::LEVEL_WARNING, __func__, status, "user %u, process %d: %s",
           connection.producer().uid, connection.producer().pid, doublePercent(reason).c_str());
   connection.send("refused " + std::to_string(status) + " " + reason);

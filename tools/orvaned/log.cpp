@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 namespace orvaned {
 namespace {
@@ -16,23 +18,56 @@ constexpr std::array<const char*, 7> kKindNames = {"info",  "auth",  "warning", 
 
 std::atomic<ox::Kind> lowestLevel{ox::Kind::info};
 
-}  // namespace
+std::atomic<LogTarget> logTarget{nullptr};
+thread_local std::string currentSubject;
 
-void writeLine(ox::Kind kind, int code, const char* text) {
-  if (kind < lowestLevel.load(std::memory_order_relaxed)) {
-    return;
-  }
+constexpr std::string_view kCut = "... (cut)";
+
+void writeToStandardError(const LogLine& line) {
   std::timespec now = {};
   std::timespec_get(&now, TIME_UTC);
-  const std::string line = logLine(kind, code, text, now);
-  while (write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
+  const std::string written = logLine(line.kind, line.code, line.text.c_str(), now);
+  while (write(STDERR_FILENO, written.data(), written.size()) < 0 && errno == EINTR) {
   }
 }
 
+void logOrDrop(ox::Kind kind, int code, const char* text) {
+  if (kind < lowestLevel.load(std::memory_order_relaxed)) {
+    return;
+  }
+  const LogTarget target = logTarget.load(std::memory_order_acquire);
+  (target != nullptr ? target : writeToStandardError)({kind, code, currentSubject, oneLine(text)});
+}
+
+}  // namespace
+
 void startLog(ox::Kind lowest, bool tracing) {
   lowestLevel.store(lowest, std::memory_order_relaxed);
-  ox::setSink(writeLine);
+  ox::setSink(logOrDrop);
   ox::setTracing(tracing);
+}
+
+void setLogTarget(LogTarget target) {
+  logTarget.store(target, std::memory_order_release);
+}
+
+LogSubject::LogSubject(const std::string& subject)
+    : previous(std::exchange(currentSubject, subject.substr(0, kLongestSubject))) {}
+
+LogSubject::LogSubject(uid_t user) : LogSubject(subjectOf(user)) {}
+
+LogSubject::~LogSubject() {
+  currentSubject = std::move(previous);
+}
+
+std::string subjectOf(uid_t user) {
+  return "user " + std::to_string(user);
+}
+
+void logText(ox::Kind kind, int code, const char* text) {
+  if (kind <= ox::Kind::error || TraceOn()) {
+    logOrDrop(kind, code, text);
+  }
 }
 
 std::optional<ox::Kind> levelNamed(std::string_view name) {
@@ -51,6 +86,15 @@ std::string doublePercent(std::string_view text) {
     doubled.append(c == '%' ? 2 : 1, c);
   }
   return doubled;
+}
+
+std::string oneLine(std::string_view text) {
+  const bool whole = text.size() <= kLongestLogText;
+  std::string line(text.substr(0, whole ? text.size() : kLongestLogText - kCut.size()));
+  std::replace_if(
+      line.begin(), line.end(),
+      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
+  return whole ? line : line.append(kCut);
 }
 
 std::string logLine(ox::Kind kind, int code, const char* text, const std::timespec& time) {

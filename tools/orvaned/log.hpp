@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <ctime>
 #include <optional>
 #include <orvane/orvane.hpp>
@@ -17,12 +19,48 @@ namespace orvaned {
 // The time is UTC. The next two words are ox::Kind's and the code that came with the text; trace,
 // enter and leave carry 0.
 
+// A process that others wait for does not write to standard error itself: see log_writer.hpp.
+
+constexpr std::size_t kLongestSubject = 512;
+constexpr std::size_t kLongestLogText = 4608;
+
+// A line on its way to standard error.
+struct LogLine {
+  ox::Kind kind = ox::Kind::info;
+  int code = 0;
+  std::string subject;  // whom the line is about, "user 1000"; empty for the server itself
+  std::string text;     // COMPONENT::FUNCTION: MESSAGE, without control characters
+};
+
 // From now on, lines of a level below `lowest` are dropped. `tracing` switches the platform's
 // tracing; trace lines have no level, so `lowest` does not concern them.
 void startLog(ox::Kind lowest, bool tracing);
 
-// Writes one line; what startLog() makes the platform's sink.
-void writeLine(ox::Kind kind, int code, const char* text);
+// From now on, every line of this process goes to `target`; null restores the default, a write to
+// standard error. A target must be safe from any thread, and it must not log.
+using LogTarget = void (*)(const LogLine& line);
+void setLogTarget(LogTarget target);
+
+// While it lives, the lines that its thread logs are about this subject, and limited together with
+// all others about it (see log_limiter.hpp). A forked process takes the subject over. One longer
+// than kLongestSubject is cut.
+class LogSubject {
+ public:
+  explicit LogSubject(const std::string& subject);
+  explicit LogSubject(uid_t user);
+  ~LogSubject();
+  LogSubject(const LogSubject&) = delete;
+  LogSubject& operator=(const LogSubject&) = delete;
+
+ private:
+  std::string previous;
+};
+
+// The subject of the lines about a user: "user 1000".
+std::string subjectOf(uid_t user);
+
+// Logs a finished line that another process sent; trace lines only while tracing is on.
+void logText(ox::Kind kind, int code, const char* text);
 
 // The level of that name: info, auth, warning or error, in the order of their severity.
 std::optional<ox::Kind> levelNamed(std::string_view name);
@@ -30,6 +68,10 @@ std::optional<ox::Kind> levelNamed(std::string_view name);
 // For texts that come from outside and go into a Logger's line: the platform takes the finished
 // line for a printf format.
 std::string doublePercent(std::string_view text);
+
+// A text from outside, fit for one line: control characters are replaced by "?", and what is longer
+// than kLongestLogText ends with "... (cut)". The library's Logger writes no longer ones.
+std::string oneLine(std::string_view text);
 
 // One line, with its end.
 std::string logLine(ox::Kind kind, int code, const char* text, const std::timespec& time);

@@ -6,10 +6,12 @@
 
 #include <csignal>
 #include <exception>
+#include <optional>
 #include <orvane/orvane.hpp>
 
 #include "capture.hpp"
 #include "log.hpp"
+#include "log_writer.hpp"
 #include "options.hpp"
 #include "store.hpp"
 #include "supervisor.hpp"
@@ -52,7 +54,7 @@ void allowManyFiles() {
   }
 }
 
-bool serve(const orvaned::Options& options, const Logger& log) {
+bool serve(const orvaned::Options& options, const Logger& log, orvaned::LogWriter& logWriter) {
   orvaned::checkOptions(options);
   orvaned::checkWritable(options.store);
   orvaned::checkCapture(options.capture);
@@ -63,7 +65,7 @@ bool serve(const orvaned::Options& options, const Logger& log) {
             "--message-size %zu is less than %zu: a record of the largest size cannot pass",
             messageSize, tool::messageSizeFor(1));
   }
-  return supervisor.run();
+  return supervisor.run(logWriter);
 }
 
 }  // namespace
@@ -78,10 +80,16 @@ int main(int argc, char** argv) {
   allowManyFiles();
   orvaned::startLog(options.logLevel, options.trace);
   const Logger log("orvaned");
+  std::optional<orvaned::LogWriter> logWriter;
+  int exitCode = kFailed;
   try {
-    return serve(options, log) ? 0 : kFailed;
+    logWriter.emplace();
+    exitCode = serve(options, log, *logWriter) ? 0 : kFailed;
   } catch (const std::exception& e) {
     log.log(LEVEL_ERROR, __func__, kFailed, "%s", doublePercent(e.what()).c_str());
-    return kFailed;
   }
+  if (logWriter) {
+    logWriter->finish();
+  }
+  return exitCode;
 }

@@ -46,7 +46,9 @@ Pair::Pair(const Context& pairContext, Kind kindOfPair, std::string queueName,
       loggedName(doublePercent(name)),
       user(producersUser),
       connection(std::move(lease)),
+      subject(connection ? subjectOf(connection->producer().uid) : "queue " + name),
       notice(kServerDied) {
+  const LogSubject logged(subject);
   // Nothing is under a lease's name: it was chosen so. What is there now is not opened.
   pairKind == Kind::leased ? proceed() : begin();
 }
@@ -60,6 +62,7 @@ Pair::~Pair() {
 }
 
 void Pair::step() {
+  const LogSubject logged(subject);
   if (!child) {
     if (retryAt && Clock::now() >= *retryAt) {
       begin();
@@ -162,7 +165,7 @@ void Pair::startProcesses() {
   auto [workersEnd, brokersEnd] = connectedSockets();
   broker.process = std::make_unique<Child>(
       [&, file = brokersEnd.get()](Heartbeat&) {
-        context.keepOnly({file});
+        context.keepOnly({file}, Log::kept);
         return serveWorker(context.options, name, Fd(file), context.supervisor);
       },
       Child::Orphaned::goesOn);
@@ -171,7 +174,7 @@ void Pair::startProcesses() {
     if (connection) {
       files.insert(files.end(), {connection->fd(), connection->pidfd()});
     }
-    context.keepOnly(files);
+    context.keepOnly(files, Log::left);
     return servePair(context.options, name, connection.get(), Fd(file), context.supervisor,
                      heartbeat);
   });
@@ -181,7 +184,7 @@ void Pair::startProcesses() {
 void Pair::postNotice() {
   phase = Phase::notice;
   child = std::make_unique<Child>([this](Heartbeat& heartbeat) {
-    context.keepOnly({});
+    context.keepOnly({}, Log::left);
     endAtTermination();
     orvaned::postNotice(name, notice, user, context.options.confinement, context.supervisor,
                         &heartbeat.refusedCall);

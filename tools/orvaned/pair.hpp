@@ -39,12 +39,15 @@ class Pair {
     Fd socket = Fd();
   };
 
+  // May a new process write to the log? One that is confined may not.
+  enum class Log { kept, left };
+
   // What a pair needs of the supervisor.
   struct Context {
     const Options& options;
     pid_t supervisor;
-    // In a new process: closes all files but these, those of the log and of the server's locks.
-    std::function<void(std::vector<int> files)> keepOnly;
+    // In a new process: closes all files but these, the server's locks, and those of the log.
+    std::function<void(std::vector<int> files, Log log)> keepOnly;
     // Takes the broker of a worker that has ended; `died`: the worker left its work undone.
     std::function<void(Broker broker, bool died)> conclude;
   };
@@ -95,6 +98,7 @@ class Pair {
   const std::string loggedName;
   const std::optional<uid_t> user;
   std::unique_ptr<LeaseConnection> connection;
+  const std::string subject;  // of the lines about it, its worker's too
   std::unique_ptr<Child> child;
   Broker broker;
   Phase phase = Phase::serving;

@@ -52,7 +52,7 @@ sigset_t supervisorSignals() {
 
 Supervisor::Supervisor(const Options& serverOptions)
     : options(serverOptions),
-      context{options, getpid(), [this](std::vector<int> files) { keepOnly(std::move(files)); },
+      context{options, getpid(), [this](std::vector<int> files, Pair::Log log) { keepOnly(std::move(files), log); },
               [this](Pair::Broker broker, bool died) { conclude(std::move(broker), died); }},
       signals(openSignals()) {
   if (!options.queue.empty()) {
@@ -65,10 +65,10 @@ Supervisor::Supervisor(const Options& serverOptions)
   }
 }
 
-bool Supervisor::run() {
+bool Supervisor::run(LogWriter& log) {
   tryTo("begin", [this] { begin(); });
   while (!isOver()) {
-    tryTo("serve", [this] { step(); });
+    tryTo("serve", [&] { step(log); });
   }
   killAll();
   return !failed;
@@ -89,9 +89,10 @@ void Supervisor::begin() {
   }
 }
 
-void Supervisor::step() {
+void Supervisor::step(LogWriter& log) {
   tellWhenReady();
   waitForEvents();
+  log.restartIfEnded();
   takeSignals();
   tryTo("serve requests for leases", [this] { serveDesk(); });
   stepPairs();
@@ -303,8 +304,10 @@ void Supervisor::conclude(Pair::Broker broker, bool died) {
   }
 }
 
-// The locks too: they tell other servers that some process of this one still lives.
-void Supervisor::keepOnly(std::vector<int> files) const {
+// The locks too: they tell other servers that some process of this one still lives. A process that
+// has to do with a producer's memory keeps not even the standard files: what took it over could
+// fill them.
+void Supervisor::keepOnly(std::vector<int> files, Pair::Log log) const {
   if (queueLock) {
     files.push_back(queueLock->file());
   }
@@ -313,6 +316,12 @@ void Supervisor::keepOnly(std::vector<int> files) const {
   }
   if (desk) {
     files.push_back(desk->lockFile());
+  }
+  if (log == Pair::Log::left) {
+    leaveLog();
+    closeStandardFiles();
+  } else {
+    files.push_back(logFile());
   }
   closeFilesExcept(std::move(files));
 }

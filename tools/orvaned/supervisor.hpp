@@ -13,6 +13,7 @@
 #include "fd.hpp"
 #include "lease_desk.hpp"
 #include "lease_run.hpp"
+#include "log_writer.hpp"
 #include "options.hpp"
 #include "pair.hpp"
 #include "service_manager.hpp"
@@ -32,13 +33,13 @@ class Supervisor {
 
   // Returns after SIGTERM, SIGINT or SIGHUP, within 15 seconds: true; false when the fixed pair
   // could not be made at all. supervisorSignals() must be blocked.
-  bool run();
+  bool run(LogWriter& log);
 
  private:
   using Clock = Child::Clock;
 
   void begin();
-  void step();
+  void step(LogWriter& log);
   void tryTo(const char* action, const std::function<void()>& task) noexcept;
   void stepRecoveries();
   void stepSearch();
@@ -55,7 +56,7 @@ class Supervisor {
   void stepPairs();
   std::size_t deadPairs() const;
   void conclude(Pair::Broker broker, bool died);
-  void keepOnly(std::vector<int> files) const;
+  void keepOnly(std::vector<int> files, Pair::Log log) const;
 
   const Options& options;
   const Pair::Context context;

@@ -1,11 +1,13 @@
 #include "store/broker.hpp"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <orvane/orvane.hpp>
 #include <string_view>
@@ -22,6 +24,10 @@ namespace {
 constexpr std::string_view kManifest = "manifest";
 constexpr std::string_view kSegment = "segment-";
 constexpr std::size_t kMostDigits = 20;
+
+// Of the process's lines, for the limit that this broker keeps; the log's own process knows whom
+// they are about.
+constexpr char kSubject[] = "worker";
 
 bool isSegment(std::string_view name) {
   if (!name.starts_with(kSegment)) {
@@ -78,8 +84,9 @@ Broker::Broker(const Task& brokerTask, Fd socketToProcess)
 void Broker::run() {
   std::vector<unsigned char> packet(kLongestBrokerText);
   for (;;) {
-    const ssize_t size = recv(socket.get(), packet.data(), packet.size(), 0);
-    if (size < 0 && errno == EINTR) {
+    awaitRequest();
+    const ssize_t size = recv(socket.get(), packet.data(), packet.size(), MSG_DONTWAIT);
+    if (size < 0 && (errno == EINTR || errno == EAGAIN)) {
       continue;
     }
     if (size <= 0) {
@@ -89,6 +96,19 @@ void Broker::run() {
     if (const auto request = parseRequest({packet.data(), static_cast<std::size_t>(size)})) {
       answer(*request);
     }
+  }
+}
+
+void Broker::awaitRequest() {
+  int time = -1;
+  if (const auto due = limiter.nextDue()) {
+    const auto left = *due - LogLimiter::Clock::now();
+    time = static_cast<int>(
+        std::max<std::int64_t>(std::chrono::ceil<std::chrono::milliseconds>(left).count(), 0));
+  }
+  pollfd request = {socket.get(), POLLIN, 0};
+  if (poll(&request, 1, time) == 0) {
+    writeDue();
   }
 }
 
@@ -218,7 +238,7 @@ void Broker::checkOutside(const BrokerRequest& request) const {
 
 // A line that does not name the queue gets its name: it may come from a process that was taken
 // over.
-void Broker::log(const BrokerRequest& request) const {
+void Broker::log(const BrokerRequest& request) {
   std::string line = request.other.substr(0, request.other.find('\0'));
   const std::string queue = "queue " + task.queue;
   if (!task.queue.empty() && line.find(queue) == std::string::npos) {
@@ -226,8 +246,20 @@ void Broker::log(const BrokerRequest& request) const {
     line.insert(function == std::string::npos ? 0 : function + 2, queue + ": ");
   }
   const std::uint64_t kind = request.number >> 32;
-  if (kind <= static_cast<std::uint64_t>(ox::Kind::leave)) {
-    writeLine(static_cast<ox::Kind>(kind), static_cast<std::int32_t>(request.number), line.c_str());
+  if (kind > static_cast<std::uint64_t>(ox::Kind::leave)) {
+    return;
+  }
+  const LogLine logged = {static_cast<ox::Kind>(kind), static_cast<std::int32_t>(request.number),
+                          kSubject, line};
+  writeDue();
+  if (limiter.admit(logged, LogLimiter::Clock::now())) {
+    logText(logged.kind, logged.code, logged.text.c_str());
+  }
+}
+
+void Broker::writeDue() {
+  for (const LogLine& line : limiter.due(LogLimiter::Clock::now())) {
+    logText(line.kind, line.code, line.text.c_str());
   }
 }
 

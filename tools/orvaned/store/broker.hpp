@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "log_limiter.hpp"
 #include "output_file.hpp"
 #include "recovery.hpp"
 #include "store/broker_messages.hpp"
@@ -45,13 +46,16 @@ class Broker {
   void findUnfinished(BrokerReply& reply);
   StreamDirectory& folderOf(const BrokerRequest& request);
   void checkOutside(const BrokerRequest& request) const;
-  void log(const BrokerRequest& request) const;
+  void log(const BrokerRequest& request);
+  void writeDue();
+  void awaitRequest();
 
   const Task task;
   const Fd socket;
   LocalAccess access;
   std::optional<UnfinishedStream> open;
   Outside outside;
+  LogLimiter limiter;
 };
 
 }  // namespace orvaned

@@ -75,7 +75,7 @@ DeadRunSearch::DeadRunSearch(const Pair::Context& context) {
   try {
     auto [ours, theirs] = connectedSockets();
     process = std::make_unique<Child>([&, file = theirs.get()](Heartbeat&) {
-      context.keepOnly({file});
+      context.keepOnly({file}, Pair::Log::kept);
       return search(Fd(file));
     });
     socket = std::move(ours);

@@ -84,7 +84,7 @@ RecoveryProcess RecoveryProcess::nothingLeft(Pair::Broker broker) {
 void RecoveryProcess::startSearch(const Pair::Context& context, const std::string& fixedQueue) {
   const auto [confinedsEnd, brokersEnd] = connectedSockets();
   broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
-    context.keepOnly({file});
+    context.keepOnly({file}, Pair::Log::kept);
     endAtTermination();
     return searchStore(context.options, fixedQueue, Fd(file));
   });
@@ -94,7 +94,7 @@ void RecoveryProcess::startSearch(const Pair::Context& context, const std::strin
 void RecoveryProcess::startConfined(const Pair::Context& context, const Fd& socket,
                                     const char* who) {
   confined = std::make_unique<Child>([&](Heartbeat& heartbeat) {
-    context.keepOnly({socket.get()});
+    context.keepOnly({socket.get()}, Pair::Log::left);
     return recoverConfined(context.options, Fd(socket.get()), context.supervisor, who, heartbeat);
   });
 }
