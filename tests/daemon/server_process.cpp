@@ -31,7 +31,7 @@ constexpr int kPatienceMilliseconds = 30000;
   }
   argv.push_back(nullptr);
   dup2(output, STDOUT_FILENO);
-  dup2(output, STDERR_FILENO);
+  dup2(setup.standardError.value_or(output), STDERR_FILENO);
   if (setup.standardErrorClosed) {
     close(STDERR_FILENO);
   }

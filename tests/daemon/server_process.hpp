@@ -17,6 +17,7 @@ class ServerProcess {
   struct Setup {
     std::optional<rlim_t> fileSizeLimit = std::nullopt;
     bool standardErrorClosed = false;
+    std::optional<int> standardError = std::nullopt;  // instead of what output() reads
   };
 
   explicit ServerProcess(const std::vector<std::string>& arguments)

@@ -28,10 +28,10 @@ constexpr int kBufferSize = 1 << 20;
 // Of this process; a forked one has them too.
 LogSocket log;
 
-void enlargeBuffer(int socket) {
+void enlargeBuffer(int sender) {
   // The first needs CAP_NET_ADMIN; the second gives what the system allows everybody.
-  if (setsockopt(socket, SOL_SOCKET, SO_SNDBUFFORCE, &kBufferSize, sizeof(kBufferSize)) != 0) {
-    setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kBufferSize, sizeof(kBufferSize));
+  if (setsockopt(sender, SOL_SOCKET, SO_SNDBUFFORCE, &kBufferSize, sizeof(kBufferSize)) != 0) {
+    setsockopt(sender, SOL_SOCKET, SO_SNDBUF, &kBufferSize, sizeof(kBufferSize));
   }
 }
 
@@ -41,7 +41,7 @@ LogSocket openSocket() {
     throw std::system_error(errno, std::generic_category(), "no socket for the log");
   }
   LogSocket socket{Fd(ends[0]), Fd(ends[1])};
-  enlargeBuffer(ends[0]);
+  enlargeBuffer(socket.sender.get());
   void* memory = mmap(nullptr, sizeof(DroppedLines), PROT_READ | PROT_WRITE,
                       MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) {
