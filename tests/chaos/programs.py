@@ -14,6 +14,8 @@ START_BOUND = SLOWNESS * 5
 STOP_BOUND = SLOWNESS * 15
 LOCK_BOUND = 2
 
+LOG_PROCESS = "orvaned-log"  # the server's child that writes its log
+
 MEMORY_SLACK = 512  # KiB that a heap may grow by without a leak
 
 SEND_EXITS = {0: "stored", 1: "nothing sent", 3: "refused", 4: "unknown", 5: "input failed"}
@@ -56,6 +58,13 @@ def living_processes(session):
         if int(fields[3]) == session and fields[0] not in "ZX":
             found.append(int(entry))
     return found
+
+
+def name_of(pid):
+    try:
+        return Path("/proc", str(pid), "comm").read_text().strip()
+    except (FileNotFoundError, ProcessLookupError):
+        return ""
 
 
 def signal_to(pid, number):
@@ -154,7 +163,12 @@ class Server(Program):
         return poll(ended_or_ready, START_BOUND, f"{self.name} was not ready") == "ready"
 
     def workers(self):
-        return [pid for pid in living_processes(self.pid) if pid != self.pid]
+        return [pid for pid in living_processes(self.pid)
+                if pid != self.pid and name_of(pid) != LOG_PROCESS]
+
+    def log_process(self):
+        """0 while there is none: it was killed, and is not replaced yet."""
+        return next((pid for pid in living_processes(self.pid) if name_of(pid) == LOG_PROCESS), 0)
 
     def held(self):
         """How many open files, worker processes, and KiB of memory its supervisor has."""
