@@ -55,7 +55,7 @@ void dropCapabilities() {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
   if (syscall(SYS_capset, &header, none) != 0 && errno != ENOSYS) {
-    fail(errno, "capset (--without capset goes on without it)");
+    fail(errno, "the system refuses capset (--without capset goes on without it)");
   }
 }
 
@@ -94,7 +94,7 @@ bool kernelHasSeccomp() {
     return false;
   }
   if (errno != EFAULT) {  // which is what it says to the null pointer
-    fail(errno, "seccomp (--without seccomp goes on without it)");
+    fail(errno, "the system refuses seccomp (--without seccomp goes on without it)");
   }
   return true;
 }
@@ -121,7 +121,7 @@ class Filter {
   void load() {
     const int result = seccomp_load(context.get());
     if (result < 0) {
-      fail(-result, "seccomp (--without seccomp goes on without it)");
+      fail(-result, "the system refuses seccomp (--without seccomp goes on without it)");
     }
   }
 

@@ -43,8 +43,9 @@ constexpr int kVersionOfIoctl = 5;
 constexpr int kVersionOfScopes = 6;
 
 [[noreturn]] void fail(const char* call) {
-  throw std::system_error(errno, std::generic_category(),
-                          std::string(call) + " (--without landlock goes on without it)");
+  throw std::system_error(
+      errno, std::generic_category(),
+      "the system refuses " + std::string(call) + " (--without landlock goes on without it)");
 }
 
 }  // namespace
