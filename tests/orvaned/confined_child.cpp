@@ -128,7 +128,7 @@ Outcome runConfined(Rights rights, const Confinement& confinement,
   return {how, *refusedCall.get()};
 }
 
-IdleProcess::IdleProcess(Rights rights) {
+IdleProcess::IdleProcess(const std::function<void()>& prepare) {
   int ready[2] = {};
   if (pipe(ready) != 0) {
     fail("pipe");
@@ -136,9 +136,9 @@ IdleProcess::IdleProcess(Rights rights) {
   const pid_t self = getpid();
   id = fork();
   if (id == 0) {
+    prepare();
+    prctl(PR_SET_DUMPABLE, 1);  // which a change of user clears
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    takeOn(rights);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a change of user clears it
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
     close(ready[0]);
     close(ready[1]);

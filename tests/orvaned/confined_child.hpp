@@ -60,10 +60,10 @@ std::string runInChild(const std::function<int()>& body);
 Outcome runConfined(Rights rights, const Confinement& confinement,
                     const std::function<int()>& body);
 
-// A process that does nothing, and ends with this object.
+// A process that does nothing, after `prepare`, and ends with this object.
 class IdleProcess {
  public:
-  explicit IdleProcess(Rights rights);
+  explicit IdleProcess(const std::function<void()>& prepare);
   ~IdleProcess();
   IdleProcess(const IdleProcess&) = delete;
   IdleProcess& operator=(const IdleProcess&) = delete;

@@ -33,7 +33,7 @@ namespace {
 // What the attempts need, made before a child is confined.
 struct Scene {
   Scene()
-      : victim(Rights::user),
+      : victim([] { takeOn(Rights::user); }),
         path(folder.path() + "/file"),
         file(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666)),
         victimHandle(static_cast<int>(syscall(SYS_pidfd_open, victim.pid(), 0))) {
