@@ -3,6 +3,8 @@
 #include <orvane/orvane.hpp>
 #include <stdexcept>
 
+#include "common/shm_names.hpp"
+
 namespace tool {
 namespace {
 
@@ -39,6 +41,15 @@ void checkQueueName(const std::string& name) {
   if (name.find_first_not_of(kAllowed) != std::string::npos) {
     throw std::invalid_argument(
         "the queue name holds a character that is not allowed: use letters, digits and _.-");
+  }
+}
+
+void checkFixedQueueName(const std::string& name) {
+  checkQueueName(name);
+  if (beginsAsLeased(name)) {
+    throw std::invalid_argument(
+        "the queue name begins as those of leased queues do, orvane-TIME-PROCESS: take another "
+        "one");
   }
 }
 

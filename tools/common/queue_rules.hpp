@@ -10,6 +10,10 @@ namespace tool {
 // response queue's. So it is a plain file name in /dev/shm, with room for what is added to it.
 void checkQueueName(const std::string& name);
 
+// The same for a name that its users choose: nobody's queue may look as if a server had leased it,
+// since other servers finish the streams of a lease whose server is dead.
+void checkFixedQueueName(const std::string& name);
+
 // The size of a queue message that holds `count` records of the largest size, with nothing to
 // spare.
 std::size_t messageSizeFor(std::size_t count);

@@ -12,6 +12,9 @@ namespace fs = std::filesystem;
 
 constexpr char kRun[] = "orvane-[0-9]{8}T[0-9]{6}-[0-9]+";
 
+// Behind a run's name: 16 random hexadecimal digits, or the number that earlier servers gave.
+constexpr char kQueueOfRun[] = "_(?:[0-9a-f]{16}|[0-9]+)";
+
 std::optional<std::string> withoutDotAnd(std::string_view end, const std::string& name) {
   if (name.size() <= 1 + end.size() || name.front() != '.' || !name.ends_with(end)) {
     return std::nullopt;
@@ -56,13 +59,18 @@ bool isRun(const std::string& name) {
 }
 
 std::optional<std::string> runOf(const std::string& queueName) {
-  static const std::regex leased("(" + std::string(kRun) + ")_[0-9]+");
+  static const std::regex leased("(" + std::string(kRun) + ")" + kQueueOfRun);
   std::smatch parts;
   return std::regex_match(queueName, parts, leased) ? std::optional(parts[1].str()) : std::nullopt;
 }
 
+bool beginsAsLeased(const std::string& name) {
+  static const std::regex run(kRun);
+  return std::regex_search(name, run, std::regex_constants::match_continuous);
+}
+
 std::vector<std::string> queuesOf(const std::string& run, const std::set<std::string>& names) {
-  const std::regex partOfPair("\\.?(" + run + "_[0-9]+)(Response)?(\\.new|\\.stats)?");
+  const std::regex partOfPair("\\.?(" + run + kQueueOfRun + ")(Response)?(\\.new|\\.stats)?");
   std::set<std::string> queues;
   for (const std::string& name : names) {
     std::smatch parts;

@@ -27,10 +27,15 @@ std::string statsPathOf(const std::string& queueName);
 // producer that finds it expects to find the other.
 std::array<std::string, 5> pathsOfPair(const std::string& queueName);
 
-// Leased queues are named RUN_NUMBER, where RUN is "orvane-" and the server's start time and
-// process. Is this such a RUN? Which one is a queue named after, if any?
+// Leased queues are named RUN_RANDOM, where RUN is "orvane-" and the server's start time and
+// process, and RANDOM are 16 random hexadecimal digits: nobody can foretell a lease's name, and
+// take it first. Earlier servers counted: RUN_NUMBER. Is this such a RUN? Which one is a queue
+// named after, if any?
 bool isRun(const std::string& name);
 std::optional<std::string> runOf(const std::string& queueName);
+
+// May this name not be given to a queue, since it, or a file of its, could be taken for a lease's?
+bool beginsAsLeased(const std::string& name);
 
 // The queues that are named after a run; also those of which only a part is left.
 std::vector<std::string> queuesOf(const std::string& run, const std::set<std::string>& names);

@@ -1,14 +1,44 @@
 #include "lease_run.hpp"
 
+#include <sys/random.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <optional>
-#include <orvane/orvane.hpp>
 #include <stdexcept>
+#include <system_error>
 
 #include "common/shm_names.hpp"
 #include "process_name.hpp"
 
 namespace orvaned {
 namespace {
+
+// 64 bits, which nobody can foretell.
+std::string randomDigits() {
+  std::uint64_t number = 0;
+  while (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
+    if (errno != EINTR) {
+      throw std::runtime_error("no random name for a queue: " +
+                               std::generic_category().message(errno));
+    }
+  }
+  char digits[17] = {};
+  std::snprintf(digits, sizeof(digits), "%016" PRIx64, number);
+  return digits;
+}
+
+// By anything at all, which is not opened: it is not this server's.
+bool isTaken(const std::string& queue) {
+  const auto paths = tool::pathsOfPair(queue);
+  return std::any_of(paths.begin(), paths.end(), [](const std::string& path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0;
+  });
+}
 
 // Those with a lock file.
 std::vector<std::string> runsInShm() {
@@ -42,7 +72,11 @@ tool::LockFile::Owner ownerOf(const std::string& run) {
 LeaseRun::LeaseRun() : name("orvane-" + timeAndProcess()), lock(tool::lockPathOf(name)) {}
 
 std::string LeaseRun::newQueueName() const {
-  return orvane::UniqueIdGenerator::getInstance().generateId(name);
+  std::string queue;
+  do {
+    queue = name + "_" + randomDigits();
+  } while (isTaken(queue));
+  return queue;
 }
 
 DeadRuns takeDeadRuns() {

@@ -7,14 +7,16 @@
 
 namespace orvaned {
 
-// One server's run, as far as its leases go. Leased queues are named RUN_NUMBER, where RUN is
-// "orvane-" and the server's start time and process: such a name never comes again. The run's lock
-// file in /dev/shm tells other servers that its queues and streams are in use.
+// One server's run, as far as its leases go. Leased queues are named RUN_RANDOM (shm_names.hpp),
+// where RUN is "orvane-" and the server's start time and process: such a name never comes again.
+// The run's lock file in /dev/shm tells other servers that its queues and streams are in use.
 class LeaseRun {
  public:
   // Throws std::runtime_error.
   LeaseRun();
 
+  // A name that nothing in /dev/shm has: what somebody put under the name is skipped, never opened.
+  // Throws std::runtime_error when the system has no random numbers.
   std::string newQueueName() const;
 
   int lockFile() const { return lock.file(); }
