@@ -45,7 +45,7 @@ TEST_P(BadRequest, IsRefusedAndHarmsNobody) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Request, BadRequest,
-                         testing::Values("rubbish", "orvane 2 lease", "orvane 1 lease\n",
+                         testing::Values("", "rubbish", "orvane 2 lease", "orvane 1 lease\n",
                                          "orvane 1 leas", std::string("orvane 1 lease\0", 15),
                                          std::string(512, '%'),
                                          "orvane 1 lease" + std::string(499, ' '),

@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace tool {
 
-// Owns a file descriptor; -1 is none.
+// Owns a file descriptor; -1 is none. Closing one leaves errno as it is: the reason why a call
+// failed is often looked at after the descriptors of its function are gone.
 class Fd {
  public:
   explicit Fd(int descriptor = -1) : number(descriptor) {}
@@ -24,7 +26,9 @@ class Fd {
 
   void reset() {
     if (number >= 0) {
+      const int error = errno;
       close(std::exchange(number, -1));
+      errno = error;
     }
   }
 

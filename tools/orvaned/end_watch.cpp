@@ -2,8 +2,6 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <string>
@@ -22,16 +20,6 @@ int terminationSignal() {
   return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
-// The connection alone does not tell: a forked child may hold it. -1 where the process cannot be
-// seen or has ended already.
-// By number: glibc 2.36 declares pidfd_open() for C only.
-int processOf(const LeaseConnection* lease) {
-  if (lease == nullptr || lease->producer().pid <= 0) {
-    return -1;
-  }
-  return static_cast<int>(syscall(SYS_pidfd_open, lease->producer().pid, 0));
-}
-
 std::string seconds(std::chrono::seconds limit) {
   return std::to_string(limit.count()) + " s";
 }
@@ -44,7 +32,8 @@ EndWatch::EndWatch(LeaseConnection* leaseConnection, std::chrono::seconds limit)
       idle{"no record came for " + seconds(limit),
            "no record came for " + seconds(limit) + ": attach to the queue anew"},
       signals(terminationSignal()),
-      producer(processOf(lease)) {}
+      // The connection alone does not tell: a forked child may hold it.
+      producer(lease != nullptr ? lease->pidfd() : -1) {}
 
 const Ending* EndWatch::within(std::chrono::microseconds pause) {
   if (lease != nullptr) {
@@ -52,7 +41,7 @@ const Ending* EndWatch::within(std::chrono::microseconds pause) {
   }
   pollfd events[] = {{signals.get(), POLLIN, 0},
                      {lease != nullptr ? lease->fd() : -1, POLLRDHUP, 0},
-                     {producer.get(), POLLIN, 0}};
+                     {producer, POLLIN, 0}};
   const timespec wait = {0, std::chrono::nanoseconds(pause).count()};
   if (ppoll(events, std::size(events), &wait, nullptr) > 0) {
     return events[0].revents != 0 ? &kStopped : &kProducerLeft;

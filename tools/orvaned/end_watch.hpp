@@ -28,7 +28,7 @@ class EndWatch {
   const std::chrono::seconds idleLimit;
   const Ending idle;
   Fd signals;
-  Fd producer;
+  const int producer;  // the connection's
   std::optional<Clock::time_point> lastBatch;
 };
 

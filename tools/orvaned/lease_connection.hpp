@@ -22,6 +22,7 @@ class LeaseConnection {
   // What a producer sends first: everything else, or nothing in time, is refused.
   enum class Request { none, lease, bad, end };
 
+  // The packets that are kept for a producer that does not read, before isFull().
   static constexpr std::size_t kMostKept = 4096;
 
   explicit LeaseConnection(Fd socket);
@@ -29,27 +30,36 @@ class LeaseConnection {
   Request readRequest();
 
   // Sends a packet, or keeps it for sendKept() when the producer does not read: it may take its
-  // receipts when it likes.
+  // receipts when it likes. Nothing is ever dropped: whoever sends receipts takes no more batches
+  // while isFull().
   void send(const std::string& text);
   void sendKept();
 
-  // How many packets are kept. At kMostKept the worker is to produce no more of them.
   std::size_t waiting() const { return kept.size(); }
   bool isFull() const { return kept.size() >= kMostKept; }
   bool drained() const { return kept.empty(); }
 
   int fd() const { return socket.get(); }
 
-  int pidfd() const { return -1; }
-
   // Who connected; where the system cannot tell the process, its number is 0.
   const ucred& producer() const { return who; }
 
+  // The process that connected, pinned when the connection was accepted: readable from its end on,
+  // whoever else holds the connection, and never another process of the same number. -1 where the
+  // process cannot be seen, as from another pid namespace; then the connection alone tells.
+  int pidfd() const { return process.get(); }
+
+  // Had that process ended already when the connection was accepted?
+  bool cameTooLate() const { return tooLate; }
+
  private:
   bool trySend(const std::string& text) const;
+  void pinProducer();
 
   Fd socket;
   ucred who = {};
+  Fd process;
+  bool tooLate = false;
   std::deque<std::string> kept;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <orvane/orvane.hpp>
+#include <system_error>
 #include <utility>
 
 #include "log.hpp"
@@ -54,13 +55,14 @@ void LeaseDesk::acceptAll(const Limit& limit) {
   for (;;) {
     Fd fd = socket.accept();
     if (fd.get() < 0) {
-      if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
-        // No file is left: wait until one is, instead of asking again and again.
-        acceptAgain = Clock::now() + kBetweenTries;
-      }
+      waitToAccept(errno);
       return;
     }
+    cannotAccept = false;
     auto connection = std::make_unique<LeaseConnection>(std::move(fd));
+    if (connection->cameTooLate()) {
+      continue;  // a forked child of it holds the connection, and would hold the lease
+    }
     const ucred& producer = connection->producer();
     const std::string reason = limit(producer, applicationsOf(producer.uid));
     if (reason.empty()) {
@@ -68,6 +70,20 @@ void LeaseDesk::acceptAll(const Limit& limit) {
     } else {
       refuse(*connection, kLimitReached, reason);
     }
+  }
+}
+
+// When no file is left: until one is, instead of asking again and again.
+void LeaseDesk::waitToAccept(int error) {
+  if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
+    return;
+  }
+  acceptAgain = Clock::now() + kBetweenTries;
+  if (!std::exchange(cannotAccept, true)) {
+    static const orvane::server::Logger log("leases");
+    log.log(orvane::server::LEVEL_WARNING, __func__, error,
+            "cannot accept a connection, and tries again each second: %s",
+            std::generic_category().message(error).c_str());
   }
 }
 

@@ -48,11 +48,13 @@ class LeaseDesk {
   };
 
   void acceptAll(const Limit& limit);
+  void waitToAccept(int error);
   Count applicationsOf(uid_t user) const;
 
   LeaseSocket socket;
   std::list<Applicant> applicants;
   Clock::time_point acceptAgain;
+  bool cannotAccept = false;
 };
 
 // Ends an application with the server's status and reason.
