@@ -1,5 +1,6 @@
 #include "lease_socket.hpp"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -7,8 +8,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
+
+#include "common/socket_names.hpp"
 
 namespace orvaned {
 namespace {
@@ -17,6 +21,10 @@ constexpr int kBacklog = 128;
 
 [[noreturn]] void fail(const std::string& path, const std::string& reason) {
   throw std::runtime_error("cannot listen at " + path + ": " + reason);
+}
+
+[[noreturn]] void failWithErrno(const std::string& path) {
+  fail(path, std::generic_category().message(errno));
 }
 
 sockaddr_un addressOf(const std::string& path) {
@@ -30,38 +38,55 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-// To be called with the lock: whoever made the socket is dead.
-void removeDeadSocket(const std::string& path) {
+// To be called with the lock: whoever made a socket there is dead, and it may be replaced.
+void requireNothingButASocket(const std::string& path) {
   struct stat status = {};
-  if (lstat(path.c_str(), &status) != 0) {
-    return;
-  }
-  if (!S_ISSOCK(status.st_mode)) {
+  if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
     fail(path, "it is there and is no socket: take another path");
   }
-  unlink(path.c_str());
+}
+
+Fd openFolderOf(const std::string& path) {
+  const auto folder = std::filesystem::path(path).parent_path();
+  Fd fd(open(folder.empty() ? "." : folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (fd.get() < 0) {
+    failWithErrno(path);
+  }
+  return fd;
+}
+
+// A new socket that is bound under `name` in `folder`. By way of /proc, so that the name's length
+// does not add to that of the folder's path, of which a socket's address has room for little.
+Fd bindIn(const Fd& folder, const std::string& name, const std::string& path) {
+  Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (fd.get() < 0) {
+    failWithErrno(path);
+  }
+  const sockaddr_un address =
+      addressOf("/proc/self/fd/" + std::to_string(folder.get()) + "/" + name);
+  if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    failWithErrno(path);
+  }
+  return fd;
 }
 
 }  // namespace
 
+// The socket gets its name when it listens: a client finds it and is served, or does not find it.
 LeaseSocket::LeaseSocket(const std::string& socketPath, mode_t mode)
-    : path(socketPath), lock(path + ".lock") {
-  const sockaddr_un address = addressOf(path);
-  removeDeadSocket(path);
-  listening = Fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  // Before anybody can connect.
-  const mode_t before = umask(0777);
-  const int bound =
-      bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  const int error = errno;
-  umask(before);
-  if (bound != 0) {
-    fail(path, std::generic_category().message(error));
-  }
-  if (chmod(path.c_str(), mode) != 0 || listen(listening.get(), kBacklog) != 0) {
-    const std::string reason = std::generic_category().message(errno);
-    unlink(path.c_str());
-    fail(path, reason);
+    : path(socketPath), lock(tool::lockPathOfSocket(path)) {
+  addressOf(path);  // a client must be able to name it
+  requireNothingButASocket(path);
+  const Fd folder = openFolderOf(path);
+  const std::string madeAs = tool::newPathOfSocket(path);
+  unlink(madeAs.c_str());  // a server died at this point
+  listening = bindIn(folder, std::filesystem::path(madeAs).filename(), path);
+  if (chmod(madeAs.c_str(), mode) != 0 || listen(listening.get(), kBacklog) != 0 ||
+      rename(madeAs.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    unlink(madeAs.c_str());
+    errno = error;
+    failWithErrno(path);
   }
 }
 
