@@ -12,15 +12,28 @@
 
 namespace orvane::test {
 
-void awaitSleep(pid_t thread) {
+namespace {
+
+// Returns when the thread is inside the system call.
+void awaitCall(pid_t thread, long number) {
   const std::string path = "/proc/" + std::to_string(thread) + "/syscall";
-  const std::string futex = std::to_string(SYS_futex) + " ";
-  for (std::string line; !line.starts_with(futex); std::this_thread::yield()) {
+  const std::string call = std::to_string(number) + " ";
+  for (std::string line; !line.starts_with(call); std::this_thread::yield()) {
     std::ifstream file(path);
     if (!std::getline(file, line)) {
       throw std::runtime_error(path + " cannot be read: the call has ended instead of waiting");
     }
   }
+}
+
+}  // namespace
+
+void awaitSleep(pid_t thread) {
+  awaitCall(thread, SYS_futex);
+}
+
+void WaitingThread::awaitWrite() const {
+  awaitCall(id, SYS_write);
 }
 
 WaitingThread::WaitingThread(std::function<void()> threadCall) : call(std::move(threadCall)) {

@@ -23,6 +23,7 @@ class WaitingThread {
   WaitingThread& operator=(const WaitingThread&) = delete;
 
   void awaitSleep() const { test::awaitSleep(id); }
+  void awaitWrite() const;  // until it is writing to a descriptor without room
   void signal(int number) const { pthread_kill(thread, number); }
   void cancel() const { pthread_cancel(thread); }
 
