@@ -1,0 +1,89 @@
+#include <gtest/gtest.h>
+
+#include "support/stream.hpp"
+#include "support/throws.hpp"
+#include "support/writer_members.hpp"
+
+namespace orvane::test {
+namespace {
+
+using Records = std::vector<Record>;
+
+std::string rejected(const std::string& length) {
+  return "Invalid header; the specified length of data is " + length +
+         " but the data pointer is NULL";
+}
+
+TEST(NullData, WithALengthUsesTheNumberUpAndBeginsTheSegment) {
+  Stream stream;
+  stream.open();
+  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer.writeSegment(nullptr, 5); }));
+  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(stream.flushed(), Records());
+  stream.writer.endSegment();
+  stream.write("a");
+  EXPECT_EQ(
+      stream.flushed(),
+      (Records{{.type = 2, .seqNo = 3, .segmentDone = 0},
+               {.type = 1, .seqNo = 4, .segmentNo = 1, .segmentDone = 0, .data = bytesOf("a")}}));
+}
+
+TEST(NullData, WithALengthHasFilledTheHeader) {
+  Stream stream;
+  stream.open();
+  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
+  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer.writeSegment(nullptr, 5); }));
+  pvk_shm_message_t expected;
+  expected.type = 1;
+  expected.len = 5;
+  expected.seqNo = 2;
+  expected.segmentDone = 0;
+  expected.segAlg = 1;
+  expected.segParam1 = 11;
+  expected.segParam2 = 22;
+  expected.segParam3 = 33;
+  EXPECT_TRUE(headerOf(stream.writer) == expected);
+}
+
+TEST(NullData, WithALengthFlushesForItsRoomFirst) {
+  Stream stream;
+  stream.open();
+  stream.write(std::string(968, 'x'));
+  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer.writeSegment(nullptr, 5); }));
+  ASSERT_EQ(stream.pair.waiting(), 1U);
+  EXPECT_EQ(stream.sent().at(0).data, Bytes(968, 'x'));
+  EXPECT_EQ(stream.flushed(), Records());
+}
+
+TEST(NullData, WithALengthIsRejectedForItsSizeFirst) {
+  Stream stream;
+  stream.open();
+  EXPECT_TRUE(throwsErrno(85,
+                          "Segment too large error.  Received segment of size 131073 bytes, but "
+                          "the maximum allowed segment size is 131072 bytes",
+                          [&] { stream.writer.writeSegment(nullptr, 131073); }));
+  EXPECT_TRUE(throwsErrno(89,
+                          "Could not fit header (type=1) with data length 131072 into the batch, "
+                          "even after batch has been flushed",
+                          [&] { stream.writer.writeSegment(nullptr, 131072); }));
+}
+
+TEST(NullData, WithALengthWhoseLow32BitsAreZeroIsAnEmptyRecord) {
+  Stream stream;
+  stream.open();
+  stream.writer.writeSegment(nullptr, 0x100000000);
+  EXPECT_EQ(stream.flushed(), (Records{{.type = 1, .seqNo = 2}}));
+}
+
+TEST(NullData, DoesNotChangeTheTypeThatMakesAnEndRedundant) {
+  Stream stream;
+  stream.open();
+  stream.write("a");
+  stream.writer.endSegment();
+  EXPECT_TRUE(throwsErrno(9, rejected("1"), [&] { stream.writer.writeSegment(nullptr, 1); }));
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed().size(), 2U) << "no second end";
+}
+
+}  // namespace
+}  // namespace orvane::test
