@@ -69,7 +69,7 @@ TEST_F(SendDeadline, OfTheLongestTimeoutOfAWriterIsADayAhead) {
   Stream stream({.timeout = 86400});
   stream.pair.fill();
   EXPECT_TRUE(throwsErrno(15, timedOut(86400), [&] { stream.writer.open(); }));
-  EXPECT_EQ(waits.take(), Deadlines{Deadline(1000086400, 0)});
+  EXPECT_EQ(waits.take(), (Deadlines{{1000086400, 0}}));
 }
 
 // By the real clock, which stands anywhere within its second.
@@ -115,7 +115,7 @@ TEST_F(SendDeadline, IsTakenFromTheClockAfterTheFlushIsTraced) {
   });
   const pvk_shm_message_t header = recordHeader(9, 0);
   EXPECT_ANY_THROW(stream.writer.write_data(&header, nullptr, 7, true));
-  EXPECT_EQ(waits.take(), Deadlines{Deadline(1000000067, 0)});
+  EXPECT_EQ(waits.take(), (Deadlines{{1000000067, 0}}));
 }
 
 // One message fits the queue, so that the second send of the call has to wait as well.
@@ -188,7 +188,7 @@ TEST_F(SendDeadline, OfTheDestructorsCloseIsTheWritersTimeout) {
   writer->open();
   pair.fill();
   writer.reset();
-  EXPECT_EQ(waits.take(), Deadlines{Deadline(1000000020, 0)});
+  EXPECT_EQ(waits.take(), (Deadlines{{1000000020, 0}}));
 }
 
 }  // namespace
