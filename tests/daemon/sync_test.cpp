@@ -33,7 +33,7 @@ class PipeDirectory : public orvaned::LocalDirectory {
   using LocalDirectory::LocalDirectory;
 
   orvaned::Fd append(const std::string& name) override {
-    return orvaned::Fd(open(pathOf(name).c_str(), O_WRONLY | O_CLOEXEC));
+    return orvaned::Fd(::open(pathOf(name).c_str(), O_WRONLY | O_CLOEXEC));
   }
 };
 
