@@ -68,6 +68,32 @@ TEST(Options, NameWhenToSync) {
   EXPECT_EQ(options.sync, orvaned::Sync::segment);
 }
 
+TEST(Options, ConfineWorkersByDefault) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=."}, options), std::nullopt);
+  EXPECT_TRUE(options.confinement.capabilities);
+  EXPECT_TRUE(options.confinement.landlock);
+  EXPECT_TRUE(options.confinement.seccomp);
+  EXPECT_EQ(options.workerUser, "");
+}
+
+TEST(Options, NameWhatWorkersAreNotConfinedBy) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--without=landlock"}, options), std::nullopt);
+  EXPECT_TRUE(options.confinement.capabilities);
+  EXPECT_FALSE(options.confinement.landlock);
+  EXPECT_TRUE(options.confinement.seccomp);
+  EXPECT_EQ(parse({"--without", "seccomp", "--without", "capset", "--queue=q", "--store=.",
+                   "--worker-user", "nobody"},
+                  options),
+            std::nullopt);
+  EXPECT_FALSE(options.confinement.capabilities);
+  EXPECT_TRUE(options.confinement.landlock);
+  EXPECT_FALSE(options.confinement.seccomp);
+  EXPECT_EQ(options.workerUser, "nobody");
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--without=everything"}, options), 2);
+}
+
 TEST(Options, BoundTheMessageSize) {
   Options options;
   options.queue = "q";

@@ -148,7 +148,9 @@ bool ServerProcess::isRunning() const {
 std::string ServerProcess::output() const {
   static const std::regex time(
       "(^|\\n)[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z ");
-  return std::regex_replace(text, time, "$1TIME ");
+  // What is said of the confinement depends on the kernel.
+  static const std::regex confinement("TIME [a-z]+ 0 orvaned::prepareConfinement: [^\n]*\n");
+  return std::regex_replace(std::regex_replace(text, time, "$1TIME "), confinement, "");
 }
 
 void ServerProcess::closeOutput() {

@@ -54,7 +54,7 @@ class ServerProcess {
   bool isRunning() const;
 
   // Standard output and standard error together; what wait() and isServing() have read so far.
-  // TIME stands for the time stamp at the begin of a line.
+  // TIME stands for the time stamp at the begin of a line. Without the lines about confinement.
   std::string output() const;
   const std::string& rawOutput() const { return text; }
 

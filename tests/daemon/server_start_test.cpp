@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -47,6 +48,35 @@ TEST_F(ServerStartTest, SaysWhenItIsReady) {
   EXPECT_EQ(server.output(), "TIME info 0 orvaned::serve: serving queue " + name +
                                  " (8 messages of 1048968 bytes), storing into " + folder.path() +
                                  "\n");
+}
+
+TEST_F(ServerStartTest, SaysHowItsWorkersAreConfined) {
+  ServerProcess server({"--queue", name, "--store", folder.path()});
+  ASSERT_TRUE(server.isServing());
+  for (const char* part : {" orvaned::prepareConfinement: workers run as user ",
+                           " info 0 orvaned::prepareConfinement: workers have no capabilities\n",
+                           " orvaned::prepareConfinement: workers are ",
+                           " orvaned::prepareConfinement: workers may make "}) {
+    EXPECT_NE(server.rawOutput().find(part), std::string::npos) << part;
+  }
+}
+
+TEST_F(ServerStartTest, WarnsOfEachPartOfTheConfinementThatIsOff) {
+  ServerProcess server({"--queue", name, "--store", folder.path(), "--without", "capset",
+                        "--without", "landlock", "--without", "seccomp"});
+  ASSERT_TRUE(server.isServing());
+  for (const char* part : {"capset", "landlock", "seccomp"}) {
+    EXPECT_NE(server.rawOutput().find(": --without " + std::string(part) + "\n"), std::string::npos)
+        << part;
+  }
+}
+
+TEST_F(ServerStartTest, RefusesAWorkerUserThatDoesNotExist) {
+  const std::string reason =
+      geteuid() == 0 ? "there is no such user"
+                     : "only a server that runs as root can run its workers as another user";
+  expectEnd({"--queue", name, "--store", folder.path(), "--worker-user", "no-such-user"}, 1,
+            "TIME error 1 orvaned::main: --worker-user no-such-user: " + reason + "\n");
 }
 
 TEST_F(ServerStartTest, WarnsWhenTheLargestRecordCannotPass) {

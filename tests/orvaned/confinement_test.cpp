@@ -303,6 +303,19 @@ TEST(ConfinedWorker, EndsByItsOwnAbort) {
   EXPECT_EQ(outcome.refusedCall, -1);
 }
 
+TEST(ConfinedWorker, KeepsTheDescriptorsThatItIsToldOnly) {
+  EXPECT_EQ(runInChild([] {
+              const int first = dup(STDERR_FILENO);
+              const int kept = dup(STDERR_FILENO);
+              const int last = dup(STDERR_FILENO);
+              orvaned::closeAllBut({-1, kept});
+              const auto isOpen = [](int fd) { return fcntl(fd, F_GETFD) >= 0; };
+              return require(isOpen(kept) && isOpen(STDERR_FILENO), 1) +
+                     require(!isOpen(first) && !isOpen(last) && !isOpen(STDIN_FILENO), 2);
+            }),
+            "exit 0");
+}
+
 TEST(AllowedCalls, StandOnceInTheTableEachWithAReason) {
   std::set<int> numbers;
   for (const auto& calls : {orvaned::workerCalls(), orvaned::openingCalls()}) {

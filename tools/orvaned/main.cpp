@@ -19,6 +19,7 @@
 namespace {
 
 using orvane::server::LEVEL_ERROR;
+using orvane::server::LEVEL_INFO;
 using orvane::server::LEVEL_WARNING;
 using orvane::server::Logger;
 using orvaned::doublePercent;
@@ -54,10 +55,23 @@ void allowManyFiles() {
   }
 }
 
-bool serve(const orvaned::Options& options, const Logger& log, orvaned::LogWriter& logWriter) {
+// Whether this system allows it is known before the first producer comes.
+void prepareConfinement(orvaned::Options& options, const Logger& log) {
+  const orvaned::WorkerUserChoice choice = orvaned::chooseWorkerUser(options.workerUser);
+  options.confinement.user = choice.user;
+  if (!choice.warning.empty()) {
+    log.log(LEVEL_WARNING, __func__, 0, "%s", choice.warning.c_str());
+  }
+  for (const auto& line : orvaned::tryConfinement(options.confinement)) {
+    log.log(line.isWarning ? LEVEL_WARNING : LEVEL_INFO, __func__, 0, "%s", line.text.c_str());
+  }
+}
+
+bool serve(orvaned::Options& options, const Logger& log, orvaned::LogWriter& logWriter) {
   orvaned::checkOptions(options);
   orvaned::checkWritable(options.store);
   orvaned::checkCapture(options.capture);
+  prepareConfinement(options, log);
   orvaned::Supervisor supervisor(options);
   const std::size_t messageSize = options.geometry.messageSize;
   if (messageSize < tool::messageSizeFor(1)) {

@@ -1,9 +1,11 @@
 #include "options.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 #include <orvane/orvane.hpp>
 #include <stdexcept>
+#include <vector>
 
 #include "log.hpp"
 #include "server_status.hpp"
@@ -92,6 +94,17 @@ std::string checkSync(const std::string& text) {
   return syncNamed(text) ? "" : "must be always, segment or none";
 }
 
+// True, so that a part stays, unless --without names it.
+bool keeps(const std::vector<std::string>& without, const char* part) {
+  return std::find(without.begin(), without.end(), part) == without.end();
+}
+
+std::string checkPart(const std::string& text) {
+  return text == "capset" || text == "landlock" || text == "seccomp"
+             ? ""
+             : "must be capset, landlock or seccomp";
+}
+
 }  // namespace
 
 std::optional<int> parseOptions(int argc, const char* const* argv, Options& options) {
@@ -99,6 +112,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   std::string mode = "0600";
   std::string sync = "segment";
   std::string level = "info";
+  std::vector<std::string> without;
   CLI::App app(kDescription, "orvaned");
   app.footer(footer());
   app.set_version_flag("--version", "orvaned " ORVANE_VERSION);
@@ -141,6 +155,15 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.add_flag("--trace", options.trace, "Log each batch and each answer too");
   app.add_option("--capture", options.capture,
                  "Append every message that comes, good or bad, to this file, for orvane dump");
+  app.add_option(
+      "--worker-user", options.workerUser,
+      "User that the workers of a server run as that runs as root; by default orvaned, or "
+      "65534 where there is no such user. root: the server's own");
+  app.add_option("--without", without,
+                 "Do not confine workers by this: capset, landlock or seccomp. May be repeated")
+      ->check(checkPart)
+      ->expected(1)
+      ->take_all();
   try {
     app.parse(argc, argv);
     if (options.queue.empty() && options.socket.empty()) {
@@ -155,6 +178,9 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   geometry.mode = static_cast<mode_t>(std::stoul(mode, nullptr, 8));
   options.sync = *syncNamed(sync);
   options.logLevel = *levelNamed(level);
+  options.confinement.capabilities = keeps(without, "capset");
+  options.confinement.landlock = keeps(without, "landlock");
+  options.confinement.seccomp = keeps(without, "seccomp");
   return std::nullopt;
 }
 

@@ -24,8 +24,9 @@ struct Options {
   std::uint32_t idleLimit = 0;  // seconds; 0: none
   ox::Kind logLevel = ox::Kind::info;
   bool trace = false;
-  std::string capture;  // empty: none
-  Confinement confinement;  // of the workers
+  std::string capture;      // empty: none
+  std::string workerUser;   // empty: orvaned
+  Confinement confinement;  // its user is chosen by chooseWorkerUser()
 };
 
 constexpr int kUsageError = 2;

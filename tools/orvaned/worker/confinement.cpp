@@ -9,10 +9,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -157,6 +159,24 @@ class Filter {
 };
 
 }  // namespace
+
+void closeAllBut(std::vector<int> kept) {
+  kept.push_back(STDERR_FILENO);
+  std::sort(kept.begin(), kept.end());
+  unsigned next = 0;  // what is not decided yet
+  const auto closeUntil = [&next](unsigned last) {
+    if (next <= last && syscall(SYS_close_range, next, last, 0) != 0) {
+      fail(errno, "close_range");
+    }
+  };
+  for (const int fd : kept) {
+    if (fd > 0) {
+      closeUntil(static_cast<unsigned>(fd) - 1);
+    }
+    next = static_cast<unsigned>(fd + 1);
+  }
+  closeUntil(std::numeric_limits<unsigned>::max());
+}
 
 void dropRights(const Confinement& confinement, pid_t parent, int allowedFile) {
   readFilesOfTheLibrary();

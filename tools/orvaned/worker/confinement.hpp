@@ -14,6 +14,7 @@ namespace orvaned {
 // can then do is decided here: next to nothing. SECURITY.md says what is promised, and on which
 // kernels.
 //
+//   closeAllBut({broker, lease});
 //   dropRights(confinement, supervisor);
 //   restrictCalls(confinement, &heartbeat.refusedCall);
 //   // now the producer's first byte
@@ -47,6 +48,10 @@ void dropRights(const Confinement& confinement, pid_t parent, int allowedFile = 
 // std::system_error.
 bool restrictCalls(const Confinement& confinement, std::atomic<int>* refusedCall,
                    bool mayOpen = false);
+
+// Closes all that was inherited but these, and standard error: a worker that kept another lease's
+// connection could speak in its name. To be called before dropRights(). Throws std::system_error.
+void closeAllBut(std::vector<int> kept);
 
 static_assert(std::atomic<int>::is_always_lock_free, "it is shared between processes");
 
