@@ -1,6 +1,5 @@
 // A worker that a hostile producer has taken over: what can it do?
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
