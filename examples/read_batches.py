@@ -13,20 +13,45 @@ def number(data, offset, size):
     return int.from_bytes(data[offset:offset + size], "big")
 
 
+def header(data, at):
+    """(queue, start, end) of the message that may begin at `at`, or None."""
+    name = at + 16
+    start = name + number(data, at + 4, 4)
+    end = start + number(data, at + 8, 8)
+    queue = data[name:start]
+    if (data[at:at + 4] == CAPTURE_MAGIC and start - name <= 200 and end - start <= 2**30
+            and start <= len(data) and all(0x20 < c < 0x7F for c in queue)):
+        return queue.decode("ascii"), start, end
+    return None
+
+
+def next_header(data, at):
+    """Where the next message may begin, from `at` on; the end of the data if nowhere."""
+    at = data.find(CAPTURE_MAGIC, at)
+    while at >= 0 and header(data, at) is None:
+        at = data.find(CAPTURE_MAGIC, at + 1)
+    return at if at >= 0 else len(data)
+
+
+def is_batch(message):
+    try:
+        return all(True for _ in records(message))
+    except ValueError:
+        return False
+
+
 def messages(data):
-    """Yields (queue, message, offset); no queue: bytes between two messages."""
+    """Yields (queue, message, offset); no queue: bytes between two messages. A message of which only a
+    part was written costs no other one: it is no batch, no other message follows where it should end,
+    but one begins inside it."""
     at = 0
     while at < len(data):
-        name = at + 16
-        start = name + number(data, at + 4, 4)
-        end = start + number(data, at + 8, 8)
-        queue = data[name:start]
-        if (data[at:at + 4] == CAPTURE_MAGIC and start - name <= 200 and end - start <= 2**30
-                and name <= end <= len(data) and all(0x20 < c < 0x7F for c in queue)):
-            yield queue.decode("ascii"), data[start:end], at
+        queue, start, end = header(data, at) or (None, at, len(data) + 1)
+        if end <= len(data) and (is_batch(data[start:end]) or end == len(data) or header(data, end)
+                                 or next_header(data, at + 1) >= end):
+            yield queue, data[start:end], at
         else:
-            end = data.find(CAPTURE_MAGIC, at + 1)
-            end = end if end > at else len(data)
+            end = next_header(data, at + 1)
             yield None, data[at:end], at
         at = end
 

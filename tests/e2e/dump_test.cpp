@@ -172,6 +172,43 @@ TEST_F(Dump, SkipsWhatBelongsToNoMessage) {
   EXPECT_EQ(readInPython().out, first + second);
 }
 
+// A message that a full disk or a kill cut short, at any byte, with whole ones after it.
+TEST_F(Dump, LosesNothingButTheMessageThatIsTorn) {
+  const std::string whole = captured("orders", kExample);
+  const std::string text = std::string(", queue orders, 109 bytes\n") + kExampleText;
+  for (const std::size_t size : {5U, 15U, 16U, 18U, 22U, 40U, 130U}) {
+    const Ended ended = dump(whole + whole.substr(0, size) + whole + whole + whole);
+    EXPECT_EQ(ended.how, "exit 1");
+    EXPECT_EQ(ended.err, "orvane dump: 1 broken message in " + file + "\n");
+    const std::string first = "message 0" + text + "broken: " + std::to_string(size) +
+                              " bytes at byte 131 belong to no message\n";
+    const std::string rest = "message 1" + text + "message 2" + text + "message 3" + text;
+    EXPECT_TRUE(startsWith(ended.out, first)) << size << ": " << ended.out;
+    EXPECT_TRUE(ended.out.ends_with("\n" + rest)) << size << ": " << ended.out;
+    EXPECT_EQ(readInPython().out, first + rest) << size;
+  }
+}
+
+// A message may itself hold a capture, as a producer sends one: a batch is taken as it is.
+TEST_F(Dump, TakesACaptureWithinABatchForData) {
+  const std::string inner = captured("other", kExample) + captured("other", kExample);
+  const Bytes batch = BatchBytes().records({{.type = 1, .data = bytesOf(inner)}}).bytes();
+  const Ended ended = dump(captured("orders", batch) + "torn" + captured("orders", kExample));
+  EXPECT_EQ(ended.err, "orvane dump: 1 broken message in " + file + "\n");
+  EXPECT_TRUE(startsWith(ended.out, "message 0, queue orders, 316 bytes\n")) << ended.out;
+  EXPECT_TRUE(
+      ended.out.ends_with(std::string("message 1, queue orders, 109 bytes\n") + kExampleText))
+      << ended.out;
+}
+
+TEST_F(Dump, ShowsAMessageThatIsNoBatchBetweenOthers) {
+  const std::string whole = captured("orders", kExample);
+  const Ended ended = dump(whole + captured("orders", bytesOf("rubbish!")) + whole);
+  EXPECT_EQ(ended.err, "orvane dump: 1 broken message in " + file + "\n");
+  EXPECT_TRUE(contains(ended.out, "message 1, queue orders, 8 bytes\n"));
+  EXPECT_TRUE(contains(ended.out, "message 2, queue orders, 109 bytes\n"));
+}
+
 TEST_F(Dump, BelievesNoHeaderThatNoServerWrites) {
   const std::string good = captured("orders", kExample);
   const std::string longName = captured(std::string(201, 'q'), kExample);

@@ -1,8 +1,7 @@
 #include "capture_reader.hpp"
 
 #include <algorithm>
-
-#include "common/capture_header.hpp"
+#include <orvane/orvane.hpp>
 
 namespace tool {
 namespace {
@@ -14,11 +13,23 @@ bool isPrintable(unsigned char c) {
   return c > ' ' && c < 0x7f;
 }
 
+bool isBatch(std::span<const unsigned char> bytes) {
+  try {
+    const orvane::BatchView view(bytes.data(), bytes.size());
+    return true;
+  } catch (const Ox_ErrnoException&) {
+    return false;
+  }
+}
+
+std::size_t sizeOf(const CaptureHeader& header) {
+  return CaptureHeader::kSize + header.queueSize + header.messageSize;
+}
+
 }  // namespace
 
 CaptureReader::CaptureReader(Input& file, Interrupt& endsIt) : input(file), interrupt(endsIt) {
-  fill(kMagic.size());
-  isCapture = beginsMessage(0);
+  isCapture = fill(kMagic.size()) && std::equal(kMagic.begin(), kMagic.end(), window.begin());
 }
 
 std::optional<CaptureReader::Piece> CaptureReader::next() {
@@ -30,15 +41,8 @@ std::optional<CaptureReader::Piece> CaptureReader::next() {
     }
     return take(waiting().size());
   }
-  const auto header =
-      fill(CaptureHeader::kSize) ? parseCaptureHeader(waiting().data()) : std::nullopt;
-  if (header && fill(CaptureHeader::kSize + header->queueSize + header->messageSize)) {
-    const auto name = waiting().subspan(CaptureHeader::kSize, header->queueSize);
-    if (std::all_of(name.begin(), name.end(), isPrintable)) {
-      return message(header->queueSize, header->messageSize);
-    }
-  }
-  return stray();
+  const auto header = headerAt(0);
+  return header && isWhole(*header) ? message(header->queueSize, header->messageSize) : stray();
 }
 
 // Makes at least so many bytes wait. False: there are not so many.
@@ -58,9 +62,33 @@ bool CaptureReader::fill(std::size_t size) {
   return window.size() >= size;
 }
 
-bool CaptureReader::beginsMessage(std::size_t position) const {
-  const auto bytes = waiting().subspan(position);
-  return bytes.size() >= kMagic.size() && std::equal(kMagic.begin(), kMagic.end(), bytes.begin());
+// What may begin a message: the header, and the name that it announces.
+std::optional<CaptureHeader> CaptureReader::headerAt(std::size_t position) {
+  if (!fill(position + CaptureHeader::kSize)) {
+    return std::nullopt;
+  }
+  const auto header = parseCaptureHeader(&waiting()[position]);
+  if (!header || !fill(position + CaptureHeader::kSize + header->queueSize)) {
+    return std::nullopt;
+  }
+  const auto name = waiting().subspan(position + CaptureHeader::kSize, header->queueSize);
+  return std::all_of(name.begin(), name.end(), isPrintable) ? header : std::nullopt;
+}
+
+bool CaptureReader::isWhole(const CaptureHeader& header) {
+  const std::size_t size = sizeOf(header);
+  if (!fill(size)) {
+    return false;
+  }
+  if (isBatch(waiting().subspan(size - header.messageSize, header.messageSize)) ||
+      !fill(size + 1) || headerAt(size)) {
+    return true;
+  }
+  std::size_t position = 1;
+  while (position < size && !headerAt(position)) {
+    ++position;
+  }
+  return position == size;
 }
 
 CaptureReader::Piece CaptureReader::message(std::size_t queueSize, std::size_t messageSize) {
@@ -71,13 +99,13 @@ CaptureReader::Piece CaptureReader::message(std::size_t queueSize, std::size_t m
   return piece;
 }
 
-// All up to where the next message begins.
+// All up to where the next message may begin.
 CaptureReader::Piece CaptureReader::stray() {
   std::size_t size = 1;
-  while (fill(size + kMagic.size()) && !beginsMessage(size)) {
+  while (fill(size + 1) && !headerAt(size)) {
     ++size;
   }
-  Piece piece = take(beginsMessage(size) ? size : waiting().size());
+  Piece piece = take(size);
   piece.isMessage = false;
   return piece;
 }

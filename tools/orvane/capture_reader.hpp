@@ -6,13 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "common/capture_header.hpp"
 #include "input.hpp"
 #include "interrupt.hpp"
 
 namespace tool {
 
 // Takes a capture apart, or the one batch that a file holds; reads no further than it has to.
-// Throws what Input does.
+// A message of which only a part was written costs no other one: where what is said to be a message
+// is no batch, does not end before another one or at the end of the file, and holds what may begin
+// a message, it is taken for such a part. Throws what Input does.
 class CaptureReader {
  public:
   struct Piece {
@@ -30,7 +33,8 @@ class CaptureReader {
  private:
   bool fill(std::size_t size);
   std::span<const unsigned char> waiting() const { return std::span(window).subspan(begin); }
-  bool beginsMessage(std::size_t position) const;
+  std::optional<CaptureHeader> headerAt(std::size_t position);
+  bool isWhole(const CaptureHeader& header);
   Piece message(std::size_t queueSize, std::size_t messageSize);
   Piece stray();
   Piece take(std::size_t size);

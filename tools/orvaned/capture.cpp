@@ -71,21 +71,11 @@ void Capture::append(std::span<const unsigned char> message) {
   if (written == static_cast<ssize_t>(size)) {
     return;
   }
-  std::string reason = std::generic_category().message(errno);
-  if (written >= 0) {
-    reason = "it took only " + std::to_string(written) + " of " + std::to_string(size) + " bytes";
-    reason += takeBack(written) ? "" : ", and they are still there";
-  }
-  warn(reason);
+  // A part of a message stays: this file can only be appended to, and readers skip the part.
+  warn(written < 0
+           ? std::generic_category().message(errno)
+           : "it took only " + std::to_string(written) + " of " + std::to_string(size) + " bytes");
   file.reset();
-}
-
-// Half a message; unless another worker has written behind it, and then readers skip it.
-bool Capture::takeBack(ssize_t written) const {
-  const off_t end = lseek(file.get(), 0, SEEK_CUR);
-  struct stat status = {};
-  return fstat(file.get(), &status) == 0 && status.st_size == end &&
-         ftruncate(file.get(), end - written) == 0;
 }
 
 void Capture::warn(const std::string& reason) const {

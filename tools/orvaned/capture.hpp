@@ -27,7 +27,6 @@ class Capture {
 
  private:
   void append(std::span<const unsigned char> message);
-  bool takeBack(ssize_t written) const;
   void warn(const std::string& reason) const;
 
   std::string path;
