@@ -2,16 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <queue>
 #include <string>
 #include <vector>
 
-#include "allocations.hpp"
 #include "batch_members.hpp"
 #include "orvane/batch_view.hpp"
 #include "ox/errno_exception.hpp"
+#include "support/allocations.hpp"
 #include "support/recording_sink.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
@@ -169,7 +170,10 @@ INSTANTIATE_TEST_SUITE_P(Each, BatchReaders,
 TEST_P(BatchReaders, WalkAcrossLengthsOf64KiBAndMore) {
   const std::vector<std::uint32_t> lengths = {65535, 65536, 65537, 131072, 196608, 1048577, 1};
   ShmBatch batch(2 << 20);
-  const Bytes data(1048577, 0x5A);
+  Bytes data(1048577);
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    data[i] = static_cast<unsigned char>(i % 251);
+  }
   std::vector<const unsigned char*> expected;
   const unsigned char* position = batch.getRaw() + 8;
   for (const std::uint32_t length : lengths) {
@@ -189,6 +193,7 @@ TEST_P(BatchReaders, WalkAcrossLengthsOf64KiBAndMore) {
     EXPECT_EQ(entries[i].header.len, lengths[i]);
     EXPECT_EQ(entries[i].header.seqNo, i);
     EXPECT_EQ(entries[i].data, expected[i]);
+    EXPECT_TRUE(std::equal(entries[i].data, entries[i].data + lengths[i], data.begin()));
   }
 }
 

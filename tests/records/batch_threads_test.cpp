@@ -11,6 +11,7 @@
 
 #include "orvane/batch_view.hpp"
 #include "ox/errno_exception.hpp"
+#include "support/allocations.hpp"
 #include "support/wire.hpp"
 
 // A reader is stopped at each byte of a batch in turn while another reads a whole batch. What the
@@ -135,14 +136,41 @@ std::vector<Entry> readStoppedAt(GatedBytes& bytes, Reader read, Else doMeanwhil
   return entries;
 }
 
+// A reader that is stopped at each of its allocations: between two entries, not inside one.
+TEST(StoppedReaders, ShareNoStateWhileOneAllocates) {
+  ShmBatch batch(8 + 30 * 48);
+  pvk_shm_message_t header;
+  for (header.seqNo = 0; header.seqNo < 30; ++header.seqNo) {
+    batch.pushBack(Entry(header, nullptr));
+  }
+  int stops = 0;
+  std::queue<Entry> other;
+  std::queue<Entry> entries;
+  {
+    const Allocations reading([&](std::size_t) {
+      ++stops;
+      std::thread thread(
+          [&] { ShmBatch::getEntriesFromBuffer(other, kSecond.data(), kSecond.size()); });
+      thread.join();
+      return nullptr;
+    });
+    ShmBatch::getEntriesFromBuffer(entries, batch.getRaw(), batch.getRawSize());
+  }
+  EXPECT_GT(stops, 3);
+  ASSERT_EQ(entries.size(), 30U);
+  for (std::size_t i = 0; i < 30; ++i, entries.pop()) {
+    EXPECT_EQ(entries.front().header.seqNo, i);
+  }
+}
+
 struct Reading {
   const char* name;
   Reader read;
 };
 
-class TwoReaders : public testing::TestWithParam<Reading> {};
+class StoppedReader : public testing::TestWithParam<Reading> {};
 
-TEST_P(TwoReaders, ShareNoState) {
+TEST_P(StoppedReader, SharesNoState) {
   const Reader read = GetParam().read;
   const std::vector<Entry> expected = read(kFirst.data(), kFirst.size());
   for (std::size_t gate = 0; gate < kFirst.size(); ++gate) {
@@ -160,7 +188,7 @@ TEST_P(TwoReaders, ShareNoState) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, TwoReaders,
+INSTANTIATE_TEST_SUITE_P(Each, StoppedReader,
                          testing::Values(Reading{"Trusting", readTrusting},
                                          Reading{"Checking", readChecking},
                                          Reading{"OfMetadata", readMetaDataOnly}),

@@ -11,9 +11,9 @@
 #include <streambuf>
 #include <string>
 
-#include "allocations.hpp"
 #include "batch_members.hpp"
 #include "orvane/batch_view.hpp"
+#include "support/allocations.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
 

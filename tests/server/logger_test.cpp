@@ -134,6 +134,43 @@ TEST_F(LoggerTest, CodeReachesTheSinkUnchanged) {
   }
 }
 
+TEST_F(LoggerTest, CodeReachesEverySinkUnchanged) {
+  for (const int code : {std::numeric_limits<int>::min(), -1, 65536}) {
+    for (const int level : {1, 2, 3, 4}) {
+      Logger("").log(static_cast<OrvanServerLoglevel>(level), "f", code, "m");
+    }
+    EXPECT_EQ(take(), (std::vector<Call>{{"InfoA", code, "f: m"},
+                                         {"AuthA", code, "f: m"},
+                                         {"WarningA", code, "f: m"},
+                                         {"ErrorA", code, "f: m"}}));
+  }
+}
+
+TEST_F(LoggerTest, MessageIsFormattedForEveryLevelAlsoWhereItIsDropped) {
+  for (const int level : {-1, 0, 1, 2, 3, 4, 5, 256 + 1, std::numeric_limits<int>::max()}) {
+    int written = -1;
+    Logger("n").log(static_cast<OrvanServerLoglevel>(level), "f", 0, "text%n", &written);
+    EXPECT_EQ(written, 4) << "level " << level;
+  }
+  EXPECT_EQ(take().size(), 4U);
+}
+
+TEST_F(LoggerTest, TraceIsFormattedAlsoWhereItIsDroppedAtTheEnd) {
+  traceAnswers = {true, false};
+  int written = -1;
+  Logger("n").logTrace("f", "text%n", &written);
+  EXPECT_EQ(written, 4);
+  EXPECT_EQ(take(), std::vector<Call>{});
+}
+
+TEST_F(LoggerTest, PrefixIsNeverCut) {
+  const std::string longName(5000, 'n');
+  Logger(longName).log(LEVEL_INFO, longName.c_str(), 0, "%s", longName.c_str());
+  EXPECT_EQ(
+      take(),
+      (std::vector<Call>{{"InfoA", 0, longName + "::" + longName + ": " + longName.substr(905)}}));
+}
+
 TEST_F(LoggerTest, MessageIsFormatted) {
   Logger("").log(LEVEL_INFO, "f", 0, "%s %d %.2f", "text", -7, 1.5);
   EXPECT_EQ(take(), (std::vector<Call>{{"InfoA", 0, "f: text -7 1.50"}}));

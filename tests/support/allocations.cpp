@@ -1,4 +1,4 @@
-#include "allocations.hpp"
+#include "support/allocations.hpp"
 
 #include <cstdlib>
 #include <new>
