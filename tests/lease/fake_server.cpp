@@ -70,6 +70,11 @@ void FakeServer::say(const std::string& packet) {
   send(packet);
 }
 
+void FakeServer::stopSaying() {
+  awaitScript();
+  shutdown(client, SHUT_WR);
+}
+
 void FakeServer::end() {
   shutdown(listener, SHUT_RDWR);
   awaitScript();

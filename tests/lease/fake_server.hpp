@@ -33,6 +33,7 @@ class FakeServer {
   void awaitScript();
   const std::string& request();
   void say(const std::string& packet);
+  void stopSaying();   // its half of the connection, and hears on
   void end();          // also of a script whose client never came
   std::string hear();  // the client's next packet; empty at the end of the connection
 

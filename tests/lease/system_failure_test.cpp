@@ -1,69 +1,12 @@
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <functional>
 #include <string>
-#include <utility>
 
 #include "fake_server.hpp"
 #include "orvane/lease.hpp"
+#include "replaced_calls.hpp"
 #include "support/throws.hpp"
-
-namespace {
-
-// The next call of this name in the test's thread fails so, once.
-thread_local std::string failingCall;
-thread_local int failure = 0;
-
-// Done before the next send in the test's thread.
-thread_local std::function<void()> beforeSend;
-
-void failNext(const std::string& call, int error) {
-  failingCall = call;
-  failure = error;
-}
-
-template <typename... Arguments>
-long callOrFail(const char* name, long number, Arguments... arguments) {
-  if (failingCall == name) {
-    failingCall.clear();
-    errno = failure;
-    return -1;
-  }
-  return syscall(number, arguments...);
-}
-
-}  // namespace
-
-// These take the place of the C library's for everything that this executable loads.
-#define REPLACED extern "C" __attribute__((visibility("default")))
-
-REPLACED int socket(int domain, int type, int protocol) noexcept {
-  return static_cast<int>(callOrFail("socket", SYS_socket, domain, type, protocol));
-}
-
-REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
-  return static_cast<int>(callOrFail("setsockopt", SYS_setsockopt, fd, level, name, value, size));
-}
-
-REPLACED ssize_t send(int fd, const void* buffer, std::size_t size, int flags) {
-  if (beforeSend) {
-    std::exchange(beforeSend, nullptr)();
-  }
-  return callOrFail("send", SYS_sendto, fd, buffer, size, flags, nullptr, 0);
-}
-
-REPLACED ssize_t recv(int fd, void* buffer, std::size_t size, int flags) {
-  return callOrFail("recv", SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
-}
-
-REPLACED int poll(pollfd* fds, nfds_t count, int timeout) {
-  return static_cast<int>(callOrFail("poll", SYS_poll, fds, count, timeout));
-}
 
 namespace orvane::test {
 namespace {
@@ -112,7 +55,7 @@ TEST(LeaseTaking, ReportsThatItCannotHear) {
 TEST(LeaseTaking, HearsAServerThatRefusedAndEndedBeforeItWasAsked) {
   FakeServer server;
   server.serve({.says = {"refused 1004 the server is ending"}, .hears = false, .ends = true});
-  beforeSend = [&] { server.awaitScript(); };
+  replacedCalls().beforeSend = [&] { server.awaitScript(); };
 
   EXPECT_TRUE(throwsErrno(1004, "the server is ending", [&] { Lease(server.path(), kLong); }));
 }

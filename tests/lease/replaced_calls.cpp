@@ -1,0 +1,95 @@
+#include "replaced_calls.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace orvane::test {
+
+ReplacedCalls& replacedCalls() {
+  thread_local ReplacedCalls calls;
+  return calls;
+}
+
+namespace {
+
+class FreshForEachTest : public testing::EmptyTestEventListener {
+  void OnTestStart(const testing::TestInfo&) override { replacedCalls() = ReplacedCalls(); }
+};
+
+[[maybe_unused]] const bool isListening = [] {
+  testing::UnitTest::GetInstance()->listeners().Append(new FreshForEachTest);
+  return true;
+}();
+
+template <typename... Arguments>
+long callOrFail(const char* name, long number, Arguments... arguments) {
+  if (replacedCalls().failing == name) {
+    replacedCalls().failing.clear();
+    errno = replacedCalls().failure;
+    return -1;
+  }
+  return syscall(number, arguments...);
+}
+
+}  // namespace
+}  // namespace orvane::test
+
+using orvane::test::callOrFail;
+using orvane::test::ReplacedCalls;
+using orvane::test::replacedCalls;
+
+// These take the place of the C library's for everything that this executable loads.
+#define REPLACED extern "C" __attribute__((visibility("default")))
+
+REPLACED int socket(int domain, int type, int protocol) noexcept {
+  return static_cast<int>(callOrFail("socket", SYS_socket, domain, type, protocol));
+}
+
+REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
+  if (name == SO_SNDTIMEO && size == sizeof(timeval)) {
+    replacedCalls().sendLimits.push_back(*static_cast<const timeval*>(value));
+  }
+  return static_cast<int>(callOrFail("setsockopt", SYS_setsockopt, fd, level, name, value, size));
+}
+
+REPLACED ssize_t send(int fd, const void* buffer, std::size_t size, int flags) {
+  if (replacedCalls().beforeSend) {
+    std::exchange(replacedCalls().beforeSend, nullptr)();
+  }
+  replacedCalls().sendFlags.push_back(flags);
+  return callOrFail("send", SYS_sendto, fd, buffer, size, flags, nullptr, 0);
+}
+
+REPLACED ssize_t recv(int fd, void* buffer, std::size_t size, int flags) {
+  replacedCalls().recvFlags.push_back(flags);
+  return callOrFail("recv", SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
+}
+
+REPLACED int poll(pollfd* fds, nfds_t count, int timeout) {
+  ReplacedCalls& calls = replacedCalls();
+  calls.polled.push_back(*fds);
+  calls.pollTimeouts.push_back(timeout);
+  if (calls.falseAlarms > 0) {
+    --calls.falseAlarms;
+    fds->revents = POLLIN;
+    return 1;
+  }
+  return static_cast<int>(callOrFail("poll", SYS_poll, fds, count, timeout));
+}
+
+REPLACED int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  static constexpr time_t kDay = 86400;
+  thread_local time_t days = 0;
+  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+  const bool isWallClock = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
+  if (isWallClock && replacedCalls().wallClockJumps) {
+    now->tv_sec += ++days * kDay;
+  }
+  return result;
+}
