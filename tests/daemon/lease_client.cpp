@@ -61,8 +61,11 @@ Producer::Producer(const std::string& queue)
       answerQueue(boost::interprocess::open_only, (queue + "Response").c_str()) {}
 
 void Producer::send(std::initializer_list<Record> records) {
-  const Bytes batch = BatchBytes().records(records).bytes();
-  sendQueue.send(batch.data(), batch.size(), 1);
+  send(BatchBytes().records(records).bytes());
+}
+
+void Producer::send(const Bytes& message) {
+  sendQueue.send(message.data(), message.size(), 1);
 }
 
 }  // namespace orvane::test

@@ -39,6 +39,7 @@ class Producer {
   explicit Producer(const std::string& queue);
 
   void send(std::initializer_list<Record> records);
+  void send(const Bytes& message);
 
   // The next answer.
   Answer answer() { return awaitAnswer(answerQueue); }

@@ -1,11 +1,14 @@
 // The server's own child processes, and what they tell of themselves.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <new>
 #include <stdexcept>
 
 #include "../faults/child.hpp"
@@ -126,6 +129,89 @@ TEST(ProcessChild, SaysWhenItIsReady) {
   EXPECT_FALSE(child.isReady());
   steps.allow();
   EXPECT_TRUE(eventually([&] { return child.isReady(); }));
+}
+
+TEST(ProcessChild, TellsWhenItsTaskThrew) {
+  for (const bool known : {true, false}) {
+    orvaned::Child child([known](Heartbeat&) -> int {
+      if (known) {
+        throw std::bad_alloc();
+      }
+      throw 1;
+    });
+    ASSERT_TRUE(eventually([&] { return child.ended().has_value(); }));
+    EXPECT_TRUE(WIFEXITED(*child.ended()));
+    EXPECT_EQ(WEXITSTATUS(*child.ended()), 3);
+  }
+}
+
+TEST(ProcessChild, MayOutliveItsOwner) {
+  int lives[2] = {};
+  ASSERT_EQ(pipe(lives), 0);
+  orvane::test::Child owner([&] {
+    const orvaned::Child child(
+        [&](Heartbeat&) {
+          const pid_t parent = getppid();
+          while (getppid() == parent) {
+            sched_yield();
+          }
+          return write(lives[1], "x", 1) == 1 ? 0 : 1;
+        },
+        orvaned::Child::Orphaned::goesOn);
+    raise(SIGKILL);
+  });
+  EXPECT_EQ(owner.nextChange(), "signal 9");
+  char byte = 0;
+  EXPECT_EQ(read(lives[0], &byte, 1), 1);
+  close(lives[0]);
+  close(lives[1]);
+}
+
+TEST(ProcessChild, IsBusyWhileItUsesTheProcessorAndTakesNoMessage) {
+  orvaned::Child child([](Heartbeat& heartbeat) {
+    while (!heartbeat.ready) {
+    }
+    return 0;
+  });
+  EXPECT_TRUE(eventually([&] { return child.busyWithoutMessage() >= milliseconds(200); }));
+}
+
+TEST(ProcessChild, IsNotBusyWhileItTakesMessages) {
+  orvaned::Child child([](Heartbeat& heartbeat) {
+    while (!heartbeat.ready) {
+      heartbeat.messages = heartbeat.messages + 1;
+    }
+    return 0;
+  });
+  const auto begin = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - begin < milliseconds(300)) {
+    EXPECT_LT(child.busyWithoutMessage(), milliseconds(100));
+  }
+}
+
+TEST(ProcessChild, IsNotBusyWhileItWaits) {
+  orvaned::Child child([](Heartbeat&) { return pause(); });
+  const auto begin = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - begin < milliseconds(100)) {
+    EXPECT_LT(child.busyWithoutMessage(), milliseconds(10));
+  }
+}
+
+TEST(ProcessChild, KeepsOnlyTheFilesThatItNeeds) {
+  int ends[2] = {};
+  ASSERT_EQ(pipe(ends), 0);
+  const int other = dup(ends[0]);
+  orvaned::Child child([&](Heartbeat&) {
+    orvaned::closeFilesExcept({ends[1], -1});
+    const bool isKept = fcntl(ends[1], F_GETFD) >= 0 && fcntl(STDERR_FILENO, F_GETFD) >= 0;
+    const bool isClosed = fcntl(ends[0], F_GETFD) < 0 && fcntl(other, F_GETFD) < 0;
+    return isKept && isClosed ? 0 : 1;
+  });
+  ASSERT_TRUE(eventually([&] { return child.ended().has_value(); }));
+  EXPECT_EQ(WEXITSTATUS(*child.ended()), 0);
+  for (const int file : {ends[0], ends[1], other}) {
+    close(file);
+  }
 }
 
 TEST(ProcessChild, IsInsideAQueueCallForAsLongAsTheCallLasts) {

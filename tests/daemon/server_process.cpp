@@ -43,7 +43,8 @@ constexpr int kPatienceMilliseconds = 30000;
   const char* options = getenv("TSAN_OPTIONS");
   setenv("TSAN_OPTIONS", ((options ? options : "") + std::string(" report_mutex_bugs=0")).c_str(),
          1);
-  execv(ORVANED_PATH, argv.data());
+  setup.prepare();
+  execv(setup.program.c_str(), argv.data());
   _exit(127);
 }
 

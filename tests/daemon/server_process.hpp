@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <queue/message_queue.hpp>
@@ -17,6 +18,8 @@ class ServerProcess {
   struct Setup {
     std::optional<rlim_t> fileSizeLimit = std::nullopt;
     bool standardErrorClosed = false;
+    std::string program = ORVANED_PATH;
+    std::function<void()> prepare = [] {};  // in the new process, before it becomes the program
     std::optional<int> standardError = std::nullopt;  // instead of what output() reads
   };
 

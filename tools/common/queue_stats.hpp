@@ -68,6 +68,9 @@ static_assert(offsetof(QueueStats, stream) == 136);
 constexpr std::uint64_t kStatsMagic = 0x737461747376726f;  // "orvstats"
 constexpr std::uint64_t kStatsVersion = 1;
 
+// A worker takes no more batches of a lease while so many receipts wait to be read.
+constexpr std::uint64_t kMostUnreadReceipts = 4096;
+
 // For the worker, which alone writes: not fetch_add, which is a locked instruction.
 inline void add(QueueStats::Number& total, std::uint64_t count) {
   total.store(total.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);

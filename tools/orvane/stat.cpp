@@ -37,6 +37,7 @@ constexpr Total kTotals[] = {
 struct Look {
   std::array<std::uint64_t, std::size(kTotals)> totals;
   std::uint64_t lastBatch;
+  std::uint64_t unreadReceipts;
   std::optional<std::string> stream;  // nothing while it changes
   std::uint64_t at;
 };
@@ -52,7 +53,7 @@ struct Stat {
 constexpr double kNanoseconds = 1e9;
 
 Look lookAt(const QueueStats& stats) {
-  Look look = {{}, stats.lastBatch.load(), streamOf(stats), 0};
+  Look look = {{}, stats.lastBatch.load(), stats.unreadReceipts.load(), streamOf(stats), 0};
   for (std::size_t i = 0; i < look.totals.size(); ++i) {
     look.totals[i] = (stats.*kTotals[i].number).load(std::memory_order_relaxed);
   }
@@ -117,6 +118,16 @@ std::string streamText(const Look& look) {
   return look.stream->empty() ? "none" : *look.stream;
 }
 
+// Of a producer that reads them there are none.
+void printUnreadReceipts(const Look& look) {
+  if (look.unreadReceipts > 0) {
+    std::printf(
+        "receipts     %s are not read by the producer%s\n",
+        std::to_string(look.unreadReceipts).c_str(),
+        look.unreadReceipts >= kMostUnreadReceipts ? ": no batch is taken until some are" : "");
+  }
+}
+
 void printText(const std::string& queue, const Published& published, const Stat& stat) {
   const Look& look = stat.look;
   const QueueStats& stats = published.stats();
@@ -124,9 +135,11 @@ void printText(const std::string& queue, const Published& published, const Stat&
               std::to_string(stats.messages).c_str(), std::to_string(stats.messageSize).c_str());
   std::printf("served by    %s\n", serverText(published, stat).c_str());
   std::printf("open stream  %s\n", streamText(look).c_str());
-  std::printf("last batch   %s\n\n", look.lastBatch == 0
-                                         ? "none yet"
-                                         : (secondsSince(look.lastBatch, look) + " s ago").c_str());
+  std::printf("last batch   %s\n", look.lastBatch == 0
+                                       ? "none yet"
+                                       : (secondsSince(look.lastBatch, look) + " s ago").c_str());
+  printUnreadReceipts(look);
+  std::puts("");
   const bool rates = stat.seconds > 0;
   std::printf("%-13s%s%s\n", "", column("total").c_str(),
               rates ? column("per second").c_str() : "");
@@ -159,6 +172,7 @@ void printJson(const std::string& queue, const Published& published, const Stat&
       ", \"uptime\": " + secondsSince(stats.madeAtMonotonic, look) +
       ", \"openStream\": " + (open ? jsonString(*look.stream) : "null") +
       ", \"lastBatchAgo\": " + (look.lastBatch == 0 ? "null" : secondsSince(look.lastBatch, look)) +
+      ", \"unreadReceipts\": " + std::to_string(look.unreadReceipts) +
       ", \"totals\": " + jsonOf(stat, false) +
       ", \"interval\": " + (stat.seconds > 0 ? decimal(stat.seconds, 3) : "null") +
       ", \"perSecond\": " + (stat.seconds > 0 ? jsonOf(stat, true) : "null") + "}";

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "common/queue_stats.hpp"
 #include "fd.hpp"
 
 namespace orvaned {
@@ -23,7 +24,7 @@ class LeaseConnection {
   enum class Request { none, lease, bad, end };
 
   // The packets that are kept for a producer that does not read, before isFull().
-  static constexpr std::size_t kMostKept = 4096;
+  static constexpr std::size_t kMostKept = tool::kMostUnreadReceipts;
 
   explicit LeaseConnection(Fd socket);
 
