@@ -72,7 +72,12 @@ std::string nameOf(Rights rights) {
 }
 
 void takeOn(Rights rights) {
-  if (rights == Rights::user) {
+  if (rights == Rights::root) {
+    const gid_t other = kServerUser;  // root's processes have other groups besides
+    if (setgroups(1, &other) != 0) {
+      fail("setgroups");
+    }
+  } else if (rights == Rights::user) {
     becomeServerUser();
   } else if (rights == Rights::service) {
     becomeService();

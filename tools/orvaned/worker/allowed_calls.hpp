@@ -18,9 +18,12 @@ enum class Only {
 };
 
 struct AllowedCall {
+  constexpr AllowedCall(int call, const char* why, Only condition = Only::any)
+      : number(call), only(condition), reason(why) {}
+
   int number;
+  Only only;
   const char* reason;
-  Only only = Only::any;
 };
 
 // What every confined process may do.
