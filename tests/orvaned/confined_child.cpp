@@ -46,7 +46,7 @@ void becomeService() {
   if (syscall(SYS_capset, &header, sets) != 0) {
     fail("capset");
   }
-  for (const unsigned long capability : {CAP_CHOWN, CAP_FOWNER}) {
+  for (const unsigned long capability : {CAP_CHOWN + 0UL, CAP_FOWNER + 0UL}) {
     if (prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, capability, 0, 0) != 0) {
       fail("PR_CAP_AMBIENT_RAISE");
     }

@@ -81,7 +81,7 @@ void handleRefusedCalls(std::atomic<int>* refusedCall) {
   numberOfRefusedCall = refusedCall;
   struct sigaction action = {};
   action.sa_sigaction = endAtRefusedCall;
-  action.sa_flags = SA_SIGINFO | SA_RESETHAND | SA_NODEFER;
+  action.sa_flags = static_cast<int>(SA_SIGINFO | SA_RESETHAND | SA_NODEFER);
   sigaction(SIGSYS, &action, nullptr);
   sigset_t signals;
   sigemptyset(&signals);
@@ -129,20 +129,20 @@ class Filter {
 
  private:
   int add(const AllowedCall& call) {
-    const auto process = static_cast<scmp_datum_t>(getpid());
-    scmp_filter_ctx filter = context.get();
     switch (call.only) {
       case Only::notExecutable:
-        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 1,
-                                SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
+        return add(call, {2, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0});
       case Only::withoutAddress:
-        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 1, SCMP_A4(SCMP_CMP_EQ, 0));
+        return add(call, {4, SCMP_CMP_EQ, 0, 0});
       case Only::thisProcess:
-        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 1,
-                                SCMP_A0(SCMP_CMP_EQ, process));
+        return add(call, {0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(getpid()), 0});
       default:
-        return seccomp_rule_add(filter, SCMP_ACT_ALLOW, call.number, 0);
+        return seccomp_rule_add_array(context.get(), SCMP_ACT_ALLOW, call.number, 0, nullptr);
     }
+  }
+
+  int add(const AllowedCall& call, const scmp_arg_cmp& condition) {
+    return seccomp_rule_add_array(context.get(), SCMP_ACT_ALLOW, call.number, 1, &condition);
   }
 
   void set(scmp_filter_attr attribute, std::uint32_t value) {
