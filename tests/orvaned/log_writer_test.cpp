@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <optional>
@@ -215,7 +216,9 @@ TEST_F(LogWriterTest, FinishDoesNotWaitForOtherProcessesThatLog) {
   }
   const pid_t process = writer->process();
   logLines(1);
+  const auto begin = std::chrono::steady_clock::now();
   writer->finish();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));  // then it kills
   EXPECT_NE(pipe.readAll().find("line 0.\n"), std::string::npos);
   EXPECT_TRUE(isGone(process));
   close(ends[0]);
