@@ -18,7 +18,8 @@ LOG_PROCESS = "orvaned-log"  # the server's child that writes its log
 
 MEMORY_SLACK = 512  # KiB that a heap may grow by without a leak
 
-SEND_EXITS = {0: "stored", 1: "nothing sent", 3: "refused", 4: "unknown", 5: "input failed"}
+SEND_EXITS = {0: "stored", 1: "nothing sent", 3: "refused", 4: "unknown", 5: "input failed",
+              6: "not reported"}
 
 # Somebody wants the harness itself to end: every case ends where it next waits.
 interrupted = threading.Event()
@@ -65,6 +66,14 @@ def name_of(pid):
         return Path("/proc", str(pid), "comm").read_text().strip()
     except (FileNotFoundError, ProcessLookupError):
         return ""
+
+
+def parent_of(pid):
+    """Nothing when it has ended."""
+    try:
+        return int(Path("/proc", str(pid), "stat").read_text().rpartition(")")[2].split()[1])
+    except (FileNotFoundError, ProcessLookupError):
+        return None
 
 
 def signal_to(pid, number):
@@ -169,6 +178,10 @@ class Server(Program):
     def log_process(self):
         """0 while there is none: it was killed, and is not replaced yet."""
         return next((pid for pid in living_processes(self.pid) if name_of(pid) == LOG_PROCESS), 0)
+
+    def strangers(self):
+        """Processes of the server that are not its supervisor's children."""
+        return [pid for pid in self.workers() if parent_of(pid) not in (self.pid, None)]
 
     def held(self):
         """How many open files, worker processes, and KiB of memory its supervisor has."""

@@ -55,6 +55,7 @@ class Scene:
         self.root = Path("/")
         self.moment = "missed"
         self.may_fail = 0
+        self.dead_runs = []  # the processes of servers that the case only pretends to have been
         self.strangers = False  # somebody else sends to the fixed name, too
         self.undo = lambda: None  # what an administrator would mend after the fault
         self.needs_recovery = False  # what the store refused, only the next start can finish
@@ -186,7 +187,7 @@ class Scene:
         """Nothing is left of dead servers, whose last processes may outlive them a little."""
         poll(lambda: all((stream / "manifest").exists() for stream in self.streams()), START_BOUND,
              "not every stream was finished")
-        dead = self.servers[:-1]
+        dead = [server.pid for server in self.servers[:-1]]
         poll(lambda: not any(self.is_leased_from(dead, path.name) for path in self.shm_files()),
              START_BOUND, f"{SHM} was not cleaned up after a dead server")
 
@@ -210,10 +211,10 @@ class Scene:
             raise Broken(f"{server.name} ended with {server.process.returncode} when told to end: "
                          f"{server.errors.strip()[-400:]}")
 
-    def is_leased_from(self, servers, name):
-        """Is it a name in /dev/shm that only one of these servers can have given, or locked?"""
+    def is_leased_from(self, pids, name):
+        """Is it a name in /dev/shm that only a server of these can have given, or locked?"""
         leased = re.match(r"\.?orvane-\d{8}T\d{6}-(\d+)[_.]", name)
-        return leased is not None and int(leased[1]) in [server.pid for server in servers]
+        return leased is not None and int(leased[1]) in pids
 
     def shm_files(self):
         shm = self.seen(SHM)
@@ -221,8 +222,9 @@ class Scene:
 
     def our_shm_files(self):
         fixed = re.compile(rf"\.?{self.queue}(Response)?(\.new|\.lock|\.stats)?")
+        pids = [server.pid for server in self.servers] + self.dead_runs
         return [path for path in self.shm_files()
-                if fixed.fullmatch(path.name) or self.is_leased_from(self.servers, path.name)]
+                if fixed.fullmatch(path.name) or self.is_leased_from(pids, path.name)]
 
     def check_leftovers(self):
         left = [path.name for path in self.our_shm_files()]

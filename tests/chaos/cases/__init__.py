@@ -24,4 +24,5 @@ def case(text, needs=(), often=1):
     return register
 
 
-from cases import processes, system_calls, space, hostile, names, clock, log  # noqa: E402,F401
+from cases import (processes, system_calls, space, hostile, names, clock, log,  # noqa: E402,F401
+                   supervisor)  # noqa: E402,F401

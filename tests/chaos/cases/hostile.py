@@ -2,12 +2,14 @@
 
 import mmap
 import os
+import signal
 import socket
 import struct
+import sys
 import time
 
 from cases import case
-from programs import STOP_BOUND, Broken, Program, poll
+from programs import STOP_BOUND, Broken, Program, poll, signal_to
 
 ANSWER = 512  # bytes of the longest text on the socket
 MANY_LEASES = ["--pairs-per-user", 200]  # the attacker is the same user
@@ -96,6 +98,61 @@ def leases_used_up(scene):
     poll(lambda: len(server.workers()) == 1, STOP_BOUND, "the leases did not end with their client")
 
 
+@case("a producer that never reads its receipts until the server is told to end", often=2)
+def receipts_unread(scene):
+    server = scene.serve()
+    scene.contents.append(b"")  # its streams
+    client = connect(scene, b"orvane 1 lease")
+    queue = client.recv(ANSWER).decode().removeprefix("lease ")
+    streams = scene.folder / "streams"
+    stream = (record_of(kind=0, place=0) + record_of(kind=3, place=2))
+    batch = struct.pack(">II", 0xFF00EE11, 20) + 10 * stream
+    streams.write_bytes(scene.rng.randrange(30, 80) * (struct.pack("=I", len(batch)) + batch))
+    helper = scene.program(Program, "streams", [
+        scene.binaries / "hostile_producer", queue, streams, 10])
+    scene.others.append(helper)
+    scene.send(may_fail=8)
+    helper.wait()
+    scene.until_an_instant()
+    server.strike(signal.SIGTERM)
+    client.settimeout(STOP_BOUND)
+    receipts = []
+    while packet := client.recv(ANSWER):
+        receipts.append(packet.decode())
+    server.wait()
+    told = sum(" end=closed" in receipt for receipt in receipts)
+    kept = sum("\nend=closed\n" in (path / "manifest").read_text()
+               for path in scene.store.glob(f"{queue}-*"))
+    if told != kept:
+        raise Broken(f"{kept} streams were stored whole, and {told} receipts came")
+
+
+@case("a producer that ends at once, while a forked child of it holds the connection")
+def orphaned_connection(scene):
+    server = scene.serve()
+    scene.send()
+    scene.until_an_instant()
+    signal_to(server.pid, signal.SIGSTOP)  # it accepts when the producer has ended
+    producer = scene.program(Program, "forking", [sys.executable, "-c", FORKING, scene.socket])
+    scene.others.append(producer)
+    producer.wait()
+    signal_to(server.pid, signal.SIGCONT)
+    for send in scene.sends:
+        send.wait()
+    poll(lambda: len(server.workers()) <= server.held_at_start[1], STOP_BOUND,
+         "a lease outlived its producer")
+
+
+FORKING = """
+import os, socket, sys, time
+client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+client.connect(sys.argv[1])
+client.send(b"orvane 1 lease")
+if os.fork() == 0:
+    time.sleep(600)
+"""
+
+
 def give_up_queue(scene):
     """Nobody can use what was destroyed; leases go on, the server ends as it should, and the next
     one has a new queue."""
@@ -143,3 +200,8 @@ def record(rng, number):
     segment = rng.choice([0, 1, rng.getrandbits(64)])
     return struct.pack(">IIQQIIIIII", kind, len(data), place, segment, 0, rng.choice([0, 1, 7]),
                        0, 0, 0, 0xAABBCCDD) + data
+
+
+def record_of(kind, place):
+    """An open or a close."""
+    return struct.pack(">IIQQIIIIII", kind, 0, place, 0, 1, 0, 0, 0, 0, 0xAABBCCDD)

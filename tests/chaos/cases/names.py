@@ -2,11 +2,12 @@
 
 import os
 import socket
+import time
 from pathlib import Path
 
 from cases import case
 from cases.processes import EVERYBODY
-from programs import Broken
+from programs import START_BOUND, Broken
 from scene import remove
 
 SQUATTERS = {
@@ -44,6 +45,32 @@ def second_server(scene):
     scene.others.append(second)
     if second.wait() != 1 or "another orvaned" not in second.errors:
         raise Broken(f"the second server ended with {second.process.returncode}: {second.errors}")
+
+
+@case("names that leases could get taken by a stranger, who sees the run and counts on", often=2)
+def lease_names_taken(scene):
+    server = scene.serve()
+    shm = scene.seen("/dev/shm")
+    run = next(path.name[1:-len(".lock")] for path in shm.iterdir()
+               if path.name.endswith(f"-{server.pid}.lock") and path.name.startswith(".orvane-"))
+    kind = scene.rng.choice(["file", "text", "pipe"])
+    number = scene.rng.choice([lambda n: str(n), lambda n: f"{n:016x}"])
+    part = scene.rng.choice(["{}", "{}Response", ".{}.new", ".{}.stats"])
+    taken = [shm / part.format(f"{run}_{number(n)}") for n in range(scene.rng.randrange(1, 100))]
+    for path in taken:
+        SQUATTERS[kind](path)
+    before = [path.stat() for path in taken]
+    start = time.monotonic()
+    for send in scene.send():
+        send.wait()
+    if time.monotonic() - start > len(scene.sends) * START_BOUND:
+        raise Broken("the producers waited for names that were taken")
+    scene.note_moment()
+    for path, was in zip(taken, before):
+        if not path.exists() or (path.stat().st_ino, path.stat().st_mtime) != (was.st_ino,
+                                                                              was.st_mtime):
+            raise Broken(f"{path}, somebody else's {kind}, was touched")
+    scene.undo = lambda: [remove(path) for path in taken]
 
 
 @case("the names in /dev/shm removed at a random instant, by a tidy administrator")

@@ -1,0 +1,73 @@
+"""What the supervisor looks at is away for a moment: the store, or files of its own."""
+
+import fcntl
+import resource
+import signal
+import time
+from pathlib import Path
+
+from cases import case
+from cases.processes import EVERYBODY
+from programs import START_BOUND, Program, poll, signal_to
+from scene import SHM
+
+IN_USE = 4  # the numbers of files that the supervisor never gives back: the standard ones, and one
+
+
+@case("the store renamed away while a worker is killed, and brought back", often=2)
+def store_away(scene):
+    server = scene.serve()
+    of_fixed_queue = server.workers()[0]
+    scene.send(may_fail=EVERYBODY)
+    choice = scene.rng.random()
+    pause = scene.rng.choice([0, scene.rng.uniform(0, 0.05), scene.rng.uniform(0, 1.5)])
+    scene.until_an_instant()
+    workers = server.workers()
+    victim = workers[int(choice * len(workers))]
+    away = scene.folder / "away"
+    scene.store.rename(away)
+    signal_to(victim, signal.SIGKILL)
+    time.sleep(pause)
+    away.rename(scene.store)
+    scene.needs_recovery = True  # of the streams that could not be finished meanwhile
+
+    def is_served_again():
+        return (victim != of_fixed_queue
+                or server.errors.count(f"serving queue {scene.queue} ") >= 2)
+
+    scene.undo = lambda: (
+        poll(is_served_again, START_BOUND, f"{server.name} did not serve its queue again"),
+        poll(lambda: not server.strangers(), START_BOUND,
+             f"{server.name} had processes that were not its supervisor's children"))
+
+
+@case("no file left to the supervisor, while what a dead server leased lingers", often=2)
+def no_file_left(scene):
+    lock = dead_run(scene)  # before the start, so that it is seen
+    server = scene.serve()
+    # It looks after the dead run every half second.
+    pause = scene.rng.uniform(0.6, 1.5)
+    soft, hard = resource.prlimit(server.pid, resource.RLIMIT_NOFILE)
+    scene.send(may_fail=EVERYBODY)
+    scene.until_an_instant()
+    resource.prlimit(server.pid, resource.RLIMIT_NOFILE, (IN_USE, hard))
+    time.sleep(pause)
+    if server.runs():
+        resource.prlimit(server.pid, resource.RLIMIT_NOFILE, (soft, hard))
+    scene.undo = lambda: (
+        lock.close(),
+        poll(lambda: not Path(lock.name).exists() or not server.runs(), START_BOUND,
+             f"{server.name} did not clean up after a dead server"))
+
+
+def dead_run(scene):
+    """The lock of a run whose server has ended, held as by a process that it forked."""
+    dead = scene.program(Program, "dead", ["true"])
+    scene.others.append(dead)
+    dead.wait()
+    scene.dead_runs.append(dead.pid)
+    lock = open(Path(SHM, f".orvane-20200101T000000-{dead.pid}.lock"), "w", encoding="ascii")
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    lock.write(f"{dead.pid}\n")
+    lock.flush()
+    return lock
