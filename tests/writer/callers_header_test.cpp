@@ -29,7 +29,7 @@ class CallersHeader : public testing::Test {
   void write(bool flush) {
     const ReplacedLog log([this](const std::string& format) {
       if (format == "%s: Sending shm batch of %u") {
-        header = recordHeader(2, 900, 1);
+        header = duringTheFlush;
       }
     });
     stream.writer.write_data(&header, bytesOf("abcd").data(), 0, flush);
@@ -47,6 +47,7 @@ class CallersHeader : public testing::Test {
                           .data = bytesOf("abc")};
   Stream stream;
   pvk_shm_message_t header;
+  pvk_shm_message_t duringTheFlush = recordHeader(2, 900, 1);
 };
 
 TEST_F(CallersHeader, IsReadBeforeTheFlushThatMakesRoom) {
@@ -62,6 +63,15 @@ TEST_F(CallersHeader, IsReadBeforeBothFlushesOfACall) {
 }
 
 TEST_F(CallersHeader, TellsTheTypeThatMakesAnEndRedundantAsItWasHandedOver) {
+  header.type = 2;
+  duringTheFlush = recordHeader(9, 0);
+  write(false);
+  stream.writer.endSegment();
+  stream.pair.discardAll();
+  EXPECT_EQ(stream.flushed().size(), 1U) << "the record was an end";
+}
+
+TEST_F(CallersHeader, TellsTheTypeThatLetsAnEndFollowAsItWasHandedOver) {
   write(false);
   stream.writer.endSegment();
   stream.pair.discardAll();

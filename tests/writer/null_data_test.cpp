@@ -85,5 +85,17 @@ TEST(NullData, DoesNotChangeTheTypeThatMakesAnEndRedundant) {
   EXPECT_EQ(stream.flushed().size(), 2U) << "no second end";
 }
 
+TEST(NullData, DoesNotChangeThatTypeWhenItsRoomNeededAFlush) {
+  Stream stream;
+  stream.open();
+  stream.write(std::string(968, 'x'));
+  const pvk_shm_message_t end = recordHeader(2, 1);
+  EXPECT_TRUE(
+      throwsErrno(9, rejected("1"), [&] { stream.writer.write_data(&end, nullptr, 0, false); }));
+  stream.pair.discardAll();
+  stream.writer.endSegment();
+  EXPECT_EQ(stream.flushed(), (Records{{.type = 2, .seqNo = 3, .segmentDone = 0}}));
+}
+
 }  // namespace
 }  // namespace orvane::test
