@@ -35,6 +35,11 @@ std::string notOfThisTalk(const std::string& said) {
          "\": install the same release on both sides";
 }
 
+TEST(LeaseStatus, HasTheNumbersThatCallersCompareWith) {
+  EXPECT_EQ(kLeaseNoServer, 900);
+  EXPECT_EQ(kLeaseLost, 901);
+}
+
 std::unique_ptr<Lease> takenFrom(FakeServer& server, unsigned int timeout = kLong) {
   server.serve({.says = {"lease q"}});
   auto lease = std::make_unique<Lease>(server.path(), timeout);

@@ -15,6 +15,7 @@
 #include "faults/waiting_thread.hpp"
 #include "ox/sink.hpp"
 #include "ox/trace.hpp"
+#include "support/recording_sink.hpp"
 
 namespace orvane::test {
 namespace {
@@ -95,6 +96,51 @@ TEST(PlatformLog, LeavesAThreadsWishNotToBeCancelledAlone) {
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &after);
     EXPECT_EQ(after, state);
   }
+}
+
+// Sinks were compiled with these numbers.
+TEST(PlatformLog, NumbersItsKindsInOrder) {
+  EXPECT_EQ(static_cast<int>(ox::Kind::info), 0);
+  EXPECT_EQ(static_cast<int>(ox::Kind::auth), 1);
+  EXPECT_EQ(static_cast<int>(ox::Kind::warning), 2);
+  EXPECT_EQ(static_cast<int>(ox::Kind::error), 3);
+  EXPECT_EQ(static_cast<int>(ox::Kind::trace), 4);
+  EXPECT_EQ(static_cast<int>(ox::Kind::enter), 5);
+  EXPECT_EQ(static_cast<int>(ox::Kind::leave), 6);
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"  // %m is the C library's own
+TEST(PlatformLog, FormatsTheCallersErrno) {
+  RecordingSink sink;
+  errno = ENOENT;
+  ErrorA(1, "%m");
+  const std::string longText(2000, 'x');
+  ErrorA(2, "%m %s", longText.c_str());
+  EXPECT_EQ(sink.take(),
+            (std::vector<Line>{{ox::Kind::error, 1, "No such file or directory"},
+                               {ox::Kind::error, 2, "No such file or directory " + longText}}));
+  EXPECT_EQ(errno, ENOENT);
+}
+#pragma GCC diagnostic pop
+
+TEST(PlatformLog, FillsLongLinesFromAllTheirArguments) {
+  RecordingSink sink;
+  const std::string longText(2000, 'x');
+  __Trace("%d %s %.1f %lld %s %c", 1, longText.c_str(), 2.5, 1LL << 40, "end", 'c');
+  EXPECT_EQ(sink.take(), std::vector{traced("1 " + longText + " 2.5 1099511627776 end c")});
+}
+
+TEST(PlatformLog, GoesToTheSameSinkAfterItThrew) {
+  const Sinking sinking([](ox::Kind, int, const char*) {
+    if (++linesSeen == 1) {
+      throw std::runtime_error("once");
+    }
+  });
+  linesSeen = 0;
+  logEverything();
+  logEverything();
+  EXPECT_EQ(linesSeen, 2 * kLines);
 }
 
 // Standard error as a pipe that is full.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <queue>
 #include <thread>
 #include <vector>
@@ -161,6 +162,25 @@ TEST(StoppedReaders, ShareNoStateWhileOneAllocates) {
   for (std::size_t i = 0; i < 30; ++i, entries.pop()) {
     EXPECT_EQ(entries.front().header.seqNo, i);
   }
+}
+
+// What a variable that both share does to the results depends on the compiler; ThreadSanitizer
+// always sees it.
+TEST(TwoReaders, ReadAtOnce) {
+  std::barrier start(2);
+  const auto readOften = [&start](const Bytes& bytes, std::size_t count, std::uint64_t firstSeqNo) {
+    start.arrive_and_wait();
+    for (int i = 0; i < 1000; ++i) {
+      for (const Reader read : {readTrusting, readChecking}) {
+        const std::vector<Entry> entries = read(bytes.data(), bytes.size());
+        ASSERT_EQ(entries.size(), count);
+        ASSERT_EQ(entries[0].header.seqNo, firstSeqNo);
+      }
+    }
+  };
+  std::thread other(readOften, kFirst, 3, 11);
+  readOften(kSecond, 1, 0x7172737475767778);
+  other.join();
 }
 
 struct Reading {

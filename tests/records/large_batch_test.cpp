@@ -38,7 +38,7 @@ class RepeatedMemory {
     }
     for (std::size_t offset = kPiece; offset < kSize - kPiece; offset += kPiece) {
       orThrow(mmap(static_cast<char*>(bytes) + offset, kPiece, PROT_READ | PROT_WRITE,
-                   MAP_SHARED | MAP_FIXED, file, 0));
+                   MAP_SHARED | MAP_FIXED | MAP_POPULATE, file, 0));
     }
     close(file);
   }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <deque>
 #include <limits>
 #include <stdexcept>
@@ -162,6 +163,15 @@ TEST_F(LoggerTest, TraceIsFormattedAlsoWhereItIsDroppedAtTheEnd) {
   EXPECT_EQ(written, 4);
   EXPECT_EQ(take(), std::vector<Call>{});
 }
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"  // %m is the C library's own
+TEST_F(LoggerTest, MessageMayHaveTheCallersErrno) {
+  errno = ENOENT;
+  Logger("n").log(LEVEL_INFO, "f", 0, "%m");
+  EXPECT_EQ(take(), (std::vector<Call>{{"InfoA", 0, "n::f: No such file or directory"}}));
+}
+#pragma GCC diagnostic pop
 
 TEST_F(LoggerTest, PrefixIsNeverCut) {
   const std::string longName(5000, 'n');

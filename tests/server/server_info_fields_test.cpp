@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <ios>
 #include <sstream>
@@ -11,7 +13,68 @@
 #include "support/grouping_locale.hpp"
 
 namespace orvane {
+
+// Reaches the record's private fields. Explicit instantiation is the one place where the language
+// does not check access.
+template <class Name, typename Name::Pointer kMember>
+struct ServerInfoField {
+  friend typename Name::Pointer fieldOf(Name) { return kMember; }
+};
+
+#define ORVANE_EXPOSE(FIELD, ...)              \
+  struct Field_##FIELD {                       \
+    using Pointer = __VA_ARGS__ ServerInfo::*; \
+    friend Pointer fieldOf(Field_##FIELD);     \
+  };                                           \
+  template struct ServerInfoField<Field_##FIELD, &ServerInfo::FIELD>;
+
+ORVANE_EXPOSE(ServerName, std::string)
+ORVANE_EXPOSE(User, std::string)
+ORVANE_EXPOSE(Passwd, std::string)
+ORVANE_EXPOSE(AgentCfg, std::string)
+ORVANE_EXPOSE(CurrentRoutingTable, std::string)
+ORVANE_EXPOSE(RecommendRoutingTable, std::string)
+ORVANE_EXPOSE(KeyDir, std::string)
+ORVANE_EXPOSE(Flags, std::uint32_t)
+ORVANE_EXPOSE(ReconnectTimeout, std::int32_t)
+ORVANE_EXPOSE(BandwidthLimit, std::int32_t)
+ORVANE_EXPOSE(LocalIp, std::string)
+ORVANE_EXPOSE(InterfaceIp, std::string)
+ORVANE_EXPOSE(InterfaceName, std::string)
+ORVANE_EXPOSE(FPType, std::uint8_t)
+ORVANE_EXPOSE(LastFPType, std::uint8_t)
+ORVANE_EXPOSE(ClusterMode, std::uint32_t)
+ORVANE_EXPOSE(ClusterName, std::string)
+#undef ORVANE_EXPOSE
+
 namespace {
+
+// Callers copy and move the record with code of their own, compiled with this order.
+TEST(ServerInfoFields, StandInDeclaredOrder) {
+  const ServerInfo info("s", "u", "p", "a", "c", "r", "k");
+  const auto* const start = reinterpret_cast<const char*>(&info);
+  const auto offsets = [&](auto... names) {
+    return std::vector<std::ptrdiff_t>{
+        (reinterpret_cast<const char*>(&(info.*fieldOf(names))) - start)...};
+  };
+  EXPECT_EQ(offsets(Field_ServerName{}, Field_User{}, Field_Passwd{}, Field_AgentCfg{},
+                    Field_CurrentRoutingTable{}, Field_RecommendRoutingTable{}, Field_KeyDir{}),
+            (std::vector<std::ptrdiff_t>{0, 32, 64, 96, 128, 160, 192}));
+  EXPECT_EQ(offsets(Field_Flags{}, Field_ReconnectTimeout{}, Field_BandwidthLimit{},
+                    Field_LocalIp{}, Field_InterfaceIp{}, Field_InterfaceName{}),
+            (std::vector<std::ptrdiff_t>{224, 228, 232, 240, 272, 304}));
+  EXPECT_EQ(offsets(Field_FPType{}, Field_LastFPType{}, Field_ClusterMode{}, Field_ClusterName{}),
+            (std::vector<std::ptrdiff_t>{336, 337, 340, 344}));
+  EXPECT_EQ(sizeof(ServerInfo), 376U);
+}
+
+TEST(ServerInfoFields, HaveTheSentinelsThatCallersCompareWith) {
+  EXPECT_EQ(ServerInfo::kNoFlags, 0U);
+  EXPECT_EQ(ServerInfo::kNoReconnectTimeout, -1);
+  EXPECT_EQ(ServerInfo::kNoBandwidthLimit, 0);
+  EXPECT_EQ(ServerInfo::kNoFPType, 255);
+  EXPECT_EQ(ServerInfo::kNoClusterMode, 4294967295U);
+}
 
 ServerInfo plain() {
   return {"s", "u", "p", "a", "c", "r", "k"};

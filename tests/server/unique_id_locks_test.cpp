@@ -6,6 +6,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -96,6 +97,16 @@ REPLACED void makeLocale(void* locale) noexcept {
   note("make a stream");
   original<void(void*)>(found, "_ZNSt6localeC1Ev")(locale);
 }
+
+namespace orvane {
+
+struct UniqueIdCounter {
+  static std::ptrdiff_t offset(const UniqueIdGenerator& ids) {
+    return reinterpret_cast<const char*>(&ids.counter) - reinterpret_cast<const char*>(&ids.mutex);
+  }
+};
+
+}  // namespace orvane
 
 namespace orvane::test {
 namespace {
@@ -191,6 +202,16 @@ TEST(UniqueIds, AreDrawnUnderTheLockBehindTheMakingOfTheStream) {
   EXPECT_EQ(stepsOf([&] { id = ids.generateId("a prefix that does not fit into a short string"); }),
             (Steps{"make a stream", "lock", "unlock"}));
   EXPECT_EQ(id, "a prefix that does not fit into a short string_0");
+}
+
+TEST(UniqueIds, HaveTheirMutexInFrontOfTheCounter) {
+  const UniqueIdGenerator ids;
+  EXPECT_EQ(UniqueIdCounter::offset(ids), ssize_t{sizeof(pthread_mutex_t)});
+}
+
+TEST(UniqueIds, KeepZeroBytesOfTheirPrefix) {
+  UniqueIdGenerator ids;
+  EXPECT_EQ(ids.generateId(std::string("a\0b", 3)), std::string("a\0b_0", 5));
 }
 
 TEST(UniqueIds, AreDrawnByOneThreadAtATime) {
