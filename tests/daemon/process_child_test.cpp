@@ -197,23 +197,6 @@ TEST(ProcessChild, IsNotBusyWhileItWaits) {
   }
 }
 
-TEST(ProcessChild, KeepsOnlyTheFilesThatItNeeds) {
-  int ends[2] = {};
-  ASSERT_EQ(pipe(ends), 0);
-  const int other = dup(ends[0]);
-  orvaned::Child child([&](Heartbeat&) {
-    orvaned::closeFilesExcept({ends[1], -1});
-    const bool isKept = fcntl(ends[1], F_GETFD) >= 0 && fcntl(STDERR_FILENO, F_GETFD) >= 0;
-    const bool isClosed = fcntl(ends[0], F_GETFD) < 0 && fcntl(other, F_GETFD) < 0;
-    return isKept && isClosed ? 0 : 1;
-  });
-  ASSERT_TRUE(eventually([&] { return child.ended().has_value(); }));
-  EXPECT_EQ(WEXITSTATUS(*child.ended()), 0);
-  for (const int file : {ends[0], ends[1], other}) {
-    close(file);
-  }
-}
-
 TEST(ProcessChild, IsInsideAQueueCallForAsLongAsTheCallLasts) {
   Steps steps;
   Steps done;

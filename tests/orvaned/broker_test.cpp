@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "child.hpp"
+#include "log.hpp"
 #include "store.hpp"
 #include "store/brokered_store.hpp"
-#include "support/recording_sink.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
 #include "temp_folder.hpp"
@@ -75,6 +75,8 @@ void write(const Fd& file, const std::string& text) {
 
 class BrokerTest : public testing::Test {
  protected:
+  using BrokerReply = orvaned::BrokerReply;
+
   BrokerReply call(BrokerRequest request) { return broker.client.call(std::move(request)); }
 
   // Throws what the broker answers.
@@ -84,8 +86,6 @@ class BrokerTest : public testing::Test {
   void callOutside(BrokerCall what, const std::string& name, std::uint64_t number = 0) {
     call({.call = what, .area = BrokerArea::outside, .number = number, .name = name, .other = {}});
   }
-
-  using BrokerReply = orvaned::BrokerReply;
 
   TempFolder store;
   RunningBroker broker{{store.path(), "orders", Sync::none}};
@@ -107,14 +107,37 @@ TEST_F(BrokerTest, MakesALockedFolderForAStreamAndOpensItsFiles) {
   EXPECT_EQ(stream.folder->names(), Names{"segment-000000"});
 }
 
-TEST_F(BrokerTest, LetsGoOfAStreamThatHasEnded) {
-  StoreAccess::NewStream stream = access.createStream();
-  const std::string path = stream.folder->path();
-  stream.folder.reset();
-  broker.client.checkStore();  // comes after the end
-  EXPECT_TRUE(LocalDirectory(path).lock());
+TEST_F(BrokerTest, LetsGoOfAStreamWhenTheNextOneBegins) {
+  const StoreAccess::NewStream first = access.createStream();
+  const StoreAccess::NewStream second = access.createStream();
+  EXPECT_TRUE(LocalDirectory(first.folder->path()).lock());
+  EXPECT_FALSE(LocalDirectory(second.folder->path()).lock());
+  first.folder->append("manifest.part");
+  EXPECT_EQ(namesIn(first.folder->path()), Names{});
+  EXPECT_EQ(namesIn(second.folder->path()), Names{"manifest.part"});
+}
+
+TEST_F(BrokerTest, OpensNothingBeforeAStreamHasBegun) {
   EXPECT_TRUE(throwsErrno(1003, "the broker refuses: no stream is open",
                           [&] { callFile(BrokerCall::append, "manifest.part"); }));
+}
+
+TEST_F(BrokerTest, OffersTheStreamThatADeadProcessLeftOpenOnce) {
+  const StoreAccess::NewStream stream = access.createStream();
+  orvaned::BrokeredUnfinishedStreams left(broker.client);
+  const auto found = left.next();
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->queue, "orders");
+  EXPECT_EQ(found->stream, stream.id);
+  EXPECT_EQ(found->folder->path(), stream.folder->path());
+  EXPECT_FALSE(left.next());
+}
+
+TEST_F(BrokerTest, OffersNoStreamThatHasItsManifest) {
+  const StoreAccess::NewStream stream = access.createStream();
+  stream.folder->append("manifest.part");
+  stream.folder->rename("manifest.part", "manifest");
+  EXPECT_FALSE(orvaned::BrokeredUnfinishedStreams(broker.client).next());
 }
 
 TEST_F(BrokerTest, GivesFilesThatCanOnlyBeAppendedTo) {
@@ -235,7 +258,8 @@ TEST(BrokerClientTest, PassesOverRepliesToOthers) {
   {
     BrokerClient client(std::move(ours));
     BrokeredAccess access(client, store.path());
-    EXPECT_EQ("orders-" + access.createStream().id, namesIn(store.path()).at(0));
+    const std::string id = access.createStream().id;
+    EXPECT_EQ(namesIn(store.path()), Names{"orders-" + id});
   }
   broker.join();
 }
@@ -248,8 +272,18 @@ TEST(BrokerClientTest, FailsWhenItsBrokerHasDied) {
                           [&] { BrokeredAccess(client, "/none").createStream(); }));
 }
 
-TEST(BrokerLogTest, MarksALineThatDoesNotNameItsQueue) {
-  RecordingSink sink;
+std::vector<orvaned::LogLine> logged;
+
+class BrokerLogTest : public testing::Test {
+ protected:
+  BrokerLogTest() {
+    logged.clear();
+    orvaned::setLogTarget([](const orvaned::LogLine& line) { logged.push_back(line); });
+  }
+  ~BrokerLogTest() override { orvaned::setLogTarget(nullptr); }
+};
+
+TEST_F(BrokerLogTest, MarksALineThatDoesNotNameItsQueue) {
   auto [ours, theirs] = orvaned::connectedSockets();
   const auto send = [&ours = ours](const char* line) {
     orvaned::sendRequest(ours, {.call = BrokerCall::log,
@@ -262,15 +296,15 @@ TEST(BrokerLogTest, MarksALineThatDoesNotNameItsQueue) {
   send("nothing");
   ours.reset();
   orvaned::Broker({"/none", "orders", Sync::none}, std::move(theirs)).run();
-  const auto kind = ox::Kind::warning;
-  EXPECT_EQ(sink.take(),
-            (std::vector<Line>{{kind, 1003, "worker::open: queue orders: fine"},
-                               {kind, 1003, "supervisor::stop: queue orders: the server ends"},
-                               {kind, 1003, "queue orders: nothing"}}));
+  ASSERT_EQ(logged.size(), 3U);
+  EXPECT_EQ(logged[0].kind, ox::Kind::warning);
+  EXPECT_EQ(logged[0].code, 1003);
+  EXPECT_EQ(logged[0].text, "worker::open: queue orders: fine");
+  EXPECT_EQ(logged[1].text, "supervisor::stop: queue orders: the server ends");
+  EXPECT_EQ(logged[2].text, "queue orders: nothing");
 }
 
-TEST(BrokerLogTest, LimitsTheLinesOfOneCause) {
-  RecordingSink sink;
+TEST_F(BrokerLogTest, LimitsTheLinesOfOneCause) {
   auto [ours, theirs] = orvaned::connectedSockets();
   for (int i = 0; i < 100; ++i) {
     orvaned::sendRequest(ours, {.call = BrokerCall::log,
@@ -280,8 +314,8 @@ TEST(BrokerLogTest, LimitsTheLinesOfOneCause) {
   }
   ours.reset();
   orvaned::Broker({"/none", "orders", Sync::none}, std::move(theirs)).run();
-  EXPECT_GE(sink.take().size(), 20U);
-  EXPECT_LT(sink.take().size(), 50U);
+  EXPECT_GE(logged.size(), 20U);
+  EXPECT_LT(logged.size(), 50U);
 }
 
 TEST(BrokerMessagesTest, AreRefusedWhenTheyAreNone) {
@@ -296,7 +330,7 @@ TEST(BrokerMessagesTest, AreRefusedWhenTheyAreNone) {
   EXPECT_EQ(orvaned::parseRequest(good)->name, "from");
   EXPECT_EQ(orvaned::parseRequest(good)->other, "to");
   EXPECT_FALSE(orvaned::parseRequest(std::span(good).first(23)));
-  for (const auto& [offset, value] : {std::pair(4, 12), std::pair(8, 2), std::pair(12, 7)}) {
+  for (const auto& [offset, value] : {std::pair(4, 11), std::pair(8, 2), std::pair(12, 7)}) {
     auto bad = good;
     bad[static_cast<std::size_t>(offset)] = static_cast<unsigned char>(value);
     EXPECT_FALSE(orvaned::parseRequest(bad)) << offset;

@@ -91,7 +91,7 @@ class LingeringRun {
     dead = fork();
     if (dead == 0) {
       const tool::LockFile lock(tool::lockPathOf(run));
-      const pid_t worker = fork();
+      worker = fork();
       if (worker == 0) {
         pause();
       }
@@ -121,6 +121,7 @@ class LingeringRun {
 
 TEST_F(SupervisorTest, KeepsItsLeasesWhenTheStoreIsAwayWhileADeadRunLingers) {
   const LingeringRun lingering;
+  fs::create_directory(store.path() + "/" + lingering.run + "_0-20200101T000004-1_0");
   start();
   LeasedProducer producer(socket);
   EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));

@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "daemon/lease_fixture.hpp"
+#include "daemon/limits.hpp"
 #include "orvaned/break_in/taken_over.hpp"
 #include "orvaned/confined_child.hpp"
 
@@ -79,6 +80,15 @@ class TakenOverWorker : public LeaseTest {
     ASSERT_TRUE(server->says("serving leases at ")) << server->output();
   }
 
+  // A producer that the server can give a queue to: one of its own user, unless it has the rights.
+  LeasedProducer producerFor(Rights rights) const {
+    if (geteuid() != 0 || rights != Rights::user) {
+      return LeasedProducer(socket);
+    }
+    const WithoutPrivileges asUser;
+    return LeasedProducer(socket);
+  }
+
   // Takes the producer's worker over.
   void attackWith(const std::string& name, Producer& producer) {
     std::memset(attack->name, 0, sizeof(attack->name));
@@ -100,7 +110,7 @@ class BreakOut : public TakenOverWorker, public testing::WithParamInterface<Righ
 
 TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
   startServer(GetParam());
-  LeasedProducer victim(socket);
+  LeasedProducer victim = producerFor(GetParam());
   EXPECT_EQ(victim.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
   const std::string stored = folderOf(victim.name) + "/segment-000000";
   put(attack->otherStream, stored);
@@ -111,7 +121,7 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
   attack->supervisor = server->process();
   const Words before = namesIn(store.path());
   for (const Attack& one : break_in::attacks()) {
-    LeasedProducer hostile(socket);
+    LeasedProducer hostile = producerFor(GetParam());
     attackWith(one.name, hostile.queues);
     // It comes back with an error, or its worker ends.
     const bool ended = eventually([&] {
@@ -138,6 +148,7 @@ INSTANTIATE_TEST_SUITE_P(As, BreakOut, testing::ValuesIn(rightsHere()),
 TEST_F(TakenOverWorker, IsEndedByACallThatItMayNotMakeAndTheLogNamesTheCall) {
   startServer(Rights::root);
   LeasedProducer hostile(socket);
+  EXPECT_EQ(hostile.queues.ask({kOpen}), (Answer{0, ""}));
   attackWith("Forks", hostile.queues);
   EXPECT_EQ(hostile.client.next(), kWorkerDied);
   EXPECT_TRUE(

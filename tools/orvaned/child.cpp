@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -145,6 +144,10 @@ std::pair<Fd, Fd> connectedSockets() {
   return {Fd(ends[0]), Fd(ends[1])};
 }
 
+void nameProcess(const char* name) {
+  prctl(PR_SET_NAME, name);
+}
+
 void closeStandardFiles() {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   const Fd none(open("/dev/null", O_RDWR | O_CLOEXEC));
@@ -152,18 +155,6 @@ void closeStandardFiles() {
     dup2(none.get(), file);
   }
 #endif
-}
-
-void closeFilesExcept(std::vector<int> files) {
-  std::sort(files.begin(), files.end());
-  int next = STDERR_FILENO + 1;
-  for (const int file : files) {
-    if (file > next) {
-      close_range(static_cast<unsigned>(next), static_cast<unsigned>(file) - 1, 0);
-    }
-    next = std::max(next, file + 1);
-  }
-  close_range(static_cast<unsigned>(next), ~0U, 0);
 }
 
 }  // namespace orvaned

@@ -6,7 +6,6 @@
 #include <functional>
 #include <optional>
 #include <utility>
-#include <vector>
 
 #include "fd.hpp"
 #include "heartbeat.hpp"
@@ -74,11 +73,11 @@ void endAtTermination();
 // The ends of a socket of packets between two processes. Throws std::system_error.
 std::pair<Fd, Fd> connectedSockets();
 
+// In a new process: gives it a name of its own in lists of processes; at most 15 bytes.
+void nameProcess(const char* name);
+
 // In a new process: makes the standard files empty ones. Not in a build with a sanitizer, which
 // reports what it finds there.
 void closeStandardFiles();
-
-// In a new process: closes what it inherited, except the standard files and these.
-void closeFilesExcept(std::vector<int> files);
 
 }  // namespace orvaned

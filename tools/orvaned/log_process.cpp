@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "log_limiter.hpp"
+#include "worker/confinement.hpp"
 
 namespace orvaned {
 namespace {
@@ -166,19 +167,6 @@ class LogProcess {
   Clock::time_point lastRoom = Clock::now();
 };
 
-// A lease's connection, say, that stayed open here would not end with its lease.
-void closeAllBut(int kept) {
-  const auto number = static_cast<unsigned>(kept);
-  const bool closed =
-      (number <= STDERR_FILENO + 1 || close_range(STDERR_FILENO + 1, number - 1, 0) == 0) &&
-      close_range(number + 1, ~0U, 0) == 0;
-  for (long fd = STDERR_FILENO + 1; !closed && fd < sysconf(_SC_OPEN_MAX); ++fd) {
-    if (fd != kept) {
-      close(static_cast<int>(fd));
-    }
-  }
-}
-
 }  // namespace
 
 LogHeader headerOf(const LogLine* line) {
@@ -196,8 +184,9 @@ LogHeader headerOf(const LogLine* line) {
 void runLogProcess(LogSocket& socket, pid_t parent) {
   prctl(PR_SET_NAME, "orvaned-log");
   setLogTarget(nullptr);
-  closeAllBut(socket.reader.get());
   try {
+    // A lease's connection that stayed open here would not end with its lease.
+    closeAllBut({STDIN_FILENO, STDOUT_FILENO, socket.reader.get()});
     LogProcess(socket, parent).run();
   } catch (const std::exception&) {
     _exit(1);  // no memory; the supervisor starts another one

@@ -165,11 +165,13 @@ void Pair::startProcesses() {
   auto [workersEnd, brokersEnd] = connectedSockets();
   broker.process = std::make_unique<Child>(
       [&, file = brokersEnd.get()](Heartbeat&) {
+        nameProcess("orvaned-broker");
         context.keepOnly({file}, Log::kept);
         return serveWorker(context.options, name, Fd(file), context.supervisor);
       },
       Child::Orphaned::goesOn);
   child = std::make_unique<Child>([&, file = workersEnd.get()](Heartbeat& heartbeat) {
+    nameProcess("orvaned-worker");
     std::vector<int> files = {file};
     if (connection) {
       files.insert(files.end(), {connection->fd(), connection->pidfd()});

@@ -15,6 +15,7 @@
 #include "queue_pair.hpp"
 #include "server_status.hpp"
 #include "stale_pair.hpp"
+#include "worker/confinement.hpp"
 
 namespace orvaned {
 namespace {
@@ -52,7 +53,8 @@ sigset_t supervisorSignals() {
 
 Supervisor::Supervisor(const Options& serverOptions)
     : options(serverOptions),
-      context{options, getpid(), [this](std::vector<int> files, Pair::Log log) { keepOnly(std::move(files), log); },
+      context{options, getpid(),
+              [this](std::vector<int> files, Pair::Log log) { keepOnly(std::move(files), log); },
               [this](Pair::Broker broker, bool died) { conclude(std::move(broker), died); }},
       signals(openSignals()) {
   if (!options.queue.empty()) {
@@ -291,9 +293,9 @@ void Supervisor::stepPairs() {
 }
 
 std::size_t Supervisor::deadPairs() const {
-  return static_cast<std::size_t>(
-      std::count_if(pairs.begin(), pairs.end(),
-                    [](const Pair& pair) { return pair.kind() == Pair::Kind::dead; }));
+  return static_cast<std::size_t>(std::count_if(pairs.begin(), pairs.end(), [](const Pair& pair) {
+    return pair.kind() == Pair::Kind::dead;
+  }));
 }
 
 void Supervisor::conclude(Pair::Broker broker, bool died) {
@@ -323,7 +325,8 @@ void Supervisor::keepOnly(std::vector<int> files, Pair::Log log) const {
   } else {
     files.push_back(logFile());
   }
-  closeFilesExcept(std::move(files));
+  files.insert(files.end(), {STDIN_FILENO, STDOUT_FILENO});
+  closeAllBut(std::move(files));
 }
 
 }  // namespace orvaned

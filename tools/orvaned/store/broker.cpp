@@ -116,9 +116,6 @@ void Broker::answer(const BrokerRequest& request) {
   if (request.call == BrokerCall::log) {
     return log(request);
   }
-  if (request.call == BrokerCall::endStream) {
-    return open.reset();
-  }
   BrokerReply reply;
   reply.serial = request.serial;
   try {
@@ -160,7 +157,9 @@ void Broker::performOnFile(const BrokerRequest& request, BrokerReply& reply) {
     case BrokerCall::remove:
       return folder.remove(request.name);
     case BrokerCall::rename:
-      return folder.rename(request.name, request.other);
+      folder.rename(request.name, request.other);
+      isConcluded = isConcluded || request.other == kManifest;
+      return;
     case BrokerCall::sync:
       return folder.sync();
     default:
@@ -178,6 +177,7 @@ void Broker::createStream(BrokerReply& reply) {
     refuse("this store keeps nothing");
   }
   open = UnfinishedStream{task.queue, stream.id, std::move(stream.folder)};
+  isConcluded = false;
   reply.text = open->stream + '\0' + open->folder->path();
 }
 
@@ -197,8 +197,9 @@ void Broker::listNames(std::uint64_t from, BrokerReply& reply) {
 void Broker::findUnfinished(BrokerReply& reply) {
   if (task.unfinished != nullptr) {
     open = task.unfinished->next();
+    isConcluded = false;
   }
-  if (open) {
+  if (open && !std::exchange(isConcluded, true)) {
     reply.number = 1;
     reply.text = open->queue + '\0' + open->stream + '\0' + open->folder->path();
   }
@@ -227,10 +228,9 @@ StreamDirectory& Broker::folderOf(const BrokerRequest& request) {
 void Broker::checkOutside(const BrokerRequest& request) const {
   const bool isSync = request.call == BrokerCall::sync;
   const bool isItsFile = !task.queue.empty() && request.name == outsideNameOf(task.queue);
-  const bool isKept =
-      request.call == BrokerCall::append ||
-      (request.call == BrokerCall::truncate && request.number >= outside.size) ||
-      (request.call == BrokerCall::remove && outside.size == 0);
+  const bool isKept = request.call == BrokerCall::append ||
+                      (request.call == BrokerCall::truncate && request.number >= outside.size) ||
+                      (request.call == BrokerCall::remove && outside.size == 0);
   if (!isSync && !(isItsFile && isKept)) {
     refuse("this process may not do that to the records outside a stream");
   }

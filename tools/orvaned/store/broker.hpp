@@ -54,6 +54,7 @@ class Broker {
   const Fd socket;
   LocalAccess access;
   std::optional<UnfinishedStream> open;
+  bool isConcluded = false;  // it has its manifest, or somebody is about to write it
   Outside outside;
   LogLimiter limiter;
 };

@@ -22,8 +22,7 @@ namespace orvaned {
 // over the replies that the dead one did not take.
 enum class BrokerCall : std::uint32_t {
   checkStore,      // can the store be written to?
-  createStream,    // -> text: id, path; ends the stream before it
-  endStream,       // no reply
+  createStream,    // -> text: id, path; the stream before it is closed
   append,          // name -> file
   read,            // name -> file
   truncate,        // name, number: size

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kLongestLine = 8192;
 
-// The sink is a plain function, so its broker is found here.
+// A target of the log is a plain function, so its broker is found here.
 BrokerClient* logBroker = nullptr;
 
 }  // namespace
@@ -35,10 +35,6 @@ BrokerReply BrokerClient::call(BrokerRequest request) {
   throw Ox_ErrnoException(kStoreFailed, "the process that opens this worker's files has ended", "");
 }
 
-void BrokerClient::endStream() {
-  sendRequest(socket, {.call = BrokerCall::endStream, .name = {}, .other = {}});
-}
-
 void BrokerClient::checkStore() {
   try {
     call({.call = BrokerCall::checkStore, .name = {}, .other = {}});
@@ -49,35 +45,29 @@ void BrokerClient::checkStore() {
 
 void BrokerClient::takeLog() {
   logBroker = this;
-  ox::setSink(writeLine);
+  setLogTarget(sendLine);
 }
 
-void BrokerClient::writeLine(ox::Kind kind, int code, const char* text) {
+void BrokerClient::sendLine(const LogLine& line) {
   BrokerClient& broker = *logBroker;
   if (broker.dropped > 0 &&
-      broker.trySend(ox::Kind::warning, 0,
-                     "log::writeLine: " + std::to_string(broker.dropped) +
-                         " lines of this worker were dropped: they came too fast")) {
+      broker.trySend({ox::Kind::warning, 0, "",
+                      "worker::log: " + std::to_string(broker.dropped) +
+                          " lines of this worker were dropped: they came too fast"})) {
     broker.dropped = 0;
   }
-  broker.dropped += broker.trySend(kind, code, text) ? 0 : 1;
+  broker.dropped += broker.trySend(line) ? 0 : 1;
 }
 
-bool BrokerClient::trySend(ox::Kind kind, int code, const std::string& text) {
+bool BrokerClient::trySend(const LogLine& line) {
   const std::uint64_t number =
-      static_cast<std::uint64_t>(kind) << 32 | static_cast<std::uint32_t>(code);
+      static_cast<std::uint64_t>(line.kind) << 32 | static_cast<std::uint32_t>(line.code);
   return sendRequest(socket,
                      {.call = BrokerCall::log,
                       .number = number,
                       .name = {},
-                      .other = text.substr(0, kLongestLine)},
+                      .other = line.text.substr(0, kLongestLine)},
                      MSG_DONTWAIT);
-}
-
-BrokeredDirectory::~BrokeredDirectory() {
-  if (area == BrokerArea::stream) {
-    broker.endStream();
-  }
 }
 
 BrokerReply BrokeredDirectory::call(BrokerCall what, const std::string& name, std::uint64_t number,
@@ -113,8 +103,8 @@ std::vector<std::string> BrokeredDirectory::names() {
   std::vector<std::string> found;
   for (;;) {
     const BrokerReply reply = call(BrokerCall::names, "", found.size());
-    for (std::size_t begin = 0, end = 0;
-         (end = reply.text.find('/', begin)) != std::string::npos; begin = end + 1) {
+    for (std::size_t begin = 0, end = 0; (end = reply.text.find('/', begin)) != std::string::npos;
+         begin = end + 1) {
       found.push_back(reply.text.substr(begin, end - begin));
     }
     if (found.size() >= reply.number || reply.text.empty()) {

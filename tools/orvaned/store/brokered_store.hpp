@@ -2,10 +2,10 @@
 
 #include <memory>
 #include <optional>
-#include <orvane/orvane.hpp>
 #include <string>
 #include <vector>
 
+#include "log.hpp"
 #include "recovery.hpp"
 #include "store/broker_messages.hpp"
 #include "store/store_access.hpp"
@@ -21,8 +21,6 @@ class BrokerClient {
   // Throws Ox_ErrnoException (kStoreFailed) with the broker's text.
   BrokerReply call(BrokerRequest request);
 
-  void endStream();
-
   // Throws std::runtime_error as checkWritable() does.
   void checkStore();
 
@@ -32,8 +30,8 @@ class BrokerClient {
   void takeLog();
 
  private:
-  static void writeLine(ox::Kind kind, int code, const char* text);
-  bool trySend(ox::Kind kind, int code, const std::string& text);
+  static void sendLine(const LogLine& line);
+  bool trySend(const LogLine& line);
 
   const Fd socket;
   std::uint32_t serial = 0;
@@ -44,9 +42,6 @@ class BrokeredDirectory : public StreamDirectory {
  public:
   BrokeredDirectory(BrokerClient& brokerClient, std::string path, BrokerArea folderArea)
       : StreamDirectory(std::move(path)), broker(brokerClient), area(folderArea) {}
-
-  // The end of the stream, as far as the broker is concerned.
-  ~BrokeredDirectory() override;
 
   Fd append(const std::string& name) override;
   Fd read(const std::string& name) override;
