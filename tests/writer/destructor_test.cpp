@@ -48,7 +48,7 @@ class Destructor : public testing::Test {
   void swallowsEveryType(bool benchmark) {
     struct Empty {};
     destroyThrowing(1, benchmark);
-    destroyThrowing(static_cast<const char*>("text"), benchmark);
+    destroyThrowing(std::string("text"), benchmark);
     destroyThrowing(Empty(), benchmark);
     destroyThrowing(std::runtime_error("standard"), benchmark);
     destroyThrowing(std::bad_alloc(), benchmark);

@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "replaced_clock.hpp"
 #include "replaced_waits.hpp"
@@ -53,7 +54,7 @@ class FailedSend : public testing::TestWithParam<Cause> {
   }
 
   // What the batch holds after the failure of a call that had stored or found these records there.
-  static Records pending(Records records) { return batchIsKept() ? records : Records(); }
+  static Records pending(Records records) { return batchIsKept() ? std::move(records) : Records(); }
 
   testing::AssertionResult writerIsClosed() {
     const auto write = throwsErrno(44, kWriteToClosed, [&] { stream.write("a"); });

@@ -17,7 +17,7 @@ constexpr std::uint32_t kWholeBatch = 968;  // data of the only record of a batc
 using Deadlines = std::vector<Deadline>;
 
 struct Case {
-  unsigned int timeout;
+  unsigned int timeout = 0;
   Deadline deadline;
 };
 
