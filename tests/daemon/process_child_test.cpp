@@ -149,9 +149,9 @@ TEST(ProcessChild, MayOutliveItsOwner) {
   int lives[2] = {};
   ASSERT_EQ(pipe(lives), 0);
   orvane::test::Child owner([&] {
+    const pid_t parent = getpid();
     const orvaned::Child child(
         [&](Heartbeat&) {
-          const pid_t parent = getppid();
           while (getppid() == parent) {
             sched_yield();
           }

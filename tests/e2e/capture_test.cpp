@@ -105,7 +105,7 @@ TEST_F(Capture, ThatFindsNoMoreRoomEndsWithOneWarningAndDisturbsNoStream) {
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
   EXPECT_TRUE(server.content(0) == std::string(300000, 'd'));
   EXPECT_EQ(server.fact(0, "end"), "closed");
-  EXPECT_EQ(count(server.errors(), " warning "), 1U) << server.errors();
+  EXPECT_EQ(count(server.errors(), " capture::warn: "), 1U) << server.errors();
   EXPECT_TRUE(contains(server.errors(), " warning 0 capture::warn: queue " + server.queue() +
                                             ": capturing into " + file +
                                             " ends: it took only 100 of "));

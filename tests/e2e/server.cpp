@@ -47,7 +47,9 @@ std::vector<std::string> Server::sendCommand(const std::vector<std::string>& arg
 std::vector<std::string> Server::streams() const {
   std::vector<std::string> paths;
   for (const std::string& name : namesIn(store())) {
-    paths.push_back(store() + "/" + name);
+    if (!name.starts_with(".")) {  // a folder on its way to its name
+      paths.push_back(store() + "/" + name);
+    }
   }
   return paths;
 }

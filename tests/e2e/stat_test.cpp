@@ -68,7 +68,7 @@ TEST(Stat, ShowsAQueueThatWasNotUsedYet) {
                   "\", \"messages\": 8, \"messageSize\": 1048968, \"served\": true, \"server\": " +
                   std::to_string(server.pid()) + ", \"worker\": [0-9]+, \"since\": \"" + kTime +
                   "\", \"uptime\": " + kSeconds +
-                  ", \"openStream\": null, \"lastBatchAgo\": null, "
+                  ", \"openStream\": null, \"lastBatchAgo\": null, \"unreadReceipts\": 0, "
                   "\"totals\": \\{\"batches\": 0, \"records\": 0, \"bytes\": 0, \"segments\": 0, "
                   "\"streams\": 0, \"badBatches\": 0, \"errorAnswers\": 0\\}, "
                   "\"interval\": null, \"perSecond\": null\\}\n"));

@@ -194,10 +194,13 @@ void Supervisor::takeSignals() {
     }
   }
   if (stopAt && Clock::now() >= *stopAt + kTimeToFinish) {
-    killAll();
+    for (Pair& pair : pairs) {
+      pair.kill();
+    }
   }
 }
 
+// What has not ended by then waits for a disk.
 void Supervisor::killAll() {
   for (Pair& pair : pairs) {
     pair.kill();
