@@ -27,9 +27,9 @@ TEST_F(LeasePairTest, HasANameOfTheServersOwn) {
   const LeaseClient client(socket);
   client.send("orvane 1 lease");
   const std::string answer = client.next();
-  EXPECT_TRUE(std::regex_match(answer, std::regex("lease orvane-[0-9]{8}T[0-9]{6}-" +
-                                                  std::to_string(server->process()) +
-                                                  "_[0-9a-f]{16}")))
+  EXPECT_TRUE(
+      std::regex_match(answer, std::regex("lease orvane-[0-9]{8}T[0-9]{6}-" +
+                                          std::to_string(server->process()) + "_[0-9a-f]{16}")))
       << answer;
 }
 

@@ -107,6 +107,17 @@ TEST(Options, BoundTheMessageSize) {
   EXPECT_EQ(refusalOf(options), "--message-size 1073741825 is too large: use at most 1073741824");
 }
 
+TEST(Options, AreCheckedWhenTheyAreRead) {
+  Options refused;
+  EXPECT_EQ(parse({"--queue=.q", "--store=."}, refused), 2);
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--message-size=55"}, refused), 2);
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--shm-limit=18446744073709551616"}, refused), 2);
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--shm-limit=18446744073709551615"}, options),
+            std::nullopt);
+  EXPECT_EQ(options.shmLimit, 18446744073709551615U);
+}
+
 TEST(Options, CheckTheQueuesName) {
   Options options;
   options.queue = ".q";

@@ -35,6 +35,13 @@ constexpr int kPatienceMilliseconds = 30000;
   if (setup.standardErrorClosed) {
     close(STDERR_FILENO);
   }
+  if (setup.standardOutput != nullptr) {
+    dup2(open(setup.standardOutput, O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+  }
+  if (setup.openFileLimit) {
+    const rlimit limit{*setup.openFileLimit, *setup.openFileLimit};
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
   if (setup.fileSizeLimit) {
     const rlimit limit{*setup.fileSizeLimit, *setup.fileSizeLimit};
     setrlimit(RLIMIT_FSIZE, &limit);

@@ -17,6 +17,8 @@ class ServerProcess {
  public:
   struct Setup {
     std::optional<rlim_t> fileSizeLimit = std::nullopt;
+    std::optional<rlim_t> openFileLimit = std::nullopt;
+    const char* standardOutput = nullptr;  // a file instead of the pipe that output() reads
     bool standardErrorClosed = false;
     std::string program = ORVANED_PATH;
     std::function<void()> prepare = [] {};  // in the new process, before it becomes the program

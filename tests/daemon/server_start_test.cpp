@@ -9,14 +9,19 @@
 #include <filesystem>
 #include <orvane/orvane.hpp>
 
+#include "lease_client.hpp"
 #include "server_process.hpp"
 #include "support/queue_pair.hpp"
 #include "temp_folder.hpp"
 
 namespace {
 
+using orvane::test::bytesOf;
+using orvane::test::LeasedProducer;
 using orvane::test::namesIn;
+using orvane::test::Producer;
 using orvane::test::QueueName;
+using orvane::test::Record;
 using orvane::test::ServerProcess;
 using orvane::test::TempFolder;
 using orvane::test::uniqueQueueName;
@@ -75,8 +80,8 @@ TEST_F(ServerStartTest, RefusesAWorkerUserThatDoesNotExist) {
   const std::string reason =
       geteuid() == 0 ? "there is no such user"
                      : "only a server that runs as root can run its workers as another user";
-  expectEnd({"--queue", name, "--store", folder.path(), "--worker-user", "no-such-user"}, 1,
-            "TIME error 1 orvaned::main: --worker-user no-such-user: " + reason + "\n");
+  expectEnd({"--queue", name, "--store", folder.path(), "--worker-user", "no-such-user"}, 2,
+            "TIME error 2 orvaned::main: --worker-user no-such-user: " + reason + "\n");
 }
 
 TEST_F(ServerStartTest, WarnsWhenTheLargestRecordCannotPass) {
@@ -121,10 +126,45 @@ TEST_F(ServerStartTest, ASecondServerLeavesTheFirstAlone) {
 }
 
 TEST_F(ServerStartTest, RefusesABadName) {
-  expectEnd({"--queue", "a/b", "--store", folder.path()}, 1,
-            "TIME error 1 orvaned::main: the queue name holds a character that is not allowed: use "
-            "letters, digits "
-            "and _.-\n");
+  expectEnd({"--queue", "a/b", "--store", folder.path()}, 2,
+            "orvaned: the queue name holds a character that is not allowed: use letters, digits "
+            "and _.- (orvaned --help shows the usage)\n");
+}
+
+// Another server on the same store would take its streams for those of a lease.
+TEST_F(ServerStartTest, RefusesANameThatLooksLikeThatOfALease) {
+  expectEnd({"--queue", "orvane-20200101T000000-1_7", "--store", folder.path()}, 2,
+            "orvaned: the queue name begins as those of leased queues do, orvane-TIME-PROCESS: "
+            "take another one (orvaned --help shows the usage)\n");
+}
+
+TEST_F(ServerStartTest, RefusesALimitOnFilesUnderWhichNothingCanBeServed) {
+  ServerProcess server({"--queue", name, "--store", folder.path()}, {.openFileLimit = 63});
+  EXPECT_EQ(server.wait(), 2);
+  EXPECT_EQ(server.output(),
+            "orvaned: it may open only 63 files at a time, and needs 64 for a queue and a lease: "
+            "raise the limit (ulimit -n, or the service's LimitNOFILE=)\n");
+  EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{});
+}
+
+TEST_F(ServerStartTest, ServesAQueueAndALeaseWithAsManyFilesAsItAsksFor) {
+  const TempFolder sockets;
+  const std::string socket = sockets.path() + "/socket";
+  ServerProcess server({"--queue", name, "--socket", socket, "--store", folder.path(), "--capture",
+                        sockets.path() + "/capture"},
+                       {.openFileLimit = 64});
+  ASSERT_TRUE(server.isServing());
+  LeasedProducer leased(socket);
+  Producer fixed(name);
+  const Record open{.type = 0, .seqNo = 0};
+  const Record data{.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("hello")};
+  const Record own{.type = 9, .seqNo = 3, .data = bytesOf("own")};
+  const Record close{.type = 3, .seqNo = 4, .segmentDone = 0};
+  EXPECT_EQ(leased.queues.ask({open, data, own}).status, 0);
+  EXPECT_EQ(fixed.ask({open, data, own}).status, 0);
+  EXPECT_EQ(leased.queues.ask({close}).status, 0);
+  EXPECT_EQ(fixed.ask({close}).status, 0);
+  EXPECT_TRUE(leased.client.next().ends_with(" end=closed"));
 }
 
 TEST_F(ServerStartTest, RefusesAStoreThatIsNotThere) {
@@ -146,15 +186,17 @@ TEST_F(ServerStartTest, RefusesAStoreThatIsAFile) {
 }
 
 TEST_F(ServerStartTest, RefusesAMessageSizeWithoutRoomForARecord) {
-  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "55"}, 1,
-            "TIME error 1 orvaned::main: --message-size 55 is too small: a record needs 56 and its "
-            "data\n");
+  expectEnd(
+      {"--queue", name, "--store", folder.path(), "--message-size", "55"}, 2,
+      "orvaned: --message-size 55 is too small: a record needs 56 and its data (orvaned --help "
+      "shows the usage)\n");
 }
 
 TEST_F(ServerStartTest, RefusesAMessageSizeBeyondReason) {
-  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "1073741825"}, 1,
-            "TIME error 1 orvaned::main: --message-size 1073741825 is too large: use at most "
-            "1073741824\n");
+  expectEnd(
+      {"--queue", name, "--store", folder.path(), "--message-size", "1073741825"}, 2,
+      "orvaned: --message-size 1073741825 is too large: use at most 1073741824 (orvaned --help "
+      "shows the usage)\n");
 }
 
 TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
@@ -184,6 +226,23 @@ TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
             "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--shm-limit", "1MX"}, 2,
             "orvaned: --shm-limit: must be a number of bytes, such as 512KiB" + hint);
+  for (const char* size : {"18446744073709551616", "99999999999999999999", "16EiB", "-1", "", " ",
+                           "1.5GiB", "0x10", "64MiB!", "+5", "5 5"}) {
+    expectEnd({"--queue", name, "--store", folder.path(), "--shm-limit", size}, 2,
+              "orvaned: --shm-limit: must be a number of bytes, such as 512KiB" + hint);
+    expectEnd({"--queue", name, "--store", folder.path(), "--message-size", size}, 2,
+              "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
+  }
+  for (const char* option : {"--messages", "--pairs-per-user", "--idle-limit"}) {
+    for (const char* number : {"-1", "18446744073709551617", "4294967297", "many"}) {
+      ServerProcess server({"--queue", name, "--store", folder.path(), option, number});
+      EXPECT_EQ(server.wait(), 2) << option << " " << number;
+      EXPECT_TRUE(server.output().starts_with(std::string("orvaned: ") + option) ||
+                  server.output().starts_with("orvaned: Could not convert: " + std::string(option)))
+          << server.output();
+      EXPECT_TRUE(server.output().ends_with(hint)) << server.output();
+    }
+  }
   expectEnd({"--queue", name, "--store", folder.path(), "--log-level", "loud"}, 2,
             "orvaned: --log-level: must be info, auth, warning or error" + hint);
   expectEnd({"--queue", name, "--store", folder.path(), "--sync", "off"}, 2,
@@ -246,6 +305,15 @@ TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
 
 TEST_F(ServerStartTest, VersionNamesTheProgram) {
   expectEnd({"--version"}, 0, "orvaned 1.0.0\n");
+}
+
+// A full disk: what was asked for was not shown.
+TEST_F(ServerStartTest, FailsWhenItCannotWriteWhatWasAskedFor) {
+  for (const char* option : {"--help", "--version"}) {
+    ServerProcess server({option}, {.standardOutput = "/dev/full"});
+    EXPECT_EQ(server.wait(), 1) << option;
+    EXPECT_EQ(server.output(), "orvaned: cannot write to standard output\n");
+  }
 }
 
 TEST_F(ServerStartTest, TheNullStoreTakesStreamsAndKeepsNothing) {

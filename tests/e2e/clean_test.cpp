@@ -237,6 +237,85 @@ TEST_F(Clean, LeavesAQueueAloneThatOnlyIsNamedLikeALease) {
   EXPECT_EQ(sharedMemoryNamed(leaseRun), Names{leaseRun + "_0"});
 }
 
+class CleanSocket : public Clean {
+ protected:
+  // What a server leaves that is killed when it listens.
+  void startAndKill() {
+    Server server({"--socket", socket});
+    ASSERT_TRUE(comesTrue([&] { return contains(server.errors(), "serving leases at "); }));
+    process = std::to_string(server.pid());
+    server.process().signalAll(SIGKILL);
+    ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
+    ASSERT_TRUE(comesTrue([&] { return cleaned(socket, {"--dry-run"}) != kNothing; }));
+  }
+  std::string told(const std::string& done, const std::string& path) const {
+    return done + " " + path + ": its server, process " + process + ", is gone\n";
+  }
+
+  const TempFolder folder;
+  const std::string socket = folder.path() + "/orders/socket";
+  std::string process;
+
+  void SetUp() override { fs::create_directory(folder.path() + "/orders"); }
+};
+
+TEST_F(CleanSocket, OfAKilledServerIsRemovedWithItsLock) {
+  startAndKill();
+  EXPECT_EQ(cleaned(socket, {"--dry-run"}),
+            told("would remove", socket) + told("would remove", socket + ".lock"));
+  EXPECT_EQ(namesIn(folder.path() + "/orders"), (Names{"socket", "socket.lock"}));
+  EXPECT_EQ(cleaned(socket), told("removed", socket) + told("removed", socket + ".lock"));
+  EXPECT_EQ(namesIn(folder.path() + "/orders"), Names{});
+  EXPECT_EQ(cleaned(socket), kNothing);
+}
+
+// As below /run/orvaned, where it is looked for without being named.
+TEST_F(CleanSocket, IsFoundAnywhereBelowAFolder) {
+  startAndKill();
+  fs::rename(socket, folder.path() + "/orders/.socket.new");  // killed before it listened
+  EXPECT_EQ(cleaned(folder.path()), told("removed", folder.path() + "/orders/.socket.new") +
+                                        told("removed", socket + ".lock"));
+  EXPECT_EQ(namesIn(folder.path() + "/orders"), Names{});
+}
+
+TEST_F(CleanSocket, OfALivingServerIsLeftAlone) {
+  Server server({"--socket", socket});
+  ASSERT_TRUE(comesTrue([&] { return contains(server.errors(), "serving leases at "); }));
+  EXPECT_EQ(cleaned(socket), kNothing);
+  EXPECT_EQ(cleaned(folder.path()), kNothing);
+  EXPECT_EQ(run({ORVANE_PATH, "send", "--socket", socket, "-"}, "data").how, "exit 0");
+}
+
+TEST_F(CleanSocket, IsLeftAloneWhereNothingProvesThatItWasAServers) {
+  startAndKill();
+  for (const std::string& lock :
+       {std::string(), std::string("rubbish\n"), kNobody + std::string("\nmore"),
+        std::to_string(getpid()) + "\n"}) {
+    writeFile(socket + ".lock", lock);
+    EXPECT_EQ(cleaned(socket), kNothing) << lock;
+    EXPECT_EQ(readFile(socket + ".lock"), lock);
+  }
+  fs::remove(socket + ".lock");
+  EXPECT_EQ(cleaned(socket), kNothing);
+  EXPECT_TRUE(fs::is_socket(fs::symlink_status(socket)));
+  writeFile(folder.path() + "/program.lock", std::string(kNobody) + "\n");
+  EXPECT_EQ(cleaned(folder.path()), kNothing) << "without a socket beside it";
+}
+
+TEST_F(CleanSocket, BehindALinkIsLeftAlone) {
+  startAndKill();
+  const TempFolder other;
+  fs::create_directory_symlink(folder.path() + "/orders", other.path() + "/link");
+  EXPECT_EQ(cleaned(other.path()), kNothing);
+  EXPECT_EQ(namesIn(folder.path() + "/orders"), (Names{"socket", "socket.lock"}));
+}
+
+TEST_F(Clean, RefusesANameThatNoQueueCanHave) {
+  const Ended ended = run({ORVANE_PATH, "clean", ".hidden"});
+  EXPECT_EQ(ended.how, "exit 2");
+  EXPECT_EQ(ended.err, "orvane clean: the queue name begins with a dot\n");
+}
+
 TEST_F(Clean, DoesNotLeaveSharedMemory) {
   const TempFolder folder;
   writeFile(folder.path() + "/x.lock", std::string(kNobody) + "\n");

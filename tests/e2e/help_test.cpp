@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "captured.hpp"
 #include "process.hpp"
+#include "server.hpp"
 #include "text.hpp"
 
 namespace orvane::test {
@@ -24,7 +26,7 @@ TEST(Help, OfSendNamesItsOptionsAndExitCodes) {
   EXPECT_EQ(ended.how, "exit 0");
   for (const char* part :
        {"FILE", "--queue NAME", "--socket PATH", "--segment-size SIZE=64MiB",
-        "--timeout SECONDS=30", "  0  ", "  1  ", "  2  ", "  3  ", "  4  ", "  5  "}) {
+        "--timeout SECONDS=30", "  0  ", "  1  ", "  2  ", "  3  ", "  4  ", "  5  ", "  6  "}) {
     EXPECT_TRUE(contains(ended.out, part)) << part;
   }
 }
@@ -52,6 +54,43 @@ TEST(Help, OfWhatLooksAtQueuesNamesOptionsAndExitCodes) {
     }
     EXPECT_TRUE(
         contains(ended.out, "\nExit codes: 0 done, 1 failed, 2 wrong use of the command.\n"));
+  }
+}
+
+// A full disk, a pipe whose reader has gone, a standard output that was closed.
+TEST(Output, ThatCannotBeWrittenFailsEveryCommand) {
+  const TempFolder folder;
+  const std::string file = folder.path() + "/capture";
+  writeFile(file, captured("orders", kExample));
+  Server server;
+  const std::string full = "orvane: cannot write all of it: No space left on device\n";
+  for (const char* const option : {"--help", "--version", "send --help", "ls --version"}) {
+    const Ended ended =
+        run({"/bin/sh", "-c", ORVANE_PATH " " + std::string(option) + " > /dev/full"});
+    EXPECT_EQ(ended.how, "exit 1") << option;
+    EXPECT_EQ(ended.err, full) << option;
+  }
+  const std::string commands[] = {"ls",
+                                  "ls --json",
+                                  "stat --interval 0 " + server.queue(),
+                                  "stat --interval 0 --json " + server.queue(),
+                                  "clean --dry-run " + server.queue(),
+                                  "dump " + file,
+                                  "dump --json " + file,
+                                  "demo " + file};
+  for (const std::string& command : commands) {
+    const std::string name = "orvane " + command.substr(0, command.find(' '));
+    const Ended ended = run({"/bin/sh", "-c", ORVANE_PATH " " + command + " > /dev/full"});
+    EXPECT_EQ(ended.how, "exit 1") << command;
+    EXPECT_EQ(ended.err, name + ": cannot write all of it: No space left on device\n");
+    EXPECT_NE(
+        run({PYTHON_PATH, "-c", kWithoutReader, "/bin/sh", "-c", "exec " ORVANE_PATH " " + command})
+            .how,
+        "exit 0")
+        << command;
+    const Ended closed = run({"/bin/sh", "-c", ORVANE_PATH " " + command + " >&-"});
+    EXPECT_EQ(closed.how, "exit 1") << command;
+    EXPECT_EQ(closed.err, name + ": cannot write all of it: Bad file descriptor\n");
   }
 }
 

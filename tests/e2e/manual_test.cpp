@@ -140,7 +140,7 @@ TEST(Manual, OfTheCommandHasTheExitCodesOfSend) {
     meaning.erase(meaning.ends_with("...") ? meaning.size() : meaning.size() - 1);
     meaning.front() = static_cast<char>(std::tolower(meaning.front()));
   }
-  ASSERT_EQ(codes.size(), 6U);
+  ASSERT_EQ(codes.size(), 7U);
   EXPECT_EQ(codes, numberedLines(run({ORVANE_PATH, "send", "--help"}).out));
 }
 

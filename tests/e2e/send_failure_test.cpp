@@ -31,10 +31,38 @@ TEST(SendFailure, MissingQueueIsReportedWithTheQueuesThatAreThere) {
 TEST(SendFailure, NameThatNoQueueCanHaveIsReported) {
   const Ended ended = run({ORVANE_PATH, "send", "--queue", "a/b", "/dev/null"});
 
-  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.how, "exit 2");
   EXPECT_EQ(ended.err,
             "orvane send: the queue name holds a character that is not allowed: "
             "use letters, digits and _.-\n");
+}
+
+TEST(SendFailure, NameThatLooksLikeThatOfALeaseIsReported) {
+  const Ended ended =
+      run({ORVANE_PATH, "send", "--queue", "orvane-20200101T000000-1_7", "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 2");
+  EXPECT_EQ(ended.err,
+            "orvane send: the queue name begins as those of leased queues do, orvane-TIME-PROCESS: "
+            "take another one\n");
+}
+
+TEST(SendFailure, ASummaryThatCannotBeWrittenHasACodeOfItsOwn) {
+  Server server;
+  const std::string send = ORVANE_PATH " send --queue " + server.queue() + " - ";
+  const std::string stored = "orvane send: everything is stored, but the summary is lost: ";
+
+  const Ended full = run({"/bin/sh", "-c", "echo data | " + send + "> /dev/full"});
+  const Ended closed = run({"/bin/sh", "-c", "echo data | " + send + ">&-"});
+  const Ended piped = run({PYTHON_PATH, "-c", kWithoutReader, ORVANE_PATH, "send", "--queue",
+                           server.queue(), "/dev/null"});
+
+  EXPECT_EQ(full.how, "exit 6");
+  EXPECT_EQ(full.err, stored + "cannot write all of it: No space left on device\n");
+  EXPECT_EQ(closed.how, "exit 6");
+  EXPECT_EQ(closed.err, stored + "cannot write all of it: Bad file descriptor\n");
+  EXPECT_EQ(piped.how, "exit 6");
+  EXPECT_EQ(piped.err, stored + "cannot write all of it: Broken pipe\n");
 }
 
 TEST(SendFailure, FileThatIsNotThereCostsTheOthersNothing) {
@@ -86,7 +114,12 @@ TEST(SendFailure, WrongUseIsExplained) {
     command.insert(command.end(), arguments.begin(), arguments.end());
     const Ended ended = run(command);
     EXPECT_EQ(ended.out, "");
-    return ended.how + ": " + ended.err.substr(0, ended.err.find('\n'));
+    const std::string begin = "orvane: ";
+    const std::string end = " (orvane --help shows the usage)\n";
+    EXPECT_TRUE(startsWith(ended.err, begin) && ended.err.ends_with(end)) << ended.err;
+    EXPECT_EQ(ended.err.find('\n') + 1, ended.err.size()) << ended.err;
+    return ended.how + ": " +
+           ended.err.substr(begin.size(), ended.err.size() - begin.size() - end.size());
   };
   EXPECT_EQ(usage({}), "exit 2: A subcommand is required");
   EXPECT_EQ(usage({"send"}), "exit 2: FILE is required");
@@ -98,8 +131,14 @@ TEST(SendFailure, WrongUseIsExplained) {
             "exit 2: --timeout: Value 86401 not in range 1 to 86400");
   EXPECT_EQ(usage({"send", "--queue", "q", "--segment-size", "0", "f"}),
             "exit 2: --segment-size: must be at least 1");
-  EXPECT_TRUE(contains(usage({"send", "--queue", "q", "--segment-size", "4furlongs", "f"}),
-                       "exit 2: --segment-size: furlongs unit not recognized"));
+  for (const char* size : {"4furlongs", "-5", "18446744073709551616", "16EiB", "", "1.5k"}) {
+    EXPECT_EQ(usage({"send", "--queue", "q", "--segment-size", size, "f"}),
+              "exit 2: --segment-size: must be a number of bytes, such as 512KiB");
+  }
+  for (const char* seconds : {"-1", "86401", "nan", "inf", "", "1s"}) {
+    EXPECT_EQ(usage({"stat", "q", "--interval", seconds}),
+              "exit 2: --interval: must be seconds, 0 to 86400");
+  }
 }
 
 TEST(SendFailure, InputThatCannotBeReadStopsItsStream) {

@@ -225,15 +225,18 @@ TEST(Stat, WrongUseIsExplained) {
     command.insert(command.end(), arguments.begin(), arguments.end());
     const Ended ended = run(command);
     EXPECT_EQ(ended.out, "");
-    return ended.how + ": " + ended.err.substr(0, ended.err.find('\n'));
+    return ended.how + ": " + ended.err;
   };
-  EXPECT_EQ(usage({}), "exit 2: NAME is required");
-  EXPECT_EQ(usage({"q", "--interval", "-1"}), "exit 2: --interval: must be seconds, 0 to 86400");
-  EXPECT_EQ(usage({"q", "--interval", "86400.1"}),
-            "exit 2: --interval: must be seconds, 0 to 86400");
-  EXPECT_EQ(usage({"q", "--interval", "nan"}), "exit 2: --interval: must be seconds, 0 to 86400");
-  EXPECT_EQ(usage({"q", "--interval", "1s"}), "exit 2: --interval: must be seconds, 0 to 86400");
-  EXPECT_EQ(usage({"q", "--interval", "x"}), "exit 2: --interval: must be seconds, 0 to 86400");
+  const std::string begin = "exit 2: orvane: ";
+  const std::string end = " (orvane --help shows the usage)\n";
+  const std::string interval = begin + "--interval: must be seconds, 0 to 86400" + end;
+  EXPECT_EQ(usage({}), begin + "NAME is required" + end);
+  EXPECT_EQ(usage({"a/b"}),
+            "exit 2: orvane stat: the queue name holds a character that is not allowed: use "
+            "letters, digits and _.-\n");
+  for (const char* seconds : {"-1", "86400.1", "nan", "1s", "x"}) {
+    EXPECT_EQ(usage({"q", "--interval", seconds}), interval);
+  }
 }
 
 }  // namespace

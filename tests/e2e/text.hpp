@@ -21,4 +21,12 @@ inline testing::AssertionResult startsWith(const std::string& text, const std::s
   return text.starts_with(part) ? testing::AssertionSuccess() : testing::AssertionFailure() << text;
 }
 
+// A program for Python: runs its arguments with a standard output whose reader has gone.
+constexpr char kWithoutReader[] =
+    "import os, subprocess, sys\n"
+    "reader, writer = os.pipe()\n"
+    "os.close(reader)\n"
+    "code = subprocess.run(sys.argv[1:], stdout=writer).returncode\n"
+    "sys.exit(code if code >= 0 else 128 - code)\n";
+
 }  // namespace orvane::test

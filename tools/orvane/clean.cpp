@@ -9,19 +9,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 #include "common/lock_file.hpp"
 #include "common/shm_names.hpp"
+#include "common/socket_names.hpp"
 #include "exit_code.hpp"
 #include "published.hpp"
 #include "queue_list.hpp"
 
 namespace tool {
 namespace {
+
+namespace fs = std::filesystem;
+
+// Where the packaged service has its sockets.
+constexpr char kSocketFolder[] = "/run/orvaned";
+constexpr auto kSkipDenied = fs::directory_options::skip_permission_denied;
 
 // That the files of a name are orvaned's: its lock file, or its totals, say so.
 struct Proof {
@@ -73,6 +82,11 @@ std::optional<Proof> proofByTotals(const std::string& queue) {
   }
 }
 
+bool isSocket(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
 // A fixed name has one pair, a run as many as it leased.
 std::vector<std::string> queuesOfName(const std::string& name) {
   return isRun(name) ? queuesOf(name, namesInShm()) : std::vector<std::string>{name};
@@ -103,6 +117,38 @@ std::set<std::string> namesInUse(const std::vector<std::string>& queues) {
     }
   }
   return found;
+}
+
+// A socket, its server's lock, and the name under which a server that starts makes it. The lock is
+// orvaned's if it says so, a process that is gone, and stands beside a socket.
+std::optional<Proof> proofOfSocket(const std::string& path) {
+  const std::string lock = lockPathOfSocket(path);
+  const auto file = plainFile(lock);
+  if (!file || !(isSocket(path) || isSocket(newPathOfSocket(path)))) {
+    return std::nullopt;
+  }
+  const std::string holder = holderIn(lock);
+  const bool isOurs = file->st_uid == geteuid() || geteuid() == 0;
+  return isOurs && !holder.empty() && isGone(holder) ? std::optional(Proof{file->st_uid, holder})
+                                                     : std::nullopt;
+}
+
+// At a path, or anywhere below a folder.
+std::vector<std::string> socketsAt(const std::string& path) {
+  if (!fs::is_directory(fs::symlink_status(path))) {
+    return {path};
+  }
+  constexpr std::string_view kEnd = ".lock";
+  std::vector<std::string> sockets;
+  std::error_code error;
+  for (auto entry = fs::recursive_directory_iterator(path, kSkipDenied, error);
+       !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+    const std::string file = entry->path();
+    if (file.ends_with(kEnd)) {
+      sockets.push_back(file.substr(0, file.size() - kEnd.size()));
+    }
+  }
+  return sockets;
 }
 
 // As a server that starts takes it; nothing when somebody has it. A server that starts meanwhile
@@ -154,6 +200,26 @@ class Broom {
     }
   }
 
+  void cleanSocket(const std::string& path) {
+    const auto proof = proofOfSocket(path);
+    if (!proof) {
+      return;
+    }
+    const std::string lockPath = lockPathOfSocket(path);
+    const auto lock = dryRun ? std::nullopt : LockFile::takeOver(lockPath, proof->user);
+    const bool isFree = dryRun ? LockFile::ownerOf(lockPath, proof->user) == LockFile::Owner::dead
+                               : lock.has_value();
+    if (!isFree) {
+      return;
+    }
+    for (const std::string& file : {path, newPathOfSocket(path)}) {
+      if (isSocket(file)) {
+        remove(file, *proof);
+      }
+    }
+    tell(lockPath, *proof);  // goes with `lock`
+  }
+
   bool isIdle() const { return told == 0; }
 
  private:
@@ -164,12 +230,16 @@ class Broom {
       if (!file || (file->st_uid != proof.user && proof.user != 0)) {
         continue;
       }
-      if (!dryRun && unlink(path.c_str()) != 0) {
-        throw Failure(kFailed,
-                      "cannot remove " + path + ": " + std::generic_category().message(errno));
-      }
-      tell(path, proof);
+      remove(path, proof);
     }
+  }
+
+  void remove(const std::string& path, const Proof& proof) {
+    if (!dryRun && unlink(path.c_str()) != 0) {
+      throw Failure(kFailed,
+                    "cannot remove " + path + ": " + std::generic_category().message(errno));
+    }
+    tell(path, proof);
   }
 
   void tell(const std::string& path, const Proof& proof) {
@@ -184,14 +254,22 @@ class Broom {
 
 }  // namespace
 
-void cleanUp(const std::vector<std::string>& queues, bool dryRun) {
+void cleanUp(const std::vector<std::string>& queues, const std::vector<std::string>& sockets,
+             bool dryRun) {
+  const bool everything = queues.empty() && sockets.empty();
   Broom broom(dryRun);
-  for (const std::string& name : namesInUse(queues)) {
-    try {
+  try {
+    for (const std::string& name :
+         everything || !queues.empty() ? namesInUse(queues) : std::set<std::string>()) {
       broom.clean(name);
-    } catch (const std::runtime_error& e) {
-      throw Failure(kFailed, e.what());
     }
+    for (const std::string& path : everything ? std::vector<std::string>{kSocketFolder} : sockets) {
+      for (const std::string& socket : socketsAt(path)) {
+        broom.cleanSocket(socket);
+      }
+    }
+  } catch (const std::runtime_error& e) {
+    throw Failure(kFailed, e.what());
   }
   if (broom.isIdle()) {
     std::puts("nothing to remove: no server that is gone left anything");

@@ -15,6 +15,7 @@ enum ExitCode {
   kRefused = 3,
   kUnknown = 4,
   kInputFailed = 5,
+  kNotReported = 6,
 };
 
 // Ends the command with a message for its user.

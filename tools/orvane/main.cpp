@@ -5,13 +5,17 @@
 #include <cstdlib>
 #include <exception>
 #include <orvane/orvane.hpp>
+#include <stdexcept>
 
 #include "clean.hpp"
+#include "common/queue_rules.hpp"
+#include "common/size_text.hpp"
 #include "demo.hpp"
 #include "dump.hpp"
 #include "exit_code.hpp"
 #include "interrupt.hpp"
 #include "ls.hpp"
+#include "output.hpp"
 #include "send.hpp"
 #include "stat.hpp"
 
@@ -27,13 +31,23 @@ struct Arguments {
   bool lsJson = false;
   std::string statQueue;
   tool::StatOptions stat;
-  std::vector<std::string> cleanQueues;
+  std::vector<std::string> cleanNames;
   bool dryRun = false;
   std::string dumped;
   bool dumpJson = false;
 };
 
 constexpr char kExitCodes[] = "Exit codes: 0 done, 1 failed, 2 wrong use of the command.";
+
+// A size with a unit, or none; `text` then holds the bytes.
+std::string toSegmentSize(std::string& text) {
+  const auto bytes = tool::bytesIn(text);
+  if (!bytes) {
+    return tool::kNoSize;
+  }
+  text = std::to_string(*bytes);
+  return *bytes == 0 ? "must be at least 1" : "";
+}
 
 CLI::App* addSend(CLI::App& app, Arguments& arguments) {
   CLI::App* send = app.add_subcommand("send", "Store files as streams of a running orvaned");
@@ -48,8 +62,7 @@ CLI::App* addSend(CLI::App& app, Arguments& arguments) {
   where->require_option(1);
   send->add_option("--segment-size", arguments.options.segmentSize,
                    "Start a new segment after so many bytes, such as 512KiB")
-      ->transform(CLI::AsSizeValue(false).description(""))
-      ->check([](const std::string& size) { return size == "0" ? "must be at least 1" : ""; })
+      ->transform(CLI::Validator(toSegmentSize, ""))
       ->type_name("SIZE")
       ->default_str("64MiB");
   send->add_option("--timeout", arguments.options.timeoutSeconds,
@@ -67,7 +80,8 @@ CLI::App* addSend(CLI::App& app, Arguments& arguments) {
       "  2  wrong use of the command\n"
       "  3  the server refused; its reason is printed\n"
       "  4  unknown: no receipt came in time, or the server died or went away\n"
-      "  5  an input could not be read to its end; its stream is marked as stopped");
+      "  5  an input could not be read to its end; its stream is marked as stopped\n"
+      "  6  everything is stored, but the summary could not be written");
   return send;
 }
 
@@ -119,12 +133,13 @@ CLI::App* addStat(CLI::App& app, Arguments& arguments) {
 }
 
 CLI::App* addClean(CLI::App& app, Arguments& arguments) {
-  CLI::App* clean =
-      app.add_subcommand("clean", "Remove what servers that are gone left in /dev/shm");
+  CLI::App* clean = app.add_subcommand(
+      "clean", "Remove what servers that are gone left in /dev/shm and /run/orvaned");
   clean->set_version_flag("--version", kVersion);
   clean
-      ->add_option("NAME", arguments.cleanQueues,
-                   "Only of these queues; with a leased one, of all that its server leased")
+      ->add_option("NAME", arguments.cleanNames,
+                   "Only of these queues, with a leased one of all that its server leased; with a "
+                   "slash in it: of the server whose socket it is, or of all below this folder")
       ->type_name("");
   clean->add_flag("--dry-run", arguments.dryRun, "Only tell what would be removed");
   clean->footer(
@@ -154,10 +169,19 @@ CLI::App* addDump(CLI::App& app, Arguments& arguments) {
   return dump;
 }
 
+void requireQueueName(const std::string& name) {
+  try {
+    tool::checkQueueName(name);
+  } catch (const std::invalid_argument& e) {
+    throw tool::Failure(tool::kUsage, e.what());
+  }
+}
+
 template <typename Command>
 int run(const std::string& name, Command command) {
   try {
     command();
+    tool::requireOutput();
     return tool::kStored;
   } catch (const tool::Failure& failure) {
     std::fprintf(stderr, "%s: %s\n", name.c_str(), failure.what());
@@ -171,10 +195,27 @@ int run(const std::string& name, Command command) {
   }
 }
 
+void cleanNamed(const std::vector<std::string>& names, bool dryRun) {
+  std::vector<std::string> queues;
+  std::vector<std::string> sockets;
+  for (const std::string& name : names) {
+    if (name.find('/') != std::string::npos) {
+      sockets.push_back(name);
+    } else {
+      requireQueueName(name);
+      queues.push_back(name);
+    }
+  }
+  tool::cleanUp(queues, sockets, dryRun);
+}
+
 int parseAndRun(int argc, char** argv) {
   CLI::App app("Streams of records to a local server, over shared memory", "orvane");
   app.set_version_flag("--version", kVersion);
   app.require_subcommand(1);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string("orvane: ") + error.what() + " (orvane --help shows the usage)\n";
+  });
   Arguments arguments;
   const CLI::App* send = addSend(app, arguments);
   addDemo(app, arguments);
@@ -185,7 +226,11 @@ int parseAndRun(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : tool::kUsage;
+    if (app.exit(e) != 0) {
+      return tool::kUsage;
+    }
+    tool::requireOutput();  // the help or the version
+    return 0;
   }
   if (send->parsed()) {
     return run("orvane send",
@@ -195,10 +240,13 @@ int parseAndRun(int argc, char** argv) {
     return run("orvane ls", [&] { tool::listQueues(arguments.lsJson); });
   }
   if (stat->parsed()) {
-    return run("orvane stat", [&] { tool::printStat(arguments.statQueue, arguments.stat); });
+    return run("orvane stat", [&] {
+      requireQueueName(arguments.statQueue);
+      tool::printStat(arguments.statQueue, arguments.stat);
+    });
   }
   if (clean->parsed()) {
-    return run("orvane clean", [&] { tool::cleanUp(arguments.cleanQueues, arguments.dryRun); });
+    return run("orvane clean", [&] { cleanNamed(arguments.cleanNames, arguments.dryRun); });
   }
   if (dump->parsed()) {
     return run("orvane dump", [&] { tool::dump(arguments.dumped, arguments.dumpJson); });
@@ -211,6 +259,7 @@ int parseAndRun(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  tool::occupyStandardFiles();
   try {
     return parseAndRun(argc, argv);
   } catch (const std::exception& e) {

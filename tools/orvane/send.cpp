@@ -1,11 +1,13 @@
 #include "send.hpp"
 
+#include <csignal>
 #include <cstdio>
 #include <optional>
 
 #include "common/queue_rules.hpp"
 #include "exit_code.hpp"
 #include "input.hpp"
+#include "output.hpp"
 #include "units.hpp"
 
 namespace tool {
@@ -13,9 +15,9 @@ namespace {
 
 void requireQueueName(const std::string& name) {
   try {
-    checkQueueName(name);
+    checkFixedQueueName(name);
   } catch (const std::invalid_argument& e) {
-    throw Failure(kNothingSent, e.what());
+    throw Failure(kUsage, e.what());
   }
 }
 
@@ -97,6 +99,12 @@ void printSummary(const Totals& totals) {
   line += totals.files == 1 ? ", stream " + totals.lastStream
                             : ", streams " + totals.firstStream + " to " + totals.lastStream;
   std::puts(line.c_str());
+  try {
+    requireOutput();
+  } catch (const Failure& failure) {
+    throw Failure(kNotReported,
+                  std::string("everything is stored, but the summary is lost: ") + failure.what());
+  }
 }
 
 }  // namespace
@@ -106,6 +114,7 @@ void sendFiles(const Destination& destination, const std::vector<std::string>& p
   if (!destination.socket) {
     requireQueueName(destination.queue);
   }
+  signal(SIGPIPE, SIG_IGN);  // nobody who reads the summary is no reason to end before it
   std::vector<Input> inputs = openAll(paths);
   // Before signals are kept for later: there is nothing to tidy up yet.
   std::optional<orvane::Lease> lease = leaseFrom(destination, options.timeoutSeconds);

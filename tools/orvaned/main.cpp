@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <exception>
 #include <optional>
 #include <orvane/orvane.hpp>
+#include <stdexcept>
+#include <string>
 
 #include "capture.hpp"
 #include "log.hpp"
@@ -25,6 +28,10 @@ using orvane::server::Logger;
 using orvaned::doublePercent;
 
 constexpr int kFailed = 1;
+
+// What the supervisor, and any of its processes, has open with one fixed queue and one lease, a
+// capture and several streams, is half of it.
+constexpr rlim_t kFewestFiles = 64;
 
 void prepareSignals() {
   const sigset_t signals = orvaned::supervisorSignals();
@@ -46,13 +53,24 @@ void occupyStandardFiles() {
   close(fd);
 }
 
-// A lease takes a file of this process for as long as it lasts.
-void allowManyFiles() {
+// A lease takes files of this process for as long as it lasts. False: there may not be enough for
+// the fixed queue and one lease.
+bool allowManyFiles() {
   rlimit files = {};
-  if (getrlimit(RLIMIT_NOFILE, &files) == 0) {
-    files.rlim_cur = files.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &files);
+  if (getrlimit(RLIMIT_NOFILE, &files) != 0) {
+    return true;
   }
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_max >= kFewestFiles) {
+    return true;
+  }
+  const std::string text = "orvaned: it may open only " + std::to_string(files.rlim_max) +
+                           " files at a time, and needs " + std::to_string(kFewestFiles) +
+                           " for a queue and a lease: raise the limit (ulimit -n, or the service's "
+                           "LimitNOFILE=)\n";
+  std::fputs(text.c_str(), stderr);
+  return false;
 }
 
 // Whether this system allows it is known before the first producer comes.
@@ -68,7 +86,6 @@ void prepareConfinement(orvaned::Options& options, const Logger& log) {
 }
 
 bool serve(orvaned::Options& options, const Logger& log, orvaned::LogWriter& logWriter) {
-  orvaned::checkOptions(options);
   orvaned::checkWritable(options.store);
   orvaned::checkCapture(options.capture);
   prepareConfinement(options, log);
@@ -91,7 +108,9 @@ int main(int argc, char** argv) {
   }
   occupyStandardFiles();
   prepareSignals();
-  allowManyFiles();
+  if (!allowManyFiles()) {
+    return orvaned::kUsageError;
+  }
   orvaned::startLog(options.logLevel, options.trace);
   const Logger log("orvaned");
   std::optional<orvaned::LogWriter> logWriter;
@@ -99,6 +118,9 @@ int main(int argc, char** argv) {
   try {
     logWriter.emplace();
     exitCode = serve(options, log, *logWriter) ? 0 : kFailed;
+  } catch (const std::invalid_argument& e) {
+    log.log(LEVEL_ERROR, __func__, orvaned::kUsageError, "%s", doublePercent(e.what()).c_str());
+    exitCode = orvaned::kUsageError;
   } catch (const std::exception& e) {
     log.log(LEVEL_ERROR, __func__, kFailed, "%s", doublePercent(e.what()).c_str());
   }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "common/size_text.hpp"
 #include "log.hpp"
 #include "server_status.hpp"
 
@@ -18,6 +19,7 @@ constexpr std::size_t kMaxMessageSize = std::size_t{1} << 30;
 constexpr std::size_t kMaxPairs = 4096;
 constexpr std::uint32_t kMaxIdleLimit = 86400;
 constexpr mode_t kMinMode = 0600;
+constexpr int kCannotShow = 1;
 
 constexpr char kDescription[] =
     "Takes streams of records from queues in shared memory and stores them.\n"
@@ -51,19 +53,15 @@ std::string footer() {
          "drops those before the one it names; --trace adds trace, enter and leave. CODE is 0\n"
          "unless something failed.\n"
          "\n"
-         "Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed; 2 wrong "
-         "usage.";
+         "Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed;\n"
+         "2 wrong usage, or too low a limit on open files.";
 }
 
 // A size with a unit, or none; `text` then holds the bytes.
 std::string toBytes(std::string& text) {
-  try {
-    if (text.find('-') == std::string::npos && CLI::AsSizeValue(false)(text).empty()) {
-      return "";
-    }
-  } catch (const CLI::ValidationError&) {  // of a unit that there is not
-  }
-  return "must be a number of bytes, such as 512KiB";
+  const auto bytes = tool::bytesIn(text);
+  text = bytes ? std::to_string(*bytes) : text;
+  return bytes ? "" : tool::kNoSize;
 }
 
 std::string checkLevel(const std::string& text) {
@@ -78,6 +76,17 @@ std::string checkMode(const std::string& text) {
     return "must be octal, 0600 to 0777, and let the owner read and write";
   }
   return "";
+}
+
+// The help or the version, on standard output.
+int show(const CLI::App& app, const CLI::Success& what) {
+  app.exit(what);
+  std::cout.flush();
+  if (!std::cout) {
+    std::cerr << "orvaned: cannot write to standard output\n";
+    return kCannotShow;
+  }
+  return 0;
 }
 
 std::optional<Sync> syncNamed(const std::string& text) {
@@ -169,9 +178,10 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
     if (options.queue.empty() && options.socket.empty()) {
       throw CLI::RequiredError("--queue or --socket");
     }
+    checkOptions(options);
   } catch (const CLI::Success& e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError& e) {
+    return show(app, e);
+  } catch (const std::exception& e) {  // CLI::ParseError, or of checkOptions
     std::cerr << "orvaned: " << e.what() << " (orvaned --help shows the usage)\n";
     return kUsageError;
   }
@@ -186,7 +196,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
 
 void checkOptions(const Options& options) {
   if (!options.queue.empty()) {
-    tool::checkQueueName(options.queue);
+    tool::checkFixedQueueName(options.queue);
   }
   const std::size_t size = options.geometry.messageSize;
   if (size < tool::smallestMessageSize()) {
