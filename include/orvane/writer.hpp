@@ -103,7 +103,7 @@ class ORVANE_API ShmWriter : public ChannelWriter {
 
  private:
   ORVANE_LOCAL void fillSegmentFields();
-  ORVANE_LOCAL void appendAfterFlush(pvk_shm_message_t record, const unsigned char* data,
+  ORVANE_LOCAL void appendAfterFlush(const pvk_shm_message_t& record, const unsigned char* data,
                                      unsigned int sendTimeout);
   ORVANE_LOCAL void endWith(std::uint32_t type, unsigned int sendTimeout, bool flush);
 

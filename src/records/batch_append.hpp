@@ -24,18 +24,19 @@ inline bool ShmBatch::hasRoomFor(std::uint32_t len) const {
   }
   // The header goes first, even if the data is then refused: readers never look past `used`, and
   // the next entry overwrites it.
-  unsigned char* const target = writePos;
-  layout::writeHeader(target, entryHeader);
+  layout::writeHeader(writePos, entryHeader);
   if (len > 0) {
     if (data == nullptr) {
       fail(kStatusInvalidArgument, "Invalid header; the specified length of data is ", len,
            " but the data pointer is NULL");
     }
-    std::memcpy(target + layout::kHeaderSize, data, len);
+    std::memcpy(writePos + layout::kHeaderSize, data, len);
   }
-  used += layout::kHeaderSize + len;
+  // What is read again here need not be kept over the call before, which has too few registers.
+  const std::uint64_t size = std::uint64_t{len} + layout::kHeaderSize;
+  used += size;
   metaData.numEntries += 1;
-  writePos = target + layout::kHeaderSize + len;
+  writePos += size;
   layout::writeMetaData(buffer.get(), metaData);
 }
 
