@@ -17,8 +17,7 @@ using tool::LockFile;
 
 TEST(LeaseRunTest, NamesEachQueueByTimeAndProcessAndRandomDigits) {
   const LeaseRun run;
-  const std::regex shape("orvane-[0-9]{8}T[0-9]{6}-" + std::to_string(getpid()) +
-                         "_[0-9a-f]{16}");
+  const std::regex shape("orvane-[0-9]{8}T[0-9]{6}-" + std::to_string(getpid()) + "_[0-9a-f]{16}");
   const std::string first = run.newQueueName();
   const std::string second = run.newQueueName();
   EXPECT_TRUE(std::regex_match(first, shape)) << first;

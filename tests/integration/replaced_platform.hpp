@@ -21,7 +21,7 @@ std::ostream& operator<<(std::ostream& stream, const Call& call);
 void reset(bool tracing);          // forgets all calls
 void throwFromTrace(bool throws);  // lets the next calls of __Trace throw an int
 void duringTraceOn(int call, std::function<void()> action);  // 1: the next call of TraceOn
-int traceOnCalls();                // since reset()
+int traceOnCalls();                                          // since reset()
 std::vector<Call> takeCalls();
 
 }  // namespace orvane::test::replaced
