@@ -39,6 +39,8 @@ TEST(ErrnoException, KeepsItsTextsWhileItsCopiesGo) {
   const Ox_ErrnoException e(1, std::string(100, 'm'), "detail");
   const char* const what = e.what();
   { const auto copy = std::make_unique<Ox_ErrnoException>(e); }
+  EXPECT_STREQ(Ox_ErrnoException(2, "another message", "").what(), "another message");
+  EXPECT_EQ(std::string(what), std::string(100, 'm'));
   EXPECT_EQ(e.what(), what);
   EXPECT_EQ(std::string(what), std::string(100, 'm'));
 }

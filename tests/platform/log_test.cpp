@@ -215,6 +215,7 @@ TEST(PlatformStderr, GetsTheLineOfAThreadThatASignalInterrupts) {
   while (signals == 0) {
     sched_yield();
   }
+  ASSERT_NO_THROW(thread.awaitWrite()) << "it gave up";
 
   EXPECT_EQ(full.readTo('\n'), "warning 5: an interrupted line\n");
   EXPECT_TRUE(thread.returns());

@@ -84,7 +84,7 @@ REPLACED int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept {
   return original<int(pthread_mutex_t*)>(found, "pthread_mutex_destroy")(mutex);
 }
 
-REPLACED int __cxa_guard_acquire(__cxxabiv1::__guard* guard) noexcept {
+REPLACED int __cxa_guard_acquire(__cxxabiv1::__guard* guard) {
   static constinit std::atomic<void*> found = nullptr;
   note("guard");
   return original<int(__cxxabiv1::__guard*)>(found, "__cxa_guard_acquire")(guard);
