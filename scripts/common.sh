@@ -3,6 +3,8 @@ root=$(dirname "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")")
 
 if command -v ccache >/dev/null; then
   export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
+  # Without this it keeps nothing that is compiled with a precompiled header, as the tests are.
+  export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}
 fi
 
 # One job per processor, but only as many as the memory carries: a file that includes Boost's queue
@@ -19,8 +21,8 @@ job_count() {
   echo $((by_memory < 1 ? 1 : by_memory < by_cpu ? by_memory : by_cpu))
 }
 
-configure() { # PRESET
-  cmake -S "$root" --preset "$1" --log-level=WARNING >/dev/null
+configure() { # PRESET [CMAKE'S ARGUMENT...]
+  cmake -S "$root" --preset "$1" --log-level=WARNING "${@:2}" >/dev/null
 }
 
 build() { # PRESET [TARGET...]
