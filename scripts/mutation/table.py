@@ -1,0 +1,38 @@
+"""What is broken, and which tests are to notice. This is the only place that names files and tests;
+./dev coverage counts with these tests too.
+
+`python3 scripts/mutation/table.py` prints the executables of the library's tests.
+"""
+import collections
+
+# `sources`: patterns below the repository's root; a file belongs to the first row that it fits.
+# `tests`: what is run, in this order until one fails: an executable, or an executable, a space and a
+# filter as GoogleTest takes it.
+Row = collections.namedtuple("Row", "sources tests")
+
+PLATFORM = ["orvane_unit_tests"]
+RECORDS = ["orvane_unit_tests", "orvane_memory_tests"]
+WRITER = ["orvane_writer_tests", "orvane_replacement_tests", "fault_tests"]
+SERVER = ["orvane_server_tests", "orvane_logger_tests"]
+LEASE = ["lease_tests", "lease_system_tests"]
+# What runs in the test's own process first; those with whole servers, which take longer, last.
+ORVANED = [
+    "daemon_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:Manifest*:*Line.*",
+    "daemon_tests StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
+    "Step.*:WorkersLog.*:Totals*:PublishedTotals.*:QueuePairTest.*",
+    "daemon_tests Lease*:Server*:WorkerDeathTest.*:LargeStream.*",
+]
+
+TABLE = [
+    Row(["src/records/*"], RECORDS + WRITER),
+    Row(["src/writer/*"], WRITER + RECORDS),
+    Row(["src/server/*"], SERVER),
+    Row(["src/lease/*"], LEASE),
+    Row([f"tools/orvaned/**/{name}.?pp" for name in (
+        "worker", "stream_state", "output_file", "stream_folder", "manifest", "recovery")], ORVANED),
+]
+
+LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE))
+
+if __name__ == "__main__":
+    print(*LIBRARY, sep="\n")
