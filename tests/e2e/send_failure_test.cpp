@@ -3,7 +3,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 
 #include "server.hpp"
 #include "support/queue_pair.hpp"
@@ -245,6 +247,32 @@ TEST(SendFailure, RemovedQueueIsNoticedBeforeTheTimeout) {
   EXPECT_EQ(ended.err,
             "orvane send: while sending standard input (0 of 1 file stored): the queue " +
                 queues.name() + " was removed before orvaned had taken everything\n");
+}
+
+// The first word of a queue's file: 1 while its creator is at work, for which whoever attaches
+// waits up to 5 seconds; 2 from then on.
+void setState(const std::string& queueName, std::int32_t state) {
+  std::fstream file("/dev/shm/" + queueName, std::ios::in | std::ios::out | std::ios::binary);
+  file.write(reinterpret_cast<const char*>(&state), sizeof state);
+  ASSERT_TRUE(file.flush());
+}
+
+// It attaches to the queues itself, and has the writer do it again.
+TEST(SendFailure, QueueThatVanishesBetweenTwoAttachmentsIsNamed) {
+  const QueuePair queues;
+  ASSERT_NO_FATAL_FAILURE(setState(queues.responseName(), 1));
+  Process send({ORVANE_PATH, "send", "--queue", queues.name(), "/dev/null"});
+  const std::string maps = "/proc/" + std::to_string(send.pid()) + "/maps";
+  ASSERT_TRUE(comesTrue([&] { return contains(readFile(maps), queues.responseName()); }));
+  ASSERT_EQ(unlink(("/dev/shm/" + queues.name()).c_str()), 0);
+  ASSERT_NO_FATAL_FAILURE(setState(queues.responseName(), 2));
+
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_TRUE(startsWith(ended.err, "orvane send: no queue named " + queues.name() +
+                                        ": is orvaned running? Queues here: "));
 }
 
 // The writer's own end would close the stream, as a whole one: it would wait for room, and get it.
