@@ -29,6 +29,8 @@ SWAPS = [(re.compile(token), other) for token, other in [
 ]]
 NUMBER = re.compile(r"(?<![\w.\"])(0x[0-9A-Fa-f]+|\d+)(?![\w.\"])")
 LITERAL = re.compile(r"'(?:[^'\\]|\\.[^']*)'|\"((?:[^\"\\]|\\.)*)\"")
+# As good in 32 bits: an offset or a bound.
+SIZE_CONSTANT = re.compile(r"\s*constexpr std::size_t \w+ = \w+;")
 NOT_BROKEN = re.compile(r"\s*(#|namespace\b|template\b|static_assert\b|$)")
 
 # Leaving these out, or moving them, says nothing or does not compile.
@@ -58,7 +60,8 @@ def line_breaks(line):
     in_text = lambda at: any(one[1] is not None and one.start() < at < one.end() for one in literals)
     for token, other in SWAPS:
         for match in token.finditer(code):
-            if not in_text(match.start()):
+            is_same = "size_t" in match[0] and SIZE_CONSTANT.match(code)
+            if not in_text(match.start()) and not is_same:
                 yield line[:match.start()] + other + line[match.end():]
     for match in NUMBER.finditer(code):
         if not in_text(match.start()):
