@@ -137,7 +137,7 @@ TEST_F(SupervisorTest, KeepsItsLeasesWhenTheStoreIsAwayWhileADeadRunLingers) {
 TEST_F(SupervisorTest, GoesOnWithoutAFileToSpare) {
   ServerProcess::Setup setup;
   setup.prepare = [] {
-    const rlimit files = {48, 48};
+    const rlimit files = {64, 64};
     setrlimit(RLIMIT_NOFILE, &files);
   };
   const LingeringRun lingering;
@@ -145,7 +145,7 @@ TEST_F(SupervisorTest, GoesOnWithoutAFileToSpare) {
   ASSERT_TRUE(server->says("serving leases at ")) << server->output();
   LeasedProducer producer(socket);
   std::vector<LeaseClient> applicants;
-  for (int i = 0; i < 40; ++i) {
+  for (int i = 0; i < 60; ++i) {
     applicants.emplace_back(socket);
   }
   EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));
