@@ -25,12 +25,12 @@ TEST(QueueStatsTest, LiesInMemoryAsItIsDrawn) {
   stats.version = tool::kStatsVersion;
   setStream(stats, "an id");
   const std::map<std::size_t, QueueStats::Number*> drawn = {
-      {16, &stats.server},        {24, &stats.worker},    {32, &stats.messages},
-      {40, &stats.messageSize},   {48, &stats.madeAt},    {56, &stats.madeAtMonotonic},
-      {64, &stats.batches},       {72, &stats.records},   {80, &stats.bytes},
-      {88, &stats.segments},      {96, &stats.streams},   {104, &stats.badBatches},
-      {112, &stats.errorAnswers}, {120, &stats.lastBatch},
-      {184, &stats.userPlusOne},  {192, &stats.unreadReceipts}};
+      {16, &stats.server},         {24, &stats.worker},     {32, &stats.messages},
+      {40, &stats.messageSize},    {48, &stats.madeAt},     {56, &stats.madeAtMonotonic},
+      {64, &stats.batches},        {72, &stats.records},    {80, &stats.bytes},
+      {88, &stats.segments},       {96, &stats.streams},    {104, &stats.badBatches},
+      {112, &stats.errorAnswers},  {120, &stats.lastBatch}, {184, &stats.userPlusOne},
+      {192, &stats.unreadReceipts}};
   for (const auto& [offset, number] : drawn) {
     *number = 0x0807060504030200 + offset;
   }

@@ -124,9 +124,10 @@ TEST_F(ServerLogTest, TheTimeIsNow) {
 TEST_F(ServerLogTest, AQueuesNameIsNotTakenForAFormat) {
   ServerProcess server({"--queue", "%n%s", "--store", store});
   EXPECT_EQ(server.wait(), 2);
-  EXPECT_EQ(server.output(),
-            "orvaned: the queue name holds a character that is not allowed: use letters, digits and "
-            "_.- (orvaned --help shows the usage)\n");
+  EXPECT_EQ(
+      server.output(),
+      "orvaned: the queue name holds a character that is not allowed: use letters, digits and "
+      "_.- (orvaned --help shows the usage)\n");
 }
 
 TEST_F(ServerLogTest, AMissingStoresPathIsNotTakenForAFormat) {

@@ -203,9 +203,8 @@ TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
   ServerProcess server({"--queue", name, "--store", folder.path(), "--messages", "4096",
                         "--message-size", "1073741824"});
   EXPECT_EQ(server.wait(), 1);
-  const std::string start =
-      "TIME error 1 orvaned::serve: queue " + name +
-      ": the queues need 4398047269600 bytes of /dev/shm, which has ";
+  const std::string start = "TIME error 1 orvaned::serve: queue " + name +
+                            ": the queues need 4398047269600 bytes of /dev/shm, which has ";
   EXPECT_EQ(server.output().substr(0, start.size()), start);
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name));
   EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name + "Response"));

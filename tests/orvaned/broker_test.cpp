@@ -12,12 +12,12 @@
 #include <thread>
 
 #include "child.hpp"
+#include "daemon/temp_folder.hpp"
 #include "log.hpp"
 #include "store.hpp"
 #include "store/brokered_store.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
-#include "temp_folder.hpp"
 
 namespace orvane::test {
 namespace {

@@ -14,7 +14,7 @@
 #include <orvane/orvane.hpp>
 #include <regex>
 
-#include "await.hpp"
+#include "daemon/await.hpp"
 #include "log.hpp"
 #include "standard_error.hpp"
 

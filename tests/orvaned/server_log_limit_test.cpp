@@ -8,8 +8,8 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "await.hpp"
-#include "lease_fixture.hpp"
+#include "daemon/await.hpp"
+#include "daemon/lease_fixture.hpp"
 #include "standard_error.hpp"
 
 namespace {

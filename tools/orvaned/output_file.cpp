@@ -138,8 +138,8 @@ void OutputFile::takeBack() {
     }
   } catch (const Ox_ErrnoException& e) {
     const orvane::server::Logger log("store");
-    log.log(orvane::server::LEVEL_ERROR, __func__, e.status(),
-            "cannot take half a record back: %s", doublePercent(e.what()).c_str());
+    log.log(orvane::server::LEVEL_ERROR, __func__, e.status(), "cannot take half a record back: %s",
+            doublePercent(e.what()).c_str());
   }
 }
 

@@ -88,8 +88,8 @@ class QueuePair {
   const std::size_t messages;
   const GuardedBuffer buffer;          // for a message
   const GuardedBuffer responseBuffer;  // for an answer that nobody took
-  StatsFile published;  // before the queues: there is none without it
-  Queue response;       // before the send queue: a producer that finds that one must find both
+  StatsFile published;                 // before the queues: there is none without it
+  Queue response;  // before the send queue: a producer that finds that one must find both
   Queue send;
   std::optional<orvane::pvk_shm_response_t> pending;
 };

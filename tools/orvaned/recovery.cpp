@@ -245,7 +245,8 @@ void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
   using namespace orvane::server;
   const Logger log("recovery");
   const std::string queue = doublePercent(unfinished.queue);
-  const std::string left = "what " + std::string(who == "the server" ? "a dead server" : "a dead worker") + " left";
+  const std::string left =
+      "what " + std::string(who == "the server" ? "a dead server" : "a dead worker") + " left";
   try {
     LeftStream stream(*unfinished.folder, sync);
     if (stream.isFinished()) {

@@ -28,8 +28,8 @@ class UnfinishedStreams {
   virtual std::optional<UnfinishedStream> next() = 0;
 };
 
-// Those of a store whose server is known to have ended, as `isDead` tells by the queue's name. Where
-// it still runs, an unfinished stream is simply one that is being written.
+// Those of a store whose server is known to have ended, as `isDead` tells by the queue's name.
+// Where it still runs, an unfinished stream is simply one that is being written.
 class LocalUnfinishedStreams : public UnfinishedStreams {
  public:
   // Throws std::runtime_error when the store cannot be listed.

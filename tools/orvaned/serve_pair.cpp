@@ -126,8 +126,7 @@ int servePair(const Options& options, const std::string& queueName, LeaseConnect
   return kFailed;
 }
 
-int serveWorker(const Options& options, const std::string& queueName, Fd worker,
-                pid_t supervisor) {
+int serveWorker(const Options& options, const std::string& queueName, Fd worker, pid_t supervisor) {
   Broker({options.store, queueName, options.sync}, std::move(worker)).run();
   if (getppid() != supervisor) {
     removePair(queueName);

@@ -31,8 +31,7 @@ Fd locate(const std::string& path, std::optional<uid_t> producersUser,
           std::optional<WorkerUser> worker) {
   Fd file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status = {};
-  const bool isFile =
-      file.get() >= 0 && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+  const bool isFile = file.get() >= 0 && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
   const bool isTrusted = isOurs(status.st_uid, worker) || status.st_uid == producersUser;
   return isFile && isTrusted ? std::move(file) : Fd();
 }

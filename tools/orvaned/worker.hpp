@@ -39,8 +39,8 @@ struct Ending {
 // Waits so long, or until the worker is to end; then it says why.
 using EndWithin = std::function<const Ending*(std::chrono::microseconds)>;
 
-// The queues are of no more use: a process died or hangs inside one. The worker has ended its stream
-// and said so.
+// The queues are of no more use: a process died or hangs inside one. The worker has ended its
+// stream and said so.
 class PairFailed : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };

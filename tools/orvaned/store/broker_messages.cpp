@@ -75,12 +75,9 @@ std::optional<BrokerRequest> parseRequest(std::span<const unsigned char> bytes) 
   }
   const auto name = text.first(head.nameSize);
   const auto other = text.subspan(head.nameSize);
-  return BrokerRequest{head.serial,
-                       static_cast<BrokerCall>(head.call),
-                       static_cast<BrokerArea>(head.area),
-                       head.number,
-                       std::string(name.begin(), name.end()),
-                       std::string(other.begin(), other.end())};
+  return BrokerRequest{
+      head.serial, static_cast<BrokerCall>(head.call),    static_cast<BrokerArea>(head.area),
+      head.number, std::string(name.begin(), name.end()), std::string(other.begin(), other.end())};
 }
 
 bool sendRequest(const Fd& socket, const BrokerRequest& request, int flags) {

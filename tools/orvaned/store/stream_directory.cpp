@@ -39,8 +39,7 @@ void syncFolder(const std::string& path) {
   }
 }
 
-LocalDirectory::LocalDirectory(std::string folderPath)
-    : LocalDirectory(folderPath, folderPath) {}
+LocalDirectory::LocalDirectory(std::string folderPath) : LocalDirectory(folderPath, folderPath) {}
 
 LocalDirectory::LocalDirectory(std::string folderPath, const std::string& madeAt)
     : StreamDirectory(std::move(folderPath)),

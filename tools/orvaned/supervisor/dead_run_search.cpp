@@ -80,10 +80,9 @@ DeadRunSearch::DeadRunSearch(const Pair::Context& context) {
     });
     socket = std::move(ours);
   } catch (const std::exception& e) {
-    orvane::server::Logger("leases").log(
-        orvane::server::LEVEL_ERROR, "searchDeadRuns", kNoPair,
-        "cannot look for what dead servers left, trying again: %s",
-        doublePercent(e.what()).c_str());
+    orvane::server::Logger("leases").log(orvane::server::LEVEL_ERROR, "searchDeadRuns", kNoPair,
+                                         "cannot look for what dead servers left, trying again: %s",
+                                         doublePercent(e.what()).c_str());
     complete = true;
     repeat = true;
   }

@@ -10,8 +10,8 @@
 
 namespace orvaned {
 
-// A process that looks for what dead servers left in /dev/shm. It holds their locks until release(),
-// so that no other server cleans up as well. Nothing here throws or blocks.
+// A process that looks for what dead servers left in /dev/shm. It holds their locks until
+// release(), so that no other server cleans up as well. Nothing here throws or blocks.
 class DeadRunSearch {
  public:
   struct Left {

@@ -20,8 +20,9 @@ namespace {
 constexpr int kAgain = 4;  // the broker's exit code when there may be more to do later
 
 void logError(const char* function, const char* what, const std::exception& error) {
-  orvane::server::Logger("recovery").log(orvane::server::LEVEL_ERROR, function, kStoreFailed,
-                                         "%s: %s", what, doublePercent(error.what()).c_str());
+  orvane::server::Logger("recovery")
+      .log(orvane::server::LEVEL_ERROR, function, kStoreFailed, "%s: %s", what,
+           doublePercent(error.what()).c_str());
 }
 
 // Runs in the broker's process.

@@ -6,8 +6,8 @@
 namespace orvaned {
 
 // Memory that ends exactly where memory without access begins, and has such memory before it too:
-// at least 64 KiB on either side. A message whose size its sender forged, in the queue's own header,
-// does not get far beyond the buffer: the process that copies it ends.
+// at least 64 KiB on either side. A message whose size its sender forged, in the queue's own
+// header, does not get far beyond the buffer: the process that copies it ends.
 class GuardedBuffer {
  public:
   // Throws std::bad_alloc.
