@@ -171,17 +171,23 @@ class Server(Program):
             return "ready" if self.is_ready(self) else ""
         return poll(ended_or_ready, START_BOUND, f"{self.name} was not ready") == "ready"
 
+    def children(self, name):
+        return [pid for pid in living_processes(self.pid) if name_of(pid) == name]
+
     def workers(self):
-        return [pid for pid in living_processes(self.pid)
-                if pid != self.pid and name_of(pid) != LOG_PROCESS]
+        return self.children("orvaned-worker")
+
+    def brokers(self):
+        return self.children("orvaned-broker")
 
     def log_process(self):
         """0 while there is none: it was killed, and is not replaced yet."""
-        return next((pid for pid in living_processes(self.pid) if name_of(pid) == LOG_PROCESS), 0)
+        return next(iter(self.children(LOG_PROCESS)), 0)
 
     def strangers(self):
         """Processes of the server that are not its supervisor's children."""
-        return [pid for pid in self.workers() if parent_of(pid) not in (self.pid, None)]
+        return [pid for pid in living_processes(self.pid)
+                if pid != self.pid and parent_of(pid) not in (self.pid, None)]
 
     def held(self):
         """How many open files, worker processes, and KiB of memory its supervisor has."""

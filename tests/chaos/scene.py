@@ -130,9 +130,9 @@ class Scene:
 
     def stored_bytes(self):
         total = 0
-        for file in self.seen(self.store).glob("*/*"):
+        for stream in self.streams():
             with contextlib.suppress(FileNotFoundError):  # renamed meanwhile
-                total += file.stat().st_size
+                total += sum(file.stat().st_size for file in stream.iterdir())
         return total
 
     def until_an_instant(self):

@@ -349,5 +349,20 @@ TEST(StreamLockTest, KeepsAnotherServerFromFinishingALiveStream) {
   EXPECT_EQ(found->stream, stream.id);
 }
 
+TEST(StreamLockTest, LeavesAFolderThatHasNoNameYetToItsLivingServer) {
+  const TempFolder store;
+  const std::string left = store.path() + "/.orders-20261121T023224-4711_0.new";
+  fs::create_directory(left);
+  const auto isDead = [](const std::string& queue) { return queue == "orders"; };
+  {
+    LocalDirectory living(left);
+    ASSERT_TRUE(living.lock());
+    EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
+    EXPECT_TRUE(fs::exists(left));
+  }
+  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
+  EXPECT_FALSE(fs::exists(left));
+}
+
 }  // namespace
 }  // namespace orvane::test

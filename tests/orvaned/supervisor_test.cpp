@@ -81,6 +81,25 @@ TEST_F(SupervisorTest, StaysAloneWhenAWorkerDiesWhileTheStoreIsAway) {
   EXPECT_EQ(next.ask({{.type = 3, .seqNo = 3}}).status, 0);
 }
 
+// Its worker has nobody to open files for it then, and the stream that was open is looked for.
+TEST_F(SupervisorTest, EndsAWorkerWhoseBrokerDiedAndFinishesItsStream) {
+  start();
+  LeasedProducer producer(socket);
+  EXPECT_EQ(producer.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
+  for (const auto& [id, process] : processes()) {
+    const std::string comm = readFile("/proc/" + std::to_string(id) + "/comm");
+    if (process.parent == server->process() && comm == "orvaned-broker\n") {
+      kill(id, SIGKILL);
+    }
+  }
+  EXPECT_EQ(producer.client.next(), "failed 1008 what served the queue died");
+  EXPECT_TRUE(server->says(" error 1008 pair::step: queue " + producer.name +
+                           ": its worker has lost the process that opens its files and is "
+                           "killed\n"));
+  EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=the server died\n");
+  EXPECT_EQ(readFile(folderOf(producer.name) + "/segment-000000"), "hello");
+}
+
 // A dead run whose last process lingers makes the supervisor look again and again.
 class LingeringRun {
  public:

@@ -207,7 +207,7 @@ void Pair::workerEnded(int status) {
     }
     notice = kWorkerDiedNotice;
   }
-  context.conclude(std::move(broker), died);
+  context.conclude(name, std::move(broker), died);
   connection.reset();
   child.reset();
   if (died) {

@@ -48,8 +48,8 @@ class Pair {
     pid_t supervisor;
     // In a new process: closes all files but these, the server's locks, and those of the log.
     std::function<void(std::vector<int> files, Log log)> keepOnly;
-    // Takes the broker of a worker that has ended; `died`: the worker left its work undone.
-    std::function<void(Broker broker, bool died)> conclude;
+    // Takes the broker of a queue's worker that has ended; `died`: the worker left its work undone.
+    std::function<void(const std::string& queue, Broker broker, bool died)> conclude;
   };
 
   // `user` is whose the files of a leased or dead pair may be, besides the server's own.

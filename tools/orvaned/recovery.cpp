@@ -269,11 +269,19 @@ void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
   }
 }
 
+// A folder whose server died before it had a name: there is nothing in it.
+void removeUnnamed(const std::string& path) {
+  LocalDirectory folder(path);
+  if (folder.lock()) {
+    rmdir(path.c_str());
+  }
+}
+
 }  // namespace
 
 LocalUnfinishedStreams::LocalUnfinishedStreams(
     const std::string& store, const std::function<bool(const std::string& queue)>& isDead) {
-  static const std::regex streamFolder("(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)");
+  static const std::regex streamFolder("(\\.?)(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)((\\.new)?)");
   if (store == kNullStore) {
     return;
   }
@@ -281,10 +289,15 @@ LocalUnfinishedStreams::LocalUnfinishedStreams(
   for (const auto& entry : fs::directory_iterator(store)) {
     const std::string name = entry.path().filename();
     std::smatch parts;
-    if (std::regex_match(name, parts, streamFolder) && entry.is_directory(ignored) &&
-        !entry.is_symlink(ignored) && !fs::exists(entry.path() / kManifest, ignored) &&
-        isDead(parts[1])) {
-      found.push_back({entry.path(), parts[1], parts[2]});
+    if (!std::regex_match(name, parts, streamFolder) || !entry.is_directory(ignored) ||
+        entry.is_symlink(ignored) || fs::exists(entry.path() / kManifest, ignored) ||
+        !isDead(parts[2])) {
+      continue;
+    }
+    if (parts[1].length() == 0 && parts[4].length() == 0) {
+      found.push_back({entry.path(), parts[2], parts[3]});
+    } else if (parts[1].length() > 0 && parts[4].length() > 0) {
+      removeUnnamed(entry.path());
     }
   }
 }

@@ -55,7 +55,9 @@ Supervisor::Supervisor(const Options& serverOptions)
     : options(serverOptions),
       context{options, getpid(),
               [this](std::vector<int> files, Pair::Log log) { keepOnly(std::move(files), log); },
-              [this](Pair::Broker broker, bool died) { conclude(std::move(broker), died); }},
+              [this](const std::string& queue, Pair::Broker broker, bool died) {
+                conclude(queue, std::move(broker), died);
+              }},
       signals(openSignals()) {
   if (!options.queue.empty()) {
     queueLock.emplace(tool::lockPathOf(options.queue));
@@ -301,11 +303,14 @@ std::size_t Supervisor::deadPairs() const {
   }));
 }
 
-void Supervisor::conclude(Pair::Broker broker, bool died) {
-  if (died) {
+// A broker that has died cannot help to finish the stream that was open: it is looked for.
+void Supervisor::conclude(const std::string& queue, Pair::Broker broker, bool died) {
+  if (!died) {
+    recoveries.push_back(RecoveryProcess::nothingLeft(std::move(broker)));
+  } else if (broker.process && !broker.process->ended()) {
     recoveries.emplace_back(context, std::move(broker));
   } else {
-    recoveries.push_back(RecoveryProcess::nothingLeft(std::move(broker)));
+    recoveries.emplace_back(context, queue);
   }
 }
 

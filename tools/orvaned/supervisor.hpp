@@ -55,7 +55,7 @@ class Supervisor {
   std::size_t shmLimit() const;
   void stepPairs();
   std::size_t deadPairs() const;
-  void conclude(Pair::Broker broker, bool died);
+  void conclude(const std::string& queue, Pair::Broker broker, bool died);
   void keepOnly(std::vector<int> files, Pair::Log log) const;
 
   const Options& options;

@@ -49,6 +49,33 @@ def worker_killed(scene):
             f"{server.name} did not serve its queue again")
 
 
+@case("SIGKILL to the broker of a worker")
+def broker_killed(scene):
+    server = scene.serve()
+    of_fixed_queue = server.brokers()[0]
+    scene.send(may_fail=1)
+    choice = scene.rng.random()
+    scene.until_an_instant()
+    brokers = server.brokers()
+    victim = brokers[int(choice * len(brokers))]
+    signal_to(victim, signal.SIGKILL)
+    if victim == of_fixed_queue:
+        scene.undo = lambda: poll(
+            lambda: server.errors.count(f"serving queue {scene.queue} ") == 2, START_BOUND,
+            f"{server.name} did not serve its queue again")
+
+
+@case("SIGSTOP to the broker of a worker, SIGCONT soon after")
+def broker_stopped(scene):
+    server = scene.serve()
+    scene.send()
+    choice = scene.rng.random()
+    pause = scene.rng.uniform(0, 0.1)
+    scene.until_an_instant()
+    brokers = server.brokers()
+    stop_and_continue(brokers[int(choice * len(brokers))], pause)
+
+
 @case("SIGSTOP to a worker process of the server, SIGCONT soon after")
 def worker_stopped(scene):
     server = scene.serve()

@@ -29,6 +29,10 @@ void checkWritable(const std::string& directory) {
   }
 }
 
+std::string unnamedFolderOf(const std::string& name) {
+  return "." + name + ".new";
+}
+
 std::string outsideNameOf(const std::string& queue) {
   return queue + "-outside-records";
 }
@@ -55,7 +59,7 @@ StoreAccess::NewStream LocalAccess::createStream() {
 // servers ever finds one of a living server without its lock. Nothing when the name is taken.
 std::unique_ptr<LocalDirectory> LocalAccess::makeFolder(const std::string& name) const {
   const std::string path = directory + "/" + name;
-  const std::string unnamed = directory + "/." + name + ".new";
+  const std::string unnamed = directory + "/" + unnamedFolderOf(name);
   if (mkdir(unnamed.c_str(), 0700) != 0) {
     if (errno == EEXIST) {
       return nullptr;
@@ -63,11 +67,13 @@ std::unique_ptr<LocalDirectory> LocalAccess::makeFolder(const std::string& name)
     throwStoreFailed(errno, "create", path);
   }
   auto folder = std::make_unique<LocalDirectory>(path, unnamed);
-  folder->lock();
+  if (folder->isOpen() && !folder->lock()) {
+    return nullptr;  // somebody clears such folders away, which dead servers left
+  }
   if (renameat2(AT_FDCWD, unnamed.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0) {
     const int error = errno;
     rmdir(unnamed.c_str());
-    if (error == EEXIST) {
+    if (error == EEXIST || error == ENOENT) {
       return nullptr;
     }
     throwStoreFailed(error, "create", path);

@@ -32,6 +32,9 @@ class StoreAccess {
 // created: a mistyped path would fill the wrong disk. kNullStore always can.
 void checkWritable(const std::string& directory);
 
+// What a stream's folder is called until it is locked.
+std::string unnamedFolderOf(const std::string& name);
+
 std::string outsideNameOf(const std::string& queue);
 
 class LocalAccess : public StoreAccess {

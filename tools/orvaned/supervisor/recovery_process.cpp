@@ -26,12 +26,12 @@ void logError(const char* function, const char* what, const std::exception& erro
 }
 
 // Runs in the broker's process.
-int searchStore(const Options& options, const std::string& fixedQueue, Fd confined) {
+int searchStore(const Options& options, const std::string& ownQueue, Fd confined) {
   bool again = false;
   const auto isDead = [&](const std::string& queue) {
     const tool::LockFile::Owner owner = ownerOfLeased(queue);
     again = again || owner == tool::LockFile::Owner::dying;
-    return queue == fixedQueue || owner == tool::LockFile::Owner::dead;
+    return queue == ownQueue || owner == tool::LockFile::Owner::dead;
   };
   try {
     LocalUnfinishedStreams unfinished(options.store, isDead);
@@ -67,9 +67,9 @@ RecoveryProcess::RecoveryProcess(const Pair::Context& context, Pair::Broker work
   }
 }
 
-RecoveryProcess::RecoveryProcess(const Pair::Context& context, const std::string& fixedQueue) {
+RecoveryProcess::RecoveryProcess(const Pair::Context& context, const std::string& ownQueue) {
   try {
-    startSearch(context, fixedQueue);
+    startSearch(context, ownQueue);
   } catch (const std::exception& e) {
     logError("recover", "cannot look for unfinished streams, trying again", e);
     repeat = true;
@@ -82,12 +82,12 @@ RecoveryProcess RecoveryProcess::nothingLeft(Pair::Broker broker) {
   return process;
 }
 
-void RecoveryProcess::startSearch(const Pair::Context& context, const std::string& fixedQueue) {
+void RecoveryProcess::startSearch(const Pair::Context& context, const std::string& ownQueue) {
   const auto [confinedsEnd, brokersEnd] = connectedSockets();
   broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
     context.keepOnly({file}, Pair::Log::kept);
     endAtTermination();
-    return searchStore(context.options, fixedQueue, Fd(file));
+    return searchStore(context.options, ownQueue, Fd(file));
   });
   startConfined(context, confinedsEnd, "the server");
 }

@@ -14,9 +14,9 @@ class RecoveryProcess {
   // Finishes the stream that a dead worker left open, with its broker.
   RecoveryProcess(const Pair::Context& context, Pair::Broker workersBroker);
 
-  // Finishes the streams of dead servers in the store; where `fixedQueue` is not empty, also those
-  // of the queue of that name, which this server alone serves.
-  RecoveryProcess(const Pair::Context& context, const std::string& fixedQueue);
+  // Finishes the streams of dead servers in the store; where `ownQueue` is not empty, also those of
+  // the queue of that name that nobody has locked: this server alone serves it.
+  RecoveryProcess(const Pair::Context& context, const std::string& ownQueue);
 
   // Only waits for the end of a broker that has nothing left to do.
   static RecoveryProcess nothingLeft(Pair::Broker broker);
@@ -32,7 +32,7 @@ class RecoveryProcess {
  private:
   RecoveryProcess() = default;
 
-  void startSearch(const Pair::Context& context, const std::string& fixedQueue);
+  void startSearch(const Pair::Context& context, const std::string& ownQueue);
   void startConfined(const Pair::Context& context, const Fd& socket, const char* who);
 
   std::unique_ptr<Child> broker;
