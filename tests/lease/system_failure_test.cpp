@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <new>
 #include <string>
 
 #include "fake_server.hpp"
 #include "orvane/lease.hpp"
 #include "replaced_calls.hpp"
+#include "support/allocations.hpp"
 #include "support/throws.hpp"
 
 namespace orvane::test {
@@ -50,6 +52,19 @@ TEST(LeaseTaking, ReportsThatItCannotWait) {
 
 TEST(LeaseTaking, ReportsThatItCannotHear) {
   EXPECT_TRUE(refuses("recv", ENOMEM, 901, "Cannot hear the server: Cannot allocate memory"));
+}
+
+TEST(LeaseTaking, LeavesNoSocketOpenWhenMemoryRunsOut) {
+  FakeServer server;
+  server.serve({.says = {"lease " + std::string(500, 'q')}});
+  const std::size_t before = namesIn("/proc/self/fd").size();
+  {
+    const Allocations noName(
+        [](std::size_t size) -> void* { return size > 500 ? throw std::bad_alloc() : nullptr; });
+    EXPECT_THROW(Lease(server.path(), kLong), std::bad_alloc);
+  }
+  server.end();
+  EXPECT_EQ(namesIn("/proc/self/fd").size(), before);
 }
 
 TEST(LeaseTaking, HearsAServerThatRefusedAndEndedBeforeItWasAsked) {
