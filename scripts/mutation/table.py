@@ -20,7 +20,7 @@ ORVANED = [
     "daemon_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:Manifest*:*Line.*",
     "daemon_tests StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
     "Step.*:WorkersLog.*:Totals*:PublishedTotals.*:QueuePairTest.*",
-    "daemon_tests Lease*:Server*:WorkerDeathTest.*:LargeStream.*",
+    "daemon_tests LeaseRecoveryTest.*:LeaseEndTest.*:LeasePairTest.*:WorkerDeathTest.*:LargeStream.*",
 ]
 
 TABLE = [
