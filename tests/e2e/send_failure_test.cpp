@@ -263,7 +263,10 @@ TEST(SendFailure, QueueThatVanishesBetweenTwoAttachmentsIsNamed) {
   ASSERT_NO_FATAL_FAILURE(setState(queues.responseName(), 1));
   Process send({ORVANE_PATH, "send", "--queue", queues.name(), "/dev/null"});
   const std::string maps = "/proc/" + std::to_string(send.pid()) + "/maps";
-  ASSERT_TRUE(comesTrue([&] { return contains(readFile(maps), queues.responseName()); }));
+  ASSERT_TRUE(comesTrue([&] {  // before it is the program, it is a copy of this process
+    const std::string mapped = readFile(maps);
+    return contains(mapped, ORVANE_PATH) && contains(mapped, queues.responseName());
+  }));
   ASSERT_EQ(unlink(("/dev/shm/" + queues.name()).c_str()), 0);
   ASSERT_NO_FATAL_FAILURE(setState(queues.responseName(), 2));
 
