@@ -10,16 +10,19 @@ import collections
 # filter as GoogleTest takes it.
 Row = collections.namedtuple("Row", "sources tests")
 
-PLATFORM = ["orvane_unit_tests"]
-RECORDS = ["orvane_unit_tests", "orvane_memory_tests"]
-WRITER = ["orvane_writer_tests", "orvane_replacement_tests", "fault_tests"]
-SERVER = ["orvane_server_tests", "orvane_logger_tests"]
+PLATFORM = ["platform_tests", "orvane_unit_tests"]
+RECORDS = ["records_tests", "orvane_unit_tests", "orvane_memory_tests"]
+WRITER = ["writer_tests", "writer_replacement_tests", "orvane_writer_tests", "orvane_replacement_tests",
+          "fault_tests"]
+SERVER = ["orvane_server_tests", "orvane_logger_tests", "id_locks_tests"]
 LEASE = ["lease_tests", "lease_system_tests"]
 # What runs in the test's own process first; those with whole servers, which take longer, last.
 ORVANED = [
     "daemon_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:Manifest*:*Line.*",
     "daemon_tests StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
     "Step.*:WorkersLog.*:Totals*:PublishedTotals.*:QueuePairTest.*",
+    "orvaned_process_tests Broker*:StreamLock*",
+    "orvaned_process_tests UnreadReceipts.*",
     "daemon_tests LeaseRecoveryTest.*:LeaseEndTest.*:LeasePairTest.*:WorkerDeathTest.*:LargeStream.*",
 ]
 
