@@ -137,6 +137,22 @@ TEST_F(DumpOfAStream, NeedsAStream) {
                            ": name a folder with a manifest, such as STORE/QUEUE-ID\n");
 }
 
+TEST_F(DumpOfAStream, FollowsNoSymbolicLink) {
+  const std::string elsewhere = folder.path() + "/elsewhere";
+  writeFile(elsewhere, "world!");
+  std::filesystem::remove(folder.path() + "/segment-000001");
+  std::filesystem::create_symlink(elsewhere, folder.path() + "/segment-000001");
+  expectDamage("  segment-000001: damaged: Too many levels of symbolic links: cannot read " +
+               folder.path() + "/segment-000001\n");
+
+  std::filesystem::rename(folder.path() + "/manifest", elsewhere);
+  std::filesystem::create_symlink(elsewhere, folder.path() + "/manifest");
+  const Ended ended = dump();
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane dump: Too many levels of symbolic links: cannot read " +
+                           folder.path() + "/manifest\n");
+}
+
 TEST(DumpOfAStoredStream, FindsAllOfItWhole) {
   Server server;
   ASSERT_EQ(

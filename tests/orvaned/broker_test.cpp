@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -347,6 +348,19 @@ TEST(StreamLockTest, KeepsAnotherServerFromFinishingALiveStream) {
   const auto found = orvaned::LocalUnfinishedStreams(store.path(), isDead).next();
   ASSERT_TRUE(found);
   EXPECT_EQ(found->stream, stream.id);
+}
+
+// A server that is killed while it tries leaves nothing behind then.
+TEST(StoreTrial, PutsNoNameIntoTheStore) {
+  const TempFolder store;
+  const Fd events(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  ASSERT_GE(inotify_add_watch(events.get(), store.path().c_str(), IN_CREATE | IN_MOVED_TO), 0);
+  orvaned::checkWritable(store.path());
+  char event[512];
+  EXPECT_EQ(read(events.get(), event, sizeof event), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  writeFile(store.path() + "/name", "");
+  EXPECT_GT(read(events.get(), event, sizeof event), 0);
 }
 
 TEST(StreamLockTest, LeavesAFolderThatHasNoNameYetToItsLivingServer) {

@@ -87,8 +87,8 @@ TEST_F(SupervisorTest, EndsAWorkerWhoseBrokerDiedAndFinishesItsStream) {
   LeasedProducer producer(socket);
   EXPECT_EQ(producer.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
   for (const auto& [id, process] : processes()) {
-    const std::string comm = readFile("/proc/" + std::to_string(id) + "/comm");
-    if (process.parent == server->process() && comm == "orvaned-broker\n") {
+    if (process.parent == server->process() &&
+        readFile("/proc/" + std::to_string(id) + "/comm") == "orvaned-broker\n") {
       kill(id, SIGKILL);
     }
   }

@@ -190,6 +190,23 @@ TEST_P(WorkersException, EndsItsStreamWithAManifestAndTellsItsLease) {
 
 INSTANTIATE_TEST_SUITE_P(Of, WorkersException, testing::Values("bad_alloc", "unknown exception"));
 
+TEST_F(TakenOverWorker, IsServedOnWhileTheSupervisorHasNoMemory) {
+  startServer(Rights::root);
+  LeasedProducer producer(socket);
+  attack->supervisor = server->process();
+  attack->memoryIsOut = true;
+  for (int i = 0; i < 20; ++i) {
+    const LeaseClient client(socket);
+    client.send("orvane 1 lease");
+    const std::string answer = client.next();
+    EXPECT_TRUE(answer == kEnd || answer.starts_with("refused ")) << answer;
+  }
+  EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));
+  attack->memoryIsOut = false;
+  EXPECT_EQ(LeaseClient(socket).ask().substr(0, 7), "orvane-");
+  EXPECT_EQ(producer.queues.ask({{.type = 3, .seqNo = 3}}).status, 0);
+}
+
 class NoticeTest : public TakenOverWorker, public testing::WithParamInterface<Rights> {};
 
 // The queue is the producer's by then.

@@ -36,6 +36,20 @@ Fd openStored(const std::string& path) {
   return file;
 }
 
+std::string textOfStored(const std::string& path) {
+  const Fd file = openStored(path);
+  std::string text;
+  std::vector<char> block(kBlock);
+  ssize_t size = 0;
+  while ((size = read(file.get(), block.data(), block.size())) > 0) {
+    text.append(block.data(), static_cast<std::size_t>(size));
+  }
+  if (size < 0) {
+    failToRead(path, errno);
+  }
+  return text;
+}
+
 Content contentOf(const Fd& file, const std::string& path) {
   Content content;
   std::vector<unsigned char> block(kBlock);

@@ -16,6 +16,9 @@ struct Content {
 // and for what is no regular file, which no server puts there.
 Fd openStored(const std::string& path);
 
+// The text of a file of the store that people read, such as a manifest. Throws the same.
+std::string textOfStored(const std::string& path);
+
 // Reads the whole file, which `path` names for messages. Throws std::runtime_error.
 Content contentOf(const Fd& file, const std::string& path);
 Content contentOf(const std::string& path);

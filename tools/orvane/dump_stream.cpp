@@ -1,10 +1,11 @@
 #include "dump_stream.hpp"
 
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <optional>
 #include <orvane/orvane.hpp>
+#include <sstream>
+#include <stdexcept>
 
 #include "common/manifest_lines.hpp"
 #include "common/stored_file.hpp"
@@ -54,10 +55,14 @@ std::string faultOf(const ListedFile& file, const fs::path& folder) {
                            : faultOf((folder / file.name).string(), file.content);
 }
 
-std::ifstream openManifest(const fs::path& folder) {
-  std::ifstream manifest(folder / "manifest", std::ios::binary);
-  if (manifest) {
-    return manifest;
+std::string readManifest(const fs::path& folder) {
+  const fs::path manifest = folder / "manifest";
+  if (fs::exists(fs::symlink_status(manifest))) {
+    try {
+      return textOfStored(manifest.string());
+    } catch (const std::runtime_error& e) {
+      throw Failure(kFailed, e.what());
+    }
   }
   if (fs::exists(folder / ("manifest" + std::string(kUnfinished)))) {
     throw Failure(kFailed, "the stream in " + folder.string() +
@@ -90,7 +95,7 @@ void printJson(const std::string& line, const std::optional<ListedFile>& file,
 }  // namespace
 
 std::uint64_t dumpStream(const std::string& folder, bool json) {
-  std::ifstream manifest = openManifest(folder);
+  std::istringstream manifest(readManifest(folder));
   std::uint64_t damaged = 0;
   for (std::string line; std::getline(manifest, line);) {
     const auto file = fileIn(line);

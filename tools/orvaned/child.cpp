@@ -87,7 +87,8 @@ Child::Child(const Task& task, Orphaned orphaned) : heartbeat(sharedHeartbeat())
 
 Child::~Child() {
   signal(SIGKILL);
-  for (const auto deadline = Clock::now() + kTimeToDie; !ended() && Clock::now() < deadline;) {
+  const auto deadline = Clock::now() + (abandoned ? std::chrono::seconds(0) : kTimeToDie);
+  while (!ended() && Clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   munmap(heartbeat, sizeof(Heartbeat));
@@ -105,6 +106,11 @@ void Child::signal(int number) const {
   if (!status) {
     kill(pid, number);
   }
+}
+
+void Child::abandon() {
+  signal(SIGKILL);
+  abandoned = true;
 }
 
 Child::Clock::duration Child::insideQueueCall() {

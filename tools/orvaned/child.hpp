@@ -29,7 +29,8 @@ class Child {
   // objects is destroyed there. Throws std::system_error.
   explicit Child(const Task& task, Orphaned orphaned = Orphaned::isToldToEnd);
 
-  // Kills it if it still runs, and waits a second for its end: it may hang in a disk.
+  // Kills it if it still runs, and waits a second for its end, unless it is abandoned: it may hang
+  // in a disk.
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -38,6 +39,9 @@ class Child {
   std::optional<int> ended();
 
   void signal(int number) const;
+
+  // Kills it; nobody waits for its end.
+  void abandon();
 
   pid_t process() const { return pid; }
   bool isReady() const { return heartbeat->ready.load(); }
@@ -57,6 +61,7 @@ class Child {
 
  private:
   Heartbeat* const heartbeat;
+  bool abandoned = false;
   const Clock::time_point start = Clock::now();
   std::uint32_t lastCalls = 0;
   Clock::time_point lastChange = start;

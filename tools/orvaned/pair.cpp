@@ -117,6 +117,14 @@ void Pair::kill() {
   }
 }
 
+void Pair::abandon() {
+  for (Child* process : {child.get(), broker.process.get()}) {
+    if (process != nullptr) {
+      process->abandon();
+    }
+  }
+}
+
 void Pair::begin() {
   retryAt.reset();
   try {

@@ -70,6 +70,9 @@ class Pair {
   // Kills the worker, if it has not ended by now.
   void kill();
 
+  // Kills all processes; nobody waits for their end.
+  void abandon();
+
   bool isOver() const { return !child && !retryAt; }
 
   // Can its queues be used?

@@ -29,6 +29,7 @@ constexpr std::chrono::milliseconds kTickAtStart{10};
 constexpr std::chrono::seconds kTimeToFinish{10};
 constexpr std::chrono::seconds kTimeToCleanUp{4};
 constexpr std::size_t kMostDeadPairs = 16;  // looked after at a time
+constexpr std::size_t kUsualEvents = 32;
 
 Fd openSignals() {
   sigset_t signals = supervisorSignals();
@@ -59,6 +60,7 @@ Supervisor::Supervisor(const Options& serverOptions)
                 conclude(queue, std::move(broker), died);
               }},
       signals(openSignals()) {
+  events.reserve(kUsualEvents);
   if (!options.queue.empty()) {
     queueLock.emplace(tool::lockPathOf(options.queue));
     requireOwnPair(options.queue, options.confinement.user);
@@ -74,7 +76,7 @@ bool Supervisor::run(LogWriter& log) {
   while (!isOver()) {
     tryTo("serve", [&] { step(log); });
   }
-  killAll();
+  abandonAll();
   return !failed;
 }
 
@@ -178,12 +180,16 @@ bool Supervisor::isOver() const {
   return (stopAt || failed) && nothingLeft;
 }
 
+// Where memory is out, for what there was room the last time.
 void Supervisor::waitForEvents() {
-  std::vector<pollfd> events = {{signals.get(), POLLIN, 0},
-                                {search && !search->isComplete() ? search->fd() : -1, POLLIN, 0}};
-  if (desk) {
-    desk->addTo(events);
-  }
+  events.clear();
+  tryTo("wait for all events", [this] {
+    events.push_back({signals.get(), POLLIN, 0});
+    events.push_back({search && !search->isComplete() ? search->fd() : -1, POLLIN, 0});
+    if (desk) {
+      desk->addTo(events);
+    }
+  });
   const auto tick = ready || stopAt ? kTick : kTickAtStart;
   poll(events.data(), events.size(), static_cast<int>(tick.count()));
 }
@@ -202,13 +208,13 @@ void Supervisor::takeSignals() {
   }
 }
 
-// What has not ended by then waits for a disk.
-void Supervisor::killAll() {
+// What has not ended by now waits for a disk.
+void Supervisor::abandonAll() {
   for (Pair& pair : pairs) {
-    pair.kill();
+    pair.abandon();
   }
-  for (const RecoveryProcess& recovery : recoveries) {
-    recovery.signal(SIGKILL);
+  for (RecoveryProcess& recovery : recoveries) {
+    recovery.abandon();
   }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <poll.h>
+
 #include <csignal>
 #include <functional>
 #include <list>
@@ -47,7 +49,7 @@ class Supervisor {
   bool isOver() const;
   void waitForEvents();
   void takeSignals();
-  void killAll();
+  void abandonAll();
   void stop();
   void serveDesk();
   void startLease(std::unique_ptr<LeaseConnection> connection);
@@ -62,6 +64,7 @@ class Supervisor {
   const Pair::Context context;
   ServiceManager manager;
   Fd signals;
+  std::vector<pollfd> events;  // what is waited for
   std::optional<tool::LockFile> queueLock;
   std::optional<LeaseRun> leases;
   std::optional<LeaseDesk> desk;

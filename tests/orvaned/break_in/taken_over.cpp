@@ -37,6 +37,25 @@ void spin() {
 
 }  // namespace
 
+// The supervisor's memory can be out.
+void* operator new(std::size_t size) {
+  if (shared != nullptr && shared->memoryIsOut && shared->supervisor == getpid()) {
+    throw std::bad_alloc();
+  }
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+    return memory;
+  }
+  throw std::bad_alloc();
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+
 extern "C" __attribute__((visibility("default"))) bool TraceOn() {
   if (shared == nullptr || !shared->armed.exchange(false)) {
     return false;

@@ -12,8 +12,9 @@ constexpr int kNoResult = -1;
 
 // What a test and the worker that it takes over share: a file that both have mapped.
 struct Shared {
-  std::atomic<bool> armed;  // the next worker that takes a message runs the attack
-  std::atomic<int> result;  // its errno; kNoResult: it did not come back
+  std::atomic<bool> armed;        // the next worker that takes a message runs the attack
+  std::atomic<int> result;        // its errno; kNoResult: it did not come back
+  std::atomic<bool> memoryIsOut;  // in the supervisor
   char name[64];
   char otherStream[256];
   char store[256];

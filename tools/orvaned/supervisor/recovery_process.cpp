@@ -118,4 +118,12 @@ void RecoveryProcess::signal(int number) const {
   }
 }
 
+void RecoveryProcess::abandon() {
+  for (Child* child : {confined.get(), broker.get()}) {
+    if (child != nullptr) {
+      child->abandon();
+    }
+  }
+}
+
 }  // namespace orvaned

@@ -23,6 +23,7 @@ class RecoveryProcess {
 
   void step();
   void signal(int number) const;
+  void abandon();
 
   bool isOver() const { return !broker && !confined; }
 
