@@ -180,9 +180,13 @@ TEST_F(Dump, LosesNothingButTheMessageThatIsTorn) {
     const Ended ended = dump(whole + whole.substr(0, size) + whole + whole + whole);
     EXPECT_EQ(ended.how, "exit 1");
     EXPECT_EQ(ended.err, "orvane dump: 1 broken message in " + file + "\n");
-    const std::string first = "message 0" + text + "broken: " + std::to_string(size) +
-                              " bytes at byte 131 belong to no message\n";
-    const std::string rest = "message 1" + text + "message 2" + text + "message 3" + text;
+    std::string first = "message 0";
+    first.append(text).append("broken: ").append(std::to_string(size));
+    first.append(" bytes at byte 131 belong to no message\n");
+    std::string rest;
+    for (const char* message : {"message 1", "message 2", "message 3"}) {
+      rest.append(message).append(text);
+    }
     EXPECT_TRUE(startsWith(ended.out, first)) << size << ": " << ended.out;
     EXPECT_TRUE(ended.out.ends_with("\n" + rest)) << size << ": " << ended.out;
     EXPECT_EQ(readInPython().out, first + rest) << size;

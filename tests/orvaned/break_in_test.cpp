@@ -108,7 +108,9 @@ class World {
     address.sun_family = AF_UNIX;
     plan.serverSocket.copy(address.sun_path, sizeof(address.sun_path) - 1);
     listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+      throw std::system_error(errno, std::generic_category(), "bind");
+    }
     listen(listener, 8);
     own(plan.serverSocket, user);
   }
@@ -118,7 +120,9 @@ class World {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     internet = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    bind(internet, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (bind(internet, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+      throw std::system_error(errno, std::generic_category(), "bind");
+    }
     listen(internet, 8);
     socklen_t length = sizeof(plan.internet);
     getsockname(internet, reinterpret_cast<sockaddr*>(&plan.internet), &length);
