@@ -165,12 +165,13 @@ TEST_F(BrokerTest, RenamesAFileToItsFinalNameOnly) {
   const StoreAccess::NewStream stream = access.createStream();
   stream.folder->append("segment-000000.part");
   stream.folder->append("other-records");
-  for (const auto& [from, to] :
+  for (const auto& names :
        {std::pair("segment-000000.part", "segment-000001"),
         std::pair("segment-000000.part", "../segment-000000"),
         std::pair("other-records", "manifest"), std::pair("segment-000000", "segment-000000.part"),
         std::pair("segment-000000.part", "manifest")}) {
-    EXPECT_TRUE(throwsErrno(1003, kNotAllowed, [&] { callFile(BrokerCall::rename, from, to); }));
+    EXPECT_TRUE(throwsErrno(1003, kNotAllowed,
+                            [&] { callFile(BrokerCall::rename, names.first, names.second); }));
   }
   EXPECT_EQ(stream.folder->names(), (Names{"other-records", "segment-000000.part"}));
 }

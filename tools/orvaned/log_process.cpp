@@ -97,7 +97,7 @@ class LogProcess {
   }
 
   void takePacket(std::string_view content) {
-    LogHeader header;
+    LogHeader header = {};
     std::memcpy(&header, content.data(), sizeof(header));
     addDropped(header.dropped, header.sent);
     if (header.hasLine) {

@@ -149,7 +149,7 @@ void LogWriter::finish() noexcept {
   log.reader.reset();
 }
 
-bool LogWriter::hasEndedWithin(std::chrono::milliseconds time) noexcept {
+bool LogWriter::hasEndedWithin(std::chrono::milliseconds time) const noexcept {
   for (const auto deadline = Clock::now() + time; waitpid(pid, nullptr, WNOHANG) == 0;) {
     if (Clock::now() >= deadline) {
       return false;

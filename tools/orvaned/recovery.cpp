@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <orvane/orvane.hpp>
@@ -43,7 +42,6 @@ class Lines {
   bool next(std::string& line) {
     std::size_t end = 0;
     while ((end = buffered.find('\n')) == std::string::npos) {
-      std::array<char, 65536> block;
       const ssize_t size = file.get() < 0 ? 0 : read(file.get(), block.data(), block.size());
       if (size <= 0) {
         return false;
@@ -57,6 +55,7 @@ class Lines {
 
  private:
   const Fd file;
+  std::vector<char> block = std::vector<char>(65536);
   std::string buffered;
 };
 

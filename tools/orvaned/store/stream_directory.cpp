@@ -39,7 +39,8 @@ void syncFolder(const std::string& path) {
   }
 }
 
-LocalDirectory::LocalDirectory(std::string folderPath) : LocalDirectory(folderPath, folderPath) {}
+LocalDirectory::LocalDirectory(const std::string& folderPath)
+    : LocalDirectory(folderPath, folderPath) {}
 
 LocalDirectory::LocalDirectory(std::string folderPath, const std::string& madeAt)
     : StreamDirectory(std::move(folderPath)),

@@ -50,7 +50,7 @@ class StreamDirectory {
 class LocalDirectory : public StreamDirectory {
  public:
   // A folder that cannot be opened fails each call.
-  explicit LocalDirectory(std::string folderPath);
+  explicit LocalDirectory(const std::string& folderPath);
 
   // The folder is at `madeAt` still, and gets its path in a moment.
   LocalDirectory(std::string folderPath, const std::string& madeAt);
