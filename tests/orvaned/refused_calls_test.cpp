@@ -21,6 +21,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 
 #include "daemon/temp_folder.hpp"
 #include "orvaned/confined_child.hpp"
@@ -43,7 +44,9 @@ struct Scene {
     address.sun_family = AF_UNIX;
     const std::string name = folder.path() + "/socket";
     name.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    bind(bound, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (bind(bound, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+      throw std::runtime_error("cannot bind " + name);
+    }
     chmod(name.c_str(), 0777);
     unconnected = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   }

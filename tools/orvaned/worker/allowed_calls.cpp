@@ -83,11 +83,6 @@ constexpr AllowedCall kInstrumentationCalls[] = {
     {SYS_readlink, "the same: the program's name"},
     {SYS_readlinkat, "the same"},
     {SYS_access, "the same"},
-    {SYS_getcwd, "coverage: where its files are"},
-    {SYS_mkdir, "coverage: the folders of its files"},
-    {SYS_fcntl, "coverage: locks its files; an error: whether a descriptor is open"},
-    {SYS_ftruncate, "coverage: its files"},
-    {SYS_pread64, "the same"},
     {SYS_ioctl, "an error: whether standard error is a terminal"},
     {SYS_pipe, "an error: whether memory can be read"},
     {SYS_pipe2, "the same"},
@@ -100,6 +95,13 @@ constexpr AllowedCall kInstrumentationCalls[] = {
     {SYS_set_robust_list, "a thread of the sanitizer's own"},
     {SYS_getrusage, "how much memory is in use"},
     {SYS_getppid, "an error: whose process this is"},
+#ifdef ORVANE_COVERAGE
+    {SYS_getcwd, "where coverage has its files"},
+    {SYS_mkdir, "the folders of these files"},
+    {SYS_fcntl, "locks them"},
+    {SYS_ftruncate, "writes them anew"},
+    {SYS_pread64, "reads them"},
+#endif
 };
 #else
 constexpr std::span<const AllowedCall> kInstrumentationCalls;
