@@ -173,11 +173,21 @@ TEST_F(Dump, SkipsWhatBelongsToNoMessage) {
 }
 
 // A message that a full disk or a kill cut short, at any byte, with whole ones after it.
+// A message, a part of one, and three more.
+std::string captureWith(const std::string& message, std::size_t torn) {
+  std::string capture = message;
+  capture.append(message, 0, torn);
+  for (int whole = 0; whole < 3; ++whole) {
+    capture.append(message);
+  }
+  return capture;
+}
+
 TEST_F(Dump, LosesNothingButTheMessageThatIsTorn) {
   const std::string whole = captured("orders", kExample);
   const std::string text = std::string(", queue orders, 109 bytes\n") + kExampleText;
   for (const std::size_t size : {5U, 15U, 16U, 18U, 22U, 40U, 130U}) {
-    const Ended ended = dump(whole + whole.substr(0, size) + whole + whole + whole);
+    const Ended ended = dump(captureWith(whole, size));
     EXPECT_EQ(ended.how, "exit 1");
     EXPECT_EQ(ended.err, "orvane dump: 1 broken message in " + file + "\n");
     std::string first = "message 0";

@@ -29,7 +29,6 @@ using orvaned::BrokerArea;
 using orvaned::BrokerCall;
 using orvaned::BrokerClient;
 using orvaned::BrokeredAccess;
-using orvaned::BrokeredDirectory;
 using orvaned::BrokerRequest;
 using orvaned::Fd;
 using orvaned::LocalDirectory;

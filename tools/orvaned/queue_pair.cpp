@@ -131,7 +131,7 @@ QueuePair::Queue::~Queue() {
 QueuePair::QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner,
                      Heartbeat* heartbeat)
     : watched(heartbeat != nullptr ? *heartbeat : unwatched),
-      messages(geometry.messages),
+      most(geometry.messages),
       buffer(checkRoom(geometry).messageSize),
       responseBuffer(sizeof(pvk_shm_response_t)),
       published(name, geometry, readersOf(owner),

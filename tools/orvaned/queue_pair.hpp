@@ -59,7 +59,7 @@ class QueuePair {
   void leaveNames();
 
   // Messages that the send queue can hold.
-  std::size_t capacity() const { return messages; }
+  std::size_t capacity() const { return most; }
 
   // The published totals.
   tool::QueueStats& stats() { return published.stats(); }
@@ -85,7 +85,7 @@ class QueuePair {
 
   Heartbeat unwatched;
   Heartbeat& watched;
-  const std::size_t messages;
+  const std::size_t most;              // messages that the send queue holds
   const GuardedBuffer buffer;          // for a message
   const GuardedBuffer responseBuffer;  // for an answer that nobody took
   StatsFile published;                 // before the queues: there is none without it
