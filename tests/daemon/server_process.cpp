@@ -14,6 +14,8 @@
 #include <regex>
 #include <stdexcept>
 
+#include "support/reachable.hpp"
+
 namespace orvane::test {
 
 using boost::interprocess::message_queue;
@@ -50,8 +52,9 @@ constexpr int kPatienceMilliseconds = 30000;
   const char* options = getenv("TSAN_OPTIONS");
   setenv("TSAN_OPTIONS", ((options ? options : "") + std::string(" report_mutex_bugs=0")).c_str(),
          1);
+  const std::string program = reachable(setup.program);
   setup.prepare();
-  execv(setup.program.c_str(), argv.data());
+  execv(program.c_str(), argv.data());
   _exit(127);
 }
 

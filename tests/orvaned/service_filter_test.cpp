@@ -20,6 +20,7 @@
 #include "orvaned/confined_child.hpp"
 #include "orvaned/unit_filter.hpp"
 #include "support/queue_pair.hpp"
+#include "support/reachable.hpp"
 
 namespace orvane::test {
 namespace {
@@ -70,9 +71,10 @@ class FilteredServer {
     // The leak check at a process's end traces it, which the unit does not allow.
     const char* options = getenv("ASAN_OPTIONS");
     setenv("ASAN_OPTIONS", ((options ? options : "") + std::string(":detect_leaks=0")).c_str(), 1);
+    const std::string program = reachable(ORVANED_PATH);
     takeOn(geteuid() == 0 ? Rights::service : Rights::user);
     allowOnly(calls);
-    execv(ORVANED_PATH, argv.data());
+    execv(program.c_str(), argv.data());
     _exit(127);
   }
 
