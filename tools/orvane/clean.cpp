@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Where the packaged service has its sockets.
+// The packaged service has its sockets below this folder.
 constexpr char kSocketFolder[] = "/run/orvaned";
 constexpr auto kSkipDenied = fs::directory_options::skip_permission_denied;
 

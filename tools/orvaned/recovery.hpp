@@ -19,7 +19,7 @@ struct UnfinishedStream {
   std::unique_ptr<StreamDirectory> folder;
 };
 
-// Where the streams come from that are to be finished.
+// The source of the streams that are to be finished.
 class UnfinishedStreams {
  public:
   virtual ~UnfinishedStreams() = default;
@@ -28,8 +28,8 @@ class UnfinishedStreams {
   virtual std::optional<UnfinishedStream> next() = 0;
 };
 
-// Those of a store whose server is known to have ended, as `isDead` tells by the queue's name.
-// Where it still runs, an unfinished stream is simply one that is being written.
+// The unfinished streams of a store whose server is known to have ended; `isDead` tells that by the
+// queue's name. An unfinished stream of a running server is simply one that is being written.
 class LocalUnfinishedStreams : public UnfinishedStreams {
  public:
   // Throws std::runtime_error when the store cannot be listed.

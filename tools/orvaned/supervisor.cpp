@@ -180,7 +180,7 @@ bool Supervisor::isOver() const {
   return (stopAt || failed) && nothingLeft;
 }
 
-// Where memory is out, for what there was room the last time.
+// When there is no memory for all events, it waits for those that the list has room for.
 void Supervisor::waitForEvents() {
   events.clear();
   tryTo("wait for all events", [this] {
@@ -279,7 +279,7 @@ std::string Supervisor::limitReachedBy(const ucred& producer, LeaseDesk::Count a
   return "";
 }
 
-// Where the system does not say how much there is, making a pair tells.
+// If the system does not say how much there is, there is no limit here, and making a pair may fail.
 std::size_t Supervisor::shmLimit() const {
   struct statvfs shm = {};
   if (options.shmLimit != 0 || statvfs(tool::kShmFolder, &shm) != 0) {

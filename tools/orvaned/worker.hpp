@@ -78,7 +78,7 @@ class Worker {
   const Ending& run(const EndWithin& endWithin);
 
   // Takes what waits in the send queue now, at most as many messages as it holds; cuts an open
-  // stream off; posts a farewell; and gives a producer that reads its receipts some seconds to.
+  // stream off; posts a notice; and gives a producer that reads its receipts some seconds to.
   void finish(const Ending& ending);
 
  private:

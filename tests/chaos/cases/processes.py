@@ -33,58 +33,50 @@ def producer_stopped(scene):
     stop_and_continue(victim.pid, scene.rng.uniform(0, 0.1))
 
 
-@case("SIGKILL to a worker process of the server", often=3)
-def worker_killed(scene):
+def kill_one(scene, processes):
+    """Kills one of the server's processes that `processes` lists; the fixed queue's is the first."""
     server = scene.serve()
-    of_fixed_queue = server.workers()[0]
+    of_fixed_queue = processes(server)[0]
     scene.send(may_fail=1)
     choice = scene.rng.random()
     scene.until_an_instant()
-    workers = server.workers()
-    victim = workers[int(choice * len(workers))]
+    found = processes(server)
+    victim = found[int(choice * len(found))]
     signal_to(victim, signal.SIGKILL)
     if victim == of_fixed_queue:
         scene.undo = lambda: poll(
             lambda: server.errors.count(f"serving queue {scene.queue} ") == 2, START_BOUND,
             f"{server.name} did not serve its queue again")
+
+
+def stop_one(scene, processes):
+    server = scene.serve()
+    scene.send()
+    choice = scene.rng.random()
+    pause = scene.rng.uniform(0, 0.1)
+    scene.until_an_instant()
+    found = processes(server)
+    stop_and_continue(found[int(choice * len(found))], pause)
+
+
+@case("SIGKILL to a worker process of the server", often=3)
+def worker_killed(scene):
+    kill_one(scene, lambda server: server.workers())
 
 
 @case("SIGKILL to the broker of a worker")
 def broker_killed(scene):
-    server = scene.serve()
-    of_fixed_queue = server.brokers()[0]
-    scene.send(may_fail=1)
-    choice = scene.rng.random()
-    scene.until_an_instant()
-    brokers = server.brokers()
-    victim = brokers[int(choice * len(brokers))]
-    signal_to(victim, signal.SIGKILL)
-    if victim == of_fixed_queue:
-        scene.undo = lambda: poll(
-            lambda: server.errors.count(f"serving queue {scene.queue} ") == 2, START_BOUND,
-            f"{server.name} did not serve its queue again")
+    kill_one(scene, lambda server: server.brokers())
 
 
 @case("SIGSTOP to the broker of a worker, SIGCONT soon after")
 def broker_stopped(scene):
-    server = scene.serve()
-    scene.send()
-    choice = scene.rng.random()
-    pause = scene.rng.uniform(0, 0.1)
-    scene.until_an_instant()
-    brokers = server.brokers()
-    stop_and_continue(brokers[int(choice * len(brokers))], pause)
+    stop_one(scene, lambda server: server.brokers())
 
 
 @case("SIGSTOP to a worker process of the server, SIGCONT soon after")
 def worker_stopped(scene):
-    server = scene.serve()
-    scene.send()
-    choice = scene.rng.random()
-    pause = scene.rng.uniform(0, 0.1)
-    scene.until_an_instant()
-    workers = server.workers()
-    stop_and_continue(workers[int(choice * len(workers))], pause)
+    stop_one(scene, lambda server: server.workers())
 
 
 @case("SIGKILL to the server's supervisor alone", often=3)
