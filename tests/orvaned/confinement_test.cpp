@@ -31,7 +31,7 @@ namespace {
 // The lines of /proc/self/status, through a descriptor from before: Landlock forbids the path.
 class Status {
  public:
-  std::string operator[](const std::string& name) {
+  std::string operator[](const std::string& name) const {
     std::string text(8192, '\0');
     text.resize(static_cast<std::size_t>(pread(file, text.data(), text.size(), 0)));
     std::istringstream lines(text);
@@ -233,7 +233,8 @@ TEST(ConfinedWorker, UsesMemory) {
     grown = static_cast<char*>(std::realloc(grown, 64 << 20));
     grown[(64 << 20) - 1] = 'x';
     std::free(grown);
-    void* guarded = mmap(nullptr, 3 * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* guarded =
+        mmap(nullptr, std::size_t{3} * 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return require(mprotect(guarded, 4096, PROT_READ | PROT_WRITE) == 0, 1);
   });
   EXPECT_EQ(outcome.how, "exit 0") << orvaned::nameOfCall(outcome.refusedCall);

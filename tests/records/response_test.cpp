@@ -33,8 +33,8 @@ TEST(ResponseComparison, LooksAtTheLastCharacter) {
 TEST(ResponseComparison, OfReceivedTextsWithoutAnEndStopsAtTheField) {
   struct Twin {
     pvk_shm_response_t response;
-    char behind;
-  } a{}, b{};
+    char behind = 0;
+  } a, b;
   std::memset(a.response.text, 'x', sizeof a.response.text);
   std::memset(b.response.text, 'x', sizeof b.response.text);
   a.behind = 'a';
