@@ -1,4 +1,4 @@
-// Sequences of lawful and unlawful calls on a batch, against a model of what it must hold.
+// Sequences of valid and invalid calls on a batch, against a model of what it must hold.
 //
 // Reaches the writer's side: full batches, refused entries, clear and reuse, every entry read back
 // by index, by the trusting reader and by the checked one.
@@ -65,14 +65,14 @@ void append(ShmBatch& batch, std::vector<Model>& models, FuzzedDataProvider& inp
   const bool withData = input.ConsumeBool();
   const ShmBatch::Entry entry(model.header, withData ? model.data.data() : nullptr);
   const bool hasRoom = batch.canStore(entry);
-  const bool lawful = withData || model.header.len == 0;
+  const bool valid = withData || model.header.len == 0;
   try {
     batch.pushBack(entry);
-    REQUIRE(hasRoom && lawful);
+    REQUIRE(hasRoom && valid);
     models.push_back(model);
   } catch (const Ox_ErrnoException& refused) {
     REQUIRE(refused.status() == (hasRoom ? orvane::kStatusInvalidArgument : orvane::kStatusNoRoom));
-    REQUIRE(!hasRoom || !lawful);
+    REQUIRE(!hasRoom || !valid);
   }
 }
 

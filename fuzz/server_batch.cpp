@@ -1,4 +1,4 @@
-// Sequences of batches, lawful, unlawful and damaged, through the server's receive path: a real
+// Sequences of batches, valid, invalid and damaged, through the server's receive path: a real
 // queue pair, the worker, and a store in a folder.
 //
 // Reaches the state between batches, which the other targets do not have: streams that are opened
@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
-#include "queue_pair.hpp"
+#include <orvane/server_status.hpp>
 #include "require.hpp"
-#include "server_status.hpp"
-#include "store.hpp"
-#include "worker.hpp"
+#include "store/store.hpp"
+#include "worker/queue_pair.hpp"
+#include "worker/worker.hpp"
 
 using boost::interprocess::message_queue;
 using orvane::BatchView;
@@ -45,7 +45,7 @@ struct Server {
                         orvane::getMessageQueueResponseName(name).c_str()};
 };
 
-ShmBatch& lawfulBytes(FuzzedDataProvider& input) {
+ShmBatch& validBytes(FuzzedDataProvider& input) {
   static ShmBatch batch(kMessageSize);
   batch.clear();
   const int records = input.ConsumeIntegralInRange<int>(0, 6);
@@ -68,7 +68,7 @@ std::vector<unsigned char> someMessage(FuzzedDataProvider& input) {
     return input.ConsumeBytes<unsigned char>(
         input.ConsumeIntegralInRange<std::size_t>(0, kMessageSize));
   }
-  const ShmBatch& batch = lawfulBytes(input);
+  const ShmBatch& batch = validBytes(input);
   std::vector<unsigned char> bytes(batch.getRaw(), batch.getRaw() + batch.getRawSize());
   if (input.ConsumeIntegralInRange<int>(0, 3) == 0) {
     bytes[input.ConsumeIntegralInRange<std::size_t>(0, bytes.size() - 1)] ^=
@@ -112,13 +112,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
       REQUIRE(worker.runOnce());
       const pvk_shm_response_t answer = takeAnswer(server);
       if (isWholeBatch(message)) {
-        REQUIRE(answer.status == 0 || answer.status >= orvaned::kBadBatch);
+        REQUIRE(answer.status == 0 || answer.status >= orvane::kBadBatch);
       } else {
-        REQUIRE(answer.status >= orvaned::kBadBatch);
+        REQUIRE(answer.status >= orvane::kBadBatch);
       }
     }
     worker.finish({"the server was stopped", "the server was stopped"});
-    REQUIRE(takeAnswer(server).status == orvaned::kServerEnding);
+    REQUIRE(takeAnswer(server).status == orvane::kServerEnding);
   }
   for (const auto& entry : std::filesystem::directory_iterator(server.folder)) {
     std::filesystem::remove_all(entry);

@@ -100,6 +100,6 @@ class StoredStream:
 
 
 def read_store(store):
-    """Its streams. Records outside any stream have a file of their own, and are lawful."""
+    """Its streams. Records outside any stream have a file of their own, and are valid."""
     return [StoredStream(path) for path in sorted(store.iterdir())
             if not path.name.endswith("-outside-records")]

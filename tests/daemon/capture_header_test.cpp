@@ -1,4 +1,4 @@
-#include "common/capture_header.hpp"
+#include "store_format/capture_header.hpp"
 
 #include <gtest/gtest.h>
 

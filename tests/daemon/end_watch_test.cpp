@@ -1,4 +1,4 @@
-#include "end_watch.hpp"
+#include "worker/end_watch.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -14,10 +14,10 @@ namespace {
 
 using orvaned::Ending;
 using orvaned::EndWatch;
-using orvaned::Fd;
 using orvaned::LeaseConnection;
 using std::chrono::microseconds;
 using std::chrono::seconds;
+using tool::Fd;
 
 constexpr microseconds kNoPause{0};
 constexpr microseconds kPause{1000};

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "await.hpp"
-#include "fd.hpp"
+#include "shm/fd.hpp"
 #include "support/wire.hpp"
 
 namespace orvane::test {
@@ -27,7 +27,7 @@ class LeaseClient {
   void close() { socket.reset(); }
 
  private:
-  orvaned::Fd socket;
+  tool::Fd socket;
 };
 
 constexpr char kEnd[] = "(end)";

@@ -7,8 +7,8 @@
 #include <csignal>
 #include <filesystem>
 
-#include "common/lock_file.hpp"
 #include "lease_fixture.hpp"
+#include "shm/lock_file.hpp"
 
 namespace orvane::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "lease_run.hpp"
+#include "leases/lease_run.hpp"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "common/lock_file.hpp"
+#include "shm/lock_file.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

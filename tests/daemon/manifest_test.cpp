@@ -1,4 +1,4 @@
-#include "manifest.hpp"
+#include "store/manifest_file.hpp"
 
 #include <gtest/gtest.h>
 

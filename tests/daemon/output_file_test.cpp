@@ -1,4 +1,4 @@
-#include "output_file.hpp"
+#include "store/output_file.hpp"
 
 #include <gtest/gtest.h>
 

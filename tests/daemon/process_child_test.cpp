@@ -13,7 +13,7 @@
 
 #include "../faults/child.hpp"
 #include "await.hpp"
-#include "child.hpp"
+#include "supervisor/child.hpp"
 
 namespace {
 

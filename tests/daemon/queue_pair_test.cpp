@@ -1,4 +1,4 @@
-#include "queue_pair.hpp"
+#include "worker/queue_pair.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -8,8 +8,8 @@
 
 #include "await.hpp"
 #include "limits.hpp"
-#include "queue_pair.hpp"
 #include "support/queue_pair.hpp"
+#include "worker/queue_pair.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "common/queue_rules.hpp"
+#include "shm/queue_rules.hpp"
 
 #include <gtest/gtest.h>
 

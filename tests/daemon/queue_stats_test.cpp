@@ -1,4 +1,4 @@
-#include "common/queue_stats.hpp"
+#include "shm/queue_stats.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "common/receipt.hpp"
+#include "store_format/receipt.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // What the next server makes of a stream whose server died, byte by byte.
 
-#include "recovery.hpp"
+#include "store/recovery.hpp"
 
 #include <gtest/gtest.h>
 

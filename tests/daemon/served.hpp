@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "queue_pair.hpp"
-#include "store.hpp"
+#include "store/store.hpp"
 #include "support/queue_pair.hpp"
 #include "support/recording_sink.hpp"
 #include "support/wire.hpp"
 #include "temp_folder.hpp"
-#include "worker.hpp"
+#include "worker/queue_pair.hpp"
+#include "worker/worker.hpp"
 
 namespace orvane::test {
 

@@ -285,7 +285,7 @@ TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
                            "always   before",
                            "1000  bad batch: ",
                            "1001  out of order: ",
-                           "1002  unlawful record: ",
+                           "1002  invalid record: ",
                            "1003  store failed: ",
                            "1004  server ending: ",
                            "1005  limit reached: ",

@@ -11,9 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "fd.hpp"
 #include "server_process.hpp"
-#include "service_manager.hpp"
+#include "shm/fd.hpp"
+#include "supervisor/service_manager.hpp"
 #include "support/queue_pair.hpp"
 #include "temp_folder.hpp"
 
@@ -23,7 +23,7 @@ using orvane::test::QueueName;
 using orvane::test::ServerProcess;
 using orvane::test::TempFolder;
 using orvane::test::uniqueQueueName;
-using orvaned::Fd;
+using tool::Fd;
 
 // A service manager: listens at a path, or with @ before it at a name outside the file system, and
 // has it in the environment of what is started meanwhile.

@@ -1,4 +1,4 @@
-#include "common/shm_names.hpp"
+#include "shm/shm_names.hpp"
 
 #include <gtest/gtest.h>
 

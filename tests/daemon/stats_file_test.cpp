@@ -1,6 +1,6 @@
 // The file of a pair's totals: what it says from the start, who may read it, and when it is there.
 
-#include "stats_file.hpp"
+#include "worker/stats_file.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,9 +13,9 @@
 
 #include "await.hpp"
 #include "limits.hpp"
-#include "queue_pair.hpp"
 #include "stats_reader.hpp"
 #include "support/queue_pair.hpp"
+#include "worker/queue_pair.hpp"
 
 namespace {
 
@@ -107,10 +107,10 @@ TEST_F(StatsFileTest, OfAPairOfTheServersOwnUserIsItsAlone) {
 }
 
 TEST_F(StatsFileTest, IsLockedWhileItsProcessServes) {
-  orvaned::Fd file;
+  tool::Fd file;
   {
     const QueuePair pair(name, {2, 100, 0600});
-    file = orvaned::Fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    file = tool::Fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(tool::isWorkerAlive(file.get()), true);
   }
   EXPECT_EQ(tool::isWorkerAlive(file.get()), false);

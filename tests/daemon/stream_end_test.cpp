@@ -1,4 +1,4 @@
-// How streams begin and end: the lawful orders of open, close and stop, and what comes outside.
+// How streams begin and end: the valid orders of open, close and stop, and what comes outside.
 
 #include <gtest/gtest.h>
 
@@ -113,7 +113,7 @@ TEST_F(StreamEndTest, ARepeatedCloseIsAnsweredWithTheReceipt) {
   EXPECT_EQ(served.stored(), Names{"QUEUE-RUN_0"});
 }
 
-TEST_F(StreamEndTest, ACloseAfterAStopIsLawful) {
+TEST_F(StreamEndTest, ACloseAfterAStopIsValid) {
   served.ask({kOpen});
   const Answers stopped = {{0, "receipt stream=RUN_0 records=0 bytes=0 segments=0 end=stopped"}};
   EXPECT_EQ(served.ask({kStop}), stopped);
@@ -121,7 +121,7 @@ TEST_F(StreamEndTest, ACloseAfterAStopIsLawful) {
   EXPECT_EQ(endOf(0), "end=stopped\nreason=\n");
 }
 
-TEST_F(StreamEndTest, AStopWithoutAnOpenIsLawful) {
+TEST_F(StreamEndTest, AStopWithoutAnOpenIsValid) {
   ShmWriter writer("stream", served.queue(), 5, 5, false);
   writer.stop(false);
   EXPECT_EQ(served.serve(), (Answers{{0, ""}}));

@@ -9,7 +9,7 @@
 #include <orvane/orvane.hpp>
 
 #include "server_process.hpp"
-#include "store.hpp"
+#include "store/store.hpp"
 #include "support/queue_pair.hpp"
 #include "support/wire.hpp"
 #include "temp_folder.hpp"

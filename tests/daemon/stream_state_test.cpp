@@ -1,4 +1,4 @@
-#include "stream_state.hpp"
+#include "worker/stream_state.hpp"
 
 #include <gtest/gtest.h>
 
@@ -55,7 +55,7 @@ TEST_F(StreamStateTest, ForwardGapsAreCounted) {
   EXPECT_EQ(state.skipped(), 1U);
   take(1, 7);  // 4, 5, 6 are missing
   EXPECT_EQ(state.skipped(), 4U);
-  take(2, 9);  // the gap of one is lawful behind the open record only
+  take(2, 9);  // the gap of one is valid after the open record only
   EXPECT_EQ(state.skipped(), 5U);
 }
 

@@ -10,8 +10,8 @@
 #include <memory>
 #include <utility>
 
-#include "output_file.hpp"
-#include "store.hpp"
+#include "store/output_file.hpp"
+#include "store/store.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
 #include "temp_folder.hpp"
@@ -32,8 +32,8 @@ class PipeDirectory : public orvaned::LocalDirectory {
  public:
   using LocalDirectory::LocalDirectory;
 
-  orvaned::Fd append(const std::string& name) override {
-    return orvaned::Fd(::open(pathOf(name).c_str(), O_WRONLY | O_CLOEXEC));
+  tool::Fd append(const std::string& name) override {
+    return tool::Fd(::open(pathOf(name).c_str(), O_WRONLY | O_CLOEXEC));
   }
 };
 

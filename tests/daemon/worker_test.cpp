@@ -1,6 +1,6 @@
 // What is refused, how a stream breaks, and how often the worker looks.
 
-#include "worker.hpp"
+#include "worker/worker.hpp"
 
 #include <gtest/gtest.h>
 

@@ -9,8 +9,8 @@
 
 #include <filesystem>
 
-#include "common/fd.hpp"
 #include "server.hpp"
+#include "shm/fd.hpp"
 #include "support/queue_pair.hpp"
 #include "text.hpp"
 

@@ -12,11 +12,11 @@
 #include <filesystem>
 #include <thread>
 
-#include "child.hpp"
 #include "daemon/temp_folder.hpp"
 #include "log.hpp"
-#include "store.hpp"
 #include "store/brokered_store.hpp"
+#include "store/store.hpp"
+#include "supervisor/child.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
 
@@ -30,10 +30,10 @@ using orvaned::BrokerCall;
 using orvaned::BrokerClient;
 using orvaned::BrokeredAccess;
 using orvaned::BrokerRequest;
-using orvaned::Fd;
 using orvaned::LocalDirectory;
 using orvaned::StoreAccess;
 using orvaned::Sync;
+using tool::Fd;
 
 using Names = std::vector<std::string>;
 

@@ -21,9 +21,9 @@
 
 #include "daemon/temp_folder.hpp"
 #include "orvaned/confined_child.hpp"
-#include "queue_pair.hpp"
 #include "support/queue_pair.hpp"
 #include "worker/allowed_calls.hpp"
+#include "worker/queue_pair.hpp"
 
 namespace orvane::test {
 namespace {

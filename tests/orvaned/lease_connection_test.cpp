@@ -1,6 +1,6 @@
 // Which process a lease is for, and what is kept for it.
 
-#include "lease_connection.hpp"
+#include "leases/lease_connection.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,17 +15,17 @@
 #include <stdexcept>
 
 #include "../daemon/temp_folder.hpp"
-#include "end_watch.hpp"
 #include "interposed.hpp"
-#include "lease_desk.hpp"
+#include "leases/lease_requests.hpp"
+#include "worker/end_watch.hpp"
 
 namespace orvane::test {
 namespace {
 
 using orvaned::EndWatch;
-using orvaned::Fd;
 using orvaned::LeaseConnection;
-using orvaned::LeaseDesk;
+using orvaned::LeaseRequests;
+using tool::Fd;
 using Request = LeaseConnection::Request;
 
 constexpr int kPatience = 30000;
@@ -108,7 +108,7 @@ class ForkingProducer {
   pid_t pid;
 };
 
-std::string noLimit(const ucred&, LeaseDesk::Count) {
+std::string noLimit(const ucred&, LeaseRequests::Count) {
   return "";
 }
 
@@ -150,7 +150,7 @@ TEST_P(PinnedProducer, EndsItsLeaseThoughAForkedChildHoldsTheConnection) {
 }
 
 TEST_P(PinnedProducer, ThatEndedBeforeItWasAcceptedGetsNoLease) {
-  LeaseDesk desk(path, 0600);
+  LeaseRequests desk(path, 0600);
   ForkingProducer producer(path);
   producer.end();
   EXPECT_TRUE(desk.serve(noLimit).empty());
@@ -159,7 +159,7 @@ TEST_P(PinnedProducer, ThatEndedBeforeItWasAcceptedGetsNoLease) {
 }
 
 TEST_P(PinnedProducer, GetsItsLeaseWhileItLives) {
-  LeaseDesk desk(path, 0600);
+  LeaseRequests desk(path, 0600);
   ForkingProducer producer(path);
   EXPECT_EQ(desk.serve(noLimit).size(), 1U);
   EXPECT_TRUE(producer.childSawTheEnd());  // the connection went with the desk's answer

@@ -9,10 +9,10 @@
 #include <set>
 
 #include "../daemon/temp_folder.hpp"
-#include "common/queue_rules.hpp"
-#include "common/shm_names.hpp"
 #include "interposed.hpp"
-#include "lease_run.hpp"
+#include "leases/lease_run.hpp"
+#include "shm/queue_rules.hpp"
+#include "shm/shm_names.hpp"
 
 namespace orvane::test {
 namespace {

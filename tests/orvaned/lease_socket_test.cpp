@@ -1,6 +1,6 @@
 // The socket at which leases are asked for, within one process.
 
-#include "lease_socket.hpp"
+#include "leases/lease_socket.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -18,8 +18,8 @@ namespace orvane::test {
 namespace {
 
 namespace fs = std::filesystem;
-using orvaned::Fd;
 using orvaned::LeaseSocket;
+using tool::Fd;
 
 // 0, or why there is no connection.
 int connectTo(const std::string& path) {

@@ -1,6 +1,6 @@
 // The process that writes the log, and those that send it their lines.
 
-#include "log_writer.hpp"
+#include "supervisor/log_writer.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

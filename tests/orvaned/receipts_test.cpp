@@ -8,9 +8,9 @@
 #include <csignal>
 #include <cstring>
 
-#include "common/queue_stats.hpp"
-#include "common/shm_names.hpp"
 #include "daemon/lease_fixture.hpp"
+#include "shm/queue_stats.hpp"
+#include "shm/shm_names.hpp"
 
 namespace orvane::test {
 namespace {

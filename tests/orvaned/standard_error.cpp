@@ -22,8 +22,8 @@ LogPipe::LogPipe() {
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw std::runtime_error("no pipe");
   }
-  reading = orvaned::Fd(ends[0]);
-  writing = orvaned::Fd(ends[1]);
+  reading = tool::Fd(ends[0]);
+  writing = tool::Fd(ends[1]);
 }
 
 void LogPipe::fill() const {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "fd.hpp"
+#include "shm/fd.hpp"
 
 namespace orvane::test {
 
@@ -32,8 +32,8 @@ class LogPipe {
   enum class Read { some, nothing, end };
   Read read(int milliseconds);
 
-  orvaned::Fd reading;
-  orvaned::Fd writing;
+  tool::Fd reading;
+  tool::Fd writing;
   std::string text;
 };
 

@@ -11,9 +11,9 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "common/lock_file.hpp"
 #include "daemon/lease_fixture.hpp"
 #include "queue/message_queue.hpp"
+#include "shm/lock_file.hpp"
 #include "support/queue_pair.hpp"
 
 namespace orvane::test {

@@ -4,8 +4,8 @@
 #include <set>
 #include <stdexcept>
 
-#include "common/queue_rules.hpp"
-#include "common/shm_names.hpp"
+#include "shm/queue_rules.hpp"
+#include "shm/shm_names.hpp"
 
 namespace tool {
 

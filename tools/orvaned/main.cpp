@@ -12,12 +12,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "capture.hpp"
 #include "log.hpp"
-#include "log_writer.hpp"
 #include "options.hpp"
-#include "store.hpp"
-#include "supervisor.hpp"
+#include "store/store.hpp"
+#include "supervisor/log_writer.hpp"
+#include "supervisor/supervisor.hpp"
+#include "worker/capture.hpp"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <vector>
 
-#include "common/size_text.hpp"
+#include <orvane/server_status.hpp>
 #include "log.hpp"
-#include "server_status.hpp"
+#include "store_format/size_text.hpp"
 
 namespace orvaned {
 namespace {
@@ -42,7 +42,7 @@ std::string footer() {
       "A killed server loses nothing that was answered, with any of them.\n"
       "\n"
       "Answers to a producer, besides 0 for success:\n";
-  for (const StatusMeaning& status : kStatusMeanings) {
+  for (const orvane::StatusMeaning& status : orvane::kStatusMeanings) {
     text +=
         "  " + std::to_string(status.status) + "  " + status.name + ": " + status.meaning + "\n";
   }

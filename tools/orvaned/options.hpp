@@ -4,9 +4,9 @@
 #include <orvane/orvane.hpp>
 #include <string>
 
-#include "common/queue_rules.hpp"
-#include "output_file.hpp"
-#include "queue_pair.hpp"
+#include "geometry.hpp"
+#include "shm/queue_rules.hpp"
+#include "sync.hpp"
 #include "worker/confinement.hpp"
 
 namespace orvaned {

@@ -183,7 +183,7 @@ def connect(scene, talk):
 
 
 def hostile_batch(rng):
-    """Anything from noise to a lawful batch with a few bytes changed."""
+    """Anything from noise to a valid batch with a few bytes changed."""
     if rng.random() < 0.2:
         return rng.randbytes(rng.randrange(0, 400))
     records = [record(rng, number) for number in range(rng.randrange(0, 6))]

@@ -14,9 +14,9 @@
 #include <utility>
 #include <vector>
 
-#include "common/manifest_lines.hpp"
+#include <orvane/server_status.hpp>
 #include "log.hpp"
-#include "server_status.hpp"
+#include "store_format/manifest_lines.hpp"
 
 namespace orvaned {
 namespace {
@@ -65,18 +65,18 @@ bool isAllowed(const BrokerRequest& request) {
   }
 }
 
-std::uint64_t sizeOf(const Fd& file) {
+std::uint64_t sizeOf(const tool::Fd& file) {
   struct stat status = {};
   return fstat(file.get(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 [[noreturn]] void refuse(const char* reason) {
-  throw Ox_ErrnoException(kStoreFailed, std::string("the broker refuses: ") + reason, "");
+  throw Ox_ErrnoException(orvane::kStoreFailed, std::string("the broker refuses: ") + reason, "");
 }
 
 }  // namespace
 
-Broker::Broker(const Task& brokerTask, Fd socketToProcess)
+Broker::Broker(const Task& brokerTask, tool::Fd socketToProcess)
     : task(brokerTask),
       socket(std::move(socketToProcess)),
       access(task.store, task.queue, task.sync) {}

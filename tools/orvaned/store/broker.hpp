@@ -5,9 +5,9 @@
 #include <string>
 
 #include "log_limiter.hpp"
-#include "output_file.hpp"
-#include "recovery.hpp"
 #include "store/broker_messages.hpp"
+#include "store/output_file.hpp"
+#include "store/recovery.hpp"
 #include "store/store_access.hpp"
 
 namespace orvaned {
@@ -26,7 +26,7 @@ class Broker {
     UnfinishedStreams* unfinished = nullptr;
   };
 
-  Broker(const Task& brokerTask, Fd socketToProcess);
+  Broker(const Task& brokerTask, tool::Fd socketToProcess);
 
   // Answers requests until the other end of the socket is closed.
   void run();
@@ -51,7 +51,7 @@ class Broker {
   void awaitRequest();
 
   const Task task;
-  const Fd socket;
+  const tool::Fd socket;
   LocalAccess access;
   std::optional<UnfinishedStream> open;
   bool isConcluded = false;  // it has its manifest, or somebody is about to write it

@@ -39,14 +39,14 @@ void attach(msghdr& message, FileControl& control, int file) {
   std::memcpy(CMSG_DATA(head), &file, sizeof file);
 }
 
-Fd fileOf(msghdr& message) {
+tool::Fd fileOf(msghdr& message) {
   const cmsghdr* head = CMSG_FIRSTHDR(&message);
   if (head == nullptr || head->cmsg_type != SCM_RIGHTS) {
-    return Fd();
+    return tool::Fd();
   }
   int file = -1;
   std::memcpy(&file, CMSG_DATA(head), sizeof file);
-  return Fd(file);
+  return tool::Fd(file);
 }
 
 }  // namespace
@@ -80,7 +80,7 @@ std::optional<BrokerRequest> parseRequest(std::span<const unsigned char> bytes) 
       head.number, std::string(name.begin(), name.end()), std::string(other.begin(), other.end())};
 }
 
-bool sendRequest(const Fd& socket, const BrokerRequest& request, int flags) {
+bool sendRequest(const tool::Fd& socket, const BrokerRequest& request, int flags) {
   const std::vector<unsigned char> bytes = bytesOf(request);
   ssize_t sent = -1;
   do {
@@ -89,7 +89,7 @@ bool sendRequest(const Fd& socket, const BrokerRequest& request, int flags) {
   return sent >= 0;
 }
 
-void sendReply(const Fd& socket, const BrokerReply& reply) {
+void sendReply(const tool::Fd& socket, const BrokerReply& reply) {
   ReplyHead head = {reply.serial, reply.error, reply.number};
   std::string text = reply.text.substr(0, kLongestBrokerText);
   iovec parts[] = {{&head, sizeof head}, {text.data(), text.size()}};
@@ -104,7 +104,7 @@ void sendReply(const Fd& socket, const BrokerReply& reply) {
   }
 }
 
-std::optional<BrokerReply> receiveReply(const Fd& socket) {
+std::optional<BrokerReply> receiveReply(const tool::Fd& socket) {
   ReplyHead head = {};
   std::string text(kLongestBrokerText, '\0');
   iovec parts[] = {{&head, sizeof head}, {text.data(), text.size()}};

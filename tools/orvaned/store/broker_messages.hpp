@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "fd.hpp"
+#include "shm/fd.hpp"
 
 namespace orvaned {
 
@@ -51,7 +51,7 @@ struct BrokerReply {
   std::int32_t error = 0;  // an errno value; `text` then says what failed
   std::uint64_t number = 0;
   std::string text;  // several parts are divided by '\0'
-  Fd file;
+  tool::Fd file;
 };
 
 constexpr std::size_t kLongestBrokerText = 32768;
@@ -62,11 +62,11 @@ std::vector<unsigned char> bytesOf(const BrokerRequest& request);
 std::optional<BrokerRequest> parseRequest(std::span<const unsigned char> bytes);
 
 // With MSG_DONTWAIT as one of the flags, false when there is no room.
-bool sendRequest(const Fd& socket, const BrokerRequest& request, int flags = 0);
-void sendReply(const Fd& socket, const BrokerReply& reply);
+bool sendRequest(const tool::Fd& socket, const BrokerRequest& request, int flags = 0);
+void sendReply(const tool::Fd& socket, const BrokerReply& reply);
 
 // Nothing when the other side has ended.
-std::optional<BrokerReply> receiveReply(const Fd& socket);
+std::optional<BrokerReply> receiveReply(const tool::Fd& socket);
 
 std::vector<std::string> partsOf(const std::string& text);
 

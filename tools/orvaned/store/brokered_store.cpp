@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "server_status.hpp"
+#include <orvane/server_status.hpp>
 
 namespace orvaned {
 namespace {
@@ -27,12 +27,13 @@ BrokerReply BrokerClient::call(BrokerRequest request) {
         continue;
       }
       if (reply->error != 0) {
-        throw Ox_ErrnoException(kStoreFailed, reply->text, "");
+        throw Ox_ErrnoException(orvane::kStoreFailed, reply->text, "");
       }
       return std::move(*reply);
     }
   }
-  throw Ox_ErrnoException(kStoreFailed, "the process that opens this worker's files has ended", "");
+  throw Ox_ErrnoException(orvane::kStoreFailed,
+                          "the process that opens this worker's files has ended", "");
 }
 
 void BrokerClient::checkStore() {
@@ -75,11 +76,11 @@ BrokerReply BrokeredDirectory::call(BrokerCall what, const std::string& name, st
   return broker.call({.call = what, .area = area, .number = number, .name = name, .other = other});
 }
 
-Fd BrokeredDirectory::append(const std::string& name) {
+tool::Fd BrokeredDirectory::append(const std::string& name) {
   return std::move(call(BrokerCall::append, name).file);
 }
 
-Fd BrokeredDirectory::read(const std::string& name) {
+tool::Fd BrokeredDirectory::read(const std::string& name) {
   return std::move(call(BrokerCall::read, name).file);
 }
 

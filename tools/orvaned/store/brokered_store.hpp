@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "log.hpp"
-#include "recovery.hpp"
 #include "store/broker_messages.hpp"
+#include "store/recovery.hpp"
 #include "store/store_access.hpp"
 
 namespace orvaned {
@@ -16,9 +16,9 @@ namespace orvaned {
 // so for the disk; when the broker has died it fails.
 class BrokerClient {
  public:
-  explicit BrokerClient(Fd socketToBroker) : socket(std::move(socketToBroker)) {}
+  explicit BrokerClient(tool::Fd socketToBroker) : socket(std::move(socketToBroker)) {}
 
-  // Throws Ox_ErrnoException (kStoreFailed) with the broker's text.
+  // Throws Ox_ErrnoException (orvane::kStoreFailed) with the broker's text.
   BrokerReply call(BrokerRequest request);
 
   // Throws std::runtime_error as checkWritable() does.
@@ -33,7 +33,7 @@ class BrokerClient {
   static void sendLine(const LogLine& line);
   bool trySend(const LogLine& line);
 
-  const Fd socket;
+  const tool::Fd socket;
   std::uint32_t serial = 0;
   std::uint64_t dropped = 0;
 };
@@ -43,8 +43,8 @@ class BrokeredDirectory : public StreamDirectory {
   BrokeredDirectory(BrokerClient& brokerClient, std::string path, BrokerArea folderArea)
       : StreamDirectory(std::move(path)), broker(brokerClient), area(folderArea) {}
 
-  Fd append(const std::string& name) override;
-  Fd read(const std::string& name) override;
+  tool::Fd append(const std::string& name) override;
+  tool::Fd read(const std::string& name) override;
   void truncate(const std::string& name, std::uint64_t size) override;
   void remove(const std::string& name) override;
   void rename(const std::string& from, const std::string& to) override;

@@ -21,7 +21,7 @@ void checkWritable(const std::string& directory) {
   if (directory == kNullStore) {
     return;
   }
-  const Fd probe(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+  const tool::Fd probe(open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
   if (probe.get() < 0 && errno != EOPNOTSUPP) {
     throw std::runtime_error(
         "cannot store into " + directory + ": " + std::generic_category().message(errno) +

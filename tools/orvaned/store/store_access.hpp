@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "output_file.hpp"
+#include "store/output_file.hpp"
 #include "store/stream_directory.hpp"
 
 namespace orvaned {
@@ -20,7 +20,7 @@ class StoreAccess {
   virtual ~StoreAccess() = default;
 
   // Makes the folder of the next stream, and locks it for as long as it is in use. Throws
-  // Ox_ErrnoException (kStoreFailed).
+  // Ox_ErrnoException (orvane::kStoreFailed).
   virtual NewStream createStream() = 0;
 
   // Where the queue's file of records outside a stream is, and its name there; null: nothing is

@@ -15,7 +15,7 @@
 #include <system_error>
 #include <utility>
 
-#include "server_status.hpp"
+#include <orvane/server_status.hpp>
 
 namespace orvaned {
 namespace {
@@ -29,11 +29,12 @@ constexpr int kSafely = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 void throwStoreFailed(int error, const std::string& action, const std::string& path) {
   throw Ox_ErrnoException(
-      kStoreFailed, std::generic_category().message(error) + ": cannot " + action + " " + path, "");
+      orvane::kStoreFailed,
+      std::generic_category().message(error) + ": cannot " + action + " " + path, "");
 }
 
 void syncFolder(const std::string& path) {
-  const Fd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const tool::Fd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (folder.get() < 0 || ::fsync(folder.get()) != 0) {
     throwStoreFailed(errno, "sync", path);
   }
@@ -51,16 +52,16 @@ bool LocalDirectory::lock() {
   return folderFd.get() >= 0 && ::flock(folderFd.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
-Fd LocalDirectory::append(const std::string& name) {
+tool::Fd LocalDirectory::append(const std::string& name) {
   return open(name, O_WRONLY | O_CREAT | O_APPEND, "create");
 }
 
-Fd LocalDirectory::read(const std::string& name) {
+tool::Fd LocalDirectory::read(const std::string& name) {
   return open(name, O_RDONLY, "read");
 }
 
 void LocalDirectory::truncate(const std::string& name, std::uint64_t size) {
-  const Fd file = open(name, O_WRONLY, "write");
+  const tool::Fd file = open(name, O_WRONLY, "write");
   if (::ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
     fail("write", name, errno);
   }
@@ -101,8 +102,8 @@ std::vector<std::string> LocalDirectory::names() {
   return found;
 }
 
-Fd LocalDirectory::open(const std::string& name, int flags, const char* action) const {
-  Fd file(::openat(folderFd.get(), name.c_str(), flags | kSafely, kOwnerOnly));
+tool::Fd LocalDirectory::open(const std::string& name, int flags, const char* action) const {
+  tool::Fd file(::openat(folderFd.get(), name.c_str(), flags | kSafely, kOwnerOnly));
   struct stat status = {};
   if (file.get() < 0 || ::fstat(file.get(), &status) != 0) {
     fail(action, name, errno);

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "fd.hpp"
+#include "shm/fd.hpp"
 
 namespace orvaned {
 
@@ -12,7 +12,7 @@ namespace orvaned {
 // folder itself, BrokeredDirectory asks the broker of a confined process. Every name is that of a
 // file in the folder. Nothing here follows a symbolic link or opens anything but a regular file.
 //
-// Each call throws Ox_ErrnoException (kStoreFailed) with the cause and the path.
+// Each call throws Ox_ErrnoException (orvane::kStoreFailed) with the cause and the path.
 class StreamDirectory {
  public:
   explicit StreamDirectory(std::string folderPath) : folder(std::move(folderPath)) {}
@@ -21,10 +21,10 @@ class StreamDirectory {
   StreamDirectory& operator=(const StreamDirectory&) = delete;
 
   // For appending; created when it is missing, for its owner only.
-  virtual Fd append(const std::string& name) = 0;
+  virtual tool::Fd append(const std::string& name) = 0;
 
   // For reading.
-  virtual Fd read(const std::string& name) = 0;
+  virtual tool::Fd read(const std::string& name) = 0;
 
   // Cuts the file after its first `size` bytes.
   virtual void truncate(const std::string& name, std::uint64_t size) = 0;
@@ -61,8 +61,8 @@ class LocalDirectory : public StreamDirectory {
 
   bool isOpen() const { return openError == 0; }
 
-  Fd append(const std::string& name) override;
-  Fd read(const std::string& name) override;
+  tool::Fd append(const std::string& name) override;
+  tool::Fd read(const std::string& name) override;
   void truncate(const std::string& name, std::uint64_t size) override;
   void remove(const std::string& name) override;
   void rename(const std::string& from, const std::string& to) override;
@@ -70,15 +70,15 @@ class LocalDirectory : public StreamDirectory {
   std::vector<std::string> names() override;
 
  private:
-  Fd open(const std::string& name, int flags, const char* action) const;
+  tool::Fd open(const std::string& name, int flags, const char* action) const;
   [[noreturn]] void fail(const char* action, const std::string& name, int error) const;
 
-  const Fd folderFd;
+  const tool::Fd folderFd;
   const int openError;
 };
 
-// Throws Ox_ErrnoException (kStoreFailed) with the text of `error`, an errno value: the cause
-// first, because an answer has room for 127 characters and a path may be long.
+// Throws Ox_ErrnoException (orvane::kStoreFailed) with the text of `error`, an errno value: the
+// cause first, because an answer has room for 127 characters and a path may be long.
 [[noreturn]] void throwStoreFailed(int error, const std::string& action, const std::string& path);
 
 // Brings the names in a folder onto the disk. Throws the same.

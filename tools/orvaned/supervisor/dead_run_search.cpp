@@ -12,11 +12,11 @@
 #include <orvane/orvane.hpp>
 #include <utility>
 
-#include "common/queue_stats.hpp"
-#include "common/shm_names.hpp"
-#include "lease_run.hpp"
+#include <orvane/server_status.hpp>
+#include "leases/lease_run.hpp"
 #include "log.hpp"
-#include "server_status.hpp"
+#include "shm/queue_stats.hpp"
+#include "shm/shm_names.hpp"
 
 namespace orvaned {
 namespace {
@@ -28,7 +28,7 @@ constexpr std::size_t kLongestPacket = 512;
 
 // As the totals say; they are the server's own file.
 std::uint64_t userPlusOneOf(const std::string& queue) {
-  const Fd file(
+  const tool::Fd file(
       open(tool::statsPathOf(queue).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
   std::uint64_t user = 0;
@@ -39,12 +39,12 @@ std::uint64_t userPlusOneOf(const std::string& queue) {
   return isRead ? user : 0;
 }
 
-void sendPacket(const Fd& socket, const std::string& packet) {
+void sendPacket(const tool::Fd& socket, const std::string& packet) {
   send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
 }
 
 // Ends when the supervisor closes its end.
-int search(const Fd& supervisor) {
+int search(const tool::Fd& supervisor) {
   const DeadRuns dead = takeDeadRuns();
   for (const DeadRun& run : dead.taken) {
     for (const std::string& queue : run.queues) {
@@ -71,16 +71,17 @@ std::optional<DeadRunSearch::Left> parse(const std::string& packet) {
 
 }  // namespace
 
-DeadRunSearch::DeadRunSearch(const Pair::Context& context) {
+DeadRunSearch::DeadRunSearch(const ProcessContext& context) {
   try {
     auto [ours, theirs] = connectedSockets();
     process = std::make_unique<Child>([&, file = theirs.get()](Heartbeat&) {
-      context.keepOnly({file}, Pair::Log::kept);
-      return search(Fd(file));
+      context.keepOnly({file}, LogAccess::kept);
+      return search(tool::Fd(file));
     });
     socket = std::move(ours);
   } catch (const std::exception& e) {
-    orvane::server::Logger("leases").log(orvane::server::LEVEL_ERROR, "searchDeadRuns", kNoPair,
+    orvane::server::Logger("leases").log(orvane::server::LEVEL_ERROR, "searchDeadRuns",
+                                         orvane::kNoPair,
                                          "cannot look for what dead servers left, trying again: %s",
                                          doublePercent(e.what()).c_str());
     complete = true;

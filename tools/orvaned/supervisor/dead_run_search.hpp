@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "pair.hpp"
+#include "supervisor/process_context.hpp"
 
 namespace orvaned {
 
@@ -19,7 +19,7 @@ class DeadRunSearch {
     std::optional<uid_t> user;  // whose files the pair's may be, besides the server's
   };
 
-  explicit DeadRunSearch(const Pair::Context& context);
+  explicit DeadRunSearch(const ProcessContext& context);
 
   // What the process found, one pair after another. Nothing: not yet, or no more.
   std::optional<Left> next();
@@ -39,7 +39,7 @@ class DeadRunSearch {
 
  private:
   std::unique_ptr<Child> process;
-  Fd socket;
+  tool::Fd socket;
   bool complete = false;
   bool repeat = false;
 };

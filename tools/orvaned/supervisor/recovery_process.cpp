@@ -6,12 +6,12 @@
 #include <orvane/orvane.hpp>
 #include <utility>
 
-#include "lease_run.hpp"
+#include <orvane/server_status.hpp>
+#include "leases/lease_run.hpp"
 #include "log.hpp"
-#include "recovery.hpp"
-#include "server_status.hpp"
 #include "store/broker.hpp"
 #include "store/brokered_store.hpp"
+#include "store/recovery.hpp"
 #include "worker/confinement.hpp"
 
 namespace orvaned {
@@ -21,12 +21,12 @@ constexpr int kAgain = 4;  // the broker's exit code when there may be more to d
 
 void logError(const char* function, const char* what, const std::exception& error) {
   orvane::server::Logger("recovery")
-      .log(orvane::server::LEVEL_ERROR, function, kStoreFailed, "%s: %s", what,
+      .log(orvane::server::LEVEL_ERROR, function, orvane::kStoreFailed, "%s: %s", what,
            doublePercent(error.what()).c_str());
 }
 
 // Runs in the broker's process.
-int searchStore(const Options& options, const std::string& ownQueue, Fd confined) {
+int searchStore(const Options& options, const std::string& ownQueue, tool::Fd confined) {
   bool again = false;
   const auto isDead = [&](const std::string& queue) {
     const tool::LockFile::Owner owner = ownerOfLeased(queue);
@@ -43,8 +43,8 @@ int searchStore(const Options& options, const std::string& ownQueue, Fd confined
   return again ? kAgain : 0;
 }
 
-int recoverConfined(const Options& options, Fd brokerSocket, pid_t supervisor, const char* who,
-                    Heartbeat& heartbeat) {
+int recoverConfined(const Options& options, tool::Fd brokerSocket, pid_t supervisor,
+                    const char* who, Heartbeat& heartbeat) {
   // The log needs it to the end of the process.
   static BrokerClient broker(std::move(brokerSocket));
   broker.takeLog();
@@ -58,7 +58,7 @@ int recoverConfined(const Options& options, Fd brokerSocket, pid_t supervisor, c
 
 }  // namespace
 
-RecoveryProcess::RecoveryProcess(const Pair::Context& context, Pair::Broker workersBroker)
+RecoveryProcess::RecoveryProcess(const ProcessContext& context, BrokerProcess workersBroker)
     : broker(std::move(workersBroker.process)) {
   try {
     startConfined(context, workersBroker.socket, "its worker");
@@ -67,7 +67,7 @@ RecoveryProcess::RecoveryProcess(const Pair::Context& context, Pair::Broker work
   }
 }
 
-RecoveryProcess::RecoveryProcess(const Pair::Context& context, const std::string& ownQueue) {
+RecoveryProcess::RecoveryProcess(const ProcessContext& context, const std::string& ownQueue) {
   try {
     startSearch(context, ownQueue);
   } catch (const std::exception& e) {
@@ -76,27 +76,28 @@ RecoveryProcess::RecoveryProcess(const Pair::Context& context, const std::string
   }
 }
 
-RecoveryProcess RecoveryProcess::nothingLeft(Pair::Broker broker) {
+RecoveryProcess RecoveryProcess::nothingLeft(BrokerProcess broker) {
   RecoveryProcess process;
   process.broker = std::move(broker.process);
   return process;
 }
 
-void RecoveryProcess::startSearch(const Pair::Context& context, const std::string& ownQueue) {
+void RecoveryProcess::startSearch(const ProcessContext& context, const std::string& ownQueue) {
   const auto [confinedsEnd, brokersEnd] = connectedSockets();
   broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
-    context.keepOnly({file}, Pair::Log::kept);
+    context.keepOnly({file}, LogAccess::kept);
     endAtTermination();
-    return searchStore(context.options, ownQueue, Fd(file));
+    return searchStore(context.options, ownQueue, tool::Fd(file));
   });
   startConfined(context, confinedsEnd, "the server");
 }
 
-void RecoveryProcess::startConfined(const Pair::Context& context, const Fd& socket,
+void RecoveryProcess::startConfined(const ProcessContext& context, const tool::Fd& socket,
                                     const char* who) {
   confined = std::make_unique<Child>([&](Heartbeat& heartbeat) {
-    context.keepOnly({socket.get()}, Pair::Log::left);
-    return recoverConfined(context.options, Fd(socket.get()), context.supervisor, who, heartbeat);
+    context.keepOnly({socket.get()}, LogAccess::left);
+    return recoverConfined(context.options, tool::Fd(socket.get()), context.supervisor, who,
+                           heartbeat);
   });
 }
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "pair.hpp"
+#include "supervisor/process_context.hpp"
 
 namespace orvaned {
 
@@ -12,14 +12,14 @@ namespace orvaned {
 class RecoveryProcess {
  public:
   // Finishes the stream that a dead worker left open, with its broker.
-  RecoveryProcess(const Pair::Context& context, Pair::Broker workersBroker);
+  RecoveryProcess(const ProcessContext& context, BrokerProcess workersBroker);
 
   // Finishes the streams of dead servers in the store; where `ownQueue` is not empty, also those of
   // the queue of that name that nobody has locked: this server alone serves it.
-  RecoveryProcess(const Pair::Context& context, const std::string& ownQueue);
+  RecoveryProcess(const ProcessContext& context, const std::string& ownQueue);
 
   // Only waits for the end of a broker that has nothing left to do.
-  static RecoveryProcess nothingLeft(Pair::Broker broker);
+  static RecoveryProcess nothingLeft(BrokerProcess broker);
 
   void step();
   void signal(int number) const;
@@ -33,8 +33,8 @@ class RecoveryProcess {
  private:
   RecoveryProcess() = default;
 
-  void startSearch(const Pair::Context& context, const std::string& ownQueue);
-  void startConfined(const Pair::Context& context, const Fd& socket, const char* who);
+  void startSearch(const ProcessContext& context, const std::string& ownQueue);
+  void startConfined(const ProcessContext& context, const tool::Fd& socket, const char* who);
 
   std::unique_ptr<Child> broker;
   std::unique_ptr<Child> confined;

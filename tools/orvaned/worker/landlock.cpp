@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "fd.hpp"
+#include "shm/fd.hpp"
 
 namespace orvaned {
 namespace {
@@ -77,7 +77,7 @@ void forbidPaths(int version, int allowedFile) {
   }
   const LandlockRights rights = landlockRights(version);
   const RulesetAttributes attributes = {rights.files, rights.network, rights.scopes};
-  const Fd ruleset(
+  const tool::Fd ruleset(
       static_cast<int>(syscall(SYS_landlock_create_ruleset, &attributes, sizeof(attributes), 0)));
   if (ruleset.get() < 0) {
     fail("landlock_create_ruleset");

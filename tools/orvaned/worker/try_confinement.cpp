@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "fd.hpp"
+#include "shm/fd.hpp"
 #include "worker/allowed_calls.hpp"
 #include "worker/confinement.hpp"
 #include "worker/landlock.hpp"
@@ -154,8 +154,8 @@ std::vector<ConfinementLine> tryConfinement(const Confinement& confinement) {
   if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
     throw std::system_error(errno, std::generic_category(), "no pipe");
   }
-  const Fd reading(ends[0]);
-  Fd writing(ends[1]);
+  const tool::Fd reading(ends[0]);
+  tool::Fd writing(ends[1]);
   const pid_t self = getpid();
   const pid_t child = fork();
   if (child < 0) {

@@ -1,0 +1,199 @@
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "commands/commands.hpp"
+#include "commands/demo_source.hpp"
+#include "exit.hpp"
+#include "transport/polled_writer.hpp"
+#include "transport/progress.hpp"
+#include "transport/send_stream.hpp"
+#include "transport/server_process.hpp"
+#include "units.hpp"
+
+namespace tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path parentFolder() {
+  const char* configured = std::getenv("TMPDIR");
+  return configured != nullptr && *configured != '\0' ? configured : "/tmp";
+}
+
+void requireSpace(const fs::path& parent, std::uint64_t needed) {
+  struct statvfs space = {};
+  if (statvfs(parent.c_str(), &space) != 0) {
+    return;  // making the folder will tell the reason
+  }
+  const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
+  if (available < needed) {
+    throw Failure(kNothingSent, parent.string() + " has " +
+                                    bytesText(static_cast<double>(available)) + " free and " +
+                                    bytesText(static_cast<double>(needed)) +
+                                    " are needed: set TMPDIR to a folder with more room");
+  }
+}
+
+// A private folder under TMPDIR, or /tmp; removed with all that is in it.
+class TempFolder {
+ public:
+  // Throws Failure when it cannot be made or when `needed` bytes would not fit into it.
+  explicit TempFolder(std::uint64_t needed);
+  ~TempFolder();
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+
+  const fs::path& path() const { return folder; }
+
+ private:
+  fs::path folder;
+};
+
+TempFolder::TempFolder(std::uint64_t needed) {
+  const fs::path parent = parentFolder();
+  requireSpace(parent, needed);
+  std::string made = parent / "orvane-demo-XXXXXX";
+  if (mkdtemp(made.data()) == nullptr) {
+    throw Failure(kNothingSent, "cannot make a folder in " + parent.string() + ": " +
+                                    std::strerror(errno) +
+                                    "; set TMPDIR to a folder that can be written");
+  }
+  folder = made;
+}
+
+TempFolder::~TempFolder() {
+  std::error_code ignored;
+  fs::remove_all(folder, ignored);
+}
+
+constexpr std::size_t kBlock = 1 << 20;
+
+std::vector<fs::path> segmentFiles(const fs::path& streamFolder) {
+  std::ifstream manifest(streamFolder / "manifest");
+  if (!manifest) {
+    throw Failure(kUnknown, "the stored stream has no manifest in " + streamFolder.string());
+  }
+  std::vector<fs::path> files;
+  for (std::string line; std::getline(manifest, line);) {
+    const std::size_t name = line.rfind(" file=");
+    // A segment without data has no file: "-".
+    if (line.starts_with("segment ") && name != std::string::npos && !line.ends_with(" file=-")) {
+      files.push_back(streamFolder / line.substr(name + 6));
+    }
+  }
+  return files;
+}
+
+[[noreturn]] void differs(std::uint64_t offset, const char* how) {
+  throw Failure(kUnknown, "what was stored differs at byte " + std::to_string(offset) + ": " + how);
+}
+
+std::uint64_t firstDifference(const std::vector<unsigned char>& a,
+                              const std::vector<unsigned char>& b) {
+  const auto found = std::mismatch(a.begin(), a.end(), b.begin());
+  return static_cast<std::uint64_t>(found.first - a.begin());
+}
+
+// Compares the segments of a stored stream, in the order of its manifest, with what `source`
+// delivers. Throws Failure with the place of the first difference.
+void requireSameBytes(const fs::path& streamFolder, const Reader& source, Interrupt& interrupt) {
+  std::vector<unsigned char> stored(kBlock);
+  std::vector<unsigned char> expected(kBlock);
+  std::uint64_t offset = 0;
+  for (const fs::path& file : segmentFiles(streamFolder)) {
+    Input segment(file);
+    while (const std::size_t size = segment.read(stored.data(), kBlock, interrupt)) {
+      const std::size_t sourceSize = source(expected.data(), size);
+      if (std::memcmp(stored.data(), expected.data(), sourceSize) != 0) {
+        differs(offset + firstDifference(stored, expected), "another value");
+      }
+      offset += sourceSize;
+      if (sourceSize < size) {
+        differs(offset, "the source ends there");
+      }
+    }
+  }
+  if (source(expected.data(), 1) != 0) {
+    differs(offset, "the store ends there");
+  }
+}
+
+std::string privateQueueName() {
+  return "orvane-demo-" + std::to_string(getpid()) + "-" + std::to_string(std::random_device()());
+}
+
+Sent sendTo(const std::string& queueName, DemoSource& source, const fs::path& spool,
+            Interrupt& interrupt) {
+  const SendOptions options;
+  PolledWriter writer(queueName, std::chrono::seconds(options.timeoutSeconds), interrupt);
+  Progress progress(source.size());
+  return sendStream(writer, source.readFirst(spool, interrupt), options, progress, interrupt);
+}
+
+// Sends a file, standard input ("-"), or 256 MiB of its own making (an empty path) through a
+// private server, and compares what was stored with the source. Returns the line to print, when
+// nothing is left behind any more. Throws Failure, Interrupted.
+std::string runDemo(const std::string& path) {
+  DemoSource source(path);
+  Interrupt interrupt(SIGCHLD);  // so that a server that dies is noticed at once
+  const TempFolder folder(source.size().value_or(0));
+  const fs::path store = folder.path() / "store";
+  fs::create_directory(store);
+
+  const std::string queueName = privateQueueName();
+  ServerProcess server(queueName, store, folder.path() / "log");
+  Sent sent;
+  try {
+    server.waitUntilReady(interrupt);
+    sent = sendTo(queueName, source, folder.path() / "input", interrupt);
+    requireSameBytes(store / (queueName + "-" + sent.stream), source.readAgain(interrupt),
+                     interrupt);
+  } catch (const Interrupted& interrupted) {
+    if (interrupted.signal == SIGCHLD) {
+      server.throwEnded();
+    }
+    throw;
+  }
+  server.stop();
+  return "OK " + std::to_string(sent.bytes) + " bytes, " + counted(sent.batches, "batch") + ", " +
+         counted(sent.segments, "segment") + ", " + timeAndRate(sent.bytes, sent.seconds) +
+         ", identical";
+}
+
+}  // namespace
+
+Command addDemo(CLI::App& app) {
+  CLI::App* demo = app.add_subcommand(
+      "demo", "Try it: send a file through a private orvaned, compare what it stored");
+  const auto file = std::make_shared<std::string>();
+  demo->set_version_flag("--version", kVersion);
+  demo->add_option("FILE", *file,
+                   "What to send; - is standard input. Without it: 256 MiB made for the purpose")
+      ->type_name("");
+  demo->footer(
+      "The store is a temporary folder under TMPDIR, or /tmp; nothing is left behind.\n"
+      "Exit codes: 0 when every byte is the same, 2 for wrong use of the command, else 1.");
+  return {demo, [file] {
+            try {
+              std::puts(runDemo(*file).c_str());
+            } catch (const Failure& failure) {
+              throw Failure(kFailed, failure.what());
+            }
+          }};
+}
+
+}  // namespace tool

@@ -1,0 +1,198 @@
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "commands/commands.hpp"
+#include "exit.hpp"
+#include "shm/queue_rules.hpp"
+#include "store_format/size_text.hpp"
+#include "transport/input.hpp"
+#include "transport/polled_writer.hpp"
+#include "transport/progress.hpp"
+#include "transport/send_stream.hpp"
+#include "units.hpp"
+
+namespace tool {
+namespace {
+
+// Where to send: to a queue known by its name, or to one that is leased at a socket.
+struct Destination {
+  std::string queue;
+  std::optional<std::string> socket;
+};
+
+void requireFixedQueueName(const std::string& name) {
+  try {
+    checkFixedQueueName(name);
+  } catch (const std::invalid_argument& e) {
+    throw Failure(kUsage, e.what());
+  }
+}
+
+std::optional<orvane::Lease> leaseFrom(const Destination& destination, unsigned int timeout) {
+  if (!destination.socket) {
+    return std::nullopt;
+  }
+  try {
+    return std::optional<orvane::Lease>(std::in_place, *destination.socket, timeout);
+  } catch (const Ox_ErrnoException& e) {
+    throw Failure(kNothingSent, "got no lease: " + e.message());
+  }
+}
+
+// All of them before anything is sent, so that a misspelt name costs nothing.
+std::vector<Input> openAll(const std::vector<std::string>& paths) {
+  std::vector<Input> inputs;
+  for (const std::string& path : paths) {
+    inputs.emplace_back(path);
+  }
+  return inputs;
+}
+
+std::optional<std::uint64_t> totalSize(const std::vector<Input>& inputs) {
+  std::uint64_t total = 0;
+  for (const Input& input : inputs) {
+    if (!input.size()) {
+      return std::nullopt;
+    }
+    total += *input.size();
+  }
+  return total;
+}
+
+struct Totals {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t segments = 0;
+  double seconds = 0;
+  std::string firstStream;
+  std::string lastStream;
+};
+
+void add(const Sent& sent, Totals& totals) {
+  ++totals.files;
+  totals.bytes += sent.bytes;
+  totals.segments += sent.segments;
+  totals.seconds += sent.seconds;
+  totals.lastStream = sent.stream;
+  if (totals.files == 1) {
+    totals.firstStream = sent.stream;
+  }
+}
+
+std::string whileSending(const std::string& name, const Totals& totals, std::size_t files) {
+  return "while sending " + name + " (" + std::to_string(totals.files) + " of " +
+         counted(files, "file") + " stored)";
+}
+
+void sendAll(std::vector<Input>& inputs, PolledWriter& writer, const SendOptions& options,
+             Interrupt& interrupt, orvane::Lease* lease, Totals& totals) {
+  Progress progress(totalSize(inputs));
+  for (Input& input : inputs) {
+    try {
+      add(sendStream(writer, input.reader(interrupt), options, progress, interrupt, lease), totals);
+    } catch (const Failure& failure) {
+      throw Failure(failure.code,
+                    whileSending(input.name(), totals, inputs.size()) + ": " + failure.what());
+    } catch (const Interrupted& interrupted) {
+      throw Interrupted{interrupted.signal, whileSending(input.name(), totals, inputs.size())};
+    }
+  }
+}
+
+void printSummary(const Totals& totals) {
+  std::string line =
+      "stored " + counted(totals.files, "file") + ", " + std::to_string(totals.bytes) + " bytes, " +
+      counted(totals.segments, "segment") + ", " + timeAndRate(totals.bytes, totals.seconds);
+  line += totals.files == 1 ? ", stream " + totals.lastStream
+                            : ", streams " + totals.firstStream + " to " + totals.lastStream;
+  std::puts(line.c_str());
+  try {
+    requireOutput();
+  } catch (const Failure& failure) {
+    throw Failure(kNotReported,
+                  std::string("everything is stored, but the summary is lost: ") + failure.what());
+  }
+}
+
+// Stores each file as a stream; "-" is standard input. Prints one line of summary.
+void sendFiles(const Destination& destination, const std::vector<std::string>& paths,
+               const SendOptions& options) {
+  if (!destination.socket) {
+    requireFixedQueueName(destination.queue);
+  }
+  signal(SIGPIPE, SIG_IGN);  // nobody who reads the summary is no reason to end before it
+  std::vector<Input> inputs = openAll(paths);
+  // Before signals are kept for later: there is nothing to tidy up yet.
+  std::optional<orvane::Lease> lease = leaseFrom(destination, options.timeoutSeconds);
+  orvane::Lease* const leased = lease ? &*lease : nullptr;
+  Interrupt interrupt;
+  PolledWriter writer(lease ? lease->queueName() : destination.queue,
+                      std::chrono::seconds(options.timeoutSeconds), interrupt, leased);
+  Totals totals;
+  sendAll(inputs, writer, options, interrupt, leased, totals);
+  printSummary(totals);
+}
+
+struct Arguments {
+  Destination destination;
+  std::vector<std::string> files;
+  SendOptions options;
+};
+
+// A size with a unit, or none; `text` then holds the bytes.
+std::string toSegmentSize(std::string& text) {
+  const auto bytes = bytesIn(text);
+  if (!bytes) {
+    return kNoSize;
+  }
+  text = std::to_string(*bytes);
+  return *bytes == 0 ? "must be at least 1" : "";
+}
+
+}  // namespace
+
+Command addSend(CLI::App& app) {
+  CLI::App* send = app.add_subcommand("send", "Store files as streams of a running orvaned");
+  const auto arguments = std::make_shared<Arguments>();
+  send->set_version_flag("--version", kVersion);
+  CLI::Option_group* where = send->add_option_group("+Where");
+  where->add_option("--queue", arguments->destination.queue, "The queue that orvaned serves, or")
+      ->type_name("NAME");
+  where
+      ->add_option("--socket", arguments->destination.socket,
+                   "The socket at which orvaned leases queues")
+      ->type_name("PATH");
+  where->require_option(1);
+  send->add_option("--segment-size", arguments->options.segmentSize,
+                   "Start a new segment after so many bytes, such as 512KiB")
+      ->transform(CLI::Validator(toSegmentSize, ""))
+      ->type_name("SIZE")
+      ->default_str("64MiB");
+  send->add_option("--timeout", arguments->options.timeoutSeconds,
+                   "Seconds to wait for room in the queue, and for the receipt, up to a day")
+      ->check(CLI::Range(orvane::kMinTimeoutSeconds, orvane::kMaxTimeoutSeconds).description(""))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  send->add_option("FILE", arguments->files, "Files to send, one stream each; - is standard input")
+      ->required()
+      ->type_name("");
+  send->footer(
+      "Exit codes:\n"
+      "  0  everything is stored: the server's receipt matches what was sent\n"
+      "  1  nothing was sent: no such queue, no lease, a file that cannot be opened, ...\n"
+      "  2  wrong use of the command\n"
+      "  3  the server refused; its reason is printed\n"
+      "  4  unknown: no receipt came in time, or the server died or went away\n"
+      "  5  an input could not be read to its end; its stream is marked as stopped\n"
+      "  6  everything is stored, but the summary could not be written");
+  return {send,
+          [arguments] { sendFiles(arguments->destination, arguments->files, arguments->options); }};
+}
+
+}  // namespace tool

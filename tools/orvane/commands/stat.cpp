@@ -1,0 +1,233 @@
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <iterator>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "commands/commands.hpp"
+#include "exit.hpp"
+#include "inspect/json.hpp"
+#include "inspect/published.hpp"
+#include "queue_list.hpp"
+
+namespace tool {
+namespace {
+
+struct StatOptions {
+  std::string queue;
+  double interval = 1;  // seconds between the two looks that the rates come from; 0: no rates
+  bool json = false;
+};
+
+struct Total {
+  const char* text;
+  const char* json;
+  QueueStats::Number QueueStats::*number;
+};
+
+constexpr Total kTotals[] = {
+    {"batches", "batches", &QueueStats::batches},
+    {"records", "records", &QueueStats::records},
+    {"bytes", "bytes", &QueueStats::bytes},
+    {"segments", "segments", &QueueStats::segments},
+    {"streams", "streams", &QueueStats::streams},
+    {"bad batches", "badBatches", &QueueStats::badBatches},
+    {"error answers", "errorAnswers", &QueueStats::errorAnswers},
+};
+
+struct Look {
+  std::array<std::uint64_t, std::size(kTotals)> totals;
+  std::uint64_t lastBatch;
+  std::uint64_t unreadReceipts;
+  std::optional<std::string> stream;  // nothing while it changes
+  std::uint64_t at;
+};
+
+// All that there is to say.
+struct Stat {
+  bool served;
+  Look look;
+  double seconds = 0;  // between two looks; 0: there was one
+  std::array<double, std::size(kTotals)> rates = {};
+};
+
+constexpr double kNanoseconds = 1e9;
+
+Look lookAt(const QueueStats& stats) {
+  Look look = {{}, stats.lastBatch.load(), stats.unreadReceipts.load(), streamOf(stats), 0};
+  for (std::size_t i = 0; i < look.totals.size(); ++i) {
+    look.totals[i] = (stats.*kTotals[i].number).load(std::memory_order_relaxed);
+  }
+  look.at = monotonicNow();  // not before the last batch
+  return look;
+}
+
+// Of a server that is gone the totals stand still, and one look will do.
+Stat statOf(const Published& published, double interval) {
+  Stat stat = {published.isServed(), lookAt(published.stats())};
+  if (interval <= 0 || !stat.served) {
+    return stat;
+  }
+  const Look first = stat.look;
+  std::this_thread::sleep_for(std::chrono::duration<double>(interval));
+  stat.look = lookAt(published.stats());
+  stat.seconds = static_cast<double>(stat.look.at - first.at) / kNanoseconds;
+  for (std::size_t i = 0; i < stat.rates.size(); ++i) {
+    stat.rates[i] = static_cast<double>(stat.look.totals[i] - first.totals[i]) / stat.seconds;
+  }
+  return stat;
+}
+
+std::string timeText(std::uint64_t nanoseconds) {
+  const auto seconds = static_cast<std::time_t>(nanoseconds / 1000000000);
+  std::tm utc = {};
+  gmtime_r(&seconds, &utc);
+  char text[sizeof("2026-11-21T02:32:24Z") + 16] = {};
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+std::string decimal(double number, int decimals) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*f", decimals, number);
+  return text;
+}
+
+std::string column(const std::string& text) {
+  constexpr std::size_t kWidth = 20;
+  return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
+}
+
+std::string secondsSince(std::uint64_t then, const Look& look) {
+  return decimal(static_cast<double>(look.at - then) / kNanoseconds, 3);
+}
+
+std::string serverText(const Published& published, const Stat& stat) {
+  const std::string server = std::to_string(published.server());
+  if (!stat.served) {
+    return "nobody: server " + server +
+           " is gone; orvane clean removes what it left, or the next orvaned there";
+  }
+  return "process " + server + ", worker " + std::to_string(published.worker()) + ", since " +
+         timeText(published.stats().madeAt);
+}
+
+std::string streamText(const Look& look) {
+  if (!look.stream) {
+    return "changing just now";
+  }
+  return look.stream->empty() ? "none" : *look.stream;
+}
+
+// Of a producer that reads them there are none.
+void printUnreadReceipts(const Look& look) {
+  if (look.unreadReceipts > 0) {
+    std::printf(
+        "receipts     %s are not read by the producer%s\n",
+        std::to_string(look.unreadReceipts).c_str(),
+        look.unreadReceipts >= kMostUnreadReceipts ? ": no batch is taken until some are" : "");
+  }
+}
+
+void printText(const std::string& queue, const Published& published, const Stat& stat) {
+  const Look& look = stat.look;
+  const QueueStats& stats = published.stats();
+  std::printf("queue        %s, %s messages of %s bytes\n", queue.c_str(),
+              std::to_string(stats.messages).c_str(), std::to_string(stats.messageSize).c_str());
+  std::printf("served by    %s\n", serverText(published, stat).c_str());
+  std::printf("open stream  %s\n", streamText(look).c_str());
+  std::printf("last batch   %s\n", look.lastBatch == 0
+                                       ? "none yet"
+                                       : (secondsSince(look.lastBatch, look) + " s ago").c_str());
+  printUnreadReceipts(look);
+  std::puts("");
+  const bool rates = stat.seconds > 0;
+  std::printf("%-13s%s%s\n", "", column("total").c_str(),
+              rates ? column("per second").c_str() : "");
+  for (std::size_t i = 0; i < std::size(kTotals); ++i) {
+    std::printf("%-13s%s", kTotals[i].text, column(std::to_string(look.totals[i])).c_str());
+    std::puts(rates ? column(decimal(stat.rates[i], 1)).c_str() : "");
+  }
+}
+
+std::string jsonOf(const Stat& stat, bool rates) {
+  std::string text;
+  for (std::size_t i = 0; i < std::size(kTotals); ++i) {
+    text += (i == 0 ? "{\"" : ", \"") + std::string(kTotals[i].json) +
+            "\": " + (rates ? decimal(stat.rates[i], 3) : std::to_string(stat.look.totals[i]));
+  }
+  return text + "}";
+}
+
+void printJson(const std::string& queue, const Published& published, const Stat& stat) {
+  const QueueStats& stats = published.stats();
+  const Look& look = stat.look;
+  const bool open = look.stream && !look.stream->empty();
+  const std::string text =
+      "{\"name\": " + jsonString(queue) + ", \"messages\": " + std::to_string(stats.messages) +
+      ", \"messageSize\": " + std::to_string(stats.messageSize) +
+      ", \"served\": " + (stat.served ? "true" : "false") +
+      ", \"server\": " + std::to_string(published.server()) +
+      ", \"worker\": " + std::to_string(published.worker()) +
+      ", \"since\": " + jsonString(timeText(stats.madeAt)) +
+      ", \"uptime\": " + secondsSince(stats.madeAtMonotonic, look) +
+      ", \"openStream\": " + (open ? jsonString(*look.stream) : "null") +
+      ", \"lastBatchAgo\": " + (look.lastBatch == 0 ? "null" : secondsSince(look.lastBatch, look)) +
+      ", \"unreadReceipts\": " + std::to_string(look.unreadReceipts) +
+      ", \"totals\": " + jsonOf(stat, false) +
+      ", \"interval\": " + (stat.seconds > 0 ? decimal(stat.seconds, 3) : "null") +
+      ", \"perSecond\": " + (stat.seconds > 0 ? jsonOf(stat, true) : "null") + "}";
+  std::puts(text.c_str());
+}
+
+// Prints the totals that a queue's server publishes.
+void printStat(const StatOptions& options) {
+  const std::string& queue = options.queue;
+  const std::vector<std::string> queues = queuesHere();
+  if (std::find(queues.begin(), queues.end(), queue) == queues.end()) {
+    throw Failure(kFailed, noSuchQueue(queue));
+  }
+  const Published published(queue);
+  const Stat stat = statOf(published, options.interval);
+  if (options.json) {
+    printJson(queue, published, stat);
+  } else {
+    printText(queue, published, stat);
+  }
+}
+
+std::string checkInterval(const std::string& text) {
+  char* end = nullptr;
+  const double seconds = std::strtod(text.c_str(), &end);
+  const bool isNumber = !text.empty() && *end == '\0';
+  return isNumber && seconds >= 0 && seconds <= 86400 ? "" : "must be seconds, 0 to 86400";
+}
+
+}  // namespace
+
+Command addStat(CLI::App& app) {
+  CLI::App* stat = app.add_subcommand("stat", "Show what a queue has carried so far, and how fast");
+  const auto options = std::make_shared<StatOptions>();
+  stat->set_version_flag("--version", kVersion);
+  stat->add_option("NAME", options->queue, "The queue")->required()->type_name("");
+  stat->add_option("--interval", options->interval,
+                   "Seconds between the two looks that the rates come from; 0: no rates")
+      ->check(checkInterval)
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  stat->add_flag("--json", options->json, "Print JSON");
+  stat->footer(
+      std::string("The totals count from when the pair was made. Looking at them disturbs no "
+                  "stream.\n") +
+      kExitCodes);
+  return {stat, [options] {
+            requireQueueName(options->queue);
+            printStat(*options);
+          }};
+}
+
+}  // namespace tool

@@ -1,0 +1,66 @@
+#include "inspect/published.hpp"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "exit.hpp"
+#include "shm/shm_names.hpp"
+
+namespace tool {
+namespace {
+
+// Whatever a stranger has there is not followed, and not waited for.
+Fd openStats(const std::string& queue) {
+  const std::string path = statsPathOf(queue);
+  Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (file.get() >= 0) {
+    return file;
+  }
+  switch (errno) {
+    case ENOENT:
+      throw Failure(kFailed, "the server of " + queue + " publishes no totals: is it an orvaned?");
+    case EACCES:
+      throw Failure(kFailed, "no permission to read " + path +
+                                 ": run as its owner, or start orvaned with another --mode");
+    default:
+      throw Failure(kFailed, "cannot open " + path + ": " + std::generic_category().message(errno));
+  }
+}
+
+const QueueStats* mapStats(const Fd& file, const std::string& queue) {
+  struct stat status = {};
+  void* memory = MAP_FAILED;
+  if (fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+      status.st_size >= static_cast<off_t>(offsetof(QueueStats, userPlusOne))) {
+    memory = mmap(nullptr, sizeof(QueueStats), PROT_READ, MAP_SHARED, file.get(), 0);
+  }
+  if (memory != MAP_FAILED) {
+    const auto* stats = static_cast<const QueueStats*>(memory);
+    if (stats->magic == kStatsMagic && stats->version == kStatsVersion) {
+      return stats;
+    }
+    munmap(memory, sizeof(QueueStats));
+  }
+  throw Failure(kFailed, "cannot read " + statsPathOf(queue) +
+                             ": it is half made, or of another version of orvaned");
+}
+
+}  // namespace
+
+Published::Published(const std::string& queue)
+    : file(openStats(queue)), mapped(mapStats(file, queue)) {}
+
+Published::~Published() {
+  munmap(const_cast<QueueStats*>(mapped), sizeof(QueueStats));
+}
+
+// Where the system does not say, the file speaks for its server: an orderly end removes it.
+bool Published::isServed() const {
+  return isWorkerAlive(file.get()).value_or(true);
+}
+
+}  // namespace tool

@@ -1,0 +1,180 @@
+#include "transport/polled_writer.hpp"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "exit.hpp"
+#include "queue_list.hpp"
+#include "shm/queue_rules.hpp"
+#include "shm/shm_names.hpp"
+#include "transport/backoff.hpp"
+
+namespace tool {
+namespace {
+
+namespace ipc = boost::interprocess;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kAbortTime(2);
+
+const std::size_t kEmptyBatch = orvane::ShmBatch::MetaData::getSerializedSize();
+const std::size_t kHeader = orvane::pvk_shm_message_t::getSerializedSize();
+
+[[noreturn]] void failToAttach(const std::string& queueName, const std::string& part,
+                               const ipc::interprocess_exception& e) {
+  switch (e.get_error_code()) {
+    case ipc::not_found_error:
+      throw Failure(kNothingSent, noSuchQueue(queueName));
+    case ipc::security_error:
+      throw Failure(kNothingSent, "no permission to use " + (kShmFolder + part) +
+                                      ": run as its owner, or start orvaned with another --mode");
+    default:
+      throw Failure(kNothingSent, "cannot use " + (kShmFolder + part) + " as a queue: " + e.what());
+  }
+}
+
+ipc::message_queue attach(const std::string& queueName, const std::string& part) {
+  try {
+    return ipc::message_queue(ipc::open_only, part.c_str());
+  } catch (const ipc::interprocess_exception& e) {
+    failToAttach(queueName, part, e);
+  }
+}
+
+// The server may have removed the queues since they were attached to above.
+std::unique_ptr<orvane::ShmWriter> newWriter(const std::string& queueName) {
+  try {
+    return std::make_unique<orvane::ShmWriter>("", queueName, orvane::kMinTimeoutSeconds,
+                                               orvane::kMinTimeoutSeconds, false);
+  } catch (const ipc::interprocess_exception& e) {
+    failToAttach(queueName, queueName, e);
+  }
+}
+
+// 0 when there is no such queue.
+ino_t inodeOf(const std::string& queueName) {
+  struct stat status = {};
+  return stat((kShmFolder + queueName).c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+std::size_t dataPerRecord(std::size_t messageSize) {
+  if (messageSize <= smallestMessageSize()) {
+    throw Failure(kNothingSent, "the queue's messages, " + std::to_string(messageSize) +
+                                    " bytes, are too small for a record: start orvaned with a "
+                                    "larger --message-size");
+  }
+  return std::min<std::size_t>(orvane::ShmWriter::getMaxSegmentSize(),
+                               messageSize - smallestMessageSize());
+}
+
+}  // namespace
+
+PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout,
+                           Interrupt& endsIt, orvane::Lease* queuesLease)
+    : queueName(queue),
+      timeout(roomTimeout),
+      interrupt(endsIt),
+      lease(queuesLease),
+      sendQueue(attach(queueName, queueName)),
+      responseQueue(attach(queueName, orvane::getMessageQueueResponseName(queueName))),
+      inode(inodeOf(queueName)),
+      writer(newWriter(queueName)),
+      maxData(dataPerRecord(sendQueue.get_max_msg_size())),
+      batchSize(kEmptyBatch) {}
+
+void PolledWriter::open() {
+  takeAnswers();  // to an earlier stream: the writer would take the first one for its own
+  waitForRoom(timeout);
+  ++batches;
+  writer->open();
+}
+
+void PolledWriter::writeSegment(const unsigned char* data, std::size_t size) {
+  makeRoomInBatch(size);
+  writer->writeSegment(data, size);
+}
+
+void PolledWriter::endSegment() {
+  makeRoomInBatch(0);
+  writer->endSegment();
+}
+
+void PolledWriter::close() {
+  makeRoomInBatch(0);
+  waitForRoom(timeout);
+  ++batches;
+  batchSize = kEmptyBatch;
+  writer->close();
+}
+
+void PolledWriter::abort() noexcept {
+  try {
+    waitForRoom(std::min(timeout, kAbortTime));
+    writer->stop(false);
+  } catch (...) {  // the failure that led here is the one to report
+    // Never destroyed, and the command ends now.
+    static const orvane::ShmWriter* const abandoned = writer.release();
+    static_cast<void>(abandoned);
+  }
+}
+
+void PolledWriter::flush() {
+  waitForRoom(timeout);
+  ++batches;
+  batchSize = kEmptyBatch;
+  writer->flush_shm_buffer(orvane::kMinTimeoutSeconds);
+}
+
+void PolledWriter::makeRoomInBatch(std::size_t dataSize) {
+  if (batchSize + kHeader + dataSize > sendQueue.get_max_msg_size()) {
+    flush();
+  }
+  batchSize += kHeader + dataSize;
+}
+
+void PolledWriter::waitForRoom(std::chrono::seconds limit) {
+  const auto deadline = Clock::now() + limit;
+  interrupt.check();
+  for (Backoff backoff(interrupt); sendQueue.get_num_msg() == sendQueue.get_max_msg();
+       backoff.pause()) {
+    if (serverLeft()) {
+      if (lease != nullptr) {
+        lease->receipt(0);  // throws why it ended, if the server could still say so
+      }
+      failToSend("was removed before orvaned had taken everything");
+    }
+    if (Clock::now() >= deadline) {
+      failToSend("was full for " + std::to_string(limit.count()) + " s: is orvaned still running?");
+    }
+  }
+}
+
+void PolledWriter::failToSend(const std::string& why) const {
+  throw Failure(batches == 0 ? kNothingSent : kUnknown, "the queue " + queueName + " " + why);
+}
+
+std::vector<orvane::pvk_shm_response_t> PolledWriter::takeAnswers() {
+  std::vector<orvane::pvk_shm_response_t> answers(responseQueue.get_num_msg());
+  ipc::message_queue::size_type size = 0;
+  unsigned int priority = 0;
+  for (orvane::pvk_shm_response_t& answer : answers) {
+    responseQueue.try_receive(&answer, sizeof answer, size, priority);
+    answer.text[sizeof answer.text - 1] = '\0';
+  }
+  return answers;
+}
+
+bool PolledWriter::allTaken() {
+  return sendQueue.get_num_msg() == 0;
+}
+
+bool PolledWriter::serverLeft() const {
+  if (lease != nullptr) {
+    return !lease->alive();  // after the queue's removal, and with the server's last word before it
+  }
+  const ino_t now = inodeOf(queueName);
+  return now == 0 || now != inode;
+}
+
+}  // namespace tool

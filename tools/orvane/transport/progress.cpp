@@ -1,0 +1,78 @@
+#include "transport/progress.hpp"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "units.hpp"
+
+namespace tool {
+namespace {
+
+constexpr std::chrono::milliseconds kRedraw(100);
+
+std::string clockText(double seconds) {
+  const auto whole = static_cast<unsigned long long>(std::ceil(seconds));
+  char text[48];
+  if (whole >= 3600) {
+    std::snprintf(text, sizeof text, "%llu:%02llu:%02llu", whole / 3600, whole / 60 % 60,
+                  whole % 60);
+  } else {
+    std::snprintf(text, sizeof text, "%llu:%02llu", whole / 60, whole % 60);
+  }
+  return text;
+}
+
+// https://no-color.org: who sets it wants plain text.
+bool isPlain() {
+  const char* noColor = std::getenv("NO_COLOR");
+  return noColor != nullptr && *noColor != '\0';
+}
+
+}  // namespace
+
+Progress::Progress(std::optional<std::uint64_t> expected)
+    : shown(isatty(STDERR_FILENO) == 1 && !isPlain()),
+      total(expected),
+      start(Clock::now()),
+      nextDrawing(start + kRedraw) {}
+
+Progress::~Progress() {
+  if (width > 0) {
+    std::fprintf(stderr, "\r%*s\r", static_cast<int>(width), "");
+  }
+}
+
+void Progress::advance(std::uint64_t bytes) {
+  done += bytes;
+  if (!shown) {
+    return;
+  }
+  const auto now = Clock::now();
+  if (now >= nextDrawing) {
+    nextDrawing = now + kRedraw;
+    draw(now);
+  }
+}
+
+void Progress::draw(Clock::time_point now) {
+  const double rate =
+      static_cast<double>(done) / std::chrono::duration<double>(now - start).count();
+  std::string line = bytesText(static_cast<double>(done));
+  // A file that grows meanwhile passes its total; what is left is unknown then.
+  if (total.has_value() && *total >= done && done > 0) {
+    line += " of " + bytesText(static_cast<double>(*total));
+    line += ", " + bytesText(rate) + "/s, ";
+    line += clockText(static_cast<double>(*total - done) / rate) + " left";
+  } else {
+    line += ", " + bytesText(rate) + "/s";
+  }
+  const std::size_t shorter = width > line.size() ? width - line.size() : 0;
+  std::fprintf(stderr, "\r%s%*s", line.c_str(), static_cast<int>(shorter), "");
+  width = line.size();
+}
+
+}  // namespace tool

@@ -1,0 +1,196 @@
+#include "transport/send_stream.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <vector>
+
+#include <orvane/server_status.hpp>
+#include "exit.hpp"
+#include "store_format/receipt.hpp"
+#include "transport/backoff.hpp"
+#include "units.hpp"
+
+namespace tool {
+namespace {
+
+namespace ipc = boost::interprocess;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kProbeAfter(50);
+
+// Gives the exceptions of the library and of the queue their meaning for the command's user.
+[[noreturn]] void rethrowExplained() {
+  try {
+    throw;
+  } catch (const Failure&) {
+    throw;
+  } catch (const Ox_ErrnoException& e) {
+    if (e.status() == orvane::kStatusTimedOut) {
+      throw Failure(kUnknown, e.message() + ": does another producer use the same queue?");
+    }
+    if (e.status() == orvane::kLeaseLost) {
+      throw Failure(kUnknown, "orvaned ended the lease without a receipt for the stream");
+    }
+    if (e.status() == orvane::kWorkerDied) {
+      throw Failure(kUnknown, "the stream may be lost: " + e.message());
+    }
+    throw Failure(kRefused, "orvaned refused the stream: " + e.message() + " (status " +
+                                std::to_string(e.status()) + ")");
+  } catch (const ipc::interprocess_exception& e) {
+    throw Failure(kUnknown, std::string("the queue broke, restart orvaned: ") + e.what());
+  } catch (const std::exception& e) {
+    throw Failure(kUnknown, e.what());
+  }
+}
+
+void writeSegments(PolledWriter& writer, const Reader& read, std::uint64_t segmentSize, Sent& sent,
+                   Progress& progress) {
+  std::vector<unsigned char> record(writer.recordSize());
+  std::uint64_t inSegment = 0;
+  std::size_t asked = 0;
+  std::size_t got = 0;
+  do {
+    asked = std::min<std::uint64_t>(record.size(), segmentSize - inSegment);
+    got = read(record.data(), asked);
+    if (got > 0) {
+      writer.writeSegment(record.data(), got);
+      progress.advance(got);
+      sent.bytes += got;
+      inSegment += got;
+    }
+    if (inSegment == segmentSize || (got < asked && inSegment > 0)) {
+      writer.endSegment();
+      ++sent.segments;
+      inSegment = 0;
+    }
+  } while (got == asked);
+}
+
+// The receipt among the answers that are there. Only when the server has taken everything do they
+// count: what is there before may still be meant for an earlier stream.
+std::optional<Receipt> takeReceipt(PolledWriter& writer) {
+  if (!writer.allTaken()) {
+    return std::nullopt;
+  }
+  std::optional<Receipt> receipt;
+  std::optional<Ox_ErrnoException> error;
+  for (const orvane::pvk_shm_response_t& answer : writer.takeAnswers()) {
+    if (answer.status != 0) {
+      error.emplace(answer.status, answer.text, "");
+    } else if (const auto found = parseReceipt(answer.text)) {
+      receipt = found;
+    }
+  }
+  // A whole stream is stored whatever came later, such as the end of the server.
+  if (error && (!receipt || receipt->end != kClosed)) {
+    throw Ox_ErrnoException(*error);
+  }
+  return receipt;
+}
+
+[[noreturn]] void failWithoutReceipt(std::chrono::seconds timeout) {
+  throw Failure(kUnknown, "orvaned sent no receipt within " + std::to_string(timeout.count()) +
+                              " s: is it still running?");
+}
+
+std::optional<Receipt> takeReceipt(orvane::Lease& lease) {
+  std::string text;
+  try {
+    text = lease.receipt(0);
+  } catch (const Ox_ErrnoException& e) {
+    if (e.status() == orvane::kStatusTimedOut) {
+      return std::nullopt;
+    }
+    throw;
+  }
+  if (auto receipt = parseReceipt(text)) {
+    return receipt;
+  }
+  throw Failure(kUnknown, "orvaned, of another release, sent what is no receipt here: " + text);
+}
+
+// Waits for the receipt of the stream that `writer` just closed. The writer itself may have taken
+// the answer that carries it, so after a while an empty batch asks again. Throws Failure when the
+// server left or nothing came in time, Ox_ErrnoException when it refused, Interrupted.
+Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt) {
+  const auto start = Clock::now();
+  auto nextProbe = start + kProbeAfter;
+  for (Backoff backoff(interrupt);; backoff.pause()) {
+    // In this order: what the server answered before it left counts.
+    const bool serverLeft = writer.serverLeft();
+    if (const auto receipt = takeReceipt(writer)) {
+      return *receipt;
+    }
+    if (serverLeft) {
+      throw Failure(kUnknown, "orvaned removed the queue without a receipt for the stream");
+    }
+    const auto now = Clock::now();
+    if (now - start >= timeout) {
+      failWithoutReceipt(timeout);
+    }
+    if (now >= nextProbe && writer.allTaken()) {
+      writer.probe();
+      nextProbe = now + kProbeAfter;
+    }
+  }
+}
+
+// The same over a lease's connection, which nobody else reads; kLeaseLost says that the server
+// left.
+Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt) {
+  const auto start = Clock::now();
+  for (Backoff backoff(interrupt);; backoff.pause()) {
+    if (const auto receipt = takeReceipt(lease)) {
+      return *receipt;
+    }
+    if (Clock::now() - start >= timeout) {
+      failWithoutReceipt(timeout);
+    }
+  }
+}
+
+void requireMatch(const Sent& sent, const Receipt& receipt) {
+  if (receipt.end != kClosed) {
+    throw Failure(kRefused, "orvaned did not store all of stream " + receipt.stream +
+                                ", which it calls " + receipt.end + ": its own log tells why");
+  }
+  if (receipt.bytes != sent.bytes || receipt.segments != sent.segments) {
+    throw Failure(kUnknown, "sent " + std::to_string(sent.bytes) + " bytes in " +
+                                counted(sent.segments, "segment") + ", but the receipt of stream " +
+                                receipt.stream + " is for " + std::to_string(receipt.bytes) +
+                                " bytes in " + counted(receipt.segments, "segment") +
+                                ": does another producer use the same queue?");
+  }
+}
+
+}  // namespace
+
+Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
+                Progress& progress, Interrupt& interrupt, orvane::Lease* lease) {
+  Sent sent;
+  const std::uint64_t batchesBefore = writer.batchesSent();
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    writer.open();
+    try {
+      writeSegments(writer, read, options.segmentSize, sent, progress);
+      writer.close();
+    } catch (...) {
+      writer.abort();
+      throw;
+    }
+    sent.batches = writer.batchesSent() - batchesBefore;
+    const std::chrono::seconds timeout(options.timeoutSeconds);
+    const Receipt receipt = lease != nullptr ? awaitReceipt(*lease, timeout, interrupt)
+                                             : awaitReceipt(writer, timeout, interrupt);
+    sent.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    requireMatch(sent, receipt);
+    sent.stream = receipt.stream;
+  } catch (...) {
+    rethrowExplained();
+  }
+  return sent;
+}
+
+}  // namespace tool

@@ -1,9 +1,0 @@
-#pragma once
-
-#include "common/checksum.hpp"
-
-namespace orvaned {
-
-using tool::checksumOf;
-
-}  // namespace orvaned

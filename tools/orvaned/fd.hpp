@@ -1,9 +1,0 @@
-#pragma once
-
-#include "common/fd.hpp"
-
-namespace orvaned {
-
-using tool::Fd;
-
-}  // namespace orvaned

@@ -1,0 +1,106 @@
+#include "leases/lease_requests.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <orvane/orvane.hpp>
+#include <system_error>
+#include <utility>
+
+#include <orvane/server_status.hpp>
+#include "log.hpp"
+
+namespace orvaned {
+namespace {
+
+constexpr std::chrono::seconds kTimeToAsk{5};
+constexpr std::chrono::seconds kBetweenTries{1};
+
+}  // namespace
+
+void LeaseRequests::addTo(std::vector<pollfd>& events) const {
+  if (Clock::now() >= acceptAgain) {
+    events.push_back({socket.fd(), POLLIN, 0});
+  }
+  for (const Applicant& applicant : applicants) {
+    events.push_back({applicant.connection->fd(), POLLIN, 0});
+  }
+}
+
+std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit) {
+  acceptAll(limit);
+  std::vector<Connection> asked;
+  std::erase_if(applicants, [&](Applicant& applicant) {
+    switch (applicant.connection->readRequest()) {
+      case LeaseConnection::Request::lease:
+        asked.push_back(std::move(applicant.connection));
+        return true;
+      case LeaseConnection::Request::bad:
+        refuse(*applicant.connection, orvane::kBadRequest,
+               "this server understands \"orvane 1 lease\"");
+        return true;
+      case LeaseConnection::Request::end:
+        return true;
+      default:
+        if (Clock::now() < applicant.deadline) {
+          return false;
+        }
+        refuse(*applicant.connection, orvane::kBadRequest, "nothing was asked for in time");
+        return true;
+    }
+  });
+  return asked;
+}
+
+// A user's connections count as its pairs before they have asked: no user can keep others away.
+void LeaseRequests::acceptAll(const Limit& limit) {
+  for (;;) {
+    tool::Fd fd = socket.accept();
+    if (fd.get() < 0) {
+      waitToAccept(errno);
+      return;
+    }
+    cannotAccept = false;
+    auto connection = std::make_unique<LeaseConnection>(std::move(fd));
+    if (connection->cameTooLate()) {
+      continue;  // a forked child of it holds the connection, and would hold the lease
+    }
+    const ucred& producer = connection->producer();
+    const std::string reason = limit(producer, applicationsOf(producer.uid));
+    if (reason.empty()) {
+      applicants.push_back({std::move(connection), Clock::now() + kTimeToAsk});
+    } else {
+      refuse(*connection, orvane::kLimitReached, reason);
+    }
+  }
+}
+
+// When no file is left: until one is, instead of asking again and again.
+void LeaseRequests::waitToAccept(int error) {
+  if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
+    return;
+  }
+  acceptAgain = Clock::now() + kBetweenTries;
+  if (!std::exchange(cannotAccept, true)) {
+    static const orvane::server::Logger log("leases");
+    log.log(orvane::server::LEVEL_WARNING, __func__, error,
+            "cannot accept a connection, and tries again each second: %s",
+            std::generic_category().message(error).c_str());
+  }
+}
+
+LeaseRequests::Count LeaseRequests::applicationsOf(uid_t user) const {
+  const auto own = std::count_if(applicants.begin(), applicants.end(), [user](const auto& one) {
+    return one.connection->producer().uid == user;
+  });
+  return {static_cast<std::size_t>(own), applicants.size()};
+}
+
+void refuse(LeaseConnection& connection, int status, const std::string& reason) {
+  static const orvane::server::Logger log("leases");
+  const LogSubject subject(connection.producer().uid);
+  log.log(orvane::server::LEVEL_WARNING, __func__, status, "user %u, process %d: %s",
+          connection.producer().uid, connection.producer().pid, doublePercent(reason).c_str());
+  connection.send("refused " + std::to_string(status) + " " + reason);
+}
+
+}  // namespace orvaned

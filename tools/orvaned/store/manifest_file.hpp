@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "store/output_file.hpp"
+#include "store_format/manifest_lines.hpp"
+#include "store_format/receipt.hpp"
+
+namespace orvaned {
+
+using tool::checksumText;
+using tool::kOtherRecords;
+using tool::kUnfinished;
+using tool::OtherRecords;
+using tool::parseOthers;
+using tool::parseSegment;
+using tool::segmentName;
+using tool::SegmentSummary;
+
+struct StreamSummary {
+  tool::Receipt receipt;
+  OtherRecords others;
+  std::uint64_t skipped = 0;
+  std::string reason;
+};
+
+// Adds what a segment holds.
+void count(tool::Receipt& receipt, const SegmentSummary& segment);
+
+// The file `manifest` in a stream's folder: text, one line a fact.
+//   format=1
+//   queue=orders
+//   stream=20261121T023224-4711_0
+//   segment number=0 records=2 bytes=9 algorithm=1 parameters=7,8,9 crc32=00112233 file=...00000
+//   segment number=1 records=0 bytes=0 algorithm=1 parameters=7,8,9 crc32=00000000 file=-
+//   segment number=1 records=1 bytes=3 algorithm=0 parameters=0,0,0 crc32=44556677 file=....part
+//   other-records=1 bytes=5 crc32=8899aabb
+//   skipped=0
+//   receipt stream=20261121T023224-4711_0 records=4 bytes=17 segments=2 end=cut-off
+//   records=4
+//   bytes=17
+//   end=cut-off
+//   reason=the server was stopped
+// A segment without data has no file; the next one may have the same number. A file that still ends
+// in .part is that of a segment which was not ended. (One that could not be renamed, as the reason
+// says then, still has its .part too.) `skipped` counts the sequence numbers that the
+// producer used up without a record that came here. The receipt is what the producer was answered.
+// The reason is the rest of the file; empty when the producer ended the stream.
+//
+// What a server that died had not listed, and what no longer is as it was listed, the next server
+// adds behind the segments' lines, instead of `other-records` and `skipped`. It is no part of the
+// receipt.
+//   unfinished file=segment-000002.part bytes=3 crc32=ccddeeff
+//   damaged file=segment-000001 reason=it has 8 bytes instead of 9
+//
+// The lines go to `manifest.part` as they come (a stream may have more segments than fit in memory)
+// and the file is renamed when it is complete. Throws Ox_ErrnoException (orvane::kStoreFailed).
+class Manifest {
+ public:
+  Manifest(StreamDirectory* folder, Sync sync) : file(folder, "manifest.part", sync) {}
+
+  // The first lines, or the first `size` bytes of a file that is there.
+  void begin(const std::string& queue, const std::string& stream);
+  void resume(std::uint64_t size) { file.resume(size); }
+
+  void add(const SegmentSummary& segment) { line(textOf(segment)); }
+  void add(const tool::UnfinishedFile& unfinished) { line(textOf(unfinished)); }
+  void addDamaged(const std::string& name, const std::string& reason);
+
+  void flush() { file.flush(); }
+  void settle() { file.settle(); }
+
+  // The last lines, with or without what only the server of the stream knows; or no more lines.
+  void finish(const StreamSummary& stream);
+  void finish(const tool::Receipt& receipt, const std::string& reason);
+  void finish() { file.finish("manifest"); }
+
+ private:
+  void line(const std::string& text);
+
+  OutputFile file;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,188 @@
+#include "store/output_file.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <orvane/orvane.hpp>
+#include <utility>
+
+#include "log.hpp"
+#include "store_format/checksum.hpp"
+
+namespace orvaned {
+namespace {
+
+// Small records share a write; one of this size or more is written from where it lies. (Copying it
+// costs as much as the system call from there on.)
+constexpr std::size_t kWrittenDirectly = 8192;
+constexpr std::size_t kBufferSize = 65536;
+
+constexpr off_t kStartWriting = 8 << 20;
+
+// Not fstat(), which may be a call that takes a path: a confined process has none of these.
+int statusOf(const tool::Fd& file, struct stat& status) {
+  return static_cast<int>(::syscall(SYS_fstat, file.get(), &status));
+}
+
+}  // namespace
+
+OutputFile::OutputFile(StreamDirectory* fileFolder, std::string fileName, Sync syncMode)
+    : folder(fileFolder), name(std::move(fileName)), sync(syncMode) {}
+
+void OutputFile::append(Bytes head, Bytes data) {
+  const std::size_t size = head.size() + data.size();
+  if (folder == nullptr) {
+    ++writtenRecords;
+    writtenBytes += size;
+    return;
+  }
+  if (size >= kWrittenDirectly || size > kBufferSize - buffered) {
+    writeBuffer();
+  }
+  if (size >= kWrittenDirectly) {
+    write(head);
+    write(data);
+    commit(1, head, data);
+    return;
+  }
+  if (!buffer) {
+    buffer = std::make_unique_for_overwrite<unsigned char[]>(kBufferSize);
+  }
+  for (const Bytes bytes : {head, data}) {
+    std::copy(bytes.begin(), bytes.end(), &buffer[buffered]);
+    buffered += bytes.size();
+  }
+  ++bufferedRecords;
+}
+
+void OutputFile::flush() {
+  writeBuffer();
+  requireName();
+  if (sync == Sync::always) {
+    syncData();
+    if (created && !nameSynced) {
+      folder->sync();
+      nameSynced = true;
+    }
+  }
+}
+
+void OutputFile::settle() {
+  writeBuffer();
+  if (sync != Sync::none) {
+    syncData();
+  }
+}
+
+// The data is on the disk before the name says so, and the name before anybody is told.
+void OutputFile::finish(const std::string& finalName) {
+  settle();
+  if (!created) {
+    return;
+  }
+  if (::close(fd.release()) != 0) {
+    throwStoreFailed(errno, "write", folder->pathOf(name));
+  }
+  folder->rename(name, finalName);
+  if (sync != Sync::none) {
+    folder->sync();
+  }
+}
+
+void OutputFile::resume(std::uint64_t size) {
+  create();
+  end = static_cast<off_t>(size);
+  folder->truncate(name, size);
+  dataSynced = false;  // whoever wrote it may not have come to that
+}
+
+void OutputFile::writeBuffer() {
+  const Bytes bytes(buffer.get(), buffered);
+  write(bytes);
+  commit(bufferedRecords, {}, bytes);
+  buffered = 0;
+  bufferedRecords = 0;
+}
+
+void OutputFile::write(Bytes bytes) {
+  if (!bytes.empty() && fd.get() < 0) {
+    create();
+  }
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd.get(), bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written < 0) {
+      const int error = errno;
+      takeBack();
+      throwStoreFailed(error, "write", folder->pathOf(name));
+    }
+    bytes = bytes.subspan(static_cast<std::size_t>(written));
+  }
+}
+
+// What a failed write left: half a record, or a file without a byte.
+void OutputFile::takeBack() {
+  try {
+    if (end == 0) {
+      fd.reset();
+      created = false;
+      folder->remove(name);
+    } else {
+      folder->truncate(name, static_cast<std::uint64_t>(end));
+    }
+  } catch (const Ox_ErrnoException& e) {
+    const orvane::server::Logger log("store");
+    log.log(orvane::server::LEVEL_ERROR, __func__, e.status(), "cannot take half a record back: %s",
+            doublePercent(e.what()).c_str());
+  }
+}
+
+void OutputFile::commit(std::uint64_t recordCount, Bytes head, Bytes data) {
+  const std::uint64_t byteCount = head.size() + data.size();
+  writtenRecords += recordCount;
+  writtenBytes += byteCount;
+  writtenChecksum = tool::checksumOf(data, tool::checksumOf(head, writtenChecksum));
+  end += static_cast<off_t>(byteCount);
+  dataSynced = dataSynced && byteCount == 0;
+  startWriting();
+}
+
+// The disk works while the rest is still coming, instead of all at once when it is synced.
+void OutputFile::startWriting() {
+  if (sync != Sync::none && end - writingUpTo >= kStartWriting) {
+    ::sync_file_range(fd.get(), writingUpTo, end - writingUpTo, SYNC_FILE_RANGE_WRITE);
+    writingUpTo = end;
+  }
+}
+
+void OutputFile::create() {
+  fd = folder->append(name);
+  created = true;
+  end = ::lseek(fd.get(), 0, SEEK_END);
+}
+
+// A file without a name takes every byte, and all of them are lost when it is closed.
+void OutputFile::requireName() const {
+  struct stat status = {};
+  if (fd.get() >= 0 && statusOf(fd, status) == 0 && status.st_nlink == 0) {
+    throwStoreFailed(ENOENT, "write", folder->pathOf(name));
+  }
+}
+
+void OutputFile::syncData() {
+  if (dataSynced) {
+    return;
+  }
+  if (::fdatasync(fd.get()) != 0) {
+    throwStoreFailed(errno, "sync", folder->pathOf(name));
+  }
+  dataSynced = true;
+}
+
+}  // namespace orvaned

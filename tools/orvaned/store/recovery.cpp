@@ -1,0 +1,323 @@
+#include "store/recovery.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <orvane/orvane.hpp>
+#include <regex>
+#include <set>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include <orvane/server_status.hpp>
+#include "log.hpp"
+#include "store/manifest_file.hpp"
+#include "store_format/stored_file.hpp"
+
+namespace orvaned {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kManifest[] = "manifest";
+
+// What there is of a manifest, up to the first line that is torn or makes no sense.
+struct Listed {
+  std::uint64_t bytes = 0;  // of the first lines and the segments'; 0: not even the first lines
+  std::vector<SegmentSummary> segments;
+  OtherRecords others;
+  std::uint64_t allBytes = 0;
+  std::optional<tool::Receipt> receipt;  // when nothing is missing but the final name
+};
+
+// The lines of a file, without their ends. A line without an end is torn, and none.
+class Lines {
+ public:
+  explicit Lines(tool::Fd lineFile) : file(std::move(lineFile)) {}
+
+  bool next(std::string& line) {
+    std::size_t end = 0;
+    while ((end = buffered.find('\n')) == std::string::npos) {
+      const ssize_t size = file.get() < 0 ? 0 : read(file.get(), block.data(), block.size());
+      if (size <= 0) {
+        return false;
+      }
+      buffered.append(block.data(), static_cast<std::size_t>(size));
+    }
+    line = buffered.substr(0, end);
+    buffered.erase(0, end + 1);
+    return true;
+  }
+
+ private:
+  const tool::Fd file;
+  std::vector<char> block = std::vector<char>(65536);
+  std::string buffered;
+};
+
+Listed readListed(tool::Fd manifest, const std::string& queue, const std::string& stream) {
+  Lines lines(std::move(manifest));
+  std::string line;
+  Listed listed;
+  for (const std::string& first : {std::string("format=1"), "queue=" + queue, "stream=" + stream}) {
+    if (!lines.next(line) || line != first) {
+      return {};
+    }
+    listed.bytes += line.size() + 1;
+  }
+  bool isLine = false;
+  while ((isLine = lines.next(line))) {
+    const auto segment = parseSegment(line);
+    if (!segment) {
+      break;
+    }
+    listed.segments.push_back(*segment);
+    listed.bytes += line.size() + 1;
+  }
+  listed.allBytes = listed.bytes + (isLine ? line.size() + 1 : 0);
+  if (const auto others = parseOthers(line); others && isLine) {
+    listed.others = *others;
+  }
+  std::optional<tool::Receipt> receipt;
+  while (lines.next(line)) {
+    listed.allBytes += line.size() + 1;
+    if (const auto found = tool::parseReceipt(line)) {
+      receipt = found;
+    }
+    if (line.starts_with("reason=")) {
+      listed.receipt = receipt;
+    }
+  }
+  return listed;
+}
+
+// A stream that a server or a worker left when it died.
+class LeftStream {
+ public:
+  LeftStream(StreamDirectory& streamFolder, Sync syncMode)
+      : folder(streamFolder), sync(syncMode), manifest(&folder, sync) {}
+
+  // Has another process finished it meanwhile?
+  bool isFinished();
+
+  // Returns its receipt.
+  tool::Receipt finish(const std::string& queue, const std::string& stream,
+                       const std::string& reason);
+
+  std::size_t damagedFiles() const { return damaged.size(); }
+
+ private:
+  struct Damage {
+    std::string name;
+    std::string reason;
+  };
+
+  bool has(const std::string& name) const { return names.contains(name); }
+  tool::Fd readManifest();
+  void check(const SegmentSummary& segment);
+  void checkOthers(const OtherRecords& others);
+  std::string faultOf(const std::string& name, const tool::Content& listedContent);
+  tool::Content contentOf(const std::string& name);
+  void addUnlisted();
+  void addUnlisted(const std::string& name);
+
+  StreamDirectory& folder;
+  const Sync sync;
+  Manifest manifest;
+  std::set<std::string> names;   // of files that are there
+  tool::Receipt receipt;         // of what is whole
+  std::set<std::string> listed;  // names of files
+  std::vector<Damage> damaged;
+};
+
+bool LeftStream::isFinished() {
+  const std::vector<std::string> found = folder.names();
+  names = {found.begin(), found.end()};
+  return has(kManifest);
+}
+
+tool::Receipt LeftStream::finish(const std::string& queue, const std::string& stream,
+                                 const std::string& reason) {
+  const Listed found = readListed(readManifest(), queue, stream);
+  for (const SegmentSummary& segment : found.segments) {
+    check(segment);
+  }
+  if (found.receipt) {
+    checkOthers(found.others);
+  }
+  if (found.receipt && damaged.empty()) {
+    manifest.resume(found.allBytes);
+    manifest.finish();
+    return *found.receipt;
+  }
+  manifest.resume(found.bytes);
+  if (found.bytes == 0) {
+    manifest.begin(queue, stream);
+  }
+  addUnlisted();
+  for (const Damage& damage : damaged) {
+    manifest.addDamaged(damage.name, damage.reason);
+  }
+  receipt.stream = stream;
+  receipt.end = damaged.empty() ? tool::kCutOff : tool::kBroken;
+  manifest.finish(receipt, reason);
+  return receipt;
+}
+
+tool::Fd LeftStream::readManifest() {
+  const std::string part = std::string(kManifest) + kUnfinished;
+  return has(part) ? folder.read(part) : tool::Fd();
+}
+
+void LeftStream::check(const SegmentSummary& segment) {
+  if (segment.file.empty()) {
+    return count(receipt, segment);
+  }
+  const std::string part = segment.file + kUnfinished;
+  const bool renamed = has(segment.file) || !has(part);
+  listed.insert({segment.file, part});
+  const std::string fault =
+      faultOf(renamed ? segment.file : part, {segment.bytes, segment.checksum});
+  if (!fault.empty()) {
+    damaged.push_back({segment.file, fault});
+    return;
+  }
+  if (!renamed) {
+    OutputFile output(&folder, part, sync);
+    output.resume(segment.bytes);
+    output.finish(segment.file);
+  }
+  count(receipt, segment);
+}
+
+void LeftStream::checkOthers(const OtherRecords& others) {
+  if (others.records == 0) {
+    return;
+  }
+  const std::uint64_t headers = others.records * orvane::pvk_shm_message_t::getSerializedSize();
+  const std::string fault = faultOf(kOtherRecords, {headers + others.bytes, others.checksum});
+  if (!fault.empty()) {
+    listed.insert(kOtherRecords);
+    damaged.push_back({kOtherRecords, fault});
+  }
+}
+
+std::string LeftStream::faultOf(const std::string& name, const tool::Content& listedContent) {
+  try {
+    return tool::faultOf(contentOf(name), listedContent);
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+}
+
+tool::Content LeftStream::contentOf(const std::string& name) {
+  return tool::contentOf(folder.read(name), folder.pathOf(name));
+}
+
+void LeftStream::addUnlisted() {
+  for (const std::string& name : names) {
+    const bool isRecords = name == kOtherRecords || name.starts_with("segment-");
+    if (isRecords && !listed.contains(name)) {
+      addUnlisted(name);
+    }
+  }
+}
+
+void LeftStream::addUnlisted(const std::string& name) {
+  if (name != kOtherRecords && !name.ends_with(kUnfinished)) {
+    damaged.push_back({name, "it is not listed"});
+    return;
+  }
+  try {
+    const tool::Content content = contentOf(name);
+    manifest.add(tool::UnfinishedFile{name, content.bytes, content.checksum});
+  } catch (const std::exception& e) {
+    damaged.push_back({name, e.what()});
+  }
+}
+
+void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
+  using namespace orvane::server;
+  const Logger log("recovery");
+  const std::string queue = doublePercent(unfinished.queue);
+  const std::string left =
+      "what " + std::string(who == "the server" ? "a dead server" : "a dead worker") + " left";
+  try {
+    LeftStream stream(*unfinished.folder, sync);
+    if (stream.isFinished()) {
+      return;
+    }
+    const std::string receipt =
+        textOf(stream.finish(unfinished.queue, unfinished.stream, who + " died"));
+    if (stream.damagedFiles() == 0) {
+      log.log(LEVEL_INFO, __func__, 0, "queue %s: finished %s: %s", queue.c_str(), left.c_str(),
+              receipt.c_str());
+    } else {
+      log.log(LEVEL_WARNING, __func__, orvane::kStoreFailed,
+              "queue %s: finished %s: %s; damaged files: %zu, see its manifest", queue.c_str(),
+              left.c_str(), receipt.c_str(), stream.damagedFiles());
+    }
+  } catch (const std::exception& e) {
+    log.log(LEVEL_ERROR, __func__, orvane::kStoreFailed,
+            "queue %s: cannot finish %s, the next start tries again: %s", queue.c_str(),
+            left.c_str(), doublePercent(e.what()).c_str());
+  }
+}
+
+// A folder whose server died before it had a name: there is nothing in it.
+void removeUnnamed(const std::string& path) {
+  LocalDirectory folder(path);
+  if (folder.lock()) {
+    rmdir(path.c_str());
+  }
+}
+
+}  // namespace
+
+LocalUnfinishedStreams::LocalUnfinishedStreams(
+    const std::string& store, const std::function<bool(const std::string& queue)>& isDead) {
+  static const std::regex streamFolder("(\\.?)(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)((\\.new)?)");
+  if (store == kNullStore) {
+    return;
+  }
+  std::error_code ignored;  // what cannot be looked into cannot be finished: that is logged then
+  for (const auto& entry : fs::directory_iterator(store)) {
+    const std::string name = entry.path().filename();
+    std::smatch parts;
+    if (!std::regex_match(name, parts, streamFolder) || !entry.is_directory(ignored) ||
+        entry.is_symlink(ignored) || fs::exists(entry.path() / kManifest, ignored) ||
+        !isDead(parts[2])) {
+      continue;
+    }
+    if (parts[1].length() == 0 && parts[4].length() == 0) {
+      found.push_back({entry.path(), parts[2], parts[3]});
+    } else if (parts[1].length() > 0 && parts[4].length() > 0) {
+      removeUnnamed(entry.path());
+    }
+  }
+}
+
+std::optional<UnfinishedStream> LocalUnfinishedStreams::next() {
+  while (!found.empty()) {
+    const Found one = std::move(found.back());
+    found.pop_back();
+    auto folder = std::make_unique<LocalDirectory>(one.path);
+    // Of one that cannot be opened, finishing it tells why.
+    if (folder->lock() || !folder->isOpen()) {
+      return UnfinishedStream{one.queue, one.stream, std::move(folder)};
+    }
+  }
+  return std::nullopt;
+}
+
+void recoverStreams(UnfinishedStreams& streams, Sync sync, const std::string& who) {
+  while (auto stream = streams.next()) {
+    recover(*stream, sync, who);
+  }
+}
+
+}  // namespace orvaned

@@ -1,0 +1,42 @@
+#include "store/store.hpp"
+
+#include <utility>
+
+namespace orvaned {
+namespace {
+
+std::unique_ptr<StoreAccess> openStore(const std::string& directory, const std::string& queue,
+                                       Sync sync) {
+  checkWritable(directory);
+  return std::make_unique<LocalAccess>(directory, queue, sync);
+}
+
+}  // namespace
+
+Store::Store(const std::string& directory, const std::string& queueName, Sync syncMode)
+    : Store(openStore(directory, queueName, syncMode), queueName, syncMode) {}
+
+Store::Store(std::unique_ptr<StoreAccess> storeAccess, const std::string& queueName, Sync syncMode)
+    : access(std::move(storeAccess)), queue(queueName), sync(syncMode) {}
+
+std::unique_ptr<StreamFolder> Store::createStream() {
+  StoreAccess::NewStream stream = access->createStream();
+  return std::make_unique<StreamFolder>(std::move(stream.folder), queue, stream.id, sync);
+}
+
+void Store::storeOutside(const orvane::ShmBatch::Entry& entry) {
+  if (!outside) {
+    outsideFolder = access->outside();
+    outside = std::make_unique<OutputFile>(outsideFolder.get(), outsideNameOf(queue), sync);
+  }
+  appendRecord(*outside, entry);
+}
+
+void Store::flush() {
+  // Closed after each batch, so that the next one notices when the file or the folder is gone.
+  if (const auto file = std::move(outside)) {
+    file->flush();
+  }
+}
+
+}  // namespace orvaned

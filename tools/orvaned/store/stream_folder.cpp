@@ -1,0 +1,139 @@
+#include "store/stream_folder.hpp"
+
+#include <utility>
+#include <vector>
+
+#include <orvane/server_status.hpp>
+
+namespace orvaned {
+
+using orvane::pvk_shm_message_t;
+using orvane::ShmBatch;
+
+namespace {
+
+OutputFile::Bytes dataOf(const ShmBatch::Entry& entry) {
+  return {entry.data, entry.header.len};
+}
+
+}  // namespace
+
+void appendRecord(OutputFile& file, const ShmBatch::Entry& entry) {
+  std::vector<unsigned char> header(pvk_shm_message_t::getSerializedSize());
+  entry.header.serializeToBuffer(header.data());
+  file.append(header, dataOf(entry));
+}
+
+StreamFolder::Segment::Segment(StreamDirectory* folder, const pvk_shm_message_t& first, Sync sync)
+    : name(segmentName(first.segmentNo)), file(folder, name + kUnfinished, sync) {
+  summary.number = first.segmentNo;
+  summary.algorithm = first.segAlg;
+  summary.parameters[0] = first.segParam1;
+  summary.parameters[1] = first.segParam2;
+  summary.parameters[2] = first.segParam3;
+}
+
+StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> streamFolder, const std::string& queue,
+                           const std::string& stream, Sync syncMode)
+    : folder(std::move(streamFolder)),
+      sync(syncMode),
+      manifest(folder.get(), sync),
+      other(folder.get(), kOtherRecords, sync) {
+  manifest.begin(queue, stream);
+  summary.receipt.stream = stream;
+}
+
+void StreamFolder::storeSegmentData(const ShmBatch::Entry& entry) {
+  begin(entry.header);
+  segment->file.append({}, dataOf(entry));
+}
+
+void StreamFolder::endSegment(const pvk_shm_message_t& header) {
+  begin(header);
+  finishSegment();
+}
+
+void StreamFolder::storeOther(const ShmBatch::Entry& entry) {
+  appendRecord(other, entry);
+}
+
+void StreamFolder::flush() {
+  if (segment) {
+    segment->file.flush();
+  }
+  other.flush();
+  manifest.flush();
+}
+
+void StreamFolder::end(const std::string& how, const std::string& reason, std::uint64_t skipped) {
+  summary.receipt.end = how;
+  summary.reason = reason;
+  summary.skipped = skipped;
+  try {
+    settle();
+  } catch (const Ox_ErrnoException&) {
+    if (how != tool::kBroken) {
+      throw;
+    }
+  }
+  if (segment) {
+    how == tool::kClosed ? finishSegment() : abandonSegment();
+  }
+  // Once only: what there is of a manifest that could not be written must not be continued.
+  if (!std::exchange(manifestTried, true)) {
+    finishManifest();
+  }
+}
+
+void StreamFolder::begin(const pvk_shm_message_t& first) {
+  if (!segment) {
+    segment = std::make_unique<Segment>(folder.get(), first, sync);
+  }
+}
+
+void StreamFolder::settle() {
+  if (segment) {
+    segment->file.settle();
+  }
+  other.settle();
+  manifest.flush();
+}
+
+// The manifest has its line before the file gets its final name: whoever finds that name can check
+// the content.
+void StreamFolder::finishSegment() {
+  segment->file.settle();
+  const auto ended = std::move(segment);
+  list(*ended, ended->name);
+  manifest.settle();
+  ended->file.finish(ended->name);
+}
+
+void StreamFolder::abandonSegment() {
+  const auto ended = std::move(segment);
+  list(*ended, ended->name + kUnfinished);
+}
+
+void StreamFolder::list(const Segment& ended, std::string fileName) {
+  SegmentSummary line = ended.summary;
+  line.records = ended.file.records();
+  line.bytes = ended.file.bytes();
+  line.checksum = ended.file.checksum();
+  if (line.bytes > 0) {
+    line.file = std::move(fileName);
+  }
+  count(summary.receipt, line);
+  manifest.add(line);
+}
+
+void StreamFolder::finishManifest() {
+  OtherRecords& others = summary.others;
+  others.records = other.records();
+  others.bytes = other.bytes() - other.records() * pvk_shm_message_t::getSerializedSize();
+  others.checksum = other.checksum();
+  summary.receipt.records += others.records;
+  summary.receipt.bytes += others.bytes;
+  manifest.finish(summary);
+}
+
+}  // namespace orvaned

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <orvane/orvane.hpp>
+#include <string>
+
+#include "store/manifest_file.hpp"
+#include "store/output_file.hpp"
+#include "store_format/receipt.hpp"
+
+namespace orvaned {
+
+// The folder of one stream:
+//   segment-000000   the data of a segment, under its final name once the segment has ended
+//   other-records    records of other types: 48-byte header and data, as they came
+//   manifest         what it all is (manifest.hpp), once the stream has ended
+// Stores what it is given; StreamState says what may come. Throws Ox_ErrnoException
+// (orvane::kStoreFailed); the stream can then only be ended as broken.
+class StreamFolder {
+ public:
+  // A null pointer keeps nothing, and only counts.
+  StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
+               const std::string& stream, Sync sync);
+
+  void storeSegmentData(const orvane::ShmBatch::Entry& entry);
+  void endSegment(const orvane::pvk_shm_message_t& header);
+  void storeOther(const orvane::ShmBatch::Entry& entry);
+
+  // Hands to the system what was stored so far; with Sync::always, to the disk.
+  void flush();
+
+  // Ends the stream as one of common/receipt.hpp's words says. A closed stream ends its last
+  // segment too; in all others that segment stays marked as unfinished.
+  void end(const std::string& how, const std::string& reason, std::uint64_t skipped);
+
+  const std::string& stream() const { return summary.receipt.stream; }
+
+  // What was stored. After end().
+  const tool::Receipt& receipt() const { return summary.receipt; }
+
+ private:
+  struct Segment {
+    Segment(StreamDirectory* folder, const orvane::pvk_shm_message_t& first, Sync sync);
+
+    SegmentSummary summary;
+    std::string name;
+    OutputFile file;
+  };
+
+  void begin(const orvane::pvk_shm_message_t& first);
+  void settle();
+  void finishSegment();
+  void abandonSegment();
+  void list(const Segment& ended, std::string fileName);
+  void finishManifest();
+
+  const std::unique_ptr<StreamDirectory> folder;
+  const Sync sync;
+  Manifest manifest;
+  bool manifestTried = false;
+  OutputFile other;
+  std::unique_ptr<Segment> segment;
+  StreamSummary summary;  // of what has ended so far
+};
+
+// Appends a record in wire form.
+void appendRecord(OutputFile& file, const orvane::ShmBatch::Entry& entry);
+
+}  // namespace orvaned

@@ -1,0 +1,253 @@
+#include "supervisor/pair_processes.hpp"
+
+#include <sys/wait.h>
+
+#include <csignal>
+#include <orvane/orvane.hpp>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include <orvane/server_status.hpp>
+#include "leases/lease_requests.hpp"
+#include "log.hpp"
+#include "supervisor/notice.hpp"
+#include "supervisor/pair_files.hpp"
+#include "supervisor/serve_pair.hpp"
+#include "worker/confinement.hpp"
+
+namespace orvaned {
+namespace {
+
+using orvane::server::LEVEL_ERROR;
+using orvane::server::Logger;
+
+// A queue's lock is waited for 2 seconds at most; no valid call takes so long.
+constexpr std::chrono::seconds kStuckAfter{5};
+constexpr std::chrono::seconds kBusyAtMost{5};
+constexpr std::chrono::seconds kNoticeTime{3};
+constexpr std::chrono::seconds kBetweenTries{1};
+
+constexpr char kServerDied[] = "the server died: send again what it did not acknowledge";
+constexpr char kWorkerDiedNotice[] =
+    "what served the queue died: send again what it did not acknowledge";
+
+const Logger& logger() {
+  static const Logger log("pair");
+  return log;
+}
+
+}  // namespace
+
+PairProcesses::PairProcesses(const ProcessContext& pairContext, Kind kindOfPair,
+                             std::string queueName, std::optional<uid_t> producersUser,
+                             std::unique_ptr<LeaseConnection> lease)
+    : context(pairContext),
+      pairKind(kindOfPair),
+      name(std::move(queueName)),
+      loggedName(doublePercent(name)),
+      user(producersUser),
+      connection(std::move(lease)),
+      subject(connection ? subjectOf(connection->producer().uid) : "queue " + name),
+      notice(kServerDied) {
+  const LogSubject logged(subject);
+  // Nothing is under a lease's name: it was chosen so. What is there now is not opened.
+  pairKind == Kind::leased ? proceed() : begin();
+}
+
+// Where the process is still there, not even SIGKILL has ended it.
+PairProcesses::~PairProcesses() {
+  if (child) {
+    child.reset();
+    removePair(name);
+  }
+}
+
+void PairProcesses::step() {
+  const LogSubject logged(subject);
+  if (!child) {
+    if (retryAt && Clock::now() >= *retryAt) {
+      begin();
+    }
+    return;
+  }
+  if (phase == Phase::notice && child->age() > kNoticeTime) {
+    child->signal(SIGKILL);
+  }
+  if (phase == Phase::serving && !killed) {
+    watchWorker();
+  }
+  if (const auto status = child->ended()) {
+    if (phase == Phase::serving) {
+      workerEnded(*status);
+    } else {
+      child.reset();
+      removePair(name);
+      proceed();
+    }
+  }
+}
+
+void PairProcesses::watchWorker() {
+  if (child->insideQueueCall() > kStuckAfter) {
+    killWorker("hangs inside a queue");
+  } else if (child->busyWithoutMessage() > kBusyAtMost) {
+    killWorker("uses the processor without taking a message");
+  } else if (broker.process->ended()) {
+    killWorker("has lost the process that opens its files");
+  }
+}
+
+void PairProcesses::killWorker(const char* reason) {
+  logger().log(LEVEL_ERROR, "step", orvane::kWorkerDied, "queue %s: its worker %s and is killed",
+               loggedName.c_str(), reason);
+  kill();
+}
+
+void PairProcesses::stop() {
+  stopping = true;
+  retryAt.reset();
+  if (child && phase == Phase::serving) {
+    child->signal(SIGTERM);
+  }
+}
+
+void PairProcesses::kill() {
+  if (child && phase == Phase::serving) {
+    killed = true;
+    child->signal(SIGKILL);
+  }
+}
+
+void PairProcesses::abandon() {
+  for (Child* process : {child.get(), broker.process.get()}) {
+    if (process != nullptr) {
+      process->abandon();
+    }
+  }
+}
+
+void PairProcesses::begin() {
+  retryAt.reset();
+  try {
+    if (pairKind == Kind::fixed) {
+      requireOwnPair(name, context.options.confinement.user);
+    }
+    if (pairExists(name)) {
+      postNotice();
+      return;
+    }
+  } catch (const std::exception& e) {
+    logger().log(LEVEL_ERROR, __func__, orvane::kNoPair, "%s", doublePercent(e.what()).c_str());
+    failed = true;
+  }
+  proceed();
+}
+
+void PairProcesses::proceed() {
+  const bool wanted = pairKind == Kind::fixed || (pairKind == Kind::leased && connection);
+  if (!wanted || stopping) {
+    return;
+  }
+  if (!std::exchange(failed, false)) {
+    serve();
+  } else if (served) {
+    retryAt = Clock::now() + kBetweenTries;
+  }
+}
+
+void PairProcesses::serve() {
+  phase = Phase::serving;
+  killed = false;
+  try {
+    startProcesses();
+  } catch (const std::exception& e) {
+    child.reset();
+    broker = BrokerProcess();
+    logger().log(LEVEL_ERROR, __func__, orvane::kNoPair, "queue %s: %s", loggedName.c_str(),
+                 e.what());
+    refuseLease(e.what());
+    failed = true;
+    proceed();
+  }
+}
+
+void PairProcesses::startProcesses() {
+  auto [workersEnd, brokersEnd] = connectedSockets();
+  broker.process = std::make_unique<Child>(
+      [&, file = brokersEnd.get()](Heartbeat&) {
+        nameProcess("orvaned-broker");
+        context.keepOnly({file}, LogAccess::kept);
+        return serveWorker(context.options, name, tool::Fd(file), context.supervisor);
+      },
+      Child::Orphaned::goesOn);
+  child = std::make_unique<Child>([&, file = workersEnd.get()](Heartbeat& heartbeat) {
+    nameProcess("orvaned-worker");
+    std::vector<int> files = {file};
+    if (connection) {
+      files.insert(files.end(), {connection->fd(), connection->pidfd()});
+    }
+    context.keepOnly(files, LogAccess::left);
+    return servePair(context.options, name, connection.get(), tool::Fd(file), context.supervisor,
+                     heartbeat);
+  });
+  broker.socket = std::move(workersEnd);
+}
+
+void PairProcesses::postNotice() {
+  phase = Phase::notice;
+  child = std::make_unique<Child>([this](Heartbeat& heartbeat) {
+    context.keepOnly({}, LogAccess::left);
+    endAtTermination();
+    orvaned::postNotice(name, notice, user, context.options.confinement, context.supervisor,
+                        &heartbeat.refusedCall);
+    return 0;
+  });
+}
+
+void PairProcesses::workerEnded(int status) {
+  const bool wasKilled = WIFSIGNALED(status);
+  const bool died = wasKilled || WEXITSTATUS(status) == kTaskThrew;
+  served = served || child->isReady();
+  failed = !child->isReady();
+  if (died) {
+    logDeath(status);
+    if (connection) {
+      connection->send((failed ? "refused " : "failed ") + std::to_string(orvane::kWorkerDied) +
+                       " what served the queue died");
+    }
+    notice = kWorkerDiedNotice;
+  }
+  context.conclude(name, std::move(broker), died);
+  connection.reset();
+  child.reset();
+  if (died) {
+    begin();
+  } else {
+    removePair(name);
+    proceed();
+  }
+}
+
+void PairProcesses::logDeath(int status) const {
+  if (!WIFSIGNALED(status)) {
+    logger().log(LEVEL_ERROR, "workerEnded", orvane::kWorkerDied,
+                 "queue %s: its worker was ended by an exception", loggedName.c_str());
+    return;
+  }
+  const int call = child->refusedCall();
+  const std::string refused =
+      call >= 0 ? ": it made the system call " + nameOfCall(call) + ", which it may not" : "";
+  logger().log(LEVEL_ERROR, "workerEnded", orvane::kWorkerDied,
+               "queue %s: its worker was killed by signal %d%s", loggedName.c_str(),
+               WTERMSIG(status), refused.c_str());
+}
+
+void PairProcesses::refuseLease(const std::string& reason) {
+  if (connection) {
+    refuse(*connection, orvane::kNoPair, reason);
+    connection.reset();
+  }
+}
+
+}  // namespace orvaned

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "options.hpp"
+#include "shm/fd.hpp"
+#include "supervisor/child.hpp"
+
+namespace orvaned {
+
+// A worker's broker, and this end of the socket to it: with it another process can finish what the
+// worker left open.
+struct BrokerProcess {
+  std::unique_ptr<Child> process;
+  tool::Fd socket = tool::Fd();
+};
+
+// May a new process write to the log? One that is confined may not.
+enum class LogAccess { kept, left };
+
+// What the supervisor gives to those that start processes for it.
+struct ProcessContext {
+  const Options& options;
+  pid_t supervisor;
+  // In a new process: closes all files but these, the server's locks, and those of the log.
+  std::function<void(std::vector<int> files, LogAccess log)> keepOnly;
+  // Takes the broker of a queue's worker that has ended; `died`: the worker left its work undone.
+  std::function<void(const std::string& queue, BrokerProcess broker, bool died)> conclude;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,138 @@
+#include "supervisor/serve_pair.hpp"
+
+#include <unistd.h>
+
+#include <exception>
+#include <memory>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include <orvane/server_status.hpp>
+#include "log.hpp"
+#include "store/broker.hpp"
+#include "store/brokered_store.hpp"
+#include "store/store.hpp"
+#include "supervisor/pair_files.hpp"
+#include "worker/confinement.hpp"
+#include "worker/end_watch.hpp"
+#include "worker/queue_pair.hpp"
+#include "worker/worker.hpp"
+
+namespace orvaned {
+namespace {
+
+using orvane::server::LEVEL_ERROR;
+using orvane::server::LEVEL_INFO;
+using orvane::server::Logger;
+
+constexpr mode_t kOwnerOnly = 0600;
+constexpr int kFailed = 1;
+
+std::optional<Owner> ownerOf(const LeaseConnection* lease) {
+  return lease != nullptr ? std::optional(Owner{lease->producer().uid, lease->producer().gid})
+                          : std::nullopt;
+}
+
+Geometry geometryFor(const Options& options, const LeaseConnection* lease) {
+  Geometry geometry = options.geometry;
+  if (lease != nullptr) {
+    geometry.mode = kOwnerOnly;
+  }
+  return geometry;
+}
+
+std::unique_ptr<StoreAccess> storeFor(const Options& options, const std::string& queue,
+                                      BrokerClient& broker) {
+  if (options.store == kNullStore) {
+    return std::make_unique<LocalAccess>(options.store, queue, options.sync);
+  }
+  return std::make_unique<BrokeredAccess>(broker, options.store);
+}
+
+void logReady(const Logger& log, const Options& options, const std::string& queue,
+              const LeaseConnection* lease) {
+  const std::string producer = lease != nullptr
+                                   ? " for user " + std::to_string(lease->producer().uid) +
+                                         ", process " + std::to_string(lease->producer().pid)
+                                   : "";
+  log.log(LEVEL_INFO, "serve", 0, "serving queue %s%s (%zu messages of %zu bytes), storing into %s",
+          queue.c_str(), producer.c_str(), options.geometry.messages, options.geometry.messageSize,
+          doublePercent(options.store).c_str());
+}
+
+// All that needs a right. The producer has the queues by then, but nothing of what it may have
+// written into them has been looked at.
+struct Prepared {
+  Prepared(const Options& options, const std::string& queueName, LeaseConnection* lease,
+           BrokerClient& broker, Heartbeat& heartbeat)
+      : queues(queueName, geometryFor(options, lease), ownerOf(lease), &heartbeat),
+        watch(lease, std::chrono::seconds(lease != nullptr ? 0 : options.idleLimit)),
+        store(storeFor(options, queueName, broker), queueName, options.sync),
+        worker(queueName, queues, store, lease, Capture(options.capture, queueName)) {}
+
+  QueuePair queues;
+  EndWatch watch;
+  Store store;
+  Worker worker;
+};
+
+void confine(const Options& options, pid_t supervisor, Heartbeat& heartbeat) {
+  dropRights(options.confinement, supervisor);
+  restrictCalls(options.confinement, &heartbeat.refusedCall);
+}
+
+void serve(const Options& options, const std::string& queueName, LeaseConnection* lease,
+           BrokerClient& broker, pid_t supervisor, Heartbeat& heartbeat, const Logger& log) {
+  broker.checkStore();
+  Prepared prepared(options, queueName, lease, broker, heartbeat);
+  confine(options, supervisor, heartbeat);
+  prepared.queues.leaveNames();
+  heartbeat.ready = true;
+  const std::string queue = doublePercent(queueName);
+  logReady(log, options, queue, lease);
+  if (lease != nullptr) {
+    lease->send("lease " + queueName);
+  }
+  const Ending& ending = prepared.worker.run(
+      [&prepared](std::chrono::microseconds pause) { return prepared.watch.within(pause); });
+  log.log(LEVEL_INFO, "serve", 0, "stopped serving queue %s: %s", queue.c_str(),
+          ending.reason.c_str());
+}
+
+}  // namespace
+
+int servePair(const Options& options, const std::string& queueName, LeaseConnection* lease,
+              tool::Fd brokerSocket, pid_t supervisor, Heartbeat& heartbeat) {
+  const Logger log("orvaned");
+  // The log needs it to the end of the process.
+  static BrokerClient broker(std::move(brokerSocket));
+  broker.takeLog();
+  try {
+    serve(options, queueName, lease, broker, supervisor, heartbeat, log);
+    return 0;
+  } catch (const PairFailed& e) {
+    log.log(LEVEL_ERROR, "serve", kFailed, "%s", doublePercent(e.what()).c_str());
+  } catch (const std::runtime_error& e) {
+    if (heartbeat.ready) {
+      throw;
+    }
+    log.log(LEVEL_ERROR, "serve", kFailed, "%s", doublePercent(e.what()).c_str());
+    if (lease != nullptr) {
+      lease->send("refused " + std::to_string(orvane::kNoPair) + " " + e.what());
+    }
+  }
+  return kFailed;
+}
+
+int serveWorker(const Options& options, const std::string& queueName, tool::Fd worker,
+                pid_t supervisor) {
+  Broker({options.store, queueName, options.sync}, std::move(worker)).run();
+  if (getppid() != supervisor) {
+    removePair(queueName);
+  }
+  return 0;
+}
+
+}  // namespace orvaned

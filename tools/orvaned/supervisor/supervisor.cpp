@@ -1,0 +1,347 @@
+#include "supervisor/supervisor.hpp"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <exception>
+#include <utility>
+
+#include <orvane/server_status.hpp>
+#include "log.hpp"
+#include "shm/shm_names.hpp"
+#include "supervisor/pair_files.hpp"
+#include "worker/confinement.hpp"
+#include "worker/queue_pair.hpp"
+
+namespace orvaned {
+namespace {
+
+using orvane::server::LEVEL_ERROR;
+using orvane::server::LEVEL_INFO;
+using orvane::server::Logger;
+
+constexpr std::chrono::milliseconds kTick{500};  // between two looks at the heartbeats
+constexpr std::chrono::milliseconds kTickAtStart{10};
+constexpr std::chrono::seconds kTimeToFinish{10};
+constexpr std::chrono::seconds kTimeToCleanUp{4};
+constexpr std::size_t kMostDeadPairs = 16;  // looked after at a time
+constexpr std::size_t kUsualEvents = 32;
+
+tool::Fd openSignals() {
+  sigset_t signals = supervisorSignals();
+  return tool::Fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+}  // namespace
+
+sigset_t supervisorSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGTERM, SIGINT, SIGCHLD}) {
+    sigaddset(&signals, number);
+  }
+  // Whoever runs a program under nohup wants it to outlive the terminal.
+  struct sigaction hangup = {};
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {
+    sigaddset(&signals, SIGHUP);
+  }
+  return signals;
+}
+
+Supervisor::Supervisor(const Options& serverOptions)
+    : options(serverOptions),
+      context{options, getpid(),
+              [this](std::vector<int> files, LogAccess log) { keepOnly(std::move(files), log); },
+              [this](const std::string& queue, BrokerProcess broker, bool died) {
+                conclude(queue, std::move(broker), died);
+              }},
+      signals(openSignals()) {
+  events.reserve(kUsualEvents);
+  if (!options.queue.empty()) {
+    queueLock.emplace(tool::lockPathOf(options.queue));
+    requireOwnPair(options.queue, options.confinement.user);
+  }
+  if (!options.socket.empty()) {
+    leases.emplace();
+    desk.emplace(options.socket, options.geometry.mode);
+  }
+}
+
+bool Supervisor::run(LogWriter& log) {
+  tryTo("begin", [this] { begin(); });
+  while (!isOver()) {
+    tryTo("serve", [&] { step(log); });
+  }
+  abandonAll();
+  return !failed;
+}
+
+void Supervisor::begin() {
+  recoverAgain = Clock::now();
+  if (leases) {
+    searchAgain = Clock::now();
+  }
+  if (queueLock) {
+    pairs.emplace_back(context, PairProcesses::Kind::fixed, options.queue);
+  }
+  if (desk) {
+    Logger("orvaned").log(LEVEL_INFO, "serve", 0, "serving leases at %s, storing into %s",
+                          doublePercent(options.socket).c_str(),
+                          doublePercent(options.store).c_str());
+  }
+}
+
+void Supervisor::step(LogWriter& log) {
+  tellWhenReady();
+  waitForEvents();
+  log.restartIfEnded();
+  takeSignals();
+  tryTo("serve requests for leases", [this] { serveDesk(); });
+  stepPairs();
+  stepRecoveries();
+  stepSearch();
+}
+
+// Memory may be out; whatever was to be done is tried again, or was refused.
+void Supervisor::tryTo(const char* action, const std::function<void()>& task) noexcept {
+  try {
+    task();
+  } catch (const std::exception& e) {
+    try {
+      Logger("supervisor")
+          .log(LEVEL_ERROR, __func__, orvane::kNoPair, "cannot %s, going on: %s", action,
+               doublePercent(e.what()).c_str());
+    } catch (const std::exception&) {
+      // Not even a line about it.
+    }
+  }
+}
+
+// While others are served already: no new pair or stream has the name of an old one. A dead run's
+// last processes, or another server that cleans up after it or just looks, may still be in the way.
+void Supervisor::stepRecoveries() {
+  for (RecoveryProcess& recovery : recoveries) {
+    recovery.step();
+    if (recovery.isOver() && recovery.isToBeRepeated()) {
+      recoverAgain = Clock::now() + kTick;
+    }
+  }
+  std::erase_if(recoveries, [](const RecoveryProcess& recovery) { return recovery.isOver(); });
+  if (recoverAgain && Clock::now() >= *recoverAgain && !stopAt) {
+    recoverAgain = Clock::now() + kTick;  // unless the next line succeeds
+    recoveries.emplace_back(context, options.queue);
+    recoverAgain.reset();
+  }
+}
+
+void Supervisor::stepSearch() {
+  if (searchAgain && Clock::now() >= *searchAgain && !search && !stopAt) {
+    search.emplace(context);
+    searchAgain.reset();
+  }
+  if (!search) {
+    return;
+  }
+  while (deadPairs() < kMostDeadPairs) {
+    const auto left = search->next();
+    if (!left) {
+      break;
+    }
+    pairs.emplace_back(context, PairProcesses::Kind::dead, left->queue, left->user);
+  }
+  if ((search->isComplete() || stopAt) && deadPairs() == 0) {
+    search->release();
+  }
+  if (search->isOver()) {
+    searchAgain = search->isToBeRepeated() ? std::optional(Clock::now() + kTick) : std::nullopt;
+    search.reset();
+  }
+}
+
+void Supervisor::tellWhenReady() {
+  const auto isAwaited = [](const PairProcesses& pair) {
+    return pair.kind() == PairProcesses::Kind::fixed && !pair.isServing();
+  };
+  if (!ready && !stopAt && std::none_of(pairs.begin(), pairs.end(), isAwaited)) {
+    ready = true;
+    manager.tell("READY=1");
+  }
+}
+
+bool Supervisor::isOver() const {
+  const bool nothingLeft = pairs.empty() && recoveries.empty() && !search;
+  if (stopAt && Clock::now() >= *stopAt + kTimeToFinish + kTimeToCleanUp) {
+    return true;  // a process that even SIGKILL does not end: it waits for a disk
+  }
+  return (stopAt || failed) && nothingLeft;
+}
+
+// When there is no memory for all events, it waits for those that the list has room for.
+void Supervisor::waitForEvents() {
+  events.clear();
+  tryTo("wait for all events", [this] {
+    events.push_back({signals.get(), POLLIN, 0});
+    events.push_back({search && !search->isComplete() ? search->fd() : -1, POLLIN, 0});
+    if (desk) {
+      desk->addTo(events);
+    }
+  });
+  const auto tick = ready || stopAt ? kTick : kTickAtStart;
+  poll(events.data(), events.size(), static_cast<int>(tick.count()));
+}
+
+void Supervisor::takeSignals() {
+  signalfd_siginfo signal = {};
+  while (read(signals.get(), &signal, sizeof(signal)) == sizeof(signal)) {
+    if (signal.ssi_signo != SIGCHLD && !stopAt) {
+      stop();
+    }
+  }
+  if (stopAt && Clock::now() >= *stopAt + kTimeToFinish) {
+    for (PairProcesses& pair : pairs) {
+      pair.kill();
+    }
+  }
+}
+
+// What has not ended by now waits for a disk.
+void Supervisor::abandonAll() {
+  for (PairProcesses& pair : pairs) {
+    pair.abandon();
+  }
+  for (RecoveryProcess& recovery : recoveries) {
+    recovery.abandon();
+  }
+}
+
+void Supervisor::stop() {
+  stopAt = Clock::now();
+  manager.tell("STOPPING=1");
+  desk.reset();
+  for (PairProcesses& pair : pairs) {
+    pair.stop();
+  }
+  // What is not finished then is left to the next start.
+  for (const RecoveryProcess& recovery : recoveries) {
+    recovery.signal(SIGTERM);
+  }
+}
+
+void Supervisor::serveDesk() {
+  if (!desk) {
+    return;
+  }
+  const auto limit = [this](const ucred& producer, LeaseRequests::Count applications) {
+    return limitReachedBy(producer, applications);
+  };
+  for (auto& connection : desk->serve(limit)) {
+    startLease(std::move(connection));
+  }
+}
+
+void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
+  LeaseConnection* const asking = connection.get();
+  try {
+    const uid_t user = connection->producer().uid;
+    pairs.emplace_back(context, PairProcesses::Kind::leased, leases->newQueueName(), user,
+                       std::move(connection));
+  } catch (const std::exception& e) {
+    if (connection) {
+      refuse(*asking, orvane::kNoPair, e.what());
+    }
+  }
+}
+
+std::string Supervisor::limitReachedBy(const ucred& producer,
+                                       LeaseRequests::Count applications) const {
+  std::size_t own = applications.own;
+  std::size_t all = applications.all;
+  for (const PairProcesses& pair : pairs) {
+    if (const LeaseConnection* lease = pair.lease()) {
+      ++all;
+      own += lease->producer().uid == producer.uid ? 1 : 0;
+    }
+  }
+  if (own >= options.pairsPerUser) {
+    return "user " + std::to_string(producer.uid) + " has " + std::to_string(own) +
+           " leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
+  }
+  const std::size_t bytes = (all + 1) * bytesOfPair(options.geometry);
+  const std::size_t limit = shmLimit();
+  if (bytes > limit) {
+    return "the leases would take " + std::to_string(bytes) + " bytes of /dev/shm, of " +
+           std::to_string(limit) +
+           " that they may: end one, or start orvaned with a larger --shm-limit";
+  }
+  return "";
+}
+
+// If the system does not say how much there is, there is no limit here, and making a pair may fail.
+std::size_t Supervisor::shmLimit() const {
+  struct statvfs shm = {};
+  if (options.shmLimit != 0 || statvfs(tool::kShmFolder, &shm) != 0) {
+    return options.shmLimit != 0 ? options.shmLimit : SIZE_MAX;
+  }
+  return shm.f_blocks * shm.f_frsize / 2;
+}
+
+void Supervisor::stepPairs() {
+  for (auto pair = pairs.begin(); pair != pairs.end();) {
+    tryTo("look after a queue", [&] { pair->step(); });
+    if (pair->isOver()) {
+      failed = failed || (pair->kind() == PairProcesses::Kind::fixed && !stopAt);
+      pair = pairs.erase(pair);
+    } else {
+      ++pair;
+    }
+  }
+  if (failed && !stopAt) {
+    stop();
+  }
+}
+
+std::size_t Supervisor::deadPairs() const {
+  return static_cast<std::size_t>(std::count_if(
+      pairs.begin(), pairs.end(),
+      [](const PairProcesses& pair) { return pair.kind() == PairProcesses::Kind::dead; }));
+}
+
+// A broker that has died cannot help to finish the stream that was open: it is looked for.
+void Supervisor::conclude(const std::string& queue, BrokerProcess broker, bool died) {
+  if (!died) {
+    recoveries.push_back(RecoveryProcess::nothingLeft(std::move(broker)));
+  } else if (broker.process && !broker.process->ended()) {
+    recoveries.emplace_back(context, std::move(broker));
+  } else {
+    recoveries.emplace_back(context, queue);
+  }
+}
+
+// The locks too: they tell other servers that some process of this one still lives. A process that
+// has to do with a producer's memory keeps not even the standard files: what took it over could
+// fill them.
+void Supervisor::keepOnly(std::vector<int> files, LogAccess log) const {
+  if (queueLock) {
+    files.push_back(queueLock->file());
+  }
+  if (leases) {
+    files.push_back(leases->lockFile());
+  }
+  if (desk) {
+    files.push_back(desk->lockFile());
+  }
+  if (log == LogAccess::left) {
+    leaveLog();
+    closeStandardFiles();
+  } else {
+    files.push_back(logFile());
+  }
+  files.insert(files.end(), {STDIN_FILENO, STDOUT_FILENO});
+  closeAllBut(std::move(files));
+}
+
+}  // namespace orvaned

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string_view>
+
+namespace orvaned {
+
+// When what was written is brought onto the disk itself, where it survives a power cut.
+enum class Sync {
+  always,   // at each flush: before a batch is answered
+  segment,  // at the end of each segment and each stream
+  none      // when the system sees fit
+};
+
+// The store that keeps nothing, and only counts.
+constexpr std::string_view kNullStore = "/dev/null";
+
+}  // namespace orvaned

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <queue/message_queue.hpp>
+#include <span>
+#include <string>
+
+#include "geometry.hpp"
+#include "worker/guarded_buffer.hpp"
+#include "worker/heartbeat.hpp"
+#include "worker/stats_file.hpp"
+
+namespace orvaned {
+
+// Whom a pair is given to.
+struct Owner {
+  uid_t user;
+  gid_t group;
+};
+
+// Bytes of /dev/shm that a pair takes.
+std::size_t bytesOfPair(const Geometry& geometry);
+
+// A send queue and its response queue in /dev/shm, and the file of its totals, created and removed
+// with this object. Nothing here waits inside a queue. What Boost throws passes through: the pair
+// is then of no more use.
+class QueuePair {
+ public:
+  // Throws std::runtime_error, leaving nothing behind, when a name is taken, there is no room, or
+  // the pair cannot be given to `owner`. Without one it stays this process's user's. `heartbeat`
+  // is told of each call into the queues.
+  QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner = {},
+            Heartbeat* heartbeat = nullptr);
+
+  // The next message, if one is there; valid until the next call.
+  std::optional<std::span<const unsigned char>> receive();
+
+  // Messages that wait in the send queue.
+  std::size_t waiting();
+
+  // Posts an answer; errors overtake successes. While the response queue is full, successes are
+  // dropped, and the first error is kept until postPending() finds room for it.
+  void answer(const orvane::pvk_shm_response_t& response);
+  void postPending();
+
+  // Throws away the answers that nobody took.
+  void discardAnswers();
+
+  // From now on somebody else removes the names: this process is about to lose the right to.
+  void leaveNames();
+
+  // Messages that the send queue can hold.
+  std::size_t capacity() const { return most; }
+
+  // The published totals.
+  tool::QueueStats& stats() { return published.stats(); }
+
+ private:
+  struct Queue {
+    Queue(std::string queueName, std::size_t messages, std::size_t messageSize, mode_t mode,
+          std::optional<Owner> owner);
+    ~Queue();
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
+
+    void create(std::size_t messages, std::size_t messageSize, mode_t mode);
+    void publish(std::optional<Owner> owner);
+
+    const std::string name;
+    const std::string privateName;
+    bool removesName = true;
+    std::optional<boost::interprocess::message_queue> queue;
+  };
+
+  bool post(const orvane::pvk_shm_response_t& response);
+
+  Heartbeat unwatched;
+  Heartbeat& watched;
+  const std::size_t most;              // messages that the send queue holds
+  const GuardedBuffer buffer;          // for a message
+  const GuardedBuffer responseBuffer;  // for an answer that nobody took
+  StatsFile published;                 // before the queues: there is none without it
+  Queue response;  // before the send queue: a producer that finds that one must find both
+  Queue send;
+  std::optional<orvane::pvk_shm_response_t> pending;
+};
+
+}  // namespace orvaned

@@ -1,0 +1,96 @@
+#include "worker/stats_file.hpp"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+
+#include "shm/shm_names.hpp"
+
+namespace orvaned {
+namespace {
+
+using tool::QueueStats;
+
+constexpr mode_t kOwnersMode = 0600;
+constexpr mode_t kGroupReads = 0640;
+constexpr mode_t kAnyoneReads = 0444;
+
+[[noreturn]] void fail(const std::string& path, int error) {
+  throw std::runtime_error("cannot create " + path + ": " + std::generic_category().message(error));
+}
+
+std::uint64_t wallClockNow() {
+  return static_cast<std::uint64_t>(
+      std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count());
+}
+
+void lock(int file) {
+  struct flock wholeLife = {};
+  wholeLife.l_type = F_WRLCK;
+  wholeLife.l_len = 1;
+  fcntl(file, F_OFD_SETLK, &wholeLife);
+}
+
+}  // namespace
+
+StatsFile::StatsFile(const std::string& queueName, const Geometry& geometry,
+                     std::optional<gid_t> readers, std::optional<uid_t> user)
+    : path(tool::statsPathOf(queueName)),
+      file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kOwnersMode)) {
+  if (file.get() < 0) {
+    fail(path, errno);
+  }
+  try {
+    allocate();
+  } catch (...) {
+    unlink(path.c_str());
+    throw;
+  }
+  publish(geometry, readers, user);
+}
+
+// A file with holes would do until /dev/shm is full, and then kill whoever writes into it.
+void StatsFile::allocate() {
+  if (const int error = posix_fallocate(file.get(), 0, sizeof(QueueStats))) {
+    fail(path, error);
+  }
+  void* memory =
+      mmap(nullptr, sizeof(QueueStats), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  if (memory == MAP_FAILED) {
+    fail(path, errno);
+  }
+  mapped = new (memory) QueueStats;
+}
+
+void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
+                        std::optional<uid_t> user) {
+  lock(file.get());
+  // Where the group cannot be given, the queues cannot either, which is reported with them.
+  const bool given = readers && fchown(file.get(), static_cast<uid_t>(-1), *readers) == 0;
+  fchmod(file.get(), given ? kGroupReads : kOwnersMode | (geometry.mode & kAnyoneReads));
+  mapped->version = tool::kStatsVersion;
+  mapped->server = static_cast<std::uint64_t>(getppid());
+  mapped->worker = static_cast<std::uint64_t>(getpid());
+  mapped->messages = geometry.messages;
+  mapped->messageSize = geometry.messageSize;
+  mapped->madeAt = wallClockNow();
+  mapped->madeAtMonotonic = tool::monotonicNow();
+  mapped->userPlusOne = user ? std::uint64_t{*user} + 1 : 0;
+  mapped->magic = tool::kStatsMagic;
+}
+
+StatsFile::~StatsFile() {
+  munmap(mapped, sizeof(QueueStats));
+  if (removesName) {
+    unlink(path.c_str());
+  }
+}
+
+}  // namespace orvaned

@@ -1,0 +1,350 @@
+#include "worker/worker.hpp"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <utility>
+
+#include <orvane/server_status.hpp>
+#include "log.hpp"
+#include "store_format/receipt.hpp"
+
+namespace orvaned {
+
+using boost::interprocess::interprocess_exception;
+using orvane::pvk_shm_response_t;
+using orvane::server::LEVEL_ERROR;
+using orvane::server::LEVEL_INFO;
+using orvane::server::LEVEL_WARNING;
+
+namespace {
+
+// For a producer that reads its receipts when the worker ends.
+constexpr std::chrono::seconds kTimeToRead{5};
+constexpr int kLookAgainMs = 100;
+
+}  // namespace
+
+std::chrono::microseconds Pause::next() {
+  return std::exchange(length, std::min(length * 2, kLongest));
+}
+
+Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore,
+               LeaseConnection* leaseConnection, Capture messageCapture)
+    : queueName(std::move(name)),
+      loggedName(doublePercent(queueName)),
+      queues(queuePair),
+      stats(queuePair.stats()),
+      store(streamStore),
+      lease(leaseConnection),
+      capture(std::move(messageCapture)) {}
+
+const Ending& Worker::run(const EndWithin& endWithin) {
+  try {
+    const Ending* ending = nullptr;
+    for (auto wait = pause.next(); (ending = endWithin(wait)) == nullptr;) {
+      wait = step();
+    }
+    finish(*ending);
+    return *ending;
+  } catch (const interprocess_exception& e) {
+    giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")");
+  }
+}
+
+std::chrono::microseconds Worker::step() {
+  if (mayTake() && runOnce()) {
+    pause.reset();
+    return std::chrono::microseconds(0);
+  }
+  return pause.next();
+}
+
+bool Worker::runOnce() {
+  const auto message = queues.receive();
+  if (!message) {
+    queues.postPending();
+    return false;
+  }
+  capture.add(*message);
+  batchError.reset();
+  takeBatch(*message);
+  const pvk_shm_response_t response = answer();
+  countBatch(response.status);
+  queues.answer(response);
+  log.logTrace(__func__, "queue %s: answered %d \"%s\"", loggedName.c_str(), response.status,
+               doublePercent(response.text).c_str());
+  return true;
+}
+
+void Worker::finish(const Ending& ending) {
+  // The count is the queue's own, which a hostile producer may have forged.
+  std::size_t count = std::min(queues.waiting(), queues.capacity());
+  while (count-- > 0 && awaitReader(Unread::few)) {
+    runOnce();
+  }
+  abandonStream(tool::kCutOff, ending.reason, orvane::kServerEnding);
+  if (badBatches > 0) {
+    log.log(LEVEL_WARNING, __func__, orvane::kBadBatch,
+            "queue %s: %lu bad batches were refused in all", loggedName.c_str(), badBatches);
+  }
+  farewell(ending.farewell);
+  awaitReader(Unread::none);
+}
+
+// The receipts that nobody reads must not take all memory.
+bool Worker::mayTake() {
+  if (lease == nullptr) {
+    return true;
+  }
+  publishUnread();
+  const bool awaited = lease->isFull();
+  if (awaited && !receiptsAwaited) {
+    log.log(LEVEL_WARNING, __func__, 0,
+            "queue %s: no batch is taken until the producer reads some of its %zu receipts",
+            loggedName.c_str(), lease->waiting());
+  }
+  receiptsAwaited = awaited;
+  return !awaited;
+}
+
+// A producer that does not read is waited for once.
+bool Worker::awaitReader(Unread wanted) {
+  if (lease == nullptr) {
+    return true;
+  }
+  const auto isReached = [this, wanted] {
+    return wanted == Unread::none ? lease->drained() : !lease->isFull();
+  };
+  const auto deadline = std::chrono::steady_clock::now() + kTimeToRead;
+  while (!isReached() && !readerGivenUp) {
+    pollfd room = {lease->fd(), POLLOUT, 0};
+    poll(&room, 1, kLookAgainMs);
+    lease->sendKept();
+    readerGivenUp = std::chrono::steady_clock::now() >= deadline;
+  }
+  publishUnread();
+  return isReached();
+}
+
+void Worker::publishUnread() {
+  stats.unreadReceipts.store(lease->waiting(), std::memory_order_relaxed);
+}
+
+void Worker::countBatch(ox_status_t status) {
+  tool::add(stats.batches, 1);
+  if (status != 0) {
+    tool::add(stats.errorAnswers, 1);
+  }
+  stats.lastBatch.store(tool::monotonicNow(), std::memory_order_relaxed);
+}
+
+void Worker::takeBatch(std::span<const unsigned char> message) {
+  try {
+    const orvane::BatchView batch(message.data(), message.size());
+    log.logTrace(__func__, "queue %s: a batch of %zu records, %zu bytes", loggedName.c_str(),
+                 batch.size(), message.size());
+    for (const Entry& entry : batch) {
+      take(entry);
+    }
+  } catch (const Ox_ErrnoException& e) {
+    ++badBatches;
+    tool::add(stats.badBatches, 1);
+    fail(__func__, Ox_ErrnoException(orvane::kBadBatch, e.message(), ""));
+  }
+  flush();
+}
+
+void Worker::take(const Entry& entry) {
+  try {
+    switch (entry.header.type) {
+      case orvane::kRecordOpen:
+        return open(entry.header);
+      case orvane::kRecordClose:
+        return close(entry.header, tool::kClosed);
+      case orvane::kRecordStop:
+        return close(entry.header, tool::kStopped);
+      default:
+        return storeRecord(entry);
+    }
+  } catch (const Ox_ErrnoException& e) {
+    fail(__func__, e);
+  }
+}
+
+void Worker::open(const Header& header) {
+  checkNoData(header);
+  // Otherwise this stream's producer would be thrown the errors of the one before.
+  queues.discardAnswers();
+  broken.reset();
+  if (stream && stream->state.isFresh()) {
+    stream->state = StreamState(header);
+    return;
+  }
+  abandonStream(tool::kCutOff, "another stream was opened");
+  lastReceipt.clear();
+  try {
+    stream = Stream{StreamState(header), store.createStream()};
+  } catch (const Ox_ErrnoException& e) {
+    broken = e;
+    tellFailure(e.status(), e.message());
+    throw;
+  }
+  tool::add(stats.streams, 1);
+  tool::setStream(stats, stream->folder->stream());
+  log.log(LEVEL_INFO, __func__, 0, "queue %s: stream %s begins", loggedName.c_str(),
+          stream->folder->stream().c_str());
+}
+
+void Worker::close(const Header& header, const char* how) {
+  if (broken) {
+    note(*broken);
+    broken.reset();
+    return;
+  }
+  checkNoData(header);
+  if (stream) {
+    stream->state.take(header);
+    stream->folder->end(how, "", stream->state.skipped());
+    concludeStream();
+    tell(lastReceipt);
+  }
+}
+
+void Worker::storeRecord(const Entry& entry) {
+  if (broken) {
+    note(*broken);
+    return;
+  }
+  if (!stream) {
+    store.storeOutside(entry);
+    return countRecord(entry);
+  }
+  stream->state.take(entry.header);
+  switch (entry.header.type) {
+    case orvane::kRecordSegmentData:
+      stream->folder->storeSegmentData(entry);
+      stream->segmentHasData = stream->segmentHasData || entry.header.len > 0;
+      return countRecord(entry);
+    case orvane::kRecordEndOfSegment:
+      stream->folder->endSegment(entry.header);
+      return countSegment();
+    default:
+      stream->folder->storeOther(entry);
+      return countRecord(entry);
+  }
+}
+
+void Worker::countRecord(const Entry& entry) {
+  tool::add(stats.records, 1);
+  tool::add(stats.bytes, entry.header.len);
+}
+
+// As receipts count: a segment without data is none.
+void Worker::countSegment() {
+  tool::add(stats.segments, std::exchange(stream->segmentHasData, false) ? 1 : 0);
+}
+
+// At the end of each batch, so that its answer tells of a disk that is full.
+void Worker::flush() {
+  try {
+    if (stream) {
+      stream->folder->flush();
+    }
+  } catch (const Ox_ErrnoException& e) {
+    fail(__func__, e);
+  }
+  try {
+    store.flush();
+  } catch (const Ox_ErrnoException& e) {
+    report(__func__, e);
+  }
+}
+
+pvk_shm_response_t Worker::answer() const {
+  pvk_shm_response_t response;
+  if (const auto& error = batchError ? batchError : broken) {
+    response.assign(error->status(), error->what());
+  } else {
+    response.assign(0, lastReceipt.c_str());
+  }
+  return response;
+}
+
+void Worker::note(const Ox_ErrnoException& error) {
+  if (!batchError) {
+    batchError = error;
+  }
+}
+
+void Worker::logError(const char* function, const Ox_ErrnoException& error) const {
+  log.log(LEVEL_ERROR, function, error.status(), "queue %s: %s", loggedName.c_str(),
+          doublePercent(error.what()).c_str());
+}
+
+void Worker::report(const char* function, const Ox_ErrnoException& error) {
+  logError(function, error);
+  note(error);
+}
+
+void Worker::fail(const char* function, const Ox_ErrnoException& error) {
+  report(function, error);
+  if (stream) {
+    abandonStream(tool::kBroken, error.message(), error.status());
+    broken = error;
+  }
+}
+
+// Ends the stream, if there is one, where nobody asked for it: what fails then is only logged.
+void Worker::abandonStream(const char* how, const std::string& reason, ox_status_t status) {
+  if (!stream) {
+    return;
+  }
+  try {
+    stream->folder->end(how, reason, stream->state.skipped());
+  } catch (const Ox_ErrnoException& e) {
+    logError(__func__, e);
+  }
+  concludeStream();
+  if (status == 0) {
+    tell(lastReceipt);
+  } else {
+    tellFailure(status, reason);
+  }
+}
+
+void Worker::concludeStream() {
+  countSegment();
+  tool::setStream(stats, "");
+  lastReceipt = textOf(stream->folder->receipt());
+  log.log(LEVEL_INFO, __func__, 0, "queue %s: %s", loggedName.c_str(), lastReceipt.c_str());
+  stream.reset();
+}
+
+void Worker::tellFailure(ox_status_t status, const std::string& reason) {
+  tell("failed " + std::to_string(status) + " " + reason);
+}
+
+void Worker::tell(const std::string& text) {
+  if (lease != nullptr) {
+    lease->send(text);
+  }
+}
+
+void Worker::farewell(const std::string& reason) {
+  pvk_shm_response_t response;
+  response.assign(orvane::kServerEnding, reason.c_str());
+  queues.answer(response);
+}
+
+void Worker::giveUp(const std::string& reason) {
+  abandonStream(tool::kBroken, reason, orvane::kServerEnding);
+  try {
+    farewell(reason);
+  } catch (const interprocess_exception&) {
+    // The response queue is beyond use as well.
+  }
+  throw PairFailed("queue " + queueName + ": " + reason);
+}
+
+}  // namespace orvaned

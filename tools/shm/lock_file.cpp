@@ -1,0 +1,129 @@
+#include "shm/lock_file.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::milliseconds kBetweenTries{20};
+
+[[noreturn]] void fail(const std::string& path, int error) {
+  throw std::runtime_error("cannot lock " + path + ": " + std::generic_category().message(error));
+}
+
+Fd openFile(const std::string& path, int flags) {
+  Fd fd(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags, 0600));
+  if (fd.get() < 0 && (errno != ENOENT || (flags & O_CREAT) != 0)) {
+    fail(path, errno);
+  }
+  return fd;
+}
+
+// Not the file that was opened, if its owner removed it in between.
+bool isAt(const std::string& path, const Fd& fd) {
+  struct stat opened = {};
+  struct stat named = {};
+  return fstat(fd.get(), &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+         opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
+}
+
+bool tryLock(const std::string& path, const Fd& fd) {
+  if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+    return true;
+  }
+  if (errno != EWOULDBLOCK) {
+    fail(path, errno);
+  }
+  return false;
+}
+
+bool belongsTo(uid_t user, const Fd& fd) {
+  struct stat status = {};
+  return fstat(fd.get(), &status) == 0 && status.st_uid == user;
+}
+
+pid_t holderOf(const Fd& fd) {
+  char text[32] = {};
+  return pread(fd.get(), text, sizeof(text) - 1, 0) > 0 ? std::atoi(text) : 0;
+}
+
+bool isDead(pid_t process) {
+  return process > 0 && kill(process, 0) != 0 && errno == ESRCH;
+}
+
+}  // namespace
+
+LockFile::LockFile(std::string lockPath) : path(std::move(lockPath)) {
+  const auto deadline = Clock::now() + kPatience;
+  for (;;) {
+    fd = openFile(path, O_CREAT);
+    if (!belongsTo(geteuid(), fd)) {
+      throw std::runtime_error("cannot lock " + path +
+                               ": it belongs to another user: remove it, or take another name");
+    }
+    if (!tryLock(path, fd)) {
+      const pid_t holder = holderOf(fd);
+      if ((holder != 0 && !isDead(holder)) || Clock::now() >= deadline) {
+        throw std::runtime_error("another orvaned, process " + std::to_string(holder) + ", holds " +
+                                 path);
+      }
+      std::this_thread::sleep_for(kBetweenTries);
+    } else if (isAt(path, fd)) {
+      break;
+    }
+  }
+  const std::string owner = std::to_string(getpid()) + "\n";
+  if (ftruncate(fd.get(), 0) != 0 || pwrite(fd.get(), owner.data(), owner.size(), 0) < 0) {
+    const int error = errno;
+    unlink(path.c_str());
+    fail(path, error);
+  }
+}
+
+std::optional<LockFile> LockFile::takeOver(const std::string& path, uid_t user) {
+  Fd fd = openFile(path, 0);
+  if (fd.get() < 0 || !belongsTo(user, fd) || !tryLock(path, fd) || !isAt(path, fd) ||
+      ftruncate(fd.get(), 0) != 0) {
+    return std::nullopt;
+  }
+  return LockFile(path, std::move(fd));
+}
+
+LockFile::Owner LockFile::ownerOf(const std::string& path, uid_t user) {
+  const Fd fd = openFile(path, 0);
+  if (fd.get() >= 0 && !belongsTo(user, fd)) {
+    return Owner::alive;
+  }
+  if (fd.get() < 0 || tryLock(path, fd)) {
+    return Owner::dead;
+  }
+  const pid_t holder = holderOf(fd);
+  return holder == 0 ? Owner::dead : isDead(holder) ? Owner::dying : Owner::alive;
+}
+
+LockFile::~LockFile() {
+  if (fd.get() >= 0) {
+    unlink(path.c_str());
+  }
+}
+
+std::string lockPathOf(const std::string& name) {
+  return "/dev/shm/." + name + ".lock";
+}
+
+}  // namespace tool

@@ -1,0 +1,60 @@
+#include "shm/queue_stats.hpp"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <iterator>
+
+namespace tool {
+namespace {
+
+using Text = std::array<char, sizeof(QueueStats::stream)>;
+
+}  // namespace
+
+// A reader that sees any of the new words sees the odd number too: each word is released after it.
+void setStream(QueueStats& stats, const std::string& id) {
+  Text text = {};
+  std::copy_n(id.data(), std::min(id.size(), text.size()), text.data());
+  const std::uint64_t changes = stats.streamChanges.load(std::memory_order_relaxed);
+  stats.streamChanges.store(changes + 1, std::memory_order_relaxed);
+  for (std::size_t i = 0; i < std::size(stats.stream); ++i) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + i * sizeof word, sizeof word);
+    stats.stream[i].store(word, std::memory_order_release);
+  }
+  stats.streamChanges.store(changes + 2, std::memory_order_release);
+}
+
+std::optional<std::string> streamOf(const QueueStats& stats) {
+  const std::uint64_t changes = stats.streamChanges.load(std::memory_order_acquire);
+  Text text;
+  for (std::size_t i = 0; i < std::size(stats.stream); ++i) {
+    const std::uint64_t word = stats.stream[i].load(std::memory_order_acquire);
+    std::memcpy(text.data() + i * sizeof word, &word, sizeof word);
+  }
+  if (changes % 2 != 0 || stats.streamChanges.load(std::memory_order_relaxed) != changes) {
+    return std::nullopt;
+  }
+  return std::string(text.begin(), std::find(text.begin(), text.end(), '\0'));
+}
+
+std::uint64_t monotonicNow() {
+  return static_cast<std::uint64_t>(
+      std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());
+}
+
+std::optional<bool> isWorkerAlive(int statsFile) {
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  lock.l_len = 1;
+  if (fcntl(statsFile, F_OFD_GETLK, &lock) != 0) {
+    return std::nullopt;
+  }
+  return lock.l_type != F_UNLCK;
+}
+
+}  // namespace tool
