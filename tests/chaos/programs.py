@@ -14,6 +14,7 @@ START_BOUND = SLOWNESS * 5
 STOP_BOUND = SLOWNESS * 15
 LOCK_BOUND = 2
 
+LOST_LINE = re.compile(r"write\(2, .*(INJECTED|= \?)")
 LOG_PROCESS = "orvaned-log"  # the server's child that writes its log
 
 MEMORY_SLACK = 512  # KiB that a heap may grow by without a leak
@@ -161,6 +162,7 @@ class Server(Program):
         super().__init__(*arguments, **options)
         self.is_ready = is_ready
         self.held_at_start = None
+        self.trace = None  # what strace writes about it
         self.may_give_up = False  # because the case keeps it from what it needs
 
     def wait_until_ready(self):
@@ -207,6 +209,10 @@ class Server(Program):
             pass
         self.process.wait()
 
+    def could_not_log(self):
+        """The fault hit the log: a write to standard error failed, or ended its process."""
+        return self.trace is not None and LOST_LINE.search(self.trace.read_text(errors="replace"))
+
     def check_end(self):
         """However it ended, it did so as its --help says, and nothing of it lives on."""
         code = self.process.returncode
@@ -215,7 +221,7 @@ class Server(Program):
         unloaded = code == 127 and self.may_give_up  # the loader's own exit code
         if code not in (0, 1) and code >= 0 and not unloaded:
             raise Broken(f"{self.name} ended with exit code {code}")
-        if code > 0 and "error" not in self.errors:
+        if code > 0 and "error" not in self.errors and not self.could_not_log():
             raise Broken(f"{self.name} ended with exit code {code} and without a reason")
         poll(lambda: not living_processes(self.pid), STOP_BOUND,
              f"the processes of {self.name} were not gone")

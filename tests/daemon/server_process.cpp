@@ -128,9 +128,10 @@ pid_t ServerProcess::workerOf(const std::string& queue) const {
     std::ifstream children(listed);
     for (pid_t child = 0; children >> child;) {
       std::ifstream maps("/proc/" + std::to_string(child) + "/maps");
-      const std::string memory{std::istreambuf_iterator<char>(maps), {}};
-      if (memory.find(mapped) != std::string::npos) {
-        return child;
+      for (std::string line; std::getline(maps, line);) {  // until it ends, or its process has
+        if (line.find(mapped) != std::string::npos) {
+          return child;
+        }
       }
     }
     sched_yield();

@@ -121,6 +121,16 @@ TEST_F(LogWriterTest, ABurstWaitsInTheSocketForAProcessThatDoesNotRun) {
   EXPECT_EQ(linesOf(pipe.readAll()).size(), 400U);
 }
 
+TEST_F(LogWriterTest, WhatADeadProcessHadNotWrittenIsWrittenAtTheEnd) {
+  orvane::test::stop(writer->process());
+  ErrorA(1, "a::b: why the server ends");
+  kill(writer->process(), SIGKILL);
+  siginfo_t ended = {};
+  waitid(P_PID, static_cast<id_t>(writer->process()), &ended, WEXITED | WNOWAIT);
+  writer->finish();
+  EXPECT_EQ(withoutTimes(pipe.readAll()), "TIME error 1 a::b: why the server ends\n");
+}
+
 TEST_F(LogWriterTest, TheFlagsOfASharedStandardErrorStayAsTheyAre) {
   const int before = fcntl(pipe.writingEnd(), F_GETFL);
   pipe.fill();

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -22,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Process {
+  std::string name;
   pid_t parent;
   pid_t group;
 };
@@ -35,9 +37,11 @@ std::map<pid_t, Process> processes() {
     if (name.find_first_not_of("0123456789") != std::string::npos || !std::getline(file, stat)) {
       continue;
     }
-    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    const std::size_t nameEnd = stat.rfind(')');
+    std::istringstream fields(stat.substr(nameEnd + 1));
     char state = 0;
     Process process = {};
+    process.name = stat.substr(stat.find('(') + 1, nameEnd - stat.find('(') - 1);
     fields >> state >> process.parent >> process.group;
     found[std::stoi(name)] = process;
   }
@@ -55,6 +59,14 @@ class SupervisorTest : public LeaseTest {
       }
     }
     return true;
+  }
+
+  void killBrokers() const {
+    for (const auto& [id, process] : processes()) {
+      if (process.parent == server->process() && process.name == "orvaned-broker") {
+        kill(id, SIGKILL);
+      }
+    }
   }
 
   const std::string storeAway = folder.path() + "/away";
@@ -86,18 +98,29 @@ TEST_F(SupervisorTest, EndsAWorkerWhoseBrokerDiedAndFinishesItsStream) {
   start();
   LeasedProducer producer(socket);
   EXPECT_EQ(producer.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
-  for (const auto& [id, process] : processes()) {
-    if (process.parent == server->process() &&
-        readFile("/proc/" + std::to_string(id) + "/comm") == "orvaned-broker\n") {
-      kill(id, SIGKILL);
-    }
-  }
+  killBrokers();
   EXPECT_EQ(producer.client.next(), "failed 1008 what served the queue died");
   EXPECT_TRUE(server->says(" error 1008 pair::step: queue " + producer.name +
                            ": its worker has lost the process that opens its files and is "
                            "killed\n"));
-  EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=the server died\n");
+  EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=its worker died\n");
   EXPECT_EQ(readFile(folderOf(producer.name) + "/segment-000000"), "hello");
+}
+
+// Such a worker can end in order, before the supervisor looks.
+TEST_F(SupervisorTest, FinishesTheStreamOfAWorkerThatEndedWithoutItsBroker) {
+  start();
+  auto producer = std::make_unique<LeasedProducer>(socket);
+  const std::string queue = producer->name;
+  EXPECT_EQ(producer->queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
+  const pid_t worker = server->workerOf(queue);
+  stop(server->process());
+  killBrokers();
+  producer.reset();
+  EXPECT_TRUE(eventually([&] { return stateOf(worker) == 'Z'; }));
+  kill(server->process(), SIGCONT);
+  EXPECT_EQ(endingOf(queue), "end=cut-off\nreason=its producer died or left\n");
+  EXPECT_EQ(readFile(folderOf(queue) + "/segment-000000"), "hello");
 }
 
 // A dead run whose last process lingers makes the supervisor look again and again.

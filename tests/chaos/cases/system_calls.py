@@ -31,6 +31,7 @@ def producer_dies_in_call(scene):
       often=4)
 def server_dies_in_call(scene):
     server = scene.start_server(dying(scene, SERVER_CALLS), is_ready=scene.has_names)
+    server.trace = scene.folder / "trace"
     server.killed = True
     if server.wait_until_ready():
         scene.send(may_fail=EVERYBODY)
@@ -45,6 +46,7 @@ def server_call_fails(scene):
     server = scene.start_server(strace(scene, call, f"error={error}:when={when}"),
                                 is_ready=scene.has_names)
     server.may_give_up = scene.needs_recovery = True
+    server.trace = scene.folder / "trace"
     if server.wait_until_ready():
         scene.send(may_fail=EVERYBODY)
     scene.undo = lambda: (note_moment(scene, "(INJECTED)"), scene.end_if_running(server))

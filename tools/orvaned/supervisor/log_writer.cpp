@@ -125,9 +125,7 @@ void LogWriter::start() noexcept {
 }
 
 void LogWriter::restartIfEnded() noexcept {
-  if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == pid) {
-    pid = -1;
-  }
+  noticeEnd();
   // Not at once: a process that cannot live would keep this one busy.
   if (pid < 0 && Clock::now() - lastStart >= kBetweenStarts) {
     start();
@@ -137,7 +135,17 @@ void LogWriter::restartIfEnded() noexcept {
   }
 }
 
+void LogWriter::noticeEnd() noexcept {
+  if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == pid) {
+    pid = -1;
+  }
+}
+
 void LogWriter::finish() noexcept {
+  noticeEnd();
+  if (pid < 0 && log.reader.get() >= 0) {
+    start();  // the socket may still hold the reason why the server ends
+  }
   if (pid > 0) {
     shutdown(log.sender.get(), SHUT_WR);  // other processes may linger in a disk
     if (!hasEndedWithin(kTimeToFinish)) {

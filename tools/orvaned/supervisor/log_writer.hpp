@@ -40,6 +40,7 @@ class LogWriter {
   using Clock = std::chrono::steady_clock;
 
   void start() noexcept;
+  void noticeEnd() noexcept;
   bool hasEndedWithin(std::chrono::milliseconds time) const noexcept;
 
   pid_t pid = -1;  // none

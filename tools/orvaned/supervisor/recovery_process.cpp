@@ -1,12 +1,10 @@
 #include "supervisor/recovery_process.hpp"
 
-#include <sys/wait.h>
-
 #include <exception>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "leases/lease_run.hpp"
 #include "log.hpp"
 #include "store/broker.hpp"
@@ -17,6 +15,8 @@
 namespace orvaned {
 namespace {
 
+using tool::LockFile;
+
 constexpr int kAgain = 4;  // the broker's exit code when there may be more to do later
 
 void logError(const char* function, const char* what, const std::exception& error) {
@@ -26,12 +26,14 @@ void logError(const char* function, const char* what, const std::exception& erro
 }
 
 // Runs in the broker's process.
-int searchStore(const Options& options, const std::string& ownQueue, tool::Fd confined) {
+int searchStore(const Options& options,
+                const std::function<LockFile::Owner(const std::string&)>& ownerOf,
+                tool::Fd confined) {
   bool again = false;
   const auto isDead = [&](const std::string& queue) {
-    const tool::LockFile::Owner owner = ownerOfLeased(queue);
-    again = again || owner == tool::LockFile::Owner::dying;
-    return queue == ownQueue || owner == tool::LockFile::Owner::dead;
+    const LockFile::Owner owner = ownerOf(queue);
+    again = again || owner == LockFile::Owner::dying;
+    return owner == LockFile::Owner::dead;
   };
   try {
     LocalUnfinishedStreams unfinished(options.store, isDead);
@@ -58,42 +60,64 @@ int recoverConfined(const Options& options, tool::Fd brokerSocket, pid_t supervi
 
 }  // namespace
 
-RecoveryProcess::RecoveryProcess(const ProcessContext& context, BrokerProcess workersBroker)
-    : broker(std::move(workersBroker.process)) {
-  try {
-    startConfined(context, workersBroker.socket, "its worker");
-  } catch (const std::exception& e) {
-    logError("recover", "the next start finishes what a dead worker left", e);
-  }
+RecoveryProcess::RecoveryProcess(const ProcessContext& processContext, std::string queue,
+                                 const char* whoDied)
+    : context(processContext), queueName(std::move(queue)), who(whoDied) {}
+
+RecoveryProcess RecoveryProcess::ofDeadServers(const ProcessContext& context) {
+  RecoveryProcess process(context, "", "the server");
+  process.search([&fixed = context.options.queue](const std::string& queue) {
+    return queue == fixed ? LockFile::Owner::dead : ownerOfLeased(queue);
+  });
+  return process;
 }
 
-RecoveryProcess::RecoveryProcess(const ProcessContext& context, const std::string& ownQueue) {
+RecoveryProcess RecoveryProcess::ofQueue(const ProcessContext& context, const std::string& queue) {
+  RecoveryProcess process(context, queue, "its worker");
+  process.search([&queue](const std::string& other) {
+    return other == queue ? LockFile::Owner::dead : LockFile::Owner::alive;
+  });
+  return process;
+}
+
+RecoveryProcess RecoveryProcess::ofWorker(const ProcessContext& context, const std::string& queue,
+                                          BrokerProcess workersBroker) {
+  const tool::Fd socket = std::move(workersBroker.socket);
+  RecoveryProcess process = nothingLeft(context, queue, std::move(workersBroker));
+  process.start([&] { process.startConfined(socket); });
+  return process;
+}
+
+RecoveryProcess RecoveryProcess::nothingLeft(const ProcessContext& context,
+                                             const std::string& queue,
+                                             BrokerProcess workersBroker) {
+  RecoveryProcess process(context, queue, "its worker");
+  process.broker = std::move(workersBroker.process);
+  return process;
+}
+
+void RecoveryProcess::search(const OwnerOf& ownerOf) {
+  start([&] {
+    const auto [confinedsEnd, brokersEnd] = connectedSockets();
+    broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
+      context.keepOnly({file}, LogAccess::kept);
+      endAtTermination();
+      return searchStore(context.options, ownerOf, tool::Fd(file));
+    });
+    startConfined(confinedsEnd);
+  });
+}
+
+void RecoveryProcess::start(const std::function<void()>& task) {
   try {
-    startSearch(context, ownQueue);
+    task();
   } catch (const std::exception& e) {
-    logError("recover", "cannot look for unfinished streams, trying again", e);
+    logError("recover", "cannot finish streams that were left, trying again", e);
     repeat = true;
   }
 }
 
-RecoveryProcess RecoveryProcess::nothingLeft(BrokerProcess broker) {
-  RecoveryProcess process;
-  process.broker = std::move(broker.process);
-  return process;
-}
-
-void RecoveryProcess::startSearch(const ProcessContext& context, const std::string& ownQueue) {
-  const auto [confinedsEnd, brokersEnd] = connectedSockets();
-  broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
-    context.keepOnly({file}, LogAccess::kept);
-    endAtTermination();
-    return searchStore(context.options, ownQueue, tool::Fd(file));
-  });
-  startConfined(context, confinedsEnd, "the server");
-}
-
-void RecoveryProcess::startConfined(const ProcessContext& context, const tool::Fd& socket,
-                                    const char* who) {
+void RecoveryProcess::startConfined(const tool::Fd& socket) {
   confined = std::make_unique<Child>([&](Heartbeat& heartbeat) {
     context.keepOnly({socket.get()}, LogAccess::left);
     return recoverConfined(context.options, tool::Fd(socket.get()), context.supervisor, who,
@@ -106,7 +130,7 @@ void RecoveryProcess::step() {
     confined.reset();
   }
   if (const auto status = broker ? broker->ended() : std::nullopt) {
-    repeat = repeat || (WIFEXITED(*status) && WEXITSTATUS(*status) == kAgain);
+    repeat = repeat || *status != 0;
     broker.reset();
   }
 }

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "shm/lock_file.hpp"
 #include "supervisor/process_context.hpp"
 
 namespace orvaned {
@@ -11,15 +13,22 @@ namespace orvaned {
 // reads and checks the files. Nothing here throws or blocks.
 class RecoveryProcess {
  public:
-  // Finishes the stream that a dead worker left open, with its broker.
-  RecoveryProcess(const ProcessContext& context, BrokerProcess workersBroker);
+  // Finishes the streams of dead servers, and those of this server's fixed queue that an earlier
+  // server left.
+  static RecoveryProcess ofDeadServers(const ProcessContext& context);
 
-  // Finishes the streams of dead servers in the store; where `ownQueue` is not empty, also those of
-  // the queue of that name that nobody has locked: this server alone serves it.
-  RecoveryProcess(const ProcessContext& context, const std::string& ownQueue);
+  // Finishes the stream that a dead worker of this queue left open, with the worker's broker. Where
+  // that has died too, the stream has to be looked for: isToBeRepeated().
+  static RecoveryProcess ofWorker(const ProcessContext& context, const std::string& queue,
+                                  BrokerProcess workersBroker);
 
-  // Only waits for the end of a broker that has nothing left to do.
-  static RecoveryProcess nothingLeft(BrokerProcess broker);
+  // The same without the broker: finishes each stream of this queue that nobody has locked.
+  static RecoveryProcess ofQueue(const ProcessContext& context, const std::string& queue);
+
+  // Only waits for the end of the broker of a worker that ended in order. A broker that was killed
+  // may have kept its worker from finishing a stream.
+  static RecoveryProcess nothingLeft(const ProcessContext& context, const std::string& queue,
+                                     BrokerProcess workersBroker);
 
   void step();
   void signal(int number) const;
@@ -27,15 +36,23 @@ class RecoveryProcess {
 
   bool isOver() const { return !broker && !confined; }
 
-  // Once it is over: the store could not be searched, or some server is still dying.
+  // Once it is over: its broker died, the store could not be searched, or some server is still
+  // dying. The search has to be done again, of this queue, or of dead servers where it is empty.
   bool isToBeRepeated() const { return repeat; }
+  const std::string& queue() const { return queueName; }
 
  private:
-  RecoveryProcess() = default;
+  using OwnerOf = std::function<tool::LockFile::Owner(const std::string& queue)>;
 
-  void startSearch(const ProcessContext& context, const std::string& ownQueue);
-  void startConfined(const ProcessContext& context, const tool::Fd& socket, const char* who);
+  RecoveryProcess(const ProcessContext& processContext, std::string queue, const char* whoDied);
 
+  void search(const OwnerOf& ownerOf);
+  void start(const std::function<void()>& task);
+  void startConfined(const tool::Fd& socket);
+
+  const ProcessContext& context;
+  const std::string queueName;
+  const char* const who;
   std::unique_ptr<Child> broker;
   std::unique_ptr<Child> confined;
   bool repeat = false;

@@ -81,6 +81,7 @@ bool Supervisor::run(LogWriter& log) {
 }
 
 void Supervisor::begin() {
+  unfinished.insert("");
   recoverAgain = Clock::now();
   if (leases) {
     searchAgain = Clock::now();
@@ -127,13 +128,18 @@ void Supervisor::stepRecoveries() {
   for (RecoveryProcess& recovery : recoveries) {
     recovery.step();
     if (recovery.isOver() && recovery.isToBeRepeated()) {
+      unfinished.insert(recovery.queue());
       recoverAgain = Clock::now() + kTick;
     }
   }
   std::erase_if(recoveries, [](const RecoveryProcess& recovery) { return recovery.isOver(); });
   if (recoverAgain && Clock::now() >= *recoverAgain && !stopAt) {
-    recoverAgain = Clock::now() + kTick;  // unless the next line succeeds
-    recoveries.emplace_back(context, options.queue);
+    recoverAgain = Clock::now() + kTick;  // unless the next lines succeed
+    for (; !unfinished.empty(); unfinished.erase(unfinished.begin())) {
+      const std::string& queue = *unfinished.begin();
+      recoveries.push_back(queue.empty() ? RecoveryProcess::ofDeadServers(context)
+                                         : RecoveryProcess::ofQueue(context, queue));
+    }
     recoverAgain.reset();
   }
 }
@@ -310,15 +316,9 @@ std::size_t Supervisor::deadPairs() const {
       [](const PairProcesses& pair) { return pair.kind() == PairProcesses::Kind::dead; }));
 }
 
-// A broker that has died cannot help to finish the stream that was open: it is looked for.
 void Supervisor::conclude(const std::string& queue, BrokerProcess broker, bool died) {
-  if (!died) {
-    recoveries.push_back(RecoveryProcess::nothingLeft(std::move(broker)));
-  } else if (broker.process && !broker.process->ended()) {
-    recoveries.emplace_back(context, std::move(broker));
-  } else {
-    recoveries.emplace_back(context, queue);
-  }
+  recoveries.push_back(died ? RecoveryProcess::ofWorker(context, queue, std::move(broker))
+                            : RecoveryProcess::nothingLeft(context, queue, std::move(broker)));
 }
 
 // The locks too: they tell other servers that some process of this one still lives. A process that

@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,8 @@ class Supervisor {
   std::optional<LeaseRequests> desk;
   std::optional<DeadRunSearch> search;
   std::optional<Clock::time_point> searchAgain;
+  // Whose streams in the store are to be looked for: queues, and all of dead servers ("").
+  std::set<std::string> unfinished;
   std::optional<Clock::time_point> recoverAgain;
   std::list<RecoveryProcess> recoveries;
   std::list<PairProcesses> pairs;
