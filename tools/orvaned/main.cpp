@@ -18,6 +18,7 @@
 #include "supervisor/log_writer.hpp"
 #include "supervisor/supervisor.hpp"
 #include "worker/capture.hpp"
+#include "worker/confinement.hpp"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <orvane/orvane.hpp>
 #include <string>
 
+#include "confinement_settings.hpp"
 #include "geometry.hpp"
 #include "shm/queue_rules.hpp"
 #include "sync.hpp"
-#include "worker/confinement.hpp"
 
 namespace orvaned {
 

@@ -13,6 +13,7 @@
 #include "shm/fd.hpp"
 #include "shm/shm_names.hpp"
 #include "supervisor/pair_files.hpp"
+#include "worker/confinement.hpp"
 #include "worker/guarded_buffer.hpp"
 
 namespace orvaned {

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "worker/confinement.hpp"
+#include "confinement_settings.hpp"
 
 namespace orvaned {
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "confinement_settings.hpp"
+
 namespace orvaned {
 
 // A worker reads memory that a producer can change at any moment, through a queue that was not made
@@ -18,19 +20,6 @@ namespace orvaned {
 //   dropRights(confinement, supervisor);
 //   restrictCalls(confinement, &heartbeat.refusedCall);
 //   // now the producer's first byte
-
-struct WorkerUser {
-  uid_t user;
-  gid_t group;
-};
-
-// What a worker gives up. A member is false where `--without` names it.
-struct Confinement {
-  bool capabilities = true;        // capset
-  bool landlock = true;            // landlock
-  bool seccomp = true;             // seccomp
-  std::optional<WorkerUser> user;  // by default, the server's own user
-};
 
 // Gives up, for ever: the user, its groups, all capabilities, new privileges through execve(), core
 // dumps and being traced by others of the same user, and with Landlock every path. `parent` is the

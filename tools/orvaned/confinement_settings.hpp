@@ -1,0 +1,22 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+
+namespace orvaned {
+
+struct WorkerUser {
+  uid_t user;
+  gid_t group;
+};
+
+// What a worker gives up. A member is false where `--without` names it.
+struct Confinement {
+  bool capabilities = true;        // capset
+  bool landlock = true;            // landlock
+  bool seccomp = true;             // seccomp
+  std::optional<WorkerUser> user;  // by default, the server's own user
+};
+
+}  // namespace orvaned
