@@ -235,6 +235,17 @@ TEST_F(RecoveryTest, AStreamThatMissedOnlyItsManifestsNameKeepsItsEnding) {
                "bytes=5 segments=1 end=closed");
 }
 
+TEST_F(RecoveryTest, AStreamThatHadEndedWithoutListingAFileIsNotWhole) {
+  file("manifest.part", std::string(kFirst) + kHello + kClosed);
+  file("segment-000000", "hello");
+  file("segment-000001.part", "on");
+  recover();
+  EXPECT_EQ(files(), (Names{"manifest", "segment-000000", "segment-000001.part"}));
+  EXPECT_EQ(manifest(), std::string(kFirst) + kHello +
+                            "unfinished file=segment-000001.part bytes=2 crc32=09b629c8\n" +
+                            kHelloWhole);
+}
+
 TEST_F(RecoveryTest, AnEndingThatIsTornIsNone) {
   const std::string ending = kClosed;
   for (std::size_t size = 0; size < ending.size(); ++size) {

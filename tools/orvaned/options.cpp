@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <iostream>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <stdexcept>
 #include <vector>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 #include "store_format/size_text.hpp"
 

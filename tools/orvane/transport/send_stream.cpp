@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <orvane/server_status.hpp>
 #include <vector>
 
-#include <orvane/server_status.hpp>
 #include "exit.hpp"
 #include "store_format/receipt.hpp"
 #include "transport/backoff.hpp"

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <system_error>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 
 namespace orvaned {

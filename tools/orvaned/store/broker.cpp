@@ -10,11 +10,11 @@
 #include <chrono>
 #include <exception>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 #include "store_format/manifest_lines.hpp"
 

@@ -4,10 +4,9 @@
 
 #include <cstddef>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <stdexcept>
 #include <utility>
-
-#include <orvane/server_status.hpp>
 
 namespace orvaned {
 namespace {

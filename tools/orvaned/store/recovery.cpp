@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -13,7 +14,6 @@
 #include <system_error>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 #include "store/manifest_file.hpp"
 #include "store_format/stored_file.hpp"
@@ -122,6 +122,8 @@ class LeftStream {
   void checkOthers(const OtherRecords& others);
   std::string faultOf(const std::string& name, const tool::Content& listedContent);
   tool::Content contentOf(const std::string& name);
+  bool isUnlisted(const std::string& name) const;
+  bool isAllListed(const OtherRecords& others) const;
   void addUnlisted();
   void addUnlisted(const std::string& name);
 
@@ -149,7 +151,7 @@ tool::Receipt LeftStream::finish(const std::string& queue, const std::string& st
   if (found.receipt) {
     checkOthers(found.others);
   }
-  if (found.receipt && damaged.empty()) {
+  if (found.receipt && damaged.empty() && isAllListed(found.others)) {
     manifest.resume(found.allBytes);
     manifest.finish();
     return *found.receipt;
@@ -218,10 +220,21 @@ tool::Content LeftStream::contentOf(const std::string& name) {
   return tool::contentOf(folder.read(name), folder.pathOf(name));
 }
 
+bool LeftStream::isUnlisted(const std::string& name) const {
+  const bool isRecords = name == kOtherRecords || name.starts_with("segment-");
+  return isRecords && !listed.contains(name);
+}
+
+// Not when the worker's last file was made, but the worker did not learn it.
+bool LeftStream::isAllListed(const OtherRecords& others) const {
+  return std::none_of(names.begin(), names.end(), [&](const std::string& name) {
+    return isUnlisted(name) && (name != kOtherRecords || others.records == 0);
+  });
+}
+
 void LeftStream::addUnlisted() {
   for (const std::string& name : names) {
-    const bool isRecords = name == kOtherRecords || name.starts_with("segment-");
-    if (isRecords && !listed.contains(name)) {
+    if (isUnlisted(name)) {
       addUnlisted(name);
     }
   }

@@ -11,11 +11,10 @@
 #include <cstdio>
 #include <memory>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <string_view>
 #include <system_error>
 #include <utility>
-
-#include <orvane/server_status.hpp>
 
 namespace orvaned {
 namespace {

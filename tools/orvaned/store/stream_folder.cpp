@@ -1,9 +1,8 @@
 #include "store/stream_folder.hpp"
 
+#include <orvane/server_status.hpp>
 #include <utility>
 #include <vector>
-
-#include <orvane/server_status.hpp>
 
 namespace orvaned {
 

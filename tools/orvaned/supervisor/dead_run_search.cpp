@@ -10,9 +10,9 @@
 #include <cstddef>
 #include <exception>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "leases/lease_run.hpp"
 #include "log.hpp"
 #include "shm/queue_stats.hpp"

@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <queue/message_queue.hpp>
 #include <stdexcept>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "shm/fd.hpp"
 #include "shm/shm_names.hpp"
 #include "supervisor/pair_files.hpp"

@@ -4,11 +4,11 @@
 
 #include <csignal>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "leases/lease_requests.hpp"
 #include "log.hpp"
 #include "supervisor/notice.hpp"

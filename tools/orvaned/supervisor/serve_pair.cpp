@@ -6,10 +6,10 @@
 #include <memory>
 #include <optional>
 #include <orvane/orvane.hpp>
+#include <orvane/server_status.hpp>
 #include <stdexcept>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 #include "store/broker.hpp"
 #include "store/brokered_store.hpp"

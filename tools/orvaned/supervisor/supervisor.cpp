@@ -8,9 +8,9 @@
 #include <algorithm>
 #include <csignal>
 #include <exception>
+#include <orvane/server_status.hpp>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 #include "shm/shm_names.hpp"
 #include "supervisor/pair_files.hpp"

@@ -1,8 +1,7 @@
 #include "worker/stream_state.hpp"
 
-#include <string>
-
 #include <orvane/server_status.hpp>
+#include <string>
 
 namespace orvaned {
 

@@ -3,9 +3,9 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <orvane/server_status.hpp>
 #include <utility>
 
-#include <orvane/server_status.hpp>
 #include "log.hpp"
 #include "store_format/receipt.hpp"
 
