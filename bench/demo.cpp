@@ -44,7 +44,7 @@ double throughServer(const Served& server, const Load& load, std::size_t bytes) 
   }
   writer.endSegment();
   writer.close();
-  const std::string receipt = lease.receipt(kTimeout);
+  const std::string receipt = textOf(lease.receipt(kTimeout));
   const double taken = secondsSince(begin);
   const std::string stored = "records=" + std::to_string(records) +
                              " bytes=" + std::to_string(records * load.data().size()) +

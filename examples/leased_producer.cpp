@@ -10,7 +10,7 @@ int main(int argc, char** argv) try {
   writer.writeSegment(order, sizeof order - 1);
   writer.endSegment();
   writer.close();
-  std::cout << lease.receipt(30) << "\n";
+  std::cout << textOf(lease.receipt(30)) << "\n";
 } catch (const std::exception& e) {
   std::cerr << "producer: " << e.what() << "\n";
   return 1;

@@ -100,7 +100,7 @@ int main(int argc, char** argv) try {
   }
   // The last answers are not awaited by the writer. This is: without it, nothing is known to be
   // stored.
-  std::cout << lease.receipt(kServerSeconds) << "\n";
+  std::cout << textOf(lease.receipt(kServerSeconds)) << "\n";
 } catch (const std::exception& e) {
   std::cerr << "producer: " << e.what() << "\n";
   return 1;

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "orvane/export.hpp"
+#include "orvane/receipt.hpp"
 #include "orvane/status.hpp"
 
 namespace orvane {
@@ -16,7 +17,7 @@ constexpr ox_status_t kLeaseLost = 901;      // the server ended, or let go of t
 //   Lease lease("/run/orvaned/orders/socket", 5);
 //   ShmWriter writer("backup", lease.queueName(), 30, 5, false);
 //   ... writer.close();
-//   std::string stored = lease.receipt(30);  // the server's word that the stream is stored
+//   Receipt stored = lease.receipt(30);  // the server says that the stream is stored
 //
 // The pair has a name that never repeats and is open to this process's user only. The connection
 // that this object holds is each side's sign of the other's life: when this process ends, however
@@ -47,12 +48,11 @@ class ORVANE_API Lease {
   bool alive() const;
 
   // The next receipt, waiting at most `timeout`; 0 only looks. There is one for each stream that
-  // ended on this pair, in their order, sent when the stream is in the store:
-  //   "receipt stream=ID records=N bytes=N segments=N end=closed"
-  // A stream stopped by its writer ends as "stopped". Throws kStatusTimedOut, nothing is lost by
+  // ended on this pair, in their order, sent when the stream is in the store; one that its writer
+  // stopped ends as StreamEnd::stopped. Throws kStatusTimedOut, nothing is lost by
   // calling again; the server's status and reason, in place of the receipt of a stream that could
   // not be stored whole; or kLeaseLost, when every receipt that came is taken.
-  std::string receipt(unsigned int timeout);
+  Receipt receipt(unsigned int timeout);
 
  private:
   int connection;

@@ -14,9 +14,12 @@
 #include "orvane/writer.hpp"
 #include "orvane/queue_name.hpp"
 #include "orvane/timeout.hpp"
+#include "orvane/receipt.hpp"
 #include "orvane/lease.hpp"
 #include "orvane/process_name.hpp"
 
+#include "orvane/lease_protocol.hpp"
+#include "orvane/server_status.hpp"
 #include "orvane/logger.hpp"
 #include "orvane/server_info.hpp"
 #include "orvane/unique_id_generator.hpp"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <ox/status.hpp>
+#include "ox/status.hpp"
 
 namespace orvane {
 

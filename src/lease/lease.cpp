@@ -9,32 +9,23 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <string_view>
 #include <system_error>
+#include <utility>
+#include <variant>
 
+#include "lease/control_character.hpp"
+#include "orvane/lease_protocol.hpp"
 #include "orvane/status.hpp"
 #include "orvane/timeout.hpp"
 #include "ox/errno_exception.hpp"
 
-// The talk on the socket (AF_UNIX, SOCK_SEQPACKET: each message is one packet of text):
-//
-//   producer  "orvane 1 lease"               1 is the version of this talk
-//   server    "lease NAME"                   or "refused STATUS REASON", and the end
-//   server    "receipt stream=..."           at each stream's end, or "failed STATUS REASON"
-//
-// A packet has 1 to kLongestPacket bytes, none of them a control character. The producer sends
-// nothing more; the end of the connection ends the lease.
 namespace orvane {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr std::string_view kRequest = "orvane 1 lease";
-constexpr std::size_t kLongestPacket = 512;
-constexpr ox_status_t kLowestServerStatus = 1000;  // below are those that this side throws
 
 [[noreturn]] void fail(ox_status_t status, const std::string& message) {
   throw Ox_ErrnoException(status, message, "");
@@ -50,9 +41,10 @@ std::string reasonOf(int error) {
   fail(kLeaseLost, message);
 }
 
-[[noreturn]] void failNotOfThisTalk(int connection, std::string_view packet) {
-  failLost(connection, "The server does not keep to version 1 of this talk, it said \"" +
-                           std::string(packet) + "\": install the same release on both sides");
+[[noreturn]] void failUnexpected(int connection, std::string_view packet) {
+  failLost(connection, "Unexpected reply \"" + std::string(packet) +
+                           "\" (lease protocol 1): client and server versions differ; install the "
+                           "same release of both");
 }
 
 class Deadline {
@@ -140,12 +132,8 @@ void waitToReceive(int connection, const Deadline& deadline) {
   }
 }
 
-bool isControlCharacter(char c) {
-  return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
-}
-
-std::string receivePacket(int connection, const Deadline& deadline) {
-  char packet[kLongestPacket];
+LeaseReply receiveReply(int connection, const Deadline& deadline) {
+  char packet[kLongestLeasePacket];
   ssize_t received = 0;
   do {
     waitToReceive(connection, deadline);
@@ -158,53 +146,37 @@ std::string receivePacket(int connection, const Deadline& deadline) {
   }
   const auto size = static_cast<std::size_t>(received);
   if (size == 0) {
-    failLost(connection, "The server ended the lease without a word: it died or was stopped");
+    failLost(connection, "The server ended the lease without a reason: it died or was stopped");
   }
   const std::string_view text(packet, std::min(size, sizeof packet));
   if (size > sizeof packet || std::any_of(text.begin(), text.end(), isControlCharacter)) {
-    failNotOfThisTalk(connection, std::to_string(size) + " bytes");
+    failUnexpected(connection, std::to_string(size) + " bytes");
   }
-  return std::string(text);
-}
-
-// Takes `word` off the front of `text`, if it is there.
-bool takeWord(std::string_view& text, std::string_view word) {
-  if (text.substr(0, word.size()) != word) {
-    return false;
+  auto reply = parseLeaseReply(text);
+  if (!reply) {
+    failUnexpected(connection, text);
   }
-  text.remove_prefix(word.size());
-  return true;
+  return std::move(*reply);
 }
 
-// Throws "1003 no room on disk"; returns when the text has another form.
-void throwServersWord(std::string_view text) {
-  ox_status_t status = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), status);
-  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-  if (error == std::errc() && status >= kLowestServerStatus && takeWord(text, " ")) {
-    fail(status, std::string(text));
-  }
-}
-
-// May it be the name of a queue, which is that of a file in a folder?
-bool isQueueName(std::string_view text) {
-  return !text.empty() && text.find_first_of(" /") == std::string_view::npos;
-}
-
-std::string askForPair(int connection, const Deadline& deadline) {
-  if (send(connection, kRequest.data(), kRequest.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE &&
+void sendRequest(int connection) {
+  if (send(connection, kLeaseRequest.data(), kLeaseRequest.size(), MSG_NOSIGNAL) < 0 &&
+      errno != EPIPE &&
       errno != ECONNRESET) {  // after these two, what the server said before it left is still there
     failLost(connection, "Cannot ask the server for a lease: " + reasonOf(errno));
   }
-  const std::string answer = receivePacket(connection, deadline);
-  std::string_view text = answer;
-  if (takeWord(text, "lease ") && isQueueName(text)) {
-    return std::string(text);
+}
+
+std::string askForPair(int connection, const Deadline& deadline) {
+  sendRequest(connection);
+  LeaseReply reply = receiveReply(connection, deadline);
+  if (const auto* refused = std::get_if<LeaseRefused>(&reply)) {
+    fail(refused->status, refused->reason);
   }
-  if (takeWord(text, "refused ")) {
-    throwServersWord(text);
+  if (auto* granted = std::get_if<LeaseGranted>(&reply)) {
+    return std::move(granted->queue);
   }
-  failNotOfThisTalk(connection, answer);
+  failUnexpected(connection, packetOf(reply));
 }
 
 }  // namespace
@@ -242,19 +214,18 @@ bool Lease::alive() const {
 
 // Not const: what it returns is gone from the connection.
 // NOLINTNEXTLINE(readability-make-member-function-const)
-std::string Lease::receipt(unsigned int timeout) {
+Receipt Lease::receipt(unsigned int timeout) {
   if (timeout != 0) {
     validateTimeout(timeout);
   }
-  std::string packet = receivePacket(connection, Deadline(timeout));
-  std::string_view text = packet;
-  if (takeWord(text, "receipt ")) {
-    return packet;
+  LeaseReply reply = receiveReply(connection, Deadline(timeout));
+  if (const auto* failed = std::get_if<StreamFailed>(&reply)) {
+    fail(failed->status, failed->reason);
   }
-  if (takeWord(text, "failed ")) {
-    throwServersWord(text);
+  if (auto* receipt = std::get_if<Receipt>(&reply)) {
+    return std::move(*receipt);
   }
-  failNotOfThisTalk(connection, packet);
+  failUnexpected(connection, packetOf(reply));
 }
 
 }  // namespace orvane

@@ -113,7 +113,7 @@ TEST_F(EndWatchTest, SendsOnWhatTheProducerHadNoRoomFor) {
   constexpr int kPackets = 2000;
   EndWatch watch(&connection.lease, seconds(0));
   for (int i = 0; i < kPackets; ++i) {
-    connection.lease.send("receipt " + std::to_string(i));
+    connection.lease.send(orvane::LeaseGranted{std::to_string(i)});
   }
   int received = 0;
   char packet[64] = {};
@@ -125,7 +125,7 @@ TEST_F(EndWatchTest, SendsOnWhatTheProducerHadNoRoomFor) {
         break;
       }
       EXPECT_EQ(std::string(packet, static_cast<std::size_t>(size)),
-                "receipt " + std::to_string(received++));
+                "lease " + std::to_string(received++));
     }
     EXPECT_TRUE(rounds > 0 || received < kPackets) << "the socket held all of them";
   }
@@ -173,14 +173,14 @@ TEST_F(EndWatchTest, KnowsItsProducer) {
 }
 
 TEST_F(EndWatchTest, ShortensAPacketToWhatAProducerReads) {
-  connection.lease.send(std::string(600, 'x'));
+  connection.lease.send(orvane::LeaseRefused{1006, std::string(600, 'x')});
   char packet[1024] = {};
   EXPECT_EQ(recv(connection.producer.get(), packet, sizeof(packet), 0), 512);
 }
 
 // A path in a refusal may hold anything, and a producer may show it on a terminal.
 TEST_F(EndWatchTest, SendsNoControlCharacters) {
-  connection.lease.send("refused 1006 cannot store into a\nb\x1b\x7f\xc3\xa4 \t~");
+  connection.lease.send(orvane::LeaseRefused{1006, "cannot store into a\nb\x1b\x7f\xc3\xa4 \t~"});
   char packet[1024] = {};
   EXPECT_GT(recv(connection.producer.get(), packet, sizeof(packet), 0), 0);
   EXPECT_STREQ(packet, "refused 1006 cannot store into a?b??\xc3\xa4 ?~");

@@ -21,19 +21,21 @@ namespace orvane::test {
 namespace {
 
 constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
+constexpr char kReceipt[] = "receipt stream=x records=1 bytes=2 segments=1 end=closed";
 constexpr unsigned int kDay = 86400;
 constexpr unsigned int kSlack = 30;  // so long may a busy machine take from one call to the next
 
-const char kLost[] = "The server ended the lease without a word: it died or was stopped";
+const char kLost[] = "The server ended the lease without a reason: it died or was stopped";
 
 std::string timedOut(const std::string& seconds) {
   return "Timed out after waiting " + seconds +
          "s for the server's answer: it is busy or was stopped";
 }
 
-std::string notOfThisTalk(const std::string& said) {
-  return "The server does not keep to version 1 of this talk, it said \"" + said +
-         "\": install the same release on both sides";
+std::string unexpected(const std::string& said) {
+  return "Unexpected reply \"" + said +
+         "\" (lease protocol 1): client and server versions differ; install the same release of "
+         "both";
 }
 
 TEST(LeaseStatus, HasTheNumbersThatCallersCompareWith) {
@@ -119,8 +121,8 @@ TEST(LeaseReceipt, IsWaitedForNoLongerThanItsTimeout) {
   const std::unique_ptr<Lease> lease = takenFrom(server);
   for (const unsigned int timeout : {kSlack, 61U, kDay}) {
     replacedCalls() = ReplacedCalls();
-    server.say("receipt x");
-    EXPECT_EQ(lease->receipt(timeout), "receipt x");
+    server.say(kReceipt);
+    EXPECT_EQ(textOf(lease->receipt(timeout)), kReceipt);
     ASSERT_EQ(replacedCalls().pollTimeouts.size(), 1U);
     EXPECT_GE(replacedCalls().pollTimeouts[0], static_cast<int>((timeout - kSlack) * 1000));
     EXPECT_LE(replacedCalls().pollTimeouts[0], static_cast<int>(timeout * 1000));
@@ -140,8 +142,8 @@ TEST(LeaseReceipt, IsReceivedWithoutWaitingAfterAFalseAlarm) {
   FakeServer server;
   const std::unique_ptr<Lease> lease = takenFrom(server);
   replacedCalls() = ReplacedCalls();
-  server.say("receipt x");
-  EXPECT_EQ(lease->receipt(0), "receipt x");
+  server.say(kReceipt);
+  EXPECT_EQ(textOf(lease->receipt(0)), kReceipt);
   // Otherwise what follows would wait for ever.
   ASSERT_EQ(replacedCalls().recvFlags, std::vector<int>{MSG_DONTWAIT | MSG_TRUNC});
 
@@ -161,11 +163,11 @@ TEST(LeaseAlive, LooksAtTheServersEndWithoutWaiting) {
 TEST(LeaseAlive, IsNotSaidOfAServerThatHearsButSaysNoMore) {
   FakeServer server;
   const std::unique_ptr<Lease> lease = takenFrom(server);
-  server.say("receipt x");
+  server.say(kReceipt);
   server.stopSaying();
 
   EXPECT_FALSE(lease->alive());
-  EXPECT_EQ(lease->receipt(0), "receipt x");
+  EXPECT_EQ(textOf(lease->receipt(0)), kReceipt);
   EXPECT_TRUE(throwsErrno(901, kLost, [&] { lease->receipt(0); }));
 }
 
@@ -200,14 +202,14 @@ testing::AssertionResult isNoStatus(const std::string& packet) {
   FakeServer server;
   server.serve({.says = {"refused " + packet}});
   const auto refused =
-      throwsErrno(901, notOfThisTalk("refused " + packet), [&] { Lease(server.path(), kLong); });
+      throwsErrno(901, unexpected("refused " + packet), [&] { Lease(server.path(), kLong); });
   if (!refused) {
     return refused;
   }
   FakeServer second;
   const std::unique_ptr<Lease> lease = takenFrom(second);
   second.say("failed " + packet);
-  return throwsErrno(901, notOfThisTalk("failed " + packet), [&] { lease->receipt(0); });
+  return throwsErrno(901, unexpected("failed " + packet), [&] { lease->receipt(0); });
 }
 
 TEST(LeaseStatus, IsFrom1000To2147483647) {
@@ -233,12 +235,12 @@ TEST(LeasePacket, HasNoControlCharacter) {
   for (int c = 0; c < 256; ++c) {
     FakeServer server;
     const std::unique_ptr<Lease> lease = takenFrom(server);
-    const std::string packet = "receipt a" + std::string(1, static_cast<char>(c));
-    server.say(packet);
+    const std::string reason = "a" + std::string(1, static_cast<char>(c));
+    server.say("failed 1003 " + reason);
     if (c < 0x20 || c == 0x7f) {
-      EXPECT_TRUE(throwsErrno(901, notOfThisTalk("10 bytes"), [&] { lease->receipt(0); })) << c;
+      EXPECT_TRUE(throwsErrno(901, unexpected("14 bytes"), [&] { lease->receipt(0); })) << c;
     } else {
-      EXPECT_EQ(lease->receipt(0), packet) << c;
+      EXPECT_TRUE(throwsErrno(1003, reason, [&] { lease->receipt(0); })) << c;
     }
   }
 }

@@ -185,7 +185,7 @@ TEST(LeaseTaking, ReportsAServerThatEndsInsteadOfAnswering) {
     FakeServer server;
     server.serve({.hears = hears, .ends = true});
     EXPECT_TRUE(
-        refuses(901, "The server ended the lease without a word: it died or was stopped", server))
+        refuses(901, "The server ended the lease without a reason: it died or was stopped", server))
         << hears;
   }
 }
@@ -203,8 +203,9 @@ TEST(LeaseTaking, ReportsAnAnswerOfAnotherVersion) {
     FakeServer server;
     server.serve({.says = {answer}});
     EXPECT_TRUE(refuses(901,
-                        "The server does not keep to version 1 of this talk, it said \"" + answer +
-                            "\": install the same release on both sides",
+                        "Unexpected reply \"" + answer +
+                            "\" (lease protocol 1): client and server versions differ; install the "
+                            "same release of both",
                         server));
   }
 }
@@ -217,8 +218,9 @@ TEST(LeaseTaking, ReportsTheSizeOnlyOfAnAnswerThatIsNoText) {
     FakeServer server;
     server.serve({.says = {answers[i]}});
     EXPECT_TRUE(refuses(901,
-                        "The server does not keep to version 1 of this talk, it said \"" +
-                            sizes[i] + " bytes\": install the same release on both sides",
+                        "Unexpected reply \"" + sizes[i] +
+                            " bytes\" (lease protocol 1): client and server versions differ; "
+                            "install the same release of both",
                         server));
   }
 }

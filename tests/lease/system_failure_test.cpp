@@ -14,6 +14,7 @@ namespace orvane::test {
 namespace {
 
 constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
+constexpr char kReceipt[] = "receipt stream=x records=1 bytes=2 segments=1 end=closed";
 
 // Taking a lease while a call fails; no descriptor may be left open.
 testing::AssertionResult refuses(const char* call, int error, ox_status_t status,
@@ -78,11 +79,11 @@ TEST(LeaseTaking, HearsAServerThatRefusedAndEndedBeforeItWasAsked) {
 TEST(LeaseReceipt, IsWaitedForAgainAfterAFalseAlarm) {
   for (const int error : {EAGAIN, EINTR}) {
     FakeServer server;
-    server.serve({.says = {"lease q", "receipt x"}});
+    server.serve({.says = {"lease q", kReceipt}});
     Lease lease(server.path(), kLong);
     server.awaitScript();
     failNext("recv", error);
-    EXPECT_EQ(lease.receipt(kLong), "receipt x");
+    EXPECT_EQ(textOf(lease.receipt(kLong)), kReceipt);
   }
 }
 
@@ -90,7 +91,7 @@ TEST(LeaseReceipt, EndsTheLeaseWhenItCannotBeHeard) {
   FakeServer server;
   server.serve({.says = {"lease q"}});
   Lease lease(server.path(), kLong);
-  server.say("receipt x");
+  server.say(kReceipt);
   failNext("recv", ENOMEM);
 
   EXPECT_TRUE(throwsErrno(901, "Cannot hear the server: Cannot allocate memory",

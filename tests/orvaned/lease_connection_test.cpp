@@ -226,12 +226,12 @@ TEST_F(LeasePackets, ThatNobodyReadsFillTheConnectionAndAreAllDelivered) {
   std::size_t sent = 0;
   while (!connection.isFull()) {
     ASSERT_LT(sent, 100000U);
-    connection.send("receipt " + std::to_string(sent++));
+    connection.send(LeaseGranted{std::to_string(sent++)});
   }
   EXPECT_EQ(connection.waiting(), 4096U);
   EXPECT_GT(sent, 4096U);  // the socket holds some
   EXPECT_FALSE(connection.drained());
-  connection.send("receipt " + std::to_string(sent++));
+  connection.send(LeaseGranted{std::to_string(sent++)});
   EXPECT_EQ(connection.waiting(), 4097U);
   EXPECT_TRUE(connection.isFull());
   std::size_t got = 0;
@@ -239,7 +239,7 @@ TEST_F(LeasePackets, ThatNobodyReadsFillTheConnectionAndAreAllDelivered) {
     const auto packets = received();
     ASSERT_FALSE(packets.empty());
     for (const std::string& packet : packets) {
-      EXPECT_EQ(packet, "receipt " + std::to_string(got++));
+      EXPECT_EQ(packet, "lease " + std::to_string(got++));
     }
     connection.sendKept();
   }

@@ -119,7 +119,8 @@ void useBatch() {
 
 TEST(Environment, IsNeverRead) {
   FakeServer server;
-  server.serve({.says = {"lease q", "receipt x", "failed 1003 full"}});
+  const std::string receipt = "receipt stream=x records=1 bytes=2 segments=1 end=closed";
+  server.serve({.says = {"lease q", receipt, "failed 1003 full"}});
   const QueuePair pair;
   const RecordingSink sink;
   {
@@ -129,7 +130,7 @@ TEST(Environment, IsNeverRead) {
     useWriter(pair);
     useBatch();
     Lease lease(server.path(), 60);
-    EXPECT_EQ(lease.receipt(60), "receipt x");
+    EXPECT_EQ(textOf(lease.receipt(60)), receipt);
     EXPECT_THROW(lease.receipt(60), Ox_ErrnoException);
     EXPECT_TRUE(lease.alive());
     watching = false;

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "exit.hpp"
-#include "store_format/receipt.hpp"
 #include "transport/backoff.hpp"
 #include "units.hpp"
 
@@ -15,6 +14,8 @@ namespace tool {
 namespace {
 
 namespace ipc = boost::interprocess;
+using orvane::parseReceipt;
+using orvane::Receipt;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kProbeAfter(50);
@@ -83,7 +84,7 @@ std::optional<Receipt> takeReceipt(PolledWriter& writer) {
     }
   }
   // A whole stream is stored whatever came later, such as the end of the server.
-  if (error && (!receipt || receipt->end != kClosed)) {
+  if (error && (!receipt || receipt->end != orvane::StreamEnd::closed)) {
     throw Ox_ErrnoException(*error);
   }
   return receipt;
@@ -95,19 +96,14 @@ std::optional<Receipt> takeReceipt(PolledWriter& writer) {
 }
 
 std::optional<Receipt> takeReceipt(orvane::Lease& lease) {
-  std::string text;
   try {
-    text = lease.receipt(0);
+    return lease.receipt(0);
   } catch (const Ox_ErrnoException& e) {
     if (e.status() == orvane::kStatusTimedOut) {
       return std::nullopt;
     }
     throw;
   }
-  if (auto receipt = parseReceipt(text)) {
-    return receipt;
-  }
-  throw Failure(kUnknown, "orvaned, of another release, sent what is no receipt here: " + text);
 }
 
 // Waits for the receipt of the stream that `writer` just closed. The writer itself may have taken
@@ -151,9 +147,10 @@ Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interru
 }
 
 void requireMatch(const Sent& sent, const Receipt& receipt) {
-  if (receipt.end != kClosed) {
+  if (receipt.end != orvane::StreamEnd::closed) {
     throw Failure(kRefused, "orvaned did not store all of stream " + receipt.stream +
-                                ", which it calls " + receipt.end + ": its own log tells why");
+                                ", which it calls " + textOf(receipt.end) +
+                                ": its own log tells why");
   }
   if (receipt.bytes != sent.bytes || receipt.segments != sent.segments) {
     throw Failure(kUnknown, "sent " + std::to_string(sent.bytes) + " bytes in " +

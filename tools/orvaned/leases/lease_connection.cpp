@@ -3,16 +3,12 @@
 #include <poll.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <utility>
 
 namespace orvaned {
 namespace {
-
-constexpr std::size_t kLongestPacket = 512;
-constexpr std::string_view kRequest = "orvane 1 lease";
 
 // Linux 6.5 and later have it, the headers of Debian 12 do not.
 #ifdef SO_PEERPIDFD
@@ -52,7 +48,7 @@ void LeaseConnection::pinProducer() {
 }
 
 LeaseConnection::Request LeaseConnection::readRequest() {
-  char packet[kLongestPacket];
+  char packet[orvane::kLongestLeasePacket];
   const ssize_t size = recv(socket.get(), packet, sizeof(packet), MSG_DONTWAIT | MSG_TRUNC);
   if (size < 0) {
     return errno == EAGAIN || errno == EINTR ? Request::none : Request::end;
@@ -61,18 +57,13 @@ LeaseConnection::Request LeaseConnection::readRequest() {
     return isSignalled(socket.get(), POLLRDHUP) ? Request::end : Request::bad;
   }
   const bool whole = static_cast<std::size_t>(size) <= sizeof(packet);
-  return whole && std::string_view(packet, static_cast<std::size_t>(size)) == kRequest
+  return whole && std::string_view(packet, static_cast<std::size_t>(size)) == orvane::kLeaseRequest
              ? Request::lease
              : Request::bad;
 }
 
-// A path in a reason may hold anything.
-void LeaseConnection::send(const std::string& text) {
-  std::string packet = text.substr(0, kLongestPacket);
-  std::replace_if(
-      packet.begin(), packet.end(),
-      [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; }, '?');
-  kept.push_back(std::move(packet));
+void LeaseConnection::send(const orvane::LeaseReply& reply) {
+  kept.push_back(orvane::packetOf(reply));
   sendKept();
 }
 

@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <optional>
+#include <orvane/lease_protocol.hpp>
 #include <string>
 
 #include "shm/fd.hpp"
@@ -12,12 +13,7 @@
 
 namespace orvaned {
 
-// The server's end of a producer's connection. The talk, one packet of text each (SOCK_SEQPACKET),
-// at most 512 bytes:
-//   producer  "orvane 1 lease"           1 is the version of the talk
-//   server    "lease NAME"               or "refused STATUS REASON", and the end
-//   server    "receipt stream=..."       for each stream that ended, or "failed STATUS REASON"
-// Its end, from either side, ends the lease. Nothing here blocks.
+// The server's end of a producer's connection (orvane/lease_protocol.hpp). Nothing here blocks.
 class LeaseConnection {
  public:
   // What a producer sends first: everything else, or nothing in time, is refused.
@@ -33,7 +29,7 @@ class LeaseConnection {
   // Sends a packet, or keeps it for sendKept() when the producer does not read: it may take its
   // receipts when it likes. Nothing is ever dropped: whoever sends receipts takes no more batches
   // while isFull().
-  void send(const std::string& text);
+  void send(const orvane::LeaseReply& reply);
   void sendKept();
 
   std::size_t waiting() const { return kept.size(); }

@@ -100,7 +100,7 @@ void refuse(LeaseConnection& connection, int status, const std::string& reason) 
   const LogSubject subject(connection.producer().uid);
   log.log(orvane::server::LEVEL_WARNING, __func__, status, "user %u, process %d: %s",
           connection.producer().uid, connection.producer().pid, doublePercent(reason).c_str());
-  connection.send("refused " + std::to_string(status) + " " + reason);
+  connection.send(orvane::LeaseRefused{status, reason});
 }
 
 }  // namespace orvaned

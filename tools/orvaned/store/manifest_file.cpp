@@ -2,7 +2,7 @@
 
 namespace orvaned {
 
-void count(tool::Receipt& receipt, const SegmentSummary& segment) {
+void count(orvane::Receipt& receipt, const SegmentSummary& segment) {
   receipt.records += segment.records;
   receipt.bytes += segment.bytes;
   receipt.segments += segment.bytes > 0 ? 1 : 0;
@@ -24,11 +24,11 @@ void Manifest::finish(const StreamSummary& stream) {
   finish(stream.receipt, stream.reason);
 }
 
-void Manifest::finish(const tool::Receipt& receipt, const std::string& reason) {
+void Manifest::finish(const orvane::Receipt& receipt, const std::string& reason) {
   line(textOf(receipt));
   line("records=" + std::to_string(receipt.records));
   line("bytes=" + std::to_string(receipt.bytes));
-  line("end=" + receipt.end);
+  line("end=" + textOf(receipt.end));
   line("reason=" + reason);
   finish();
 }

@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <orvane/receipt.hpp>
 #include <string>
 
 #include "store/output_file.hpp"
 #include "store_format/manifest_lines.hpp"
-#include "store_format/receipt.hpp"
 
 namespace orvaned {
 
@@ -19,14 +19,14 @@ using tool::segmentName;
 using tool::SegmentSummary;
 
 struct StreamSummary {
-  tool::Receipt receipt;
+  orvane::Receipt receipt;
   OtherRecords others;
   std::uint64_t skipped = 0;
   std::string reason;
 };
 
 // Adds what a segment holds.
-void count(tool::Receipt& receipt, const SegmentSummary& segment);
+void count(orvane::Receipt& receipt, const SegmentSummary& segment);
 
 // The file `manifest` in a stream's folder: text, one line a fact.
 //   format=1
@@ -73,7 +73,7 @@ class Manifest {
 
   // The last lines, with or without what only the server of the stream knows; or no more lines.
   void finish(const StreamSummary& stream);
-  void finish(const tool::Receipt& receipt, const std::string& reason);
+  void finish(const orvane::Receipt& receipt, const std::string& reason);
   void finish() { file.finish("manifest"); }
 
  private:

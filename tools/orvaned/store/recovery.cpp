@@ -31,7 +31,7 @@ struct Listed {
   std::vector<SegmentSummary> segments;
   OtherRecords others;
   std::uint64_t allBytes = 0;
-  std::optional<tool::Receipt> receipt;  // when nothing is missing but the final name
+  std::optional<orvane::Receipt> receipt;  // when nothing is missing but the final name
 };
 
 // The lines of a file, without their ends. A line without an end is torn, and none.
@@ -82,10 +82,10 @@ Listed readListed(tool::Fd manifest, const std::string& queue, const std::string
   if (const auto others = parseOthers(line); others && isLine) {
     listed.others = *others;
   }
-  std::optional<tool::Receipt> receipt;
+  std::optional<orvane::Receipt> receipt;
   while (lines.next(line)) {
     listed.allBytes += line.size() + 1;
-    if (const auto found = tool::parseReceipt(line)) {
+    if (const auto found = orvane::parseReceipt(line)) {
       receipt = found;
     }
     if (line.starts_with("reason=")) {
@@ -105,8 +105,8 @@ class LeftStream {
   bool isFinished();
 
   // Returns its receipt.
-  tool::Receipt finish(const std::string& queue, const std::string& stream,
-                       const std::string& reason);
+  orvane::Receipt finish(const std::string& queue, const std::string& stream,
+                         const std::string& reason);
 
   std::size_t damagedFiles() const { return damaged.size(); }
 
@@ -131,7 +131,7 @@ class LeftStream {
   const Sync sync;
   Manifest manifest;
   std::set<std::string> names;   // of files that are there
-  tool::Receipt receipt;         // of what is whole
+  orvane::Receipt receipt;       // of what is whole
   std::set<std::string> listed;  // names of files
   std::vector<Damage> damaged;
 };
@@ -142,8 +142,8 @@ bool LeftStream::isFinished() {
   return has(kManifest);
 }
 
-tool::Receipt LeftStream::finish(const std::string& queue, const std::string& stream,
-                                 const std::string& reason) {
+orvane::Receipt LeftStream::finish(const std::string& queue, const std::string& stream,
+                                   const std::string& reason) {
   const Listed found = readListed(readManifest(), queue, stream);
   for (const SegmentSummary& segment : found.segments) {
     check(segment);
@@ -165,7 +165,7 @@ tool::Receipt LeftStream::finish(const std::string& queue, const std::string& st
     manifest.addDamaged(damage.name, damage.reason);
   }
   receipt.stream = stream;
-  receipt.end = damaged.empty() ? tool::kCutOff : tool::kBroken;
+  receipt.end = damaged.empty() ? orvane::StreamEnd::cutOff : orvane::StreamEnd::broken;
   manifest.finish(receipt, reason);
   return receipt;
 }

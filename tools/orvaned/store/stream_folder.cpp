@@ -64,19 +64,19 @@ void StreamFolder::flush() {
   manifest.flush();
 }
 
-void StreamFolder::end(const std::string& how, const std::string& reason, std::uint64_t skipped) {
+void StreamFolder::end(orvane::StreamEnd how, const std::string& reason, std::uint64_t skipped) {
   summary.receipt.end = how;
   summary.reason = reason;
   summary.skipped = skipped;
   try {
     settle();
   } catch (const Ox_ErrnoException&) {
-    if (how != tool::kBroken) {
+    if (how != orvane::StreamEnd::broken) {
       throw;
     }
   }
   if (segment) {
-    how == tool::kClosed ? finishSegment() : abandonSegment();
+    how == orvane::StreamEnd::closed ? finishSegment() : abandonSegment();
   }
   // Once only: what there is of a manifest that could not be written must not be continued.
   if (!std::exchange(manifestTried, true)) {

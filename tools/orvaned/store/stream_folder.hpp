@@ -7,7 +7,6 @@
 
 #include "store/manifest_file.hpp"
 #include "store/output_file.hpp"
-#include "store_format/receipt.hpp"
 
 namespace orvaned {
 
@@ -30,14 +29,14 @@ class StreamFolder {
   // Hands to the system what was stored so far; with Sync::always, to the disk.
   void flush();
 
-  // Ends the stream as one of common/receipt.hpp's words says. A closed stream ends its last
+  // Ends the stream. A closed stream ends its last
   // segment too; in all others that segment stays marked as unfinished.
-  void end(const std::string& how, const std::string& reason, std::uint64_t skipped);
+  void end(orvane::StreamEnd how, const std::string& reason, std::uint64_t skipped);
 
   const std::string& stream() const { return summary.receipt.stream; }
 
   // What was stored. After end().
-  const tool::Receipt& receipt() const { return summary.receipt; }
+  const orvane::Receipt& receipt() const { return summary.receipt; }
 
  private:
   struct Segment {

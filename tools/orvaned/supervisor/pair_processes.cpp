@@ -213,8 +213,9 @@ void PairProcesses::workerEnded(int status) {
   if (died) {
     logDeath(status);
     if (connection) {
-      connection->send((failed ? "refused " : "failed ") + std::to_string(orvane::kWorkerDied) +
-                       " what served the queue died");
+      constexpr char reason[] = "what served the queue died";
+      failed ? connection->send(orvane::LeaseRefused{orvane::kWorkerDied, reason})
+             : connection->send(orvane::StreamFailed{orvane::kWorkerDied, reason});
     }
     notice = kWorkerDiedNotice;
   }

@@ -93,7 +93,7 @@ void serve(const Options& options, const std::string& queueName, LeaseConnection
   const std::string queue = doublePercent(queueName);
   logReady(log, options, queue, lease);
   if (lease != nullptr) {
-    lease->send("lease " + queueName);
+    lease->send(orvane::LeaseGranted{queueName});
   }
   const Ending& ending = prepared.worker.run(
       [&prepared](std::chrono::microseconds pause) { return prepared.watch.within(pause); });
@@ -120,7 +120,7 @@ int servePair(const Options& options, const std::string& queueName, LeaseConnect
     }
     log.log(LEVEL_ERROR, "serve", kFailed, "%s", doublePercent(e.what()).c_str());
     if (lease != nullptr) {
-      lease->send("refused " + std::to_string(orvane::kNoPair) + " " + e.what());
+      lease->send(orvane::LeaseRefused{orvane::kNoPair, e.what()});
     }
   }
   return kFailed;

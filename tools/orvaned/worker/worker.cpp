@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "log.hpp"
-#include "store_format/receipt.hpp"
 
 namespace orvaned {
 
@@ -83,7 +82,7 @@ void Worker::finish(const Ending& ending) {
   while (count-- > 0 && awaitReader(Unread::few)) {
     runOnce();
   }
-  abandonStream(tool::kCutOff, ending.reason, orvane::kServerEnding);
+  abandonStream(orvane::StreamEnd::cutOff, ending.reason, orvane::kServerEnding);
   if (badBatches > 0) {
     log.log(LEVEL_WARNING, __func__, orvane::kBadBatch,
             "queue %s: %lu bad batches were refused in all", loggedName.c_str(), badBatches);
@@ -161,9 +160,9 @@ void Worker::take(const Entry& entry) {
       case orvane::kRecordOpen:
         return open(entry.header);
       case orvane::kRecordClose:
-        return close(entry.header, tool::kClosed);
+        return close(entry.header, orvane::StreamEnd::closed);
       case orvane::kRecordStop:
-        return close(entry.header, tool::kStopped);
+        return close(entry.header, orvane::StreamEnd::stopped);
       default:
         return storeRecord(entry);
     }
@@ -181,7 +180,7 @@ void Worker::open(const Header& header) {
     stream->state = StreamState(header);
     return;
   }
-  abandonStream(tool::kCutOff, "another stream was opened");
+  abandonStream(orvane::StreamEnd::cutOff, "another stream was opened");
   lastReceipt.clear();
   try {
     stream = Stream{StreamState(header), store.createStream()};
@@ -196,7 +195,7 @@ void Worker::open(const Header& header) {
           stream->folder->stream().c_str());
 }
 
-void Worker::close(const Header& header, const char* how) {
+void Worker::close(const Header& header, orvane::StreamEnd how) {
   if (broken) {
     note(*broken);
     broken.reset();
@@ -206,8 +205,7 @@ void Worker::close(const Header& header, const char* how) {
   if (stream) {
     stream->state.take(header);
     stream->folder->end(how, "", stream->state.skipped());
-    concludeStream();
-    tell(lastReceipt);
+    tell(concludeStream());
   }
 }
 
@@ -290,13 +288,13 @@ void Worker::report(const char* function, const Ox_ErrnoException& error) {
 void Worker::fail(const char* function, const Ox_ErrnoException& error) {
   report(function, error);
   if (stream) {
-    abandonStream(tool::kBroken, error.message(), error.status());
+    abandonStream(orvane::StreamEnd::broken, error.message(), error.status());
     broken = error;
   }
 }
 
 // Ends the stream, if there is one, where nobody asked for it: what fails then is only logged.
-void Worker::abandonStream(const char* how, const std::string& reason, ox_status_t status) {
+void Worker::abandonStream(orvane::StreamEnd how, const std::string& reason, ox_status_t status) {
   if (!stream) {
     return;
   }
@@ -305,29 +303,31 @@ void Worker::abandonStream(const char* how, const std::string& reason, ox_status
   } catch (const Ox_ErrnoException& e) {
     logError(__func__, e);
   }
-  concludeStream();
+  const orvane::Receipt receipt = concludeStream();
   if (status == 0) {
-    tell(lastReceipt);
+    tell(receipt);
   } else {
     tellFailure(status, reason);
   }
 }
 
-void Worker::concludeStream() {
+orvane::Receipt Worker::concludeStream() {
   countSegment();
   tool::setStream(stats, "");
-  lastReceipt = textOf(stream->folder->receipt());
+  orvane::Receipt receipt = stream->folder->receipt();
+  lastReceipt = textOf(receipt);
   log.log(LEVEL_INFO, __func__, 0, "queue %s: %s", loggedName.c_str(), lastReceipt.c_str());
   stream.reset();
+  return receipt;
 }
 
 void Worker::tellFailure(ox_status_t status, const std::string& reason) {
-  tell("failed " + std::to_string(status) + " " + reason);
+  tell(orvane::StreamFailed{status, reason});
 }
 
-void Worker::tell(const std::string& text) {
+void Worker::tell(const orvane::LeaseReply& reply) {
   if (lease != nullptr) {
-    lease->send(text);
+    lease->send(reply);
   }
 }
 
@@ -338,7 +338,7 @@ void Worker::farewell(const std::string& reason) {
 }
 
 void Worker::giveUp(const std::string& reason) {
-  abandonStream(tool::kBroken, reason, orvane::kServerEnding);
+  abandonStream(orvane::StreamEnd::broken, reason, orvane::kServerEnding);
   try {
     farewell(reason);
   } catch (const interprocess_exception&) {

@@ -89,7 +89,7 @@ class Worker {
   void takeBatch(std::span<const unsigned char> message);
   void take(const Entry& entry);
   void open(const Header& header);
-  void close(const Header& header, const char* how);
+  void close(const Header& header, orvane::StreamEnd how);
   void storeRecord(const Entry& entry);
   void countRecord(const Entry& entry);
   void countSegment();
@@ -101,10 +101,10 @@ class Worker {
   void logError(const char* function, const Ox_ErrnoException& error) const;
   void report(const char* function, const Ox_ErrnoException& error);
   void fail(const char* function, const Ox_ErrnoException& error);
-  void abandonStream(const char* how, const std::string& reason, ox_status_t status = 0);
-  void concludeStream();
+  void abandonStream(orvane::StreamEnd how, const std::string& reason, ox_status_t status = 0);
+  orvane::Receipt concludeStream();
   void tellFailure(ox_status_t status, const std::string& reason);
-  void tell(const std::string& text);
+  void tell(const orvane::LeaseReply& reply);
   bool mayTake();
   bool awaitReader(Unread wanted);
   void publishUnread();

@@ -1,0 +1,82 @@
+#include "orvane/lease_protocol.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <system_error>
+
+#include "lease/control_character.hpp"
+
+namespace orvane {
+namespace {
+
+constexpr ox_status_t kLowestServerStatus = 1000;  // below are those that the libraries throw
+
+// Removes `word` from the front of `text`, if it is there.
+bool parseWord(std::string_view& text, std::string_view word) {
+  if (text.substr(0, word.size()) != word) {
+    return false;
+  }
+  text.remove_prefix(word.size());
+  return true;
+}
+
+// "1003 no room on disk".
+template <typename Failure>
+std::optional<LeaseReply> parseFailure(std::string_view text) {
+  ox_status_t status = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), status);
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+  if (error == std::errc() && status >= kLowestServerStatus && parseWord(text, " ")) {
+    return Failure{status, std::string(text)};
+  }
+  return std::nullopt;
+}
+
+// May it be the name of a queue, which is that of a file in a folder?
+bool isQueueName(std::string_view text) {
+  return !text.empty() && text.find_first_of(" /") == std::string_view::npos;
+}
+
+std::string textOfReply(const LeaseGranted& reply) {
+  return "lease " + reply.queue;
+}
+std::string textOfReply(const LeaseRefused& reply) {
+  return "refused " + std::to_string(reply.status) + " " + reply.reason;
+}
+std::string textOfReply(const Receipt& reply) {
+  return textOf(reply);
+}
+std::string textOfReply(const StreamFailed& reply) {
+  return "failed " + std::to_string(reply.status) + " " + reply.reason;
+}
+
+}  // namespace
+
+std::string packetOf(const LeaseReply& reply) {
+  std::string packet = std::visit([](const auto& one) { return textOfReply(one); }, reply);
+  packet.resize(std::min(packet.size(), kLongestLeasePacket));
+  std::replace_if(packet.begin(), packet.end(), isControlCharacter, '?');
+  return packet;
+}
+
+std::optional<LeaseReply> parseLeaseReply(std::string_view packet) {
+  if (packet.size() > kLongestLeasePacket ||
+      std::any_of(packet.begin(), packet.end(), isControlCharacter)) {
+    return std::nullopt;
+  }
+  if (const auto receipt = parseReceipt(packet)) {
+    return *receipt;
+  }
+  if (parseWord(packet, "lease ") && isQueueName(packet)) {
+    return LeaseGranted{std::string(packet)};
+  }
+  if (parseWord(packet, "refused ")) {
+    return parseFailure<LeaseRefused>(packet);
+  }
+  if (parseWord(packet, "failed ")) {
+    return parseFailure<StreamFailed>(packet);
+  }
+  return std::nullopt;
+}
+
+}  // namespace orvane

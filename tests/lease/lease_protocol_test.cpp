@@ -1,0 +1,70 @@
+#include "orvane/lease_protocol.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace orvane::test {
+namespace {
+
+const Receipt kReceipt{"20261121T023224-4711_0", 12, 9, 2, StreamEnd::closed};
+constexpr char kReceiptText[] =
+    "receipt stream=20261121T023224-4711_0 records=12 bytes=9 segments=2 end=closed";
+
+template <typename Reply>
+Reply parsed(const std::string& packet) {
+  return std::get<Reply>(parseLeaseReply(packet).value());
+}
+
+TEST(LeaseProtocol, HasARequestInVersionOne) {
+  EXPECT_EQ(kLeaseRequest, "orvane 1 lease");
+  EXPECT_EQ(kLongestLeasePacket, 512U);
+}
+
+TEST(LeaseReplyPacket, HasOneFormForEachKind) {
+  EXPECT_EQ(packetOf(LeaseGranted{"q"}), "lease q");
+  EXPECT_EQ(packetOf(LeaseRefused{1005, "too many"}), "refused 1005 too many");
+  EXPECT_EQ(packetOf(kReceipt), kReceiptText);
+  EXPECT_EQ(packetOf(StreamFailed{1003, "disk full"}), "failed 1003 disk full");
+}
+
+TEST(LeaseReplyPacket, IsCutToWhatAProducerReads) {
+  const std::string packet = packetOf(LeaseRefused{1006, std::string(600, 'x')});
+  EXPECT_EQ(packet, "refused 1006 " + std::string(499, 'x'));
+}
+
+TEST(LeaseReplyPacket, HasNoControlCharacters) {
+  EXPECT_EQ(packetOf(StreamFailed{1003, "a\nb\x1b\x7f\xc3\xa4 ~"}), "failed 1003 a?b??\xc3\xa4 ~");
+}
+
+TEST(LeaseReply, IsReadFromItsPacket) {
+  EXPECT_EQ(parsed<LeaseGranted>("lease q").queue, "q");
+  EXPECT_EQ(parsed<LeaseRefused>("refused 1005 too many").status, 1005);
+  EXPECT_EQ(parsed<LeaseRefused>("refused 1005 too many").reason, "too many");
+  EXPECT_EQ(parsed<LeaseRefused>("refused 2147483647 ").reason, "");
+  EXPECT_EQ(parsed<Receipt>(kReceiptText), kReceipt);
+  EXPECT_EQ(parsed<StreamFailed>("failed 1000 a batch").status, 1000);
+  EXPECT_EQ(parsed<StreamFailed>("failed 1000 a batch").reason, "a batch");
+}
+
+TEST(LeaseReply, HasAtMost512Bytes) {
+  EXPECT_TRUE(parseLeaseReply("lease " + std::string(506, 'q')));
+  EXPECT_FALSE(parseLeaseReply("lease " + std::string(507, 'q')));
+}
+
+class NoLeaseReply : public testing::TestWithParam<std::string> {};
+
+TEST_P(NoLeaseReply, IsNotTakenForOne) {
+  EXPECT_FALSE(parseLeaseReply(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Packet, NoLeaseReply,
+                         testing::Values("", "lease", "lease ", "lease a b", "lease a/b", "leaseq",
+                                         " lease q", "refused", "refused 1005", "refused 999 no",
+                                         "refused -1 no", "refused 2147483648 no", "refused x no",
+                                         "failed 15 late", "failed 1003", "receipt", "receipt x",
+                                         "lease a\nb", "refused 1005 \x1b[2J", "failed 1003 \x7f",
+                                         "orvane 1 lease"));
+
+}  // namespace
+}  // namespace orvane::test
