@@ -8,12 +8,13 @@ set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/orvane)
 set_target_properties(orvane orvane_lease orvane_platform PROPERTIES INSTALL_RPATH $ORIGIN)
 set_target_properties(orvane_lease PROPERTIES EXPORT_NAME lease)
 set_target_properties(orvane_platform PROPERTIES EXPORT_NAME platform)
+set_target_properties(orvane_queue PROPERTIES EXPORT_NAME queue)
 
 install(TARGETS orvane_platform EXPORT orvane-platform
   LIBRARY COMPONENT libraries NAMELINK_COMPONENT development)
-install(TARGETS orvane orvane_lease EXPORT orvane
+install(TARGETS orvane orvane_lease orvane_queue EXPORT orvane
   LIBRARY COMPONENT libraries NAMELINK_COMPONENT development)
-install(DIRECTORY include/ platform/include/
+install(DIRECTORY include/ platform/include/ queue/include/
   TYPE INCLUDE COMPONENT development FILES_MATCHING PATTERN *.hpp)
 
 foreach(export orvane-platform orvane)
@@ -30,7 +31,7 @@ install(FILES
   DESTINATION ${package_dir} COMPONENT development)
 
 file(RELATIVE_PATH prefix_from_pc /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-foreach(library orvane orvane-lease orvane-platform)
+foreach(library orvane orvane-lease orvane-platform orvane-queue)
   configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

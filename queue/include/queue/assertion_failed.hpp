@@ -1,25 +1,28 @@
+#pragma once
+
+// Part of queue/message_queue.hpp. Boost calls these two functions where its own assertion fails,
+// once BOOST_ENABLE_ASSERT_HANDLER is defined. A program that has its own cannot use this header.
+
 #include <boost/assert.hpp>
 #include <boost/interprocess/exceptions.hpp>
 #include <cstring>
 
 namespace boost {
 
-// Called by Boost where its own assertion fails.
-//
 // When a peer dies inside the queue, the next wait on the queue's condition variable fails, and
 // Boost only asserts that it does not: without the assertion it would spin for ever, past its
 // deadline, and with the usual one it would abort the process. The wait is the one place that may
 // throw. Elsewhere the failed expression is in an unlock, which runs in destructors, so it must
 // stay silent.
-void assertion_failed(char const*, char const* function, char const*, long) {
+inline void assertion_failed(char const*, char const* function, char const*, long) {
   if (std::strstr(function, "posix_condition::") != nullptr &&
       std::strstr(function, "wait") != nullptr) {
     throw interprocess::lock_exception(interprocess::not_recoverable);
   }
 }
 
-void assertion_failed_msg(char const* expression, char const*, char const* function,
-                          char const* file, long line) {
+inline void assertion_failed_msg(char const* expression, char const*, char const* function,
+                                 char const* file, long line) {
   assertion_failed(expression, function, file, line);
 }
 
