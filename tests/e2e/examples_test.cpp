@@ -130,6 +130,12 @@ TEST_F(Receiver, PrintsTheRecordsOfAProducer) {
   EXPECT_EQ(sharedMemoryNamed(name.text()), std::vector<std::string>{});
 }
 
+TEST_F(Receiver, AnswersTheCommandWithAReceipt) {
+  const Ended sent = run({ORVANE_PATH, "send", "--queue", name.text(), ORVANE_PATH});
+  EXPECT_EQ(sent.how, "exit 0") << sent.err;
+  EXPECT_EQ(receiver.wait().how, "exit 0");
+}
+
 TEST_F(Receiver, AnswersWhatIsNoBatchWithTheReason) {
   using boost::interprocess::message_queue;
   using boost::interprocess::open_only;
@@ -142,7 +148,7 @@ TEST_F(Receiver, AnswersWhatIsNoBatchWithTheReason) {
   ASSERT_TRUE(
       comesTrue([&] { return answers.try_receive(&answer, sizeof answer, size, priority); }));
 
-  EXPECT_EQ(answer.status, 32);
+  EXPECT_EQ(answer.status, 1000);
   EXPECT_STREQ(answer.text,
                "Could not deserialize ShmBatch::MetaData from buffer because the magic value "
                "1920295522 is corrupt (expected=4278251025)");
