@@ -10,20 +10,20 @@ import collections
 # filter as GoogleTest takes it.
 Row = collections.namedtuple("Row", "sources tests")
 
-PLATFORM = ["platform_tests", "orvane_unit_tests"]
-RECORDS = ["records_tests", "orvane_unit_tests", "orvane_memory_tests"]
-WRITER = ["writer_tests", "writer_replacement_tests", "orvane_writer_tests", "orvane_replacement_tests",
-          "fault_tests"]
-SERVER = ["orvane_server_tests", "orvane_logger_tests", "id_locks_tests"]
+PLATFORM = ["platform_tests"]
+RECORDS = ["records_tests", "out_of_memory_tests"]
+WRITER = ["writer_tests", "writer_replacement_tests", "writer_platform_tests", "peer_tests"]
+SERVER = ["server_tests", "logger_tests", "id_locks_tests"]
 LEASE = ["lease_tests", "lease_system_tests"]
 # What runs in the test's own process first; those with whole servers, which take longer, last.
 ORVANED = [
-    "daemon_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:Manifest*:*Line.*",
-    "daemon_tests StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
+    "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:Manifest*:*Line.*",
+    "orvaned_tests StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
     "Step.*:WorkersLog.*:Totals*:PublishedTotals.*:QueuePairTest.*",
-    "orvaned_process_tests Broker*:StreamLock*",
-    "orvaned_process_tests UnreadReceipts.*",
-    "daemon_tests LeaseRecoveryTest.*:LeaseEndTest.*:LeasePairTest.*:WorkerDeathTest.*:LargeStream.*",
+    "orvaned_tests Broker*:StreamLock*",
+    "processes_tests UnreadReceipts.*",
+    "orvaned_tests LeaseRecoveryTest.*:WorkerDeathTest.*:LargeStream.*",
+    "processes_tests LeaseEndTest.*:LeasePairTest.*",
 ]
 
 TABLE = [
@@ -32,7 +32,7 @@ TABLE = [
     Row(["src/server/*"], SERVER),
     Row(["src/lease/*"], LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
-        "worker", "stream_state", "output_file", "stream_folder", "manifest", "recovery")], ORVANED),
+        "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "recovery")], ORVANED),
 ]
 
 LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE))

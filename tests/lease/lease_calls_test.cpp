@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "fake_server.hpp"
-#include "faults/waiting_thread.hpp"
 #include "orvane/lease.hpp"
 #include "replaced_calls.hpp"
+#include "support/fake_server.hpp"
 #include "support/throws.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {

@@ -11,10 +11,10 @@
 #include <functional>
 #include <iterator>
 
-#include "fake_server.hpp"
-#include "faults/waiting_thread.hpp"
 #include "interruptions.hpp"
+#include "support/fake_server.hpp"
 #include "support/throws.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "fake_server.hpp"
-#include "faults/waiting_thread.hpp"
 #include "interruptions.hpp"
 #include "orvane/lease.hpp"
+#include "support/fake_server.hpp"
 #include "support/throws.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {

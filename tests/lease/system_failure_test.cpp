@@ -4,10 +4,10 @@
 #include <new>
 #include <string>
 
-#include "fake_server.hpp"
 #include "orvane/lease.hpp"
 #include "replaced_calls.hpp"
 #include "support/allocations.hpp"
+#include "support/fake_server.hpp"
 #include "support/throws.hpp"
 
 namespace orvane::test {

@@ -9,7 +9,6 @@
 #include <sstream>
 #include <string>
 
-#include "lease/fake_server.hpp"
 #include "orvane/batch_view.hpp"
 #include "orvane/lease.hpp"
 #include "orvane/logger.hpp"
@@ -18,6 +17,7 @@
 #include "ox/errno_exception.hpp"
 #include "ox/log.hpp"
 #include "ox/trace.hpp"
+#include "support/fake_server.hpp"
 #include "support/recording_sink.hpp"
 #include "support/stream.hpp"
 

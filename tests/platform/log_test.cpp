@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "faults/waiting_thread.hpp"
 #include "ox/sink.hpp"
 #include "ox/trace.hpp"
 #include "support/recording_sink.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {

@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "faults/waiting_thread.hpp"
 #include "orvane/unique_id_generator.hpp"
 #include "support/allocations.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <stdexcept>
 
-#include "integration/replaced_clock.hpp"
 #include "ox/errno_exception.hpp"
+#include "replaced_clock.hpp"
 #include "replaced_log.hpp"
 #include "replaced_waits.hpp"
 #include "support/stream.hpp"

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "integration/replaced_clock.hpp"
+#include "replaced_clock.hpp"
 #include "replaced_waits.hpp"
 #include "support/stream.hpp"
 #include "support/throws.hpp"

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "integration/replaced_clock.hpp"
+#include "replaced_clock.hpp"
 #include "replaced_log.hpp"
 #include "replaced_waits.hpp"
 #include "support/stream.hpp"

@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+#include <functional>
+#include <orvane/orvane.hpp>
+#include <queue/message_queue.hpp>
+#include <stdexcept>
+
+#include "support/server.hpp"
+#include "support/text.hpp"
+
+namespace orvane::test {
+namespace {
+
+// A server that leases queues, and serves none under a name that this test uses.
+class SendOverALease : public testing::Test {
+ protected:
+  std::vector<std::string> sendCommand(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> words = {ORVANE_PATH, "send", "--socket", socket};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return words;
+  }
+
+  // The process that serves the lease: the one among the server's children that has mapped a queue
+  // of the server's run. Others may be cleaning up after servers that other tests have killed.
+  pid_t workerOf(const Server& started) const {
+    const std::string pid = std::to_string(started.pid());
+    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+    for (std::string child; children >> child;) {
+      std::ifstream maps("/proc/" + child + "/maps");
+      for (std::string line; std::getline(maps, line);) {
+        if (line.find("orvane-") != std::string::npos &&
+            line.find("-" + pid + "_") != std::string::npos) {
+          return std::stoi(child);
+        }
+      }
+    }
+    throw std::runtime_error("no process serves the lease");
+  }
+
+  // Makes the command wait for room in the queue, for what serves it is told to stop.
+  void fillQueue(const Server& started, const Process& send,
+                 const std::function<void()>& stopServing) const {
+    using Queue = boost::interprocess::message_queue;
+    ASSERT_TRUE(comesTrue([&] { return started.streams().size() == 1; }));
+    stopServing();
+    const std::string state = "/proc/" + std::to_string(workerOf(started)) + "/stat";
+    ASSERT_TRUE(comesTrue([&] { return contains(readFile(state), ") T "); }));
+    // Behind its totals.
+    const std::string leased = sharedMemoryNamed("-" + std::to_string(started.pid()) + "_").at(1);
+    const Queue queue(boost::interprocess::open_only, leased.c_str());
+    // All of it is read: eight messages, one that finds no room, and a record behind it.
+    send.write(std::string(9 * 1048576 + 131072, 'x'));
+    ASSERT_TRUE(comesTrue([&] { return queue.get_num_msg() == queue.get_max_msg(); }));
+  }
+
+  const TempFolder folder;
+  const std::string socket = folder.path() + "/socket";
+};
+
+// Any other server that starts meanwhile cleans up after the dead one, and may say so first.
+testing::AssertionResult tellsOfDeadServer(const std::string& text) {
+  return matches(text,
+                 "orvane send: while sending standard input \\(0 of 1 file stored\\): "
+                 "(orvaned ended the lease without a receipt for the stream"
+                 "|the stream may be lost: .*)\n");
+}
+
+TEST_F(SendOverALease, FilesAreStored) {
+  Server server({"--socket", socket});
+  writeFile(folder.path() + "/a", "first");
+  writeFile(folder.path() + "/b", std::string(3000000, 'b'));
+
+  const Ended ended =
+      run(sendCommand({folder.path() + "/a", "-", folder.path() + "/b"}), "from a pipe");
+
+  EXPECT_EQ(ended.how, "exit 0") << ended.err;
+  EXPECT_TRUE(startsWith(ended.out, "stored 3 files, 3000016 bytes, 3 segments, ")) << ended.out;
+  ASSERT_EQ(server.streams().size(), 3u);
+  EXPECT_EQ(server.content(0), "first");
+  EXPECT_EQ(server.content(1), "from a pipe");
+  EXPECT_EQ(server.content(2), std::string(3000000, 'b'));
+  EXPECT_TRUE(startsWith(server.fact(0, "queue"), "orvane-"));
+  EXPECT_TRUE(ended.out.ends_with(", streams " + server.fact(0, "stream") + " to " +
+                                  server.fact(2, "stream") + "\n"))
+      << ended.out;
+}
+
+TEST_F(SendOverALease, MissingServerIsReported) {
+  const Ended ended = run(sendCommand({"/dev/null"}));
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane send: got no lease: No server to ask for a lease at " + socket +
+                           ": No such file or directory; is it running, and may this user "
+                           "connect?\n");
+}
+
+TEST_F(SendOverALease, RefusedLeaseIsReportedWithTheServersReason) {
+  Server server({"--socket", socket, "--pairs-per-user", "1"});
+  const Lease mine(socket, 30);
+
+  const Ended ended = run(sendCommand({"/dev/null"}));
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err,
+            "orvane send: got no lease: user " + std::to_string(geteuid()) +
+                " has 1 leases, as many as it may: end one, or start orvaned with a larger "
+                "--pairs-per-user\n");
+}
+
+TEST_F(SendOverALease, NeedsEitherAQueueOrASocket) {
+  EXPECT_EQ(run({ORVANE_PATH, "send", "/dev/null"}).how, "exit 2");
+  EXPECT_EQ(run(sendCommand({"--queue", "q", "/dev/null"})).how, "exit 2");
+}
+
+TEST_F(SendOverALease, StreamThatCannotBeStoredIsReportedAsRefused) {
+  Server server({"--socket", socket}, {.fileSizeLimit = 9 << 20});
+
+  const Ended ended = run(sendCommand({"-"}), std::string(10 << 20, 'x'));
+
+  EXPECT_EQ(ended.how, "exit 3");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_TRUE(contains(ended.err, "orvaned refused the stream: File too large")) << ended.err;
+}
+
+TEST_F(SendOverALease, WorkerThatDiesLeavesTheOutcomeUnknown) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"-"}));
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  kill(workerOf(server), SIGKILL);
+  ASSERT_TRUE(comesTrue([&] { return contains(server.errors(), "was killed by signal 9"); }));
+
+  send.write("a few bytes");
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_TRUE(contains(ended.err, "what served the queue died")) << ended.err;
+  EXPECT_EQ(run(sendCommand({"/dev/null"})).how, "exit 0") << "the next one is served";
+}
+
+TEST_F(SendOverALease, ServerThatDiesIsNoticedBeforeTheTimeout) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"--timeout", "3600", "-"}));
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  server.process().signalAll(SIGKILL);
+  ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
+
+  send.write("a few bytes");
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_TRUE(tellsOfDeadServer(ended.err));
+}
+
+TEST_F(SendOverALease, WorkerThatDiesEndsTheWaitForRoomWithTheServersWord) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"--timeout", "3600", "-"}));
+  fillQueue(server, send, [&] { kill(workerOf(server), SIGSTOP); });
+
+  kill(workerOf(server), SIGKILL);
+  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+
+  const Ended ended = send.wait();
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_TRUE(contains(ended.err, "the stream may be lost: what served the queue died"))
+      << ended.err;
+}
+
+TEST_F(SendOverALease, ServerThatDiesEndsTheWaitForRoom) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"--timeout", "3600", "-"}));
+  fillQueue(server, send, [&] { server.process().signalAll(SIGSTOP); });
+
+  server.process().signalAll(SIGKILL);
+  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+
+  const Ended ended = send.wait();
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_TRUE(tellsOfDeadServer(ended.err));
+}
+
+TEST_F(SendOverALease, InterruptionCutsTheStreamOff) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"-"}));
+  send.write("a few bytes");
+  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+
+  send.signal(SIGINT);
+  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+
+  EXPECT_EQ(send.wait().how, "signal 2");
+  EXPECT_TRUE(comesTrue([&] { return server.fact(0, "end") == "stopped"; }));
+}
+
+TEST(LeasedProducer, StoresItsRecordAndPrintsTheReceipt) {
+  const TempFolder folder;
+  const std::string socket = folder.path() + "/socket";
+  Server server({"--socket", socket});
+
+  const Ended ended = run({LEASED_PRODUCER_PATH, socket});
+
+  EXPECT_EQ(ended.how, "exit 0") << ended.err;
+  EXPECT_EQ(ended.out, "receipt stream=" + server.fact(0, "stream") +
+                           " records=1 bytes=20 segments=1 end=closed\n");
+  EXPECT_EQ(server.content(0), "14 crates of oranges");
+}
+
+}  // namespace
+}  // namespace orvane::test

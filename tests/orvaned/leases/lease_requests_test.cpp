@@ -1,0 +1,139 @@
+// Who gets no lease, and is told why.
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+
+#include "support/lease_fixture.hpp"
+
+namespace orvane::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kUnknown[] = "refused 1007 this server understands \"orvane 1 lease\"";
+
+class LeaseRequestTest : public LeaseTest {
+ protected:
+  const std::string user = std::to_string(geteuid());
+  const std::string tooManyPairs =
+      "refused 1005 user " + user +
+      " has 1 leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
+
+  // Asks until there is room again for a lease: one that ended takes a moment.
+  bool isLeasedAgain() const {
+    return eventually([this] { return LeaseClient(socket).ask().starts_with("orvane-"); });
+  }
+};
+
+class BadRequest : public LeaseRequestTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(BadRequest, IsRefusedAndHarmsNobody) {
+  start();
+  LeasedProducer other(socket);
+  EXPECT_EQ(other.queues.ask({kOpen, kHello}), (Answer{0, ""}));
+  const LeaseClient client(socket);
+  client.send(GetParam());
+  EXPECT_EQ(client.next(), kUnknown);
+  EXPECT_EQ(client.next(), kEnd);
+  EXPECT_TRUE(server->says(" warning 1007 leases::refuse: user " + user + ", process " +
+                           std::to_string(getpid()) +
+                           ": this server understands \"orvane 1 lease\"\n"));
+  EXPECT_EQ(other.queues.ask({kClose}).status, 0);
+  EXPECT_EQ(other.client.next(),
+            "receipt stream=" + streamOf(other.name) + " records=1 bytes=5 segments=1 end=closed");
+}
+
+INSTANTIATE_TEST_SUITE_P(Request, BadRequest,
+                         testing::Values("", "rubbish", "orvane 2 lease", "orvane 1 lease\n",
+                                         "orvane 1 leas", std::string("orvane 1 lease\0", 15),
+                                         std::string(512, '%'),
+                                         "orvane 1 lease" + std::string(499, ' '),
+                                         std::string(100000, 'x')),
+                         [](const auto& test) { return "Number" + std::to_string(test.index); });
+
+TEST_F(LeaseRequestTest, NothingIsRefusedAfterFiveSeconds) {
+  start();
+  const auto begin = std::chrono::steady_clock::now();
+  const LeaseClient silent(socket);
+  const LeaseClient other(socket);
+  EXPECT_TRUE(other.ask().starts_with("orvane-"));
+  EXPECT_EQ(silent.next(), "refused 1007 nothing was asked for in time");
+  EXPECT_EQ(silent.next(), kEnd);
+  const auto taken = std::chrono::steady_clock::now() - begin;
+  EXPECT_GE(taken, std::chrono::milliseconds(4900));
+  EXPECT_LT(taken, std::chrono::seconds(8));
+}
+
+TEST_F(LeaseRequestTest, WhoLeavesWithoutAskingIsForgotten) {
+  start({"--pairs-per-user", "1"});
+  LeaseClient silent(socket);
+  silent.close();
+  EXPECT_TRUE(isLeasedAgain());
+}
+
+TEST_F(LeaseRequestTest, AUserHasOnlySoManyPairs) {
+  start({"--pairs-per-user", "1"});
+  LeasedProducer first(socket);
+  const LeaseClient second(socket);
+  EXPECT_EQ(second.ask(), tooManyPairs);
+  EXPECT_EQ(second.next(), kEnd);
+  EXPECT_EQ(first.queues.ask({kOpen}), (Answer{0, ""}));
+  first.client.close();
+  EXPECT_TRUE(isLeasedAgain());
+}
+
+TEST_F(LeaseRequestTest, AConnectionThatHasNotAskedCountsAsAPair) {
+  start({"--pairs-per-user", "1"});
+  const LeaseClient silent(socket);
+  EXPECT_EQ(LeaseClient(socket).ask(), tooManyPairs);
+  EXPECT_TRUE(silent.ask().starts_with("orvane-"));
+}
+
+TEST_F(LeaseRequestTest, AllPairsTakeOnlySoMuchMemory) {
+  // A pair takes 208 + 1 x (24 + 1000) bytes, 208 + 3 x (24 + 136) for the answers, and a page for
+  // its totals.
+  start({"--messages", "1", "--message-size", "1000", "--shm-limit", "12032"});
+  LeasedProducer first(socket);
+  LeasedProducer second(socket);
+  const LeaseClient third(socket);
+  EXPECT_EQ(
+      third.ask(),
+      "refused 1005 the leases would take 18048 bytes of /dev/shm, of 12032 that they may: end "
+      "one, or start orvaned with a larger --shm-limit");
+  EXPECT_EQ(third.next(), kEnd);
+  EXPECT_EQ(second.queues.ask({kOpen}), (Answer{0, ""}));
+  first.client.close();
+  EXPECT_TRUE(isLeasedAgain());
+}
+
+TEST_F(LeaseRequestTest, AMessageTooLargeForSharedMemoryLeavesNothingBehind) {
+  start({"--messages", "4096", "--message-size", "1073741824", "--shm-limit", "8TiB"});
+  const LeaseClient client(socket);
+  const std::string refusal = client.ask();
+  const std::string begin =
+      "refused 1006 the queues need 4398047269600 bytes of /dev/shm, which has ";
+  const std::string end = ": use fewer or smaller messages, or enlarge it";
+  EXPECT_TRUE(refusal.starts_with(begin) && refusal.ends_with(end)) << refusal;
+  EXPECT_EQ(client.next(), kEnd);
+  const std::string queues = "-" + std::to_string(server->process()) + "_";
+  for (const std::string& name : namesIn("/dev/shm")) {
+    EXPECT_EQ(name.find(queues), std::string::npos) << name;
+  }
+}
+
+TEST_F(LeaseRequestTest, AStoreThatVanishedIsTheReasonUntilItIsBack) {
+  start();
+  fs::remove(store.path());
+  const LeaseClient client(socket);
+  EXPECT_EQ(client.ask(), "refused 1006 cannot store into " + store.path() +
+                              ": No such file or directory: --store needs a folder that exists and "
+                              "that the server can write to");
+  EXPECT_EQ(client.next(), kEnd);
+  fs::create_directory(store.path());
+  LeasedProducer producer(socket);
+  EXPECT_EQ(producer.queues.ask({kOpen}), (Answer{0, ""}));
+}
+
+}  // namespace
+}  // namespace orvane::test

@@ -1,0 +1,71 @@
+#include "support/lease_client.hpp"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+namespace orvane::test {
+namespace {
+
+constexpr int kPatienceMilliseconds = 30000;
+
+[[noreturn]] void fail(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+}  // namespace
+
+LeaseClient::LeaseClient(const std::string& socketPath)
+    : socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    fail("connect");
+  }
+}
+
+// A server that refused and left already is no error: its word waits to be read.
+void LeaseClient::send(const std::string& packet) const {
+  if (::send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE) {
+    fail("send");
+  }
+}
+
+std::string LeaseClient::next() const {
+  pollfd readable = {socket.get(), POLLIN, 0};
+  if (poll(&readable, 1, kPatienceMilliseconds) != 1) {
+    throw std::runtime_error("the server says nothing");
+  }
+  char packet[1024];
+  const ssize_t size = recv(socket.get(), packet, sizeof(packet), 0);
+  if (size < 0) {
+    // Said once, before what is there to read, by a server that left without reading everything.
+    return errno == ECONNRESET ? next() : throw std::system_error(errno, std::generic_category());
+  }
+  return size == 0 ? kEnd : std::string(packet, static_cast<std::size_t>(size));
+}
+
+std::string LeaseClient::ask() const {
+  send("orvane 1 lease");
+  const std::string answer = next();
+  return answer.starts_with("lease ") ? answer.substr(6) : answer;
+}
+
+Producer::Producer(const std::string& queue)
+    : sendQueue(boost::interprocess::open_only, queue.c_str()),
+      answerQueue(boost::interprocess::open_only, (queue + "Response").c_str()) {}
+
+void Producer::send(std::initializer_list<Record> records) {
+  send(BatchBytes().records(records).bytes());
+}
+
+void Producer::send(const Bytes& message) {
+  sendQueue.send(message.data(), message.size(), 1);
+}
+
+}  // namespace orvane::test

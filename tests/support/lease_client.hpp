@@ -1,0 +1,67 @@
+#pragma once
+
+#include <initializer_list>
+#include <queue/message_queue.hpp>
+#include <string>
+
+#include "shm/fd.hpp"
+#include "support/await.hpp"
+#include "support/wire.hpp"
+
+namespace orvane::test {
+
+// A producer's end of the talk about leases, packet by packet.
+class LeaseClient {
+ public:
+  // Connects, and does not ask for anything yet. Throws when nobody listens there.
+  explicit LeaseClient(const std::string& socketPath);
+
+  void send(const std::string& packet) const;
+
+  // The next packet; kEnd when the connection has ended. Throws when neither comes.
+  std::string next() const;
+
+  // Asks for a lease; returns the answer, or only the name that it gives.
+  std::string ask() const;
+
+  void close() { socket.reset(); }
+
+ private:
+  tool::Fd socket;
+};
+
+constexpr char kEnd[] = "(end)";
+
+// What a producer does with a queue pair, one batch at a time. Holds the pair open when its names
+// are gone.
+class Producer {
+ public:
+  explicit Producer(const std::string& queue);
+
+  void send(std::initializer_list<Record> records);
+  void send(const Bytes& message);
+
+  // The next answer.
+  Answer answer() { return awaitAnswer(answerQueue); }
+
+  Answer ask(std::initializer_list<Record> records) {
+    send(records);
+    return answer();
+  }
+
+ private:
+  boost::interprocess::message_queue sendQueue;
+  boost::interprocess::message_queue answerQueue;
+};
+
+// A producer with a lease.
+struct LeasedProducer {
+  explicit LeasedProducer(const std::string& socketPath)
+      : client(socketPath), name(client.ask()), queues(name) {}
+
+  LeaseClient client;
+  const std::string name;
+  Producer queues;
+};
+
+}  // namespace orvane::test

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <initializer_list>
+#include <iosfwd>
+#include <orvane/orvane.hpp>
+#include <queue/message_queue.hpp>
+#include <string>
+#include <vector>
+
+#include "store/store.hpp"
+#include "support/queue_pair.hpp"
+#include "support/recording_sink.hpp"
+#include "support/temp_folder.hpp"
+#include "support/wire.hpp"
+#include "worker/queue_pair.hpp"
+#include "worker/worker.hpp"
+
+namespace orvane::test {
+
+struct Answer {
+  ox_status_t status;
+  std::string text;
+
+  bool operator==(const Answer&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const Answer& answer);
+
+// The last answer of a server that is stopped.
+constexpr char kFarewell[] = "the server was stopped: send again what it did not acknowledge";
+inline const orvaned::Ending kStopped = {"the server was stopped", kFarewell};
+
+// Takes the answers that wait, in the order in which a producer would.
+std::vector<Answer> takeAnswers(boost::interprocess::message_queue& responseQueue);
+
+// A server in this process, one step at a time: a queue pair, a worker and an empty store.
+//
+// In the texts that it returns, QUEUE, STORE and RUN stand for the queue's name, the store's path
+// and that part of the stream ids which differs from run to run. Streams are numbered from 0 here:
+// the process numbers them on from one Served to the next.
+class Served {
+ public:
+  explicit Served(std::size_t messageSize = 1024, std::size_t messages = 8);
+
+  const std::string& queue() const { return name.text(); }
+  const std::string& store() const { return temp.path(); }
+  orvaned::Worker& worker() { return queueWorker; }
+
+  // Sends one batch with these records, or one message as it stands.
+  void send(std::initializer_list<Record> records);
+  void send(const Bytes& message);
+
+  // Takes every message that waits; returns the answers that wait then.
+  std::vector<Answer> serve();
+
+  // Sends one batch and serves it.
+  std::vector<Answer> ask(std::initializer_list<Record> records);
+  std::vector<Answer> ask(const Bytes& message);
+
+  std::vector<Answer> answers();
+  std::size_t waitingAnswers() const { return responseQueue.get_num_msg(); }
+
+  // What is in the store: names, and the files of stream number `stream`, oldest first.
+  std::vector<std::string> stored() const;
+  std::vector<std::string> filesOf(std::size_t stream) const;
+  std::string file(std::size_t stream, const std::string& fileName) const;
+  std::string manifest(std::size_t stream) const;
+  std::string pathOf(std::size_t stream) const;
+
+  // What was logged since the last call.
+  std::vector<Line> log();
+
+ private:
+  std::string masked(std::string text) const;
+
+  const std::size_t firstStream;
+  RecordingSink sink;
+  TempFolder temp;
+  const QueueName name;
+  const QueueName responseName;
+  orvaned::Store streamStore;
+  orvaned::QueuePair pair;
+  orvaned::Worker queueWorker;
+  boost::interprocess::message_queue sendQueue;
+  boost::interprocess::message_queue responseQueue;
+};
+
+}  // namespace orvane::test

@@ -1,0 +1,99 @@
+#include "support/server.hpp"
+
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "support/queue_pair.hpp"
+
+namespace orvane::test {
+namespace {
+
+std::vector<std::string> command(const std::string& queue, const std::string& store,
+                                 const std::vector<std::string>& options) {
+  std::vector<std::string> words = {ORVANED_PATH, "--queue", queue, "--store", store};
+  words.insert(words.end(), options.begin(), options.end());
+  return words;
+}
+
+}  // namespace
+
+Server::Server(const std::vector<std::string>& options, const Surroundings& around)
+    : queueName(uniqueQueueName()), server(command(queueName, folder.path(), options), around) {
+  if (!comesTrue(
+          [this] { return server.errorOutput().find("serving queue") != std::string::npos; })) {
+    throw std::runtime_error("orvaned did not start");
+  }
+}
+
+Server::~Server() {
+  // In this order: a SIGCONT would undo the SIGSTOP with which the leak check at the end begins.
+  server.signalAll(SIGCONT);
+  server.signal(SIGTERM);
+  server.wait();
+  for (const std::string& name : sharedMemoryNamed(queueName)) {
+    std::filesystem::remove("/dev/shm/" + name);
+  }
+}
+
+std::vector<std::string> Server::sendCommand(const std::vector<std::string>& arguments) const {
+  std::vector<std::string> words = {ORVANE_PATH, "send", "--queue", queueName};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  return words;
+}
+
+std::vector<std::string> Server::streams() const {
+  std::vector<std::string> paths;
+  for (const std::string& name : namesIn(store())) {
+    if (!name.starts_with(".")) {  // a folder on its way to its name
+      paths.push_back(store() + "/" + name);
+    }
+  }
+  return paths;
+}
+
+std::string Server::fact(std::size_t number, const std::string& name) const {
+  const std::vector<std::string> folders = streams();
+  if (number >= folders.size()) {
+    return "none";
+  }
+  std::ifstream manifest(folders[number] + "/manifest");
+  for (std::string line; std::getline(manifest, line);) {
+    if (line.starts_with(name + "=")) {
+      return line.substr(name.size() + 1);
+    }
+  }
+  return "none";
+}
+
+std::vector<std::string> Server::segmentFiles(std::size_t number) const {
+  std::vector<std::string> files;
+  for (const std::string& name : namesIn(streams().at(number))) {
+    if (name.starts_with("segment-")) {
+      files.push_back(name);
+    }
+  }
+  return files;
+}
+
+std::string Server::content(std::size_t number) const {
+  std::string bytes;
+  for (const std::string& file : segmentFiles(number)) {
+    bytes += readFile(streams().at(number) + "/" + file);
+  }
+  return bytes;
+}
+
+std::vector<std::string> sharedMemoryNamed(const std::string& part) {
+  std::vector<std::string> names;
+  for (const std::string& name : namesIn("/dev/shm")) {
+    if (name.find(part) != std::string::npos) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
+}  // namespace orvane::test

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "support/process.hpp"
+#include "support/temp_folder.hpp"
+
+namespace orvane::test {
+
+// A real orvaned on a queue of its own, storing into a folder of its own.
+class Server {
+ public:
+  explicit Server(const std::vector<std::string>& options = {}, const Surroundings& around = {});
+  ~Server();  // also removes the queues of a server that was killed
+
+  Process& process() { return server; }
+  pid_t pid() const { return server.pid(); }
+  std::string errors() const { return server.errorOutput(); }
+  const std::string& queue() const { return queueName; }
+  const std::string& store() const { return folder.path(); }
+
+  // `orvane send` to this server.
+  std::vector<std::string> sendCommand(const std::vector<std::string>& arguments) const;
+
+  // The stored streams' folders, oldest first.
+  std::vector<std::string> streams() const;
+
+  // The stored stream `number`: a line of its manifest by its name, such as "end"; its segments one
+  // behind the other.
+  std::string fact(std::size_t number, const std::string& name) const;
+  std::string content(std::size_t number) const;
+  std::vector<std::string> segmentFiles(std::size_t number) const;
+
+ private:
+  TempFolder folder;
+  std::string queueName;
+  Process server;
+};
+
+// What in /dev/shm has `part` in its name.
+std::vector<std::string> sharedMemoryNamed(const std::string& part);
+
+}  // namespace orvane::test
