@@ -16,27 +16,13 @@
 #include "support/fake_server.hpp"
 #include "support/throws.hpp"
 #include "support/waiting_thread.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
 
-constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
-constexpr char kReceipt[] = "receipt stream=x records=1 bytes=2 segments=1 end=closed";
 constexpr unsigned int kDay = 86400;
 constexpr unsigned int kSlack = 30;  // so long may a busy machine take from one call to the next
-
-const char kLost[] = "The server ended the lease without a reason: it died or was stopped";
-
-std::string timedOut(const std::string& seconds) {
-  return "Timed out after waiting " + seconds +
-         "s for the server's answer: it is busy or was stopped";
-}
-
-std::string unexpected(const std::string& said) {
-  return "Unexpected reply \"" + said +
-         "\" (lease protocol 1): client and server versions differ; install the same release of "
-         "both";
-}
 
 TEST(LeaseStatus, HasTheNumbersThatCallersCompareWith) {
   EXPECT_EQ(kLeaseNoServer, 900);
@@ -121,8 +107,8 @@ TEST(LeaseReceipt, IsWaitedForNoLongerThanItsTimeout) {
   const std::unique_ptr<Lease> lease = takenFrom(server);
   for (const unsigned int timeout : {kSlack, 61U, kDay}) {
     replacedCalls() = ReplacedCalls();
-    server.say(kReceipt);
-    EXPECT_EQ(textOf(lease->receipt(timeout)), kReceipt);
+    server.say(kShortReceipt);
+    EXPECT_EQ(textOf(lease->receipt(timeout)), kShortReceipt);
     ASSERT_EQ(replacedCalls().pollTimeouts.size(), 1U);
     EXPECT_GE(replacedCalls().pollTimeouts[0], static_cast<int>((timeout - kSlack) * 1000));
     EXPECT_LE(replacedCalls().pollTimeouts[0], static_cast<int>(timeout * 1000));
@@ -142,8 +128,8 @@ TEST(LeaseReceipt, IsReceivedWithoutWaitingAfterAFalseAlarm) {
   FakeServer server;
   const std::unique_ptr<Lease> lease = takenFrom(server);
   replacedCalls() = ReplacedCalls();
-  server.say(kReceipt);
-  EXPECT_EQ(textOf(lease->receipt(0)), kReceipt);
+  server.say(kShortReceipt);
+  EXPECT_EQ(textOf(lease->receipt(0)), kShortReceipt);
   // Otherwise what follows would wait for ever.
   ASSERT_EQ(replacedCalls().recvFlags, std::vector<int>{MSG_DONTWAIT | MSG_TRUNC});
 
@@ -163,11 +149,11 @@ TEST(LeaseAlive, LooksAtTheServersEndWithoutWaiting) {
 TEST(LeaseAlive, IsNotSaidOfAServerThatHearsButSaysNoMore) {
   FakeServer server;
   const std::unique_ptr<Lease> lease = takenFrom(server);
-  server.say(kReceipt);
+  server.say(kShortReceipt);
   server.stopSaying();
 
   EXPECT_FALSE(lease->alive());
-  EXPECT_EQ(textOf(lease->receipt(0)), kReceipt);
+  EXPECT_EQ(textOf(lease->receipt(0)), kShortReceipt);
   EXPECT_TRUE(throwsErrno(901, kLost, [&] { lease->receipt(0); }));
 }
 

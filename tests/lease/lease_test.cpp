@@ -15,11 +15,10 @@
 #include "support/fake_server.hpp"
 #include "support/throws.hpp"
 #include "support/waiting_thread.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
-
-constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
 
 using Names = std::vector<std::string>;
 

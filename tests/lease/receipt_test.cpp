@@ -5,23 +5,15 @@
 #include "support/fake_server.hpp"
 #include "support/throws.hpp"
 #include "support/waiting_thread.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
-
-constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
 
 const char kFirst[] =
     "receipt stream=20261121T023224-4711_0 records=12 bytes=9 segments=2 end=closed";
 const char kSecond[] =
     "receipt stream=20261121T023224-4711_1 records=0 bytes=0 segments=0 end=stopped";
-const char kLost[] = "The server ended the lease without a reason: it died or was stopped";
-
-std::string timedOut(const std::string& seconds) {
-  return "Timed out after waiting " + seconds +
-         "s for the server's answer: it is busy or was stopped";
-}
-
 FakeServer::Script leaseAnd(std::vector<std::string> more, bool hears = true) {
   more.insert(more.begin(), "lease q");
   return {.says = std::move(more), .hears = hears};

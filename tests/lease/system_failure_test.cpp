@@ -9,12 +9,10 @@
 #include "support/allocations.hpp"
 #include "support/fake_server.hpp"
 #include "support/throws.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
-
-constexpr unsigned int kLong = 60;  // seconds; nothing here takes so long
-constexpr char kReceipt[] = "receipt stream=x records=1 bytes=2 segments=1 end=closed";
 
 // Taking a lease while a call fails; no descriptor may be left open.
 testing::AssertionResult refuses(const char* call, int error, ox_status_t status,
@@ -79,11 +77,11 @@ TEST(LeaseTaking, HearsAServerThatRefusedAndEndedBeforeItWasAsked) {
 TEST(LeaseReceipt, IsWaitedForAgainAfterAFalseAlarm) {
   for (const int error : {EAGAIN, EINTR}) {
     FakeServer server;
-    server.serve({.says = {"lease q", kReceipt}});
+    server.serve({.says = {"lease q", kShortReceipt}});
     Lease lease(server.path(), kLong);
     server.awaitScript();
     failNext("recv", error);
-    EXPECT_EQ(textOf(lease.receipt(kLong)), kReceipt);
+    EXPECT_EQ(textOf(lease.receipt(kLong)), kShortReceipt);
   }
 }
 
@@ -91,7 +89,7 @@ TEST(LeaseReceipt, EndsTheLeaseWhenItCannotBeHeard) {
   FakeServer server;
   server.serve({.says = {"lease q"}});
   Lease lease(server.path(), kLong);
-  server.say(kReceipt);
+  server.say(kShortReceipt);
   failNext("recv", ENOMEM);
 
   EXPECT_TRUE(throwsErrno(901, "Cannot hear the server: Cannot allocate memory",

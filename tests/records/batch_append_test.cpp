@@ -5,6 +5,7 @@
 #include <string>
 #include <type_traits>
 
+#include "entries.hpp"
 #include "support/grouping_locale.hpp"
 #include "support/recording_sink.hpp"
 #include "support/throws.hpp"
@@ -30,13 +31,6 @@ constexpr const char* kNoRoom =
 std::string tooSmall(const std::string& size) {
   return "Buffer size " + size +
          " is invalid because it is smaller than the minimum required buffer size of 8";
-}
-
-Entry entryOf(std::uint32_t type, const Bytes& data) {
-  pvk_shm_message_t header;
-  header.type = type;
-  header.len = static_cast<std::uint32_t>(data.size());
-  return {header, data.data()};
 }
 
 unsigned long sizeOf(const ShmBatch& batch) {

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "batch_members.hpp"
+#include "entries.hpp"
 #include "orvane/batch.hpp"
 #include "ox/errno_exception.hpp"
 #include "support/wire.hpp"
@@ -12,19 +13,6 @@ namespace orvane::test {
 namespace {
 
 using Entry = ShmBatch::Entry;
-
-Entry entryOf(std::uint32_t type, const Bytes& data) {
-  pvk_shm_message_t header;
-  header.type = type;
-  header.len = static_cast<std::uint32_t>(data.size());
-  return {header, data.data()};
-}
-
-std::string textOf(const Entry& entry) {
-  std::ostringstream text;
-  text << entry;
-  return text.str();
-}
 
 // Behind its first `length` bytes both sums are as large as they can become by 65519; the largest
 // bytes follow, as many again. Sums that are reduced only after `length` bytes overflow.

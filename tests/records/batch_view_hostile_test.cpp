@@ -69,35 +69,35 @@ bool isAccepted(const Bytes& content) {
   }
 }
 
-const BatchBytes kThreeRecords =
+const BatchBytes kIntactBatch =
     BatchBytes().records({{.type = 1, .seqNo = 2, .data = bytesOf("hello")},
                           {.type = 7, .seqNo = 3, .data = Bytes(60, 'x')},
                           {.type = 2, .seqNo = 4}});
 
-constexpr std::size_t kHeaders[] = {8, 61, 169};
+constexpr std::size_t kHeaderOffsets[] = {8, 61, 169};
 
 // The bytes of the batch whose change must be noticed: magic words, lengths, the entry count.
 bool isChecked(std::size_t offset) {
   if (offset < 8) {
     return true;
   }
-  return std::ranges::any_of(kHeaders, [offset](std::size_t header) {
+  return std::ranges::any_of(kHeaderOffsets, [offset](std::size_t header) {
     return (offset >= header + 4 && offset < header + 8) ||
            (offset >= header + 44 && offset < header + 48);
   });
 }
 
 TEST(HostileBatch, WholeOneIsAccepted) {
-  EXPECT_TRUE(isAccepted(kThreeRecords.bytes()));
+  EXPECT_TRUE(isAccepted(kIntactBatch.bytes()));
 }
 
 TEST(HostileBatch, EveryFlippedBitOfMagicWordsLengthsAndCountIsRefused) {
-  const std::size_t size = kThreeRecords.bytes().size();
+  const std::size_t size = kIntactBatch.bytes().size();
   ASSERT_EQ(size, 217U);
   for (std::size_t offset = 0; offset < size; ++offset) {
     for (int bit = 0; bit < 8; ++bit) {
       const auto mask = static_cast<unsigned char>(1U << bit);
-      EXPECT_EQ(isAccepted(BatchBytes(kThreeRecords).flip(offset, mask).bytes()),
+      EXPECT_EQ(isAccepted(BatchBytes(kIntactBatch).flip(offset, mask).bytes()),
                 !isChecked(offset))
           << "bit " << bit << " of byte " << offset;
     }
@@ -105,7 +105,7 @@ TEST(HostileBatch, EveryFlippedBitOfMagicWordsLengthsAndCountIsRefused) {
 }
 
 TEST(HostileBatch, EveryFlippedBitOfAHeaderAloneIsReadOrRefused) {
-  const Bytes header(kThreeRecords.bytes().begin() + 8, kThreeRecords.bytes().begin() + 56);
+  const Bytes header(kIntactBatch.bytes().begin() + 8, kIntactBatch.bytes().begin() + 56);
   for (std::size_t offset = 0; offset < header.size(); ++offset) {
     for (int bit = 0; bit < 8; ++bit) {
       Bytes damaged = header;
@@ -141,17 +141,17 @@ TEST(HostileBatch, EveryFlippedBitOfTheMetadataAloneIsReadOrRefused) {
 }
 
 TEST(HostileBatch, EveryTruncationIsRefused) {
-  for (std::size_t size = 0; size < kThreeRecords.bytes().size(); ++size) {
-    EXPECT_FALSE(isAccepted(BatchBytes(kThreeRecords).cut(size).bytes())) << size << " bytes";
+  for (std::size_t size = 0; size < kIntactBatch.bytes().size(); ++size) {
+    EXPECT_FALSE(isAccepted(BatchBytes(kIntactBatch).cut(size).bytes())) << size << " bytes";
   }
 }
 
 TEST(HostileBatch, EveryChangedByteOfALengthIsRefused) {
-  for (const std::size_t header : kHeaders) {
+  for (const std::size_t header : kHeaderOffsets) {
     for (std::size_t offset = header + 4; offset < header + 8; ++offset) {
       for (unsigned int mask = 1; mask < 256; ++mask) {
         EXPECT_FALSE(isAccepted(
-            BatchBytes(kThreeRecords).flip(offset, static_cast<unsigned char>(mask)).bytes()))
+            BatchBytes(kIntactBatch).flip(offset, static_cast<unsigned char>(mask)).bytes()))
             << "byte " << offset << " changed by " << mask;
       }
     }

@@ -14,7 +14,7 @@
 namespace orvane::test {
 namespace {
 
-const BatchBytes kTwoRecords = BatchBytes().records(
+const BatchBytes kWholeBatch = BatchBytes().records(
     {{.type = 1, .seqNo = 2, .data = bytesOf("hello")}, {.type = 2, .seqNo = 3}});
 
 TEST(BatchView, GivesBackWhatABatchHolds) {
@@ -50,7 +50,7 @@ TEST(BatchView, OfAnEmptyBatchIsEmpty) {
 
 TEST(BatchView, IsAForwardRangeForStandardAlgorithms) {
   static_assert(std::ranges::forward_range<BatchView>);
-  const Bytes& bytes = kTwoRecords.bytes();
+  const Bytes& bytes = kWholeBatch.bytes();
   const BatchView view(bytes.data(), bytes.size());
   EXPECT_EQ(std::ranges::distance(view), 2);
   EXPECT_EQ(std::count_if(view.begin(), view.end(),
@@ -63,7 +63,7 @@ TEST(BatchView, IsAForwardRangeForStandardAlgorithms) {
 }
 
 TEST(BatchView, MayBeReadAgainFromAnyPosition) {
-  const Bytes& bytes = kTwoRecords.bytes();
+  const Bytes& bytes = kWholeBatch.bytes();
   const BatchView view(bytes.data(), bytes.size());
   BatchView::Iterator position = view.begin();
   const BatchView::Iterator before = position++;
@@ -120,37 +120,37 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"TooSmallForMetadata", BatchBytes().cut(7), 9,
                 "Buffer size 7 is invalid because it is smaller than the minimum required buffer "
                 "size of 8"},
-        Refusal{"CorruptMetadata", BatchBytes(kTwoRecords).put32(0, 1), 32,
+        Refusal{"CorruptMetadata", BatchBytes(kWholeBatch).put32(0, 1), 32,
                 "Could not deserialize ShmBatch::MetaData from buffer because the magic value 1 is "
                 "corrupt (expected=4278251025)"},
-        Refusal{"CorruptFirstHeader", BatchBytes(kTwoRecords).put32(52, 1), 32,
+        Refusal{"CorruptFirstHeader", BatchBytes(kWholeBatch).put32(52, 1), 32,
                 "Could not deserialize pvk_shm_message from buffer because the magic value 1 is "
                 "corrupt (expected=2864434397)"},
-        Refusal{"CorruptLastHeader", BatchBytes(kTwoRecords).put32(105, 0), 32,
+        Refusal{"CorruptLastHeader", BatchBytes(kWholeBatch).put32(105, 0), 32,
                 "Could not deserialize pvk_shm_message from buffer because the magic value 0 is "
                 "corrupt (expected=2864434397)"},
-        Refusal{"CountBeyondTheSize", BatchBytes(kTwoRecords).put32(4, 3), 9,
+        Refusal{"CountBeyondTheSize", BatchBytes(kWholeBatch).put32(4, 3), 9,
                 "Could not read batch because its 3 entries need at least 144 bytes but only 101 "
                 "are there"},
-        Refusal{"LargestCount", BatchBytes(kTwoRecords).put32(4, 0xFFFFFFFF), 9,
+        Refusal{"LargestCount", BatchBytes(kWholeBatch).put32(4, 0xFFFFFFFF), 9,
                 "Could not read batch because its 4294967295 entries need at least 206158430160 "
                 "bytes but only 101 are there"},
-        Refusal{"HeaderBeyondTheEnd", BatchBytes(kTwoRecords).put32(12, 6), 9,
+        Refusal{"HeaderBeyondTheEnd", BatchBytes(kWholeBatch).put32(12, 6), 9,
                 "Could not read batch entry 1 at offset 62 because its header needs 48 bytes but "
                 "only 47 are there"},
-        Refusal{"DataBeyondTheEnd", BatchBytes(kTwoRecords).put32(12, 54), 9,
+        Refusal{"DataBeyondTheEnd", BatchBytes(kWholeBatch).put32(12, 54), 9,
                 "Could not read batch entry 0 at offset 8 because its data needs 54 bytes but only "
                 "53 are there"},
-        Refusal{"DataOfTheLastBeyondTheEnd", BatchBytes(kTwoRecords).put32(65, 1), 9,
+        Refusal{"DataOfTheLastBeyondTheEnd", BatchBytes(kWholeBatch).put32(65, 1), 9,
                 "Could not read batch entry 1 at offset 61 because its data needs 1 bytes but only "
                 "0 are there"},
-        Refusal{"LargestLength", BatchBytes(kTwoRecords).put32(12, 0xFFFFFFFF), 9,
+        Refusal{"LargestLength", BatchBytes(kWholeBatch).put32(12, 0xFFFFFFFF), 9,
                 "Could not read batch entry 0 at offset 8 because its data needs 4294967295 bytes "
                 "but only 53 are there"},
-        Refusal{"BytesLeftOver", BatchBytes(kTwoRecords).append({0, 0, 0}), 9,
+        Refusal{"BytesLeftOver", BatchBytes(kWholeBatch).append({0, 0, 0}), 9,
                 "Could not read batch because 3 bytes are left over behind its 2 entries at offset "
                 "109"},
-        Refusal{"RecordLeftOver", BatchBytes(kTwoRecords).put32(4, 1), 9,
+        Refusal{"RecordLeftOver", BatchBytes(kWholeBatch).put32(4, 1), 9,
                 "Could not read batch because 48 bytes are left over behind its 1 entries at "
                 "offset 61"},
         Refusal{"EmptyBatchWithMore", BatchBytes().append({0}), 9,

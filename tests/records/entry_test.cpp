@@ -3,6 +3,7 @@
 #include <sstream>
 #include <type_traits>
 
+#include "entries.hpp"
 #include "orvane/batch.hpp"
 #include "support/grouping_locale.hpp"
 #include "support/wire.hpp"
@@ -11,19 +12,6 @@ namespace orvane::test {
 namespace {
 
 using Entry = ShmBatch::Entry;
-
-Entry entryOf(std::uint32_t type, const Bytes& data) {
-  pvk_shm_message_t header;
-  header.type = type;
-  header.len = static_cast<std::uint32_t>(data.size());
-  return {header, data.data()};
-}
-
-std::string textOf(const Entry& entry) {
-  std::ostringstream text;
-  text << entry;
-  return text.str();
-}
 
 // Bytes without a pattern that the two sums of the checksum could hide.
 Bytes patternOf(std::size_t size) {

@@ -110,7 +110,7 @@ class LargeBatch : public testing::Test {
   std::unique_ptr<ShmBatch> batch;
 };
 
-Entry entryOf(std::uint32_t len, const unsigned char* data) {
+Entry wideEntry(std::uint32_t len, const unsigned char* data) {
   pvk_shm_message_t header;
   header.seqNo = len;
   header.len = len;
@@ -118,19 +118,19 @@ Entry entryOf(std::uint32_t len, const unsigned char* data) {
 }
 
 TEST_F(LargeBatch, HoldsMoreThan4GiB) {
-  EXPECT_TRUE(batch->canStore(entryOf(5000, nullptr)));
-  EXPECT_TRUE(batch->canStore(entryOf(0xFFFFFFFF, nullptr)));
+  EXPECT_TRUE(batch->canStore(wideEntry(5000, nullptr)));
+  EXPECT_TRUE(batch->canStore(wideEntry(0xFFFFFFFF, nullptr)));
   EXPECT_TRUE(throwsErrno(
       9, "Invalid header; the specified length of data is 4294967295 but the data pointer is NULL",
-      [&] { batch->pushBack(entryOf(0xFFFFFFFF, nullptr)); }));
+      [&] { batch->pushBack(wideEntry(0xFFFFFFFF, nullptr)); }));
 
-  batch->pushBack(entryOf(0xFFFFFFFF, Zeros().data()));
+  batch->pushBack(wideEntry(0xFFFFFFFF, Zeros().data()));
   const std::size_t second = 56 + std::size_t{0xFFFFFFFF};
   EXPECT_EQ(batch->getRawSize(), second);
   EXPECT_EQ(writePosOf(*batch), batch->getRaw() + second);
-  EXPECT_TRUE(batch->canStore(entryOf(3993, nullptr)));
-  EXPECT_FALSE(batch->canStore(entryOf(3994, nullptr)));
-  batch->pushBack(entryOf(5, bytesOf("hello").data()));
+  EXPECT_TRUE(batch->canStore(wideEntry(3993, nullptr)));
+  EXPECT_FALSE(batch->canStore(wideEntry(3994, nullptr)));
+  batch->pushBack(wideEntry(5, bytesOf("hello").data()));
 
   EXPECT_EQ(batch->getRawSize(), second + 53);
   EXPECT_EQ(batch->getEntry(1).header.seqNo, 5U);
@@ -151,7 +151,7 @@ TEST_F(LargeBatch, HoldsMoreThan4GiB) {
 
   batch->clear();
   EXPECT_EQ(batch->getRawSize(), 8U);
-  EXPECT_TRUE(batch->canStore(entryOf(0xFFFFFFFF, nullptr)));
+  EXPECT_TRUE(batch->canStore(wideEntry(0xFFFFFFFF, nullptr)));
 }
 
 }  // namespace

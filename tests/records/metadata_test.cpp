@@ -15,7 +15,7 @@ using MetaData = ShmBatch::MetaData;
 static_assert(!std::is_polymorphic_v<MetaData>);
 static_assert(std::is_same_v<decltype(MetaData().getSerializedSize()), unsigned long>);
 
-std::string corruptText(const std::string& magic) {
+std::string corruptMetaData(const std::string& magic) {
   return "Could not deserialize ShmBatch::MetaData from buffer because the magic value " + magic +
          " is corrupt (expected=4278251025)";
 }
@@ -62,7 +62,7 @@ TEST(MetaData, RejectsEightZeroBytesAndHoldsThem) {
   MetaData metaData;
   metaData.numEntries = 3;
   EXPECT_TRUE(
-      throwsErrno(32, corruptText("0"), [&] { metaData.deserializeFromBuffer(zeros.data()); }));
+      throwsErrno(32, corruptMetaData("0"), [&] { metaData.deserializeFromBuffer(zeros.data()); }));
   EXPECT_EQ(metaData.magic, 0U);
   EXPECT_EQ(metaData.numEntries, 0U);
 }
@@ -70,7 +70,7 @@ TEST(MetaData, RejectsEightZeroBytesAndHoldsThem) {
 TEST(MetaData, KeepsWhatWasReadWhenTheMagicIsCorrupt) {
   const Bytes bytes = hex("00bbccdd 00000007");
   MetaData metaData;
-  EXPECT_TRUE(throwsErrno(32, corruptText("12307677"),
+  EXPECT_TRUE(throwsErrno(32, corruptMetaData("12307677"),
                           [&] { metaData.deserializeFromBuffer(bytes.data()); }));
   EXPECT_EQ(metaData.magic, 0x00BBCCDDU);
   EXPECT_EQ(metaData.numEntries, 7U);
@@ -89,7 +89,7 @@ TEST(MetaData, WritesPlainDecimalsIntoItsExceptionUnderAGroupingGlobalLocale) {
   const GlobalGroupingLocale grouping;
   const Bytes bytes = hex("00bbccdd 00000007");
   MetaData metaData;
-  EXPECT_TRUE(throwsErrno(32, corruptText("12307677"),
+  EXPECT_TRUE(throwsErrno(32, corruptMetaData("12307677"),
                           [&] { metaData.deserializeFromBuffer(bytes.data()); }));
 }
 

@@ -48,7 +48,7 @@ void expectCountingFields(const pvk_shm_message_t& header) {
   EXPECT_EQ(header.segParam3, 0x292A2B2CU);
 }
 
-std::string corruptText(const std::string& magic) {
+std::string corruptRecordHeader(const std::string& magic) {
   return "Could not deserialize pvk_shm_message from buffer because the magic value " + magic +
          " is corrupt (expected=2864434397)";
 }
@@ -133,8 +133,8 @@ TEST(Header, ComesBackEqualWithAll64BitsInUse) {
 TEST(Header, RejectsZeroBytesAndHoldsThem) {
   const Bytes zeros(48);
   pvk_shm_message_t header = countingHeader();
-  EXPECT_TRUE(
-      throwsErrno(32, corruptText("0"), [&] { header.deserializeFromBuffer(zeros.data()); }));
+  EXPECT_TRUE(throwsErrno(32, corruptRecordHeader("0"),
+                          [&] { header.deserializeFromBuffer(zeros.data()); }));
   EXPECT_EQ(header.type, 0U);
   EXPECT_EQ(header.len, 0U);
   EXPECT_EQ(header.seqNo, 0U);
@@ -149,7 +149,7 @@ TEST(Header, RejectsZeroBytesAndHoldsThem) {
 
 TEST(Header, KeepsWhatWasReadWhenTheMagicIsCorrupt) {
   pvk_shm_message_t header;
-  EXPECT_TRUE(throwsErrno(32, corruptText("758001456"),
+  EXPECT_TRUE(throwsErrno(32, corruptRecordHeader("758001456"),
                           [&] { header.deserializeFromBuffer(kCountingBytes.data()); }));
   expectCountingFields(header);
   EXPECT_EQ(header.magic, 0x2D2E2F30U);
@@ -159,8 +159,8 @@ TEST(Header, NamesTheMagicThatWasRead) {
   Bytes bytes(48);
   bytes[47] = 1;
   pvk_shm_message_t header;
-  EXPECT_TRUE(
-      throwsErrno(32, corruptText("1"), [&] { header.deserializeFromBuffer(bytes.data()); }));
+  EXPECT_TRUE(throwsErrno(32, corruptRecordHeader("1"),
+                          [&] { header.deserializeFromBuffer(bytes.data()); }));
 }
 
 TEST(Header, RejectsEverySingleFlippedBitOfTheMagic) {
@@ -176,7 +176,7 @@ TEST(Header, RejectsEverySingleFlippedBitOfTheMagic) {
 TEST(Header, WritesPlainDecimalsIntoItsExceptionUnderAGroupingGlobalLocale) {
   const GlobalGroupingLocale grouping;
   pvk_shm_message_t header;
-  EXPECT_TRUE(throwsErrno(32, corruptText("758001456"),
+  EXPECT_TRUE(throwsErrno(32, corruptRecordHeader("758001456"),
                           [&] { header.deserializeFromBuffer(kCountingBytes.data()); }));
 }
 

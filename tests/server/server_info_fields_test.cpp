@@ -12,6 +12,8 @@
 #include "orvane/server_info.hpp"
 #include "support/grouping_locale.hpp"
 
+#include "plain_server_info.hpp"
+
 namespace orvane {
 
 // Reaches the record's private fields. Explicit instantiation is the one place where the language
@@ -49,6 +51,8 @@ ORVANE_EXPOSE(ClusterName, std::string)
 
 namespace {
 
+using test::plain;
+
 // Callers copy and move the record with code of their own, compiled with this order.
 TEST(ServerInfoFields, StandInDeclaredOrder) {
   const ServerInfo info("s", "u", "p", "a", "c", "r", "k");
@@ -74,10 +78,6 @@ TEST(ServerInfoFields, HaveTheSentinelsThatCallersCompareWith) {
   EXPECT_EQ(ServerInfo::kNoBandwidthLimit, 0);
   EXPECT_EQ(ServerInfo::kNoFPType, 255);
   EXPECT_EQ(ServerInfo::kNoClusterMode, 4294967295U);
-}
-
-ServerInfo plain() {
-  return {"s", "u", "p", "a", "c", "r", "k"};
 }
 
 // Each of its seventeen fields has a value of its own.

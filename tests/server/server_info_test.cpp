@@ -9,12 +9,12 @@
 #include <string>
 #include <type_traits>
 
+#include "plain_server_info.hpp"
+
 namespace orvane {
 namespace {
 
-ServerInfo plain() {
-  return {"s", "u", "p", "a", "c", "r", "k"};
-}
+using test::plain;
 
 std::string textOf(const ServerInfo& info) {
   std::ostringstream text;

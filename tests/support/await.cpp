@@ -12,7 +12,8 @@
 namespace orvane::test {
 
 bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMilliseconds);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) {
       return false;

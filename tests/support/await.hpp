@@ -8,8 +8,10 @@
 
 #include "support/served.hpp"
 
-// What other processes do takes its time; a test waits for it, and for no longer than 30 seconds.
+// What other processes do takes its time; a test waits for it, and for no longer than this.
 namespace orvane::test {
+
+constexpr int kPatienceMilliseconds = 30000;
 
 bool eventually(const std::function<bool()>& condition);
 

@@ -5,21 +5,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <system_error>
 #include <utility>
 
+#include "support/system_call.hpp"
+
 namespace orvane::test {
-namespace {
-
-int orThrow(int result, const char* call) {
-  if (result < 0) {
-    throw std::system_error(errno, std::generic_category(), call);
-  }
-  return result;
-}
-
-}  // namespace
 
 FakeServer::FakeServer()
     : socketPath(folder.path() + "/socket"),

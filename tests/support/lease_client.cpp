@@ -8,31 +8,23 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "support/system_call.hpp"
+
 namespace orvane::test {
-namespace {
-
-constexpr int kPatienceMilliseconds = 30000;
-
-[[noreturn]] void fail(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-}  // namespace
 
 LeaseClient::LeaseClient(const std::string& socketPath)
     : socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    fail("connect");
-  }
+  orThrow(connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+          "connect");
 }
 
 // A server that refused and left already is no error: its word waits to be read.
 void LeaseClient::send(const std::string& packet) const {
   if (::send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE) {
-    fail("send");
+    throw std::system_error(errno, std::generic_category(), "send");
   }
 }
 

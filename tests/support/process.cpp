@@ -7,22 +7,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
+
+#include "support/system_call.hpp"
 
 namespace orvane::test {
 namespace {
-
-int orThrow(int result, const char* call) {
-  if (result < 0) {
-    throw std::system_error(errno, std::generic_category(), call);
-  }
-  return result;
-}
 
 std::string wholeFile(int fd) {
   std::string text;

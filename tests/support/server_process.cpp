@@ -14,6 +14,7 @@
 #include <regex>
 #include <stdexcept>
 
+#include "support/await.hpp"
 #include "support/reachable.hpp"
 
 namespace orvane::test {
@@ -21,8 +22,6 @@ namespace orvane::test {
 using boost::interprocess::message_queue;
 
 namespace {
-
-constexpr int kPatienceMilliseconds = 30000;
 
 [[noreturn]] void become(const std::vector<std::string>& arguments, int output,
                          const ServerProcess::Setup& setup) {

@@ -3,13 +3,10 @@
 #include "support/recording_sink.hpp"
 #include "support/stream.hpp"
 #include "support/throws.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
-
-const Line kWarning = {ox::Kind::warning, -1,
-                       "write_data: ORVANE_PERF_BENCHMARK_ENABLED is set to 1. This backup will "
-                       "fail. Dumping data.."};
 
 class BenchmarkTypes : public testing::Test {
  protected:

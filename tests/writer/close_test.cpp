@@ -4,11 +4,10 @@
 #include "support/stream.hpp"
 #include "support/throws.hpp"
 #include "support/writer_members.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
-
-constexpr const char* kNotOpen = "Could not write segment data because ShmWriter is not open";
 
 TEST(Close, SendsTheCloseRecordAtOnceBehindPendingData) {
   Stream stream;

@@ -8,7 +8,7 @@
 namespace orvane::test {
 namespace {
 
-constexpr const char* kNotOpen = "Could not end segment data because ShmWriter is not open";
+constexpr const char* kNoSegmentToEnd = "Could not end segment data because ShmWriter is not open";
 
 TEST(EndSegment, AppendsOneRecordWithoutSendingIt) {
   Stream stream;
@@ -21,7 +21,7 @@ TEST(EndSegment, AppendsOneRecordWithoutSendingIt) {
 TEST(EndSegment, OfAClosedWriterChangesNothing) {
   Stream stream;
   lastMessageTypeOf(stream.writer) = 2;  // not even a redundant end is taken
-  EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.writer.endSegment(); }));
+  EXPECT_TRUE(throwsErrno(44, kNoSegmentToEnd, [&] { stream.writer.endSegment(); }));
   EXPECT_TRUE(headerOf(stream.writer) == pvk_shm_message_t());
   EXPECT_TRUE(batchOf(stream.writer)->empty());
 }

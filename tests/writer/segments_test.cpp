@@ -3,11 +3,11 @@
 #include "support/stream.hpp"
 #include "support/throws.hpp"
 #include "support/writer_members.hpp"
+#include "texts.hpp"
 
 namespace orvane::test {
 namespace {
 
-constexpr const char* kNotOpen = "Could not write segment data because ShmWriter is not open";
 constexpr const char* kWrongAlgorithm =
     "Could not write segment data because wrong algorithm has been set";
 constexpr unsigned long kFourGiB = 0x100000000;

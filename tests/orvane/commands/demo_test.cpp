@@ -12,7 +12,7 @@
 namespace orvane::test {
 namespace {
 
-const std::vector<std::string> kNothing;
+const std::vector<std::string> kNothingLeft;
 const char kTimeAndRate[] = "[0-9]+\\.[0-9][0-9] s, [0-9.]+ [kMG]?B/s, identical\n";
 
 // `orvane demo` with a folder of its own for its temporary files.
@@ -39,7 +39,7 @@ class Demo : public testing::Test {
     Process demo(command(arguments), around());
     demo.write(input);
     Ended ended = demo.wait();
-    EXPECT_EQ(leftBy(demo), kNothing);
+    EXPECT_EQ(leftBy(demo), kNothingLeft);
     return ended;
   }
 
@@ -147,7 +147,7 @@ TEST_F(Demo, MissingServerIsReported) {
   EXPECT_EQ(ended.err,
             "orvane demo: orvaned ended, exit code 127: cannot run orvaned: "
             "No such file or directory\n");
-  EXPECT_EQ(leftBy(demo), kNothing);
+  EXPECT_EQ(leftBy(demo), kNothingLeft);
 }
 
 TEST_F(Demo, DiskThatFillsUpIsReported) {
@@ -159,7 +159,7 @@ TEST_F(Demo, DiskThatFillsUpIsReported) {
 
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_TRUE(contains(ended.err, "orvane demo: orvaned refused the stream: File too large"));
-  EXPECT_EQ(leftBy(demo), kNothing);
+  EXPECT_EQ(leftBy(demo), kNothingLeft);
 }
 
 TEST_F(Demo, ServerThatDiesIsReported) {
@@ -173,7 +173,7 @@ TEST_F(Demo, ServerThatDiesIsReported) {
   const Ended ended = demo.wait();
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_TRUE(startsWith(ended.err, "orvane demo: orvaned ended, killed by signal 9: "));
-  EXPECT_EQ(leftBy(demo), kNothing);
+  EXPECT_EQ(leftBy(demo), kNothingLeft);
 }
 
 TEST_F(Demo, KilledDemoTakesItsServerAndItsQueuesAlong) {
@@ -205,7 +205,7 @@ TEST_P(DemoSignal, LeavesNothingBehind) {
   EXPECT_EQ(ended.how, "signal " + std::to_string(GetParam()));
   EXPECT_EQ(ended.out, "");
   EXPECT_EQ(ended.err, "orvane demo: interrupted\n");
-  EXPECT_EQ(leftBy(demo), kNothing);
+  EXPECT_EQ(leftBy(demo), kNothingLeft);
   EXPECT_TRUE(isGone(server));
 }
 

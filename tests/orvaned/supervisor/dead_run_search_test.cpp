@@ -100,7 +100,7 @@ TEST_F(LeaseRecoveryTest, WhatADyingServerHasIsLeftAloneUntilItIsDead) {
     if (worker == 0) {
       pause();
     }
-    _exit(write(pids[1], &worker, sizeof worker) == sizeof worker ? 0 : 1);
+    _exit(::write(pids[1], &worker, sizeof worker) == sizeof worker ? 0 : 1);
   }
   pid_t worker = 0;
   ASSERT_EQ(read(pids[0], &worker, sizeof worker), static_cast<ssize_t>(sizeof worker));

@@ -9,6 +9,7 @@
 #include "support/server_process.hpp"
 #include "support/temp_folder.hpp"
 
+namespace recovery_process {
 namespace {
 
 using boost::interprocess::message_queue;
@@ -138,3 +139,4 @@ INSTANTIATE_TEST_SUITE_P(Sync, ServerDeathTest, testing::Values("always", "segme
                          [](const auto& test) { return test.param; });
 
 }  // namespace
+}  // namespace recovery_process

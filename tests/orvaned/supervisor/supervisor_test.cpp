@@ -22,14 +22,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Process {
+struct ChildProcess {
   std::string name;
   pid_t parent;
   pid_t group;
 };
 
-std::map<pid_t, Process> processes() {
-  std::map<pid_t, Process> found;
+std::map<pid_t, ChildProcess> processes() {
+  std::map<pid_t, ChildProcess> found;
   for (const auto& entry : fs::directory_iterator("/proc")) {
     const std::string name = entry.path().filename();
     std::ifstream file(entry.path() / "stat");
@@ -40,7 +40,7 @@ std::map<pid_t, Process> processes() {
     const std::size_t nameEnd = stat.rfind(')');
     std::istringstream fields(stat.substr(nameEnd + 1));
     char state = 0;
-    Process process = {};
+    ChildProcess process = {};
     process.name = stat.substr(stat.find('(') + 1, nameEnd - stat.find('(') - 1);
     fields >> state >> process.parent >> process.group;
     found[std::stoi(name)] = process;

@@ -4,6 +4,7 @@
 
 #include "support/served.hpp"
 
+namespace stream_end {
 namespace {
 
 using orvane::ShmWriter;
@@ -189,3 +190,4 @@ TEST_F(StreamEndTest, FinishingWithoutAStreamSaysFarewellToo) {
 }
 
 }  // namespace
+}  // namespace stream_end

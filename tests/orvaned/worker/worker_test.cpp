@@ -6,6 +6,7 @@
 
 #include "support/served.hpp"
 
+namespace worker {
 namespace {
 
 using orvane::ShmWriter;
@@ -270,3 +271,4 @@ TEST(WorkersLog, DoesNotTakeItsQueuesNameForAFormat) {
 }
 
 }  // namespace
+}  // namespace worker
