@@ -2,11 +2,47 @@
 
 #include <gtest/gtest.h>
 
+#include <exception>
 #include <limits>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 namespace {
+
+static_assert(std::is_base_of_v<std::exception, Ox_ErrnoException>);
+static_assert(std::is_nothrow_destructible_v<Ox_ErrnoException>);
+
+TEST(ErrnoException, CarriesStatusMessageAndDetail) {
+  const Ox_ErrnoException e(-7, "message", "detail");
+  EXPECT_EQ(e.status(), -7);
+  EXPECT_EQ(e.message(), "message");
+  EXPECT_EQ(e.detail(), "detail");
+  EXPECT_STREQ(e.what(), "message");
+}
+
+TEST(ErrnoException, ReportsItsMessageAsAStandardException) {
+  try {
+    throw Ox_ErrnoException(15, "Timed out", "");
+  } catch (const std::exception& e) {
+    EXPECT_STREQ(e.what(), "Timed out");
+    return;
+  }
+}
+
+TEST(ErrnoException, CopiesOutliveTheOriginal) {
+  Ox_ErrnoException copy(0, "", "");
+  {
+    const Ox_ErrnoException original(9, std::string(100, 'm'), std::string(100, 'd'));
+    copy = original;
+  }
+  const Ox_ErrnoException second(copy);
+  copy = Ox_ErrnoException(1, "other", "");
+  EXPECT_EQ(second.status(), 9);
+  EXPECT_EQ(second.message(), std::string(100, 'm'));
+  EXPECT_EQ(second.detail(), std::string(100, 'd'));
+  EXPECT_EQ(second.what(), std::string(100, 'm'));
+}
 
 TEST(ErrnoException, CarriesAStatusOf32SignedBits) {
   for (const ox_status_t status :

@@ -9,6 +9,34 @@
 
 namespace {
 
+// The bytes of a field of `size` that stands between two guards.
+std::string copied(const char* source, std::size_t size) {
+  std::string field(10, '#');
+  pvkstrcpy(field.data() + 1, source, size);
+  return field;
+}
+
+TEST(BoundedCopy, OfSizeZeroWritesNothing) {
+  EXPECT_EQ(copied("abc", 0), "##########");
+}
+
+TEST(BoundedCopy, OfSizeOneOnlyTerminates) {
+  EXPECT_EQ(copied("abc", 1), std::string("#\0########", 10));
+}
+
+TEST(BoundedCopy, KeepsATextThatFitsExactly) {
+  EXPECT_EQ(copied("abc", 4), std::string("#abc\0#####", 10));
+}
+
+TEST(BoundedCopy, CutsATextThatIsOneTooLong) {
+  EXPECT_EQ(copied("abcd", 4), std::string("#abc\0#####", 10));
+}
+
+TEST(BoundedCopy, FillsTheRestWithZeros) {
+  EXPECT_EQ(copied("ab", 8), std::string("#ab\0\0\0\0\0\0#", 10));
+  EXPECT_EQ(copied("", 4), std::string("#\0\0\0\0#####", 10));
+}
+
 TEST(BoundedCopy, ReadsNoMoreOfItsSourceThanItNeeds) {
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* const mapped =

@@ -97,8 +97,7 @@ TEST(HostileBatch, EveryFlippedBitOfMagicWordsLengthsAndCountIsRefused) {
   for (std::size_t offset = 0; offset < size; ++offset) {
     for (int bit = 0; bit < 8; ++bit) {
       const auto mask = static_cast<unsigned char>(1U << bit);
-      EXPECT_EQ(isAccepted(BatchBytes(kIntactBatch).flip(offset, mask).bytes()),
-                !isChecked(offset))
+      EXPECT_EQ(isAccepted(BatchBytes(kIntactBatch).flip(offset, mask).bytes()), !isChecked(offset))
           << "bit " << bit << " of byte " << offset;
     }
   }

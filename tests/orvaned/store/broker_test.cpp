@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -247,32 +246,6 @@ TEST_F(BrokerTest, SaysWhyTheStoreCannotBeUsed) {
   broker.client.checkStore();
 }
 
-// A process that goes on after a dead one finds the replies that the dead one did not take.
-TEST(BrokerClientTest, PassesOverRepliesToOthers) {
-  const TempFolder store;
-  auto [ours, theirs] = orvaned::connectedSockets();
-  orvaned::sendRequest(ours,
-                       {.serial = 77, .call = BrokerCall::checkStore, .name = {}, .other = {}});
-  std::thread broker([&store, end = std::move(theirs)]() mutable {
-    orvaned::Broker({store.path(), "orders", Sync::none}, std::move(end)).run();
-  });
-  {
-    BrokerClient client(std::move(ours));
-    BrokeredAccess access(client, store.path());
-    const std::string id = access.createStream().id;
-    EXPECT_EQ(namesIn(store.path()), Names{"orders-" + id});
-  }
-  broker.join();
-}
-
-TEST(BrokerClientTest, FailsWhenItsBrokerHasDied) {
-  auto [ours, theirs] = orvaned::connectedSockets();
-  theirs.reset();
-  BrokerClient client(std::move(ours));
-  EXPECT_TRUE(throwsErrno(1003, "the process that opens this worker's files has ended",
-                          [&] { BrokeredAccess(client, "/none").createStream(); }));
-}
-
 std::vector<orvaned::LogLine> logged;
 
 class BrokerLogTest : public testing::Test {
@@ -317,65 +290,6 @@ TEST_F(BrokerLogTest, LimitsTheLinesOfOneCause) {
   orvaned::Broker({"/none", "orders", Sync::none}, std::move(theirs)).run();
   EXPECT_GE(logged.size(), 20U);
   EXPECT_LT(logged.size(), 50U);
-}
-
-TEST(BrokerMessagesTest, AreRefusedWhenTheyAreNone) {
-  const auto good = orvaned::bytesOf({.serial = 1,
-                                      .call = BrokerCall::rename,
-                                      .area = BrokerArea::stream,
-                                      .number = 5,
-                                      .name = "from",
-                                      .other = "to"});
-  ASSERT_EQ(good.size(), 30U);
-  ASSERT_TRUE(orvaned::parseRequest(good));
-  EXPECT_EQ(orvaned::parseRequest(good)->name, "from");
-  EXPECT_EQ(orvaned::parseRequest(good)->other, "to");
-  EXPECT_FALSE(orvaned::parseRequest(std::span(good).first(23)));
-  for (const auto& [offset, value] : {std::pair(4, 11), std::pair(8, 2), std::pair(12, 7)}) {
-    auto bad = good;
-    bad[static_cast<std::size_t>(offset)] = static_cast<unsigned char>(value);
-    EXPECT_FALSE(orvaned::parseRequest(bad)) << offset;
-  }
-}
-
-TEST(StreamLockTest, KeepsAnotherServerFromFinishingALiveStream) {
-  const TempFolder store;
-  orvaned::LocalAccess access(store.path(), "orders", Sync::none);
-  StoreAccess::NewStream stream = access.createStream();
-  const auto isDead = [](const std::string&) { return true; };
-  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
-  stream.folder.reset();
-  const auto found = orvaned::LocalUnfinishedStreams(store.path(), isDead).next();
-  ASSERT_TRUE(found);
-  EXPECT_EQ(found->stream, stream.id);
-}
-
-// A server that is killed while it tries leaves nothing behind then.
-TEST(StoreTrial, PutsNoNameIntoTheStore) {
-  const TempFolder store;
-  const Fd events(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  ASSERT_GE(inotify_add_watch(events.get(), store.path().c_str(), IN_CREATE | IN_MOVED_TO), 0);
-  orvaned::checkWritable(store.path());
-  char event[512];
-  EXPECT_EQ(read(events.get(), event, sizeof event), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  writeFile(store.path() + "/name", "");
-  EXPECT_GT(read(events.get(), event, sizeof event), 0);
-}
-
-TEST(StreamLockTest, LeavesAFolderThatHasNoNameYetToItsLivingServer) {
-  const TempFolder store;
-  const std::string left = store.path() + "/.orders-20261121T023224-4711_0.new";
-  fs::create_directory(left);
-  const auto isDead = [](const std::string& queue) { return queue == "orders"; };
-  {
-    LocalDirectory living(left);
-    ASSERT_TRUE(living.lock());
-    EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
-    EXPECT_TRUE(fs::exists(left));
-  }
-  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
-  EXPECT_FALSE(fs::exists(left));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// What a confined process is ended for, and that the same succeeds without confinement.
+// The table of allowed calls; what a confined process is ended for, and that the same succeeds
+// without confinement.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -21,6 +22,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <stdexcept>
 
 #include "support/confined_child.hpp"
@@ -298,6 +300,21 @@ TEST(LandlockAlone, RefusesPaths) {
   EXPECT_EQ(run(false, openFile), "exit 0");
   EXPECT_EQ(run(false, openFolder), "exit 0");
   EXPECT_EQ(run(false, removeFile), "exit 0");
+}
+
+TEST(AllowedCalls, StandOnceInTheTableEachWithAReason) {
+  std::set<int> numbers;
+  for (const auto& calls : {orvaned::workerCalls(), orvaned::openingCalls()}) {
+    for (const auto& call : calls) {
+      EXPECT_TRUE(numbers.insert(call.number).second) << orvaned::nameOfCall(call.number);
+      EXPECT_STRNE(call.reason, "") << orvaned::nameOfCall(call.number);
+    }
+  }
+}
+
+TEST(AllowedCalls, HaveNames) {
+  EXPECT_EQ(orvaned::nameOfCall(SYS_socket), "socket");
+  EXPECT_EQ(orvaned::nameOfCall(100000), "100000");
 }
 
 }  // namespace

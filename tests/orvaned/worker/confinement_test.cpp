@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -315,21 +314,6 @@ TEST(ConfinedWorker, KeepsTheDescriptorsThatItIsToldOnly) {
                      require(!isOpen(first) && !isOpen(last) && !isOpen(STDIN_FILENO), 2);
             }),
             "exit 0");
-}
-
-TEST(AllowedCalls, StandOnceInTheTableEachWithAReason) {
-  std::set<int> numbers;
-  for (const auto& calls : {orvaned::workerCalls(), orvaned::openingCalls()}) {
-    for (const auto& call : calls) {
-      EXPECT_TRUE(numbers.insert(call.number).second) << orvaned::nameOfCall(call.number);
-      EXPECT_STRNE(call.reason, "") << orvaned::nameOfCall(call.number);
-    }
-  }
-}
-
-TEST(AllowedCalls, HaveNames) {
-  EXPECT_EQ(orvaned::nameOfCall(SYS_socket), "socket");
-  EXPECT_EQ(orvaned::nameOfCall(100000), "100000");
 }
 
 }  // namespace
