@@ -84,20 +84,19 @@ TEST_F(Dump, WithJsonPrintsOneObjectALine) {
                                captured("o", bytesOf("rub")) + "ish",
                            {"--json"});
   EXPECT_EQ(ended.how, "exit 1");
-  EXPECT_EQ(
-      ended.out,
-      "{\"message\": 0, \"queue\": \"orders\", \"bytes\": 109, \"records\": ["
-      "{\"type\": 1, \"len\": 5, \"seqNo\": 2, \"segmentNo\": 0, \"segmentDone\": 0, "
-      "\"segAlg\": 0, \"segParam1\": 0, \"segParam2\": 0, \"segParam3\": 0, \"crc\": 103547413}, "
-      "{\"type\": 2, \"len\": 0, \"seqNo\": 3, \"segmentNo\": 0, \"segmentDone\": 0, "
-      "\"segAlg\": 0, \"segParam1\": 0, \"segParam2\": 0, \"segParam3\": 0, \"crc\": null}]}\n"
-      "{\"message\": 1, \"queue\": \"o\", \"bytes\": 8, \"records\": []}\n"
-      "{\"message\": 2, \"queue\": \"o\", \"bytes\": 3, \"broken\": \"Buffer size 3 is invalid "
-      "because it is smaller than the minimum required buffer size of 8\", \"start\": "
-      "\"727562\"}\n"
-      "{\"stray\": 3, \"offset\": 176, \"start\": \"697368\"}\n");
+  EXPECT_EQ(ended.out,
+            "{\"message\":0,\"queue\":\"orders\",\"bytes\":109,\"records\":["
+            "{\"type\":1,\"len\":5,\"seqNo\":2,\"segmentNo\":0,\"segmentDone\":0,"
+            "\"segAlg\":0,\"segParam1\":0,\"segParam2\":0,\"segParam3\":0,\"crc\":103547413},"
+            "{\"type\":2,\"len\":0,\"seqNo\":3,\"segmentNo\":0,\"segmentDone\":0,"
+            "\"segAlg\":0,\"segParam1\":0,\"segParam2\":0,\"segParam3\":0,\"crc\":null}]}\n"
+            "{\"message\":1,\"queue\":\"o\",\"bytes\":8,\"records\":[]}\n"
+            "{\"message\":2,\"queue\":\"o\",\"bytes\":3,\"broken\":\"Buffer size 3 is invalid "
+            "because it is smaller than the minimum required buffer size of 8\",\"start\":"
+            "\"727562\"}\n"
+            "{\"stray\":3,\"offset\":176,\"start\":\"697368\"}\n");
   EXPECT_EQ(ended.err, "orvane dump: 2 broken messages in " + file + "\n");
-  EXPECT_TRUE(startsWith(dump(example, {"--json"}).out, "{\"message\": 0, \"queue\": null, "));
+  EXPECT_TRUE(startsWith(dump(example, {"--json"}).out, "{\"message\":0,\"queue\":null,"));
 }
 
 TEST_F(Dump, ShowsABrokenMessageAndGoesOn) {

@@ -16,7 +16,7 @@ namespace {
 std::string lineOf(const std::string& name, const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(name + " ") || contains(line, R"({"name": ")" + name + "\"")) {
+    if (line.starts_with(name + " ") || contains(line, R"({"name":")" + name + "\"")) {
       return line;
     }
   }
@@ -78,8 +78,8 @@ TEST(Ls, SaysWhenNobodyServesAQueueAnyMore) {
 
   const std::string json = listed(server.queue(), {"--json"});
   EXPECT_TRUE(contains(json,
-                       ", \"messages\": 8, \"messageSize\": 1048968, \"served\": false, "
-                       "\"server\": null}"));
+                       ",\"messages\":8,\"messageSize\":1048968,\"served\":false,"
+                       "\"server\":null}"));
 }
 
 TEST(Ls, PrintsJson) {
@@ -88,16 +88,15 @@ TEST(Ls, PrintsJson) {
 
   const std::string pid = std::to_string(server.pid());
   const std::string served = listed(server.queue(), {"--json"});
-  EXPECT_TRUE(contains(served, "{\"name\": \"" + server.queue() +
-                                   "\", \"bytes\": 5472, \"mode\": \"0600\", \"owner\": \"" +
-                                   user() +
-                                   "\", \"messages\": 4, \"messageSize\": 1000, \"served\": true, "
-                                   "\"server\": " +
+  EXPECT_TRUE(contains(served, "{\"name\":\"" + server.queue() +
+                                   "\",\"bytes\":5472,\"mode\":\"0600\",\"owner\":\"" + user() +
+                                   "\",\"messages\":4,\"messageSize\":1000,\"served\":true,"
+                                   "\"server\":" +
                                    pid + "}"));
   const std::string other = listed(queues.name(), {"--json"});
   EXPECT_TRUE(contains(other,
-                       "\"messages\": null, \"messageSize\": null, \"served\": null, "
-                       "\"server\": null}"));
+                       "\"messages\":null,\"messageSize\":null,\"served\":null,"
+                       "\"server\":null}"));
   const std::string all = run({ORVANE_PATH, "ls", "--json"}).out;
   EXPECT_TRUE(all.starts_with("[{") && all.ends_with("}]\n")) << all;
 }

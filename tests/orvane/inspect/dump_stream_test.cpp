@@ -110,13 +110,19 @@ TEST_F(DumpOfAStream, WithJsonPrintsOneObjectALine) {
   const Ended ended = dump({"--json"});
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_EQ(ended.out,
-            "{\"line\": \"queue=orders\"}\n"
-            "{\"line\": \"segment number=1 records=1 bytes=6 algorithm=0 parameters=0,0,0 "
-            "crc32=718498e8 file=segment-000001\", \"file\": \"segment-000001\", "
-            "\"fault\": \"it has 5 bytes instead of 6\"}\n"
-            "{\"line\": \"reason=\\\"\"}\n");
+            "{\"line\":\"queue=orders\"}\n"
+            "{\"line\":\"segment number=1 records=1 bytes=6 algorithm=0 parameters=0,0,0 "
+            "crc32=718498e8 file=segment-000001\",\"file\":\"segment-000001\","
+            "\"fault\":\"it has 5 bytes instead of 6\"}\n"
+            "{\"line\":\"reason=\\\"\"}\n");
   write("segment-000001", "world!");
-  EXPECT_TRUE(contains(dump({"--json"}).out, "\"file\": \"segment-000001\", \"fault\": null}\n"));
+  EXPECT_TRUE(contains(dump({"--json"}).out, "\"file\":\"segment-000001\",\"fault\":null}\n"));
+}
+
+// A manifest's reason may name a file in any encoding.
+TEST_F(DumpOfAStream, WithJsonReplacesWhatIsNoUtf8) {
+  write("manifest", "reason=caf\xe9 \xc3\xa9\n");
+  EXPECT_EQ(dump({"--json"}).out, "{\"line\":\"reason=caf\xef\xbf\xbd \xc3\xa9\"}\n");
 }
 
 TEST_F(DumpOfAStream, NeedsAStreamThatHasEnded) {

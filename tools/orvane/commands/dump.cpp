@@ -5,6 +5,8 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <orvane/orvane.hpp>
 #include <sstream>
 
@@ -48,10 +50,10 @@ void printHex(Bytes bytes) {
 }
 
 // The library tells it in its text only.
-std::string checkValueOf(const ShmBatch::Entry& entry) {
+std::uint32_t checkValueOf(const ShmBatch::Entry& entry) {
   std::ostringstream text;
   text << entry;
-  return entry.header.len == 0 ? "null" : text.str().substr(text.str().rfind('=') + 1);
+  return static_cast<std::uint32_t>(std::stoul(text.str().substr(text.str().rfind('=') + 1)));
 }
 
 class TextPrinter {
@@ -83,39 +85,46 @@ class TextPrinter {
 class JsonPrinter {
  public:
   void message(std::uint64_t number, const std::string& queue, Bytes bytes) {
-    std::cout << "{\"message\": " << number
-              << ", \"queue\": " << (queue.empty() ? "null" : jsonString(queue))
-              << ", \"bytes\": " << bytes.size();
+    line["message"] = number;
+    line["queue"] = queue.empty() ? Json() : Json(queue);
+    line["bytes"] = bytes.size();
   }
   void batch(const BatchView& batch, Bytes) {
-    const char* separator = ", \"records\": [";
+    Json& records = line["records"] = Json::array();
     for (const ShmBatch::Entry& entry : batch) {
-      std::cout << separator;
-      record(entry);
-      separator = ", ";
+      records.push_back(jsonOf(entry));
     }
-    std::cout << (batch.empty() ? ", \"records\": []" : "]");
   }
   void broken(const std::string& reason, Bytes start) {
-    std::cout << ", \"broken\": " << jsonString(reason)
-              << ", \"start\": " << jsonString(hex(start));
+    line["broken"] = reason;
+    line["start"] = hex(start);
   }
   void stray(std::uint64_t offset, std::size_t size, Bytes start) {
-    std::cout << "{\"stray\": " << size << ", \"offset\": " << offset
-              << ", \"start\": " << jsonString(hex(start));
+    line["stray"] = size;
+    line["offset"] = offset;
+    line["start"] = hex(start);
   }
-  void end() { std::cout << "}\n"; }
+  void end() {
+    printLine(line);
+    line.clear();
+  }
 
  private:
-  static void record(const ShmBatch::Entry& entry) {
+  static Json jsonOf(const ShmBatch::Entry& entry) {
     const orvane::pvk_shm_message_t& header = entry.header;
-    std::cout << "{\"type\": " << header.type << ", \"len\": " << header.len
-              << ", \"seqNo\": " << header.seqNo << ", \"segmentNo\": " << header.segmentNo
-              << ", \"segmentDone\": " << header.segmentDone << ", \"segAlg\": " << header.segAlg
-              << ", \"segParam1\": " << header.segParam1 << ", \"segParam2\": " << header.segParam2
-              << ", \"segParam3\": " << header.segParam3 << ", \"crc\": " << checkValueOf(entry)
-              << "}";
+    return {{"type", header.type},
+            {"len", header.len},
+            {"seqNo", header.seqNo},
+            {"segmentNo", header.segmentNo},
+            {"segmentDone", header.segmentDone},
+            {"segAlg", header.segAlg},
+            {"segParam1", header.segParam1},
+            {"segParam2", header.segParam2},
+            {"segParam3", header.segParam3},
+            {"crc", header.len == 0 ? Json() : Json(checkValueOf(entry))}};
   }
+
+  Json line;
 };
 
 // Returns how many messages are broken.

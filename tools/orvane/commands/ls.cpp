@@ -1,5 +1,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
+#include <memory>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
@@ -97,25 +99,25 @@ void printTable(const std::vector<Facts>& queues) {
   }
 }
 
-std::string jsonOf(const Facts& facts) {
-  std::string text =
-      "{\"name\": " + jsonString(facts.name) + ", \"bytes\": " + std::to_string(facts.bytes) +
-      ", \"mode\": " + jsonString(facts.mode) + ", \"owner\": " + jsonString(facts.owner);
-  if (const auto& served = facts.served) {
-    return text + ", \"messages\": " + std::to_string(served->messages) +
-           ", \"messageSize\": " + std::to_string(served->messageSize) +
-           ", \"served\": " + (served->server != 0 ? "true" : "false") +
-           ", \"server\": " + (served->server != 0 ? std::to_string(served->server) : "null") + "}";
-  }
-  return text + R"(, "messages": null, "messageSize": null, "served": null, "server": null})";
+Json jsonOf(const Facts& facts) {
+  const bool isKnown = facts.served.has_value();
+  const bool isServed = isKnown && facts.served->server != 0;
+  return {{"name", facts.name},
+          {"bytes", facts.bytes},
+          {"mode", facts.mode},
+          {"owner", facts.owner},
+          {"messages", isKnown ? Json(facts.served->messages) : Json()},
+          {"messageSize", isKnown ? Json(facts.served->messageSize) : Json()},
+          {"served", isKnown ? Json(isServed) : Json()},
+          {"server", isServed ? Json(facts.served->server) : Json()}};
 }
 
 void printJson(const std::vector<Facts>& queues) {
-  std::string text = "[";
+  Json list = Json::array();
   for (const Facts& facts : queues) {
-    text += (text == "[" ? "" : ",\n ") + jsonOf(facts);
+    list.push_back(jsonOf(facts));
   }
-  std::puts((text + "]").c_str());
+  printLine(list);
 }
 
 // Prints the queues of this machine, as a table or as JSON. What this user may not know is "-", or

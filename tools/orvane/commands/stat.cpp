@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <ctime>
 #include <iterator>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -102,8 +104,8 @@ std::string column(const std::string& text) {
   return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
 }
 
-std::string secondsSince(std::uint64_t then, const Look& look) {
-  return decimal(static_cast<double>(look.at - then) / kNanoseconds, 3);
+double secondsSince(std::uint64_t then, const Look& look) {
+  return rounded(static_cast<double>(look.at - then) / kNanoseconds);
 }
 
 std::string serverText(const Published& published, const Stat& stat) {
@@ -140,9 +142,10 @@ void printText(const std::string& queue, const Published& published, const Stat&
               std::to_string(stats.messages).c_str(), std::to_string(stats.messageSize).c_str());
   std::printf("served by    %s\n", serverText(published, stat).c_str());
   std::printf("open stream  %s\n", streamText(look).c_str());
-  std::printf("last batch   %s\n", look.lastBatch == 0
-                                       ? "none yet"
-                                       : (secondsSince(look.lastBatch, look) + " s ago").c_str());
+  std::printf("last batch   %s\n",
+              look.lastBatch == 0
+                  ? "none yet"
+                  : (decimal(secondsSince(look.lastBatch, look), 3) + " s ago").c_str());
   printUnreadReceipts(look);
   std::puts("");
   const bool rates = stat.seconds > 0;
@@ -154,34 +157,34 @@ void printText(const std::string& queue, const Published& published, const Stat&
   }
 }
 
-std::string jsonOf(const Stat& stat, bool rates) {
-  std::string text;
+Json jsonOf(const Stat& stat, bool rates) {
+  Json json;
   for (std::size_t i = 0; i < std::size(kTotals); ++i) {
-    text += (i == 0 ? "{\"" : ", \"") + std::string(kTotals[i].json) +
-            "\": " + (rates ? decimal(stat.rates[i], 3) : std::to_string(stat.look.totals[i]));
+    json[kTotals[i].json] = rates ? Json(rounded(stat.rates[i])) : Json(stat.look.totals[i]);
   }
-  return text + "}";
+  return json;
 }
 
 void printJson(const std::string& queue, const Published& published, const Stat& stat) {
   const QueueStats& stats = published.stats();
   const Look& look = stat.look;
-  const bool open = look.stream && !look.stream->empty();
-  const std::string text =
-      "{\"name\": " + jsonString(queue) + ", \"messages\": " + std::to_string(stats.messages) +
-      ", \"messageSize\": " + std::to_string(stats.messageSize) +
-      ", \"served\": " + (stat.served ? "true" : "false") +
-      ", \"server\": " + std::to_string(published.server()) +
-      ", \"worker\": " + std::to_string(published.worker()) +
-      ", \"since\": " + jsonString(timeText(stats.madeAt)) +
-      ", \"uptime\": " + secondsSince(stats.madeAtMonotonic, look) +
-      ", \"openStream\": " + (open ? jsonString(*look.stream) : "null") +
-      ", \"lastBatchAgo\": " + (look.lastBatch == 0 ? "null" : secondsSince(look.lastBatch, look)) +
-      ", \"unreadReceipts\": " + std::to_string(look.unreadReceipts) +
-      ", \"totals\": " + jsonOf(stat, false) +
-      ", \"interval\": " + (stat.seconds > 0 ? decimal(stat.seconds, 3) : "null") +
-      ", \"perSecond\": " + (stat.seconds > 0 ? jsonOf(stat, true) : "null") + "}";
-  std::puts(text.c_str());
+  const bool isOpen = look.stream && !look.stream->empty();
+  const bool hasBatch = look.lastBatch != 0;
+  const bool hasRates = stat.seconds > 0;
+  printLine({{"name", queue},
+             {"messages", stats.messages.load()},
+             {"messageSize", stats.messageSize.load()},
+             {"served", stat.served},
+             {"server", published.server()},
+             {"worker", published.worker()},
+             {"since", timeText(stats.madeAt)},
+             {"uptime", secondsSince(stats.madeAtMonotonic, look)},
+             {"openStream", isOpen ? Json(*look.stream) : Json()},
+             {"lastBatchAgo", hasBatch ? Json(secondsSince(look.lastBatch, look)) : Json()},
+             {"unreadReceipts", look.unreadReceipts},
+             {"totals", jsonOf(stat, false)},
+             {"interval", hasRates ? Json(rounded(stat.seconds)) : Json()},
+             {"perSecond", hasRates ? jsonOf(stat, true) : Json()}});
 }
 
 // Prints the totals that a queue's server publishes.

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <orvane/orvane.hpp>
 #include <sstream>
@@ -84,12 +85,12 @@ void printText(const std::string& line, const std::optional<ListedFile>& file,
 
 void printJson(const std::string& line, const std::optional<ListedFile>& file,
                const std::string& fault) {
-  std::cout << "{\"line\": " << jsonString(line);
+  Json json = {{"line", line}};
   if (file) {
-    std::cout << ", \"file\": " << jsonString(file->name)
-              << ", \"fault\": " << (fault.empty() ? "null" : jsonString(fault));
+    json["file"] = file->name;
+    json["fault"] = fault.empty() ? Json() : Json(fault);
   }
-  std::cout << "}\n";
+  printLine(json);
 }
 
 }  // namespace

@@ -1,22 +1,17 @@
 #include "inspect/json.hpp"
 
-#include <cstdio>
+#include <cmath>
+#include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace tool {
 
-std::string jsonString(const std::string& text) {
-  std::string quoted = "\"";
-  for (const char character : text) {
-    if (static_cast<unsigned char>(character) < 0x20) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", character);
-      quoted += escape;
-    } else {
-      quoted += character == '"' || character == '\\' ? "\\" : "";
-      quoted += character;
-    }
-  }
-  return quoted + "\"";
+void printLine(const Json& json) {
+  std::cout << json.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+}
+
+double rounded(double number) {
+  return std::round(number * 1000) / 1000;
 }
 
 }  // namespace tool
