@@ -29,14 +29,16 @@ SWAPS = [(re.compile(token), other) for token, other in [
 ]]
 NUMBER = re.compile(r"(?<![\w.\"])(0x[0-9A-Fa-f]+|\d+)(?![\w.\"])")
 LITERAL = re.compile(r"'(?:[^'\\]|\\.[^']*)'|\"((?:[^\"\\]|\\.)*)\"")
-# As good in 32 bits: an offset or a bound.
-SIZE_CONSTANT = re.compile(r"\s*constexpr std::size_t \w+ = \w+;")
+# In a narrower type it is the same number, or the compiler warns of it.
+CONSTANT = re.compile(r"\s*constexpr [\w:]+ \w+ = [^;]*;")
+WIDTH = re.compile(r"int\d\d_t|size_t|off_t|unsigned (int|long)")
 NOT_BROKEN = re.compile(r"\s*(#|namespace\b|template\b|static_assert\b|$)")
 
 # Leaving these out, or moving them, says nothing or does not compile.
 FIXED = re.compile(r"\s*(return|throw|using|static_assert|break|continue|friend|public|private|protected|case"
                    r"|default|struct|class|enum|namespace|template|constexpr|goto|\[\[|~)\b|\s*[#}]")
-FIELD = re.compile(r"\s*([\w.>\[\]-]+ [%+-]?= |storeBig|\+\+|--)")
+FIELD = re.compile(r"\s*([\w.>\[\]-]+ [%+-]?= |storeBig|\+\+|--|tool::(add|setStream)\("
+                   r"|\w+(\.\w+)*\.(reset|clear|insert|push_back|store)\()")
 CALL = re.compile(r"\w\(")
 DECLARED = re.compile(r"\s*(?:static |const |unsigned |long )*[\w:]+(?:<[^=;]*>)?(?: const)?(?: ?[*&] ?| )(?:const )?"
                       r"(\w+)(?:\[[^\]]*\])?(?:;|\(| =|\{)")
@@ -60,7 +62,7 @@ def line_breaks(line):
     in_text = lambda at: any(one[1] is not None and one.start() < at < one.end() for one in literals)
     for token, other in SWAPS:
         for match in token.finditer(code):
-            is_same = "size_t" in match[0] and SIZE_CONSTANT.match(code)
+            is_same = WIDTH.search(match[0]) and CONSTANT.match(code)
             if not in_text(match.start()) and not is_same:
                 yield line[:match.start()] + other + line[match.end():]
     for match in NUMBER.finditer(code):
@@ -96,10 +98,22 @@ class Statement:
         return CALL.search(self.text) is not None
 
     def is_field(self):
-        return FIELD.match(self.text) is not None and not self.is_outer
+        lines = self.text.split("\n")
+        if self.is_outer:  # a block that only sets fields
+            return self.text.lstrip().startswith("if ") and len(lines) > 2 and all(
+                map(FIELD.match, lines[1:-1]))
+        return FIELD.match(self.text) is not None
 
     def is_trace(self):
         return self.text.lstrip().startswith("if (TraceOn())")
+
+    def is_log(self):
+        return self.text.lstrip().startswith("log.")
+
+    def shows(self, field):
+        """Does this line of the log print what `field` sets?"""
+        target = re.match(r"\s*(?:\+\+|--|tool::\w+\()?(\w+)", field.text)
+        return target is None or re.search(rf"\b{target[1]}\b", LITERAL.sub("", self.text)) is not None
 
     def needs(self, other):
         return other.name is not None and re.search(rf"\b{other.name}\b", self.text) is not None
@@ -183,8 +197,8 @@ def in_other_order(lines, found):
         return following if following and following.indent == one.indent else None
 
     def may_swap(a, b):
-        shows_nowhere = (a.is_field() and (b.is_trace() or b.name)
-                         or b.is_field() and (a.is_trace() or a.name))
+        shows_nowhere = (a.is_field() and (b.is_trace() or b.name or b.is_log() and not b.shows(a))
+                         or b.is_field() and (a.is_trace() or a.name or a.is_log() and not a.shows(b)))
         return not (a.is_fixed or b.is_fixed or b.needs(a) or a.needs(b) or a.is_outer and b.is_outer
                     or shows_nowhere)
 

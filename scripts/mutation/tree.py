@@ -13,7 +13,7 @@ from pathlib import Path
 SANDBOX = 'mount -t tmpfs tmpfs /dev/shm && mount -t tmpfs tmpfs "$TMPDIR" && "$@"; exit $?'
 NAMESPACES = ["unshare", "--mount", "--ipc", "--net", "--pid", "--fork", "--kill-child", "--mount-proc"]
 
-SHORTEST_TIMEOUT = 30  # seconds
+SHORTEST_TIMEOUT = 15  # seconds
 
 
 class Failure(Exception):

@@ -79,7 +79,7 @@ int newSocket() {
 sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  const std::size_t longest = sizeof address.sun_path - 1;
+  constexpr std::size_t longest = sizeof address.sun_path - 1;
   // A path that is empty or begins with a zero byte would name a socket outside the file system.
   if (path.empty() || path.size() > longest || path.find('\0') != std::string::npos) {
     fail(kLeaseNoServer, "A socket's path has 1 to " + std::to_string(longest) +
@@ -118,7 +118,7 @@ void connectTo(const std::string& path, int connection, const Deadline& deadline
 void waitToReceive(int connection, const Deadline& deadline) {
   for (;;) {
     const auto left = deadline.left<std::chrono::milliseconds>();
-    pollfd readable{connection, POLLIN, 0};
+    pollfd readable{connection, POLLIN, {}};
     const int ready = poll(&readable, 1, static_cast<int>(left.count()));
     if (ready > 0) {
       return;

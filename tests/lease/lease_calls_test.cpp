@@ -1,8 +1,11 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -99,6 +102,42 @@ TEST(LeaseTaking, WaitsForNoMoreThanItsTimeout) {
     ASSERT_EQ(replacedCalls().pollTimeouts.size(), 1U);
     EXPECT_GE(replacedCalls().pollTimeouts[0], static_cast<int>((timeout - kSlack) * 1000));
     EXPECT_LE(replacedCalls().pollTimeouts[0], static_cast<int>(timeout * 1000));
+  }
+}
+
+TEST(LeaseTaking, NamesTheWholeOfALongTimeoutInItsError) {
+  FakeServer server;
+  failNext("connect", EAGAIN);
+  EXPECT_TRUE(throwsErrno(15, timedOut("86400"), [&] { Lease(server.path(), kDay); }));
+}
+
+TEST(LeaseTaking, WaitsForTheLeastTimeThereIsWhenItsTimeoutHasPassed) {
+  FakeServer server;
+  replacedCalls().steadyClockJumps = true;
+
+  EXPECT_TRUE(throwsErrno(15, timedOut("60"), [&] { Lease(server.path(), kLong); }));
+
+  ASSERT_EQ(replacedCalls().sendLimits.size(), 1U);
+  EXPECT_EQ(replacedCalls().sendLimits[0].tv_sec, 0);
+  EXPECT_EQ(replacedCalls().sendLimits[0].tv_usec, 1) << "0 would mean without a limit";
+  EXPECT_EQ(replacedCalls().pollTimeouts, std::vector<int>{0});
+}
+
+TEST(LeaseTaking, WorksInAProcessWithoutStandardInput) {
+  FakeServer server;
+  server.serve({.says = {"lease q"}});
+  const int standardInput = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  close(STDIN_FILENO);
+  {
+    const Lease lease(server.path(), kLong);
+    EXPECT_EQ(lease.queueName(), "q");
+    struct stat taken = {};
+    EXPECT_EQ(fstat(STDIN_FILENO, &taken), 0);
+    EXPECT_TRUE(S_ISSOCK(taken.st_mode)) << "the socket has the lowest free number, which is 0";
+  }
+  if (standardInput >= 0) {
+    dup2(standardInput, STDIN_FILENO);
+    close(standardInput);
   }
 }
 

@@ -265,6 +265,18 @@ TEST(LeaseTaking, IsNotCutShortBySignals) {
   EXPECT_GT(interruptions.count(), 10);
 }
 
+TEST(LeaseTaking, LeavesNoSocketOpenWhenItsThreadIsCancelled) {
+  const FakeServer server;
+  const Names before = openDescriptors();
+  WaitingThread thread([&] {
+    pthread_cancel(pthread_self());  // takes effect at the first call that may wait
+    const Lease lease(server.path(), kLong);
+  });
+
+  EXPECT_FALSE(thread.returns()) << "it was not cancelled";
+  EXPECT_EQ(openDescriptors(), before);
+}
+
 TEST(LeaseEnd, EndsTheConnection) {
   FakeServer server;
   server.serve({.says = {"lease q"}});

@@ -58,6 +58,10 @@ REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_
   return static_cast<int>(callOrFail("setsockopt", SYS_setsockopt, fd, level, name, value, size));
 }
 
+REPLACED int connect(int fd, const sockaddr* address, socklen_t size) {
+  return static_cast<int>(callOrFail("connect", SYS_connect, fd, address, size));
+}
+
 REPLACED ssize_t send(int fd, const void* buffer, std::size_t size, int flags) {
   if (replacedCalls().beforeSend) {
     std::exchange(replacedCalls().beforeSend, nullptr)();
@@ -88,7 +92,8 @@ REPLACED int clock_gettime(clockid_t clock, timespec* now) noexcept {
   thread_local time_t days = 0;
   const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
   const bool isWallClock = clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
-  if (isWallClock && replacedCalls().wallClockJumps) {
+  const ReplacedCalls& calls = replacedCalls();
+  if (isWallClock ? calls.wallClockJumps : calls.steadyClockJumps) {
     now->tv_sec += ++days * kDay;
   }
   return result;

@@ -25,6 +25,9 @@ struct ReplacedCalls {
   // Each look at the wall clock finds it a day later.
   bool wallClockJumps = false;
 
+  // Each look at the clock that nobody sets finds it a day later.
+  bool steadyClockJumps = false;
+
   std::vector<int> sendFlags = {};
   std::vector<int> recvFlags = {};
   std::vector<timeval> sendLimits = {};

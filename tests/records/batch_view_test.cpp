@@ -226,5 +226,20 @@ TEST_F(WideBatch, MayHaveMoreEntriesThan4GiBHold) {
       6442450999));
 }
 
+TEST(CheckingReader, NumbersMoreThan65536EntriesInARefusal) {
+  constexpr std::size_t kEntries = 65537;
+  constexpr std::size_t kLast = 8 + 48 * 65536;
+  BatchBytes batch;
+  batch.append(Bytes(kEntries * 48 + 4)).put32(4, kEntries).put32(kLast + 4, 5);
+  for (std::size_t i = 0; i < kEntries; ++i) {
+    batch.put32(8 + 48 * i + 44, 0xAABBCCDD);
+  }
+  const Bytes& bytes = batch.bytes();
+  EXPECT_TRUE(throwsErrno(9,
+                          "Could not read batch entry 65536 at offset 3145736 because its data "
+                          "needs 5 bytes but only 4 are there",
+                          [&] { BatchView(bytes.data(), bytes.size()); }));
+}
+
 }  // namespace
 }  // namespace orvane::test

@@ -338,6 +338,98 @@ TEST_F(RecoveryTest, EachStreamIsRecovered) {
   EXPECT_EQ(sink.take().size(), 2U);
 }
 
+TEST_F(RecoveryTest, AManifestOfMoreThan64KiBIsReadToItsLastByte) {
+  const std::string empty = kEmpty;
+  std::string longer = empty;
+  longer.replace(longer.find("records=3"), 9, "records=10");
+  std::string text = kFirst;
+  // One byte more than is read at once.
+  const std::size_t lines = (65537 - text.size()) / empty.size();
+  const std::size_t longLines = (65537 - text.size()) % empty.size();
+  for (std::size_t i = 0; i < lines; ++i) {
+    text += i < longLines ? longer : empty;
+  }
+  ASSERT_EQ(text.size(), 65537U);
+  file("manifest.part", text);
+  recover();
+  EXPECT_TRUE(manifest().ends_with(
+      "receipt stream=20261121T023224-4711_0 records=2591 bytes=0 segments=0 end=cut-off\n"
+      "records=2591\nbytes=0\nend=cut-off\nreason=the server died\n"))
+      << manifest().substr(65537);
+  EXPECT_EQ(manifest().substr(0, 65537), text);
+}
+
+TEST_F(RecoveryTest, OtherRecordsAreListedWithMoreThan4GiBOfHeaders) {
+  file("manifest.part",
+       std::string(kFirst) +
+           "other-records=89478486 bytes=5 crc32=39119811\n"
+           "skipped=0\n"
+           "receipt stream=20261121T023224-4711_0 records=89478486 bytes=5 segments=0 end=closed\n"
+           "records=89478486\nbytes=5\nend=closed\nreason=\n");
+  file("other-records", "rec");
+  recover();
+  EXPECT_EQ(manifest(), std::string(kFirst) +
+                            "damaged file=other-records reason=it has 3 bytes instead of "
+                            "4294967333\n" +
+                            kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, AnUnlistedSegmentThatCannotBeReadIsDamaged) {
+  std::filesystem::create_directory(folder + "/segment-000000.part");
+  recover();
+  EXPECT_EQ(manifest(),
+            std::string(kFirst) +
+                "damaged file=segment-000000.part reason=Invalid argument: cannot read " + folder +
+                "/segment-000000.part\n" + kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, AWorkersDeathIsSaidToBeItsOwn) {
+  orvaned::LocalUnfinishedStreams streams(store.path(), [](const std::string&) { return true; });
+  orvaned::recoverStreams(streams, Sync::segment, "its worker");
+  EXPECT_EQ(manifest(),
+            std::string(kFirst) +
+                "receipt stream=20261121T023224-4711_0 records=0 bytes=0 segments=0 end=cut-off\n"
+                "records=0\nbytes=0\nend=cut-off\nreason=its worker died\n");
+  expectLogged(ox::Kind::info, 0,
+               "finished what a dead worker left: receipt stream=20261121T023224-4711_0 records=0 "
+               "bytes=0 segments=0 end=cut-off");
+}
+
+TEST_F(RecoveryTest, AStreamThatSomebodyElseFinishedMeanwhileIsLeftAlone) {
+  orvaned::LocalUnfinishedStreams streams(store.path(), [](const std::string&) { return true; });
+  file("manifest", "somebody else's");
+  file("segment-000000", "hello");
+  orvaned::recoverStreams(streams, Sync::segment, "the server");
+  EXPECT_EQ(files(), (Names{"manifest", "segment-000000"}));
+  EXPECT_EQ(manifest(), "somebody else's");
+  EXPECT_EQ(sink.take(), std::vector<Line>{});
+}
+
+TEST_F(RecoveryTest, AFolderIsRemovedThatGotNoName) {
+  std::filesystem::remove(folder);
+  const std::string id = "-20261121T023224-4711_";
+  for (const std::string& name :
+       {".q" + id + "0.new", ".q" + id + "1", "q" + id + "2.new", ".other" + id + "3.new"}) {
+    std::filesystem::create_directory(store.path() + "/" + name);
+  }
+  recover();
+  EXPECT_EQ(namesIn(store.path()),
+            (Names{".other" + id + "3.new", ".q" + id + "1", "q" + id + "2.new"}));
+  for (const std::string& name : namesIn(store.path())) {
+    EXPECT_EQ(namesIn(store.path() + "/" + name), Names{}) << name;
+  }
+  EXPECT_EQ(sink.take(), std::vector<Line>{});
+}
+
+TEST_F(RecoveryTest, AFolderThatIsLinkedFromTheStoreIsLeftAlone) {
+  const TempFolder elsewhere;
+  std::filesystem::remove(folder);
+  std::filesystem::create_directory_symlink(elsewhere.path(), folder);
+  recover();
+  EXPECT_EQ(namesIn(elsewhere.path()), Names{});
+  EXPECT_EQ(sink.take(), std::vector<Line>{});
+}
+
 TEST_F(RecoveryTest, AFullDiskLeavesTheStreamToTheNextStart) {
   file("manifest.part", std::string(kFirst) + kHello);
   file("segment-000000", "hello");

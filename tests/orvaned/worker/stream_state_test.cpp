@@ -175,6 +175,26 @@ TEST_F(StreamStateTest, AnEndOfSegmentHasNoData) {
   take(1, 2, 0, 5);
   EXPECT_TRUE(
       refuses(1002, "a record of type 2 has 3 data bytes; it may have none", header(2, 3, 0, 3)));
+  EXPECT_TRUE(
+      refuses(1002, "a record of type 2 has 1 data bytes; it may have none", header(2, 4, 0, 1)));
+  const std::string refused = "a record of segment 1 came before segment 0 was ended";
+  EXPECT_TRUE(refuses(1002, refused, header(1, 5, 1))) << "what was refused has ended nothing";
+  take(2, 6, 0);
+  EXPECT_TRUE(
+      refuses(1002, "a record of segment 0 came after segment 0 was ended", header(1, 7, 0)));
+}
+
+TEST_F(StreamStateTest, ARefusedRecordIsNoneThatCame) {
+  EXPECT_TRUE(
+      refuses(1002, "a record of type 2 has 3 data bytes; it may have none", header(2, 2, 0, 3)));
+  EXPECT_TRUE(state.isFresh());
+}
+
+TEST_F(StreamStateTest, ASegmentOfOneByteHasData) {
+  take(1, 2, 0, 1);
+  take(2, 3, 0);
+  EXPECT_TRUE(
+      refuses(1002, "a record of segment 0 came after segment 0 was ended", header(1, 4, 0)));
 }
 
 // Such records are taken on a short cut.

@@ -205,6 +205,20 @@ TEST_F(RefusalTest, AControlRecordHasNoData) {
   EXPECT_EQ(served.ask({{.type = 2, .seqNo = 2, .data = bytesOf("data")}}), refusal(2));
 }
 
+TEST_F(RefusalTest, ACloseWithDataBreaksTheStream) {
+  served.ask({kOpen, kData});
+  EXPECT_EQ(served.ask({{.type = 3, .seqNo = 3, .data = bytesOf("data")}}),
+            (Answers{{1002, "a record of type 3 has 4 data bytes; it may have none"}}));
+  EXPECT_EQ(endOf(0), "end=broken\nreason=a record of type 3 has 4 data bytes; it may have none\n");
+}
+
+TEST_F(RefusalTest, ACloseWithDataEndsABrokenStreamAsAnyCloseDoes) {
+  breakStream();
+  EXPECT_EQ(served.ask({{.type = 3, .seqNo = 3, .data = bytesOf("data")}}), Answers{kRepeated});
+  EXPECT_EQ(served.ask({kClose}),
+            (Answers{{0, "receipt stream=RUN_0 records=1 bytes=4 segments=1 end=broken"}}));
+}
+
 TEST_F(RefusalTest, ACloseOutOfOrderBreaksTheStream) {
   served.ask({kOpen, kData});
   EXPECT_EQ(served.ask({{.type = 3, .seqNo = 1}}),

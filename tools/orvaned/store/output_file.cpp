@@ -114,15 +114,13 @@ void OutputFile::write(Bytes bytes) {
   }
   while (!bytes.empty()) {
     const ssize_t written = ::write(fd.get(), bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) {
-      continue;
-    }
-    if (written < 0) {
+    if (written >= 0) {
+      bytes = bytes.subspan(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
       const int error = errno;
       takeBack();
       throwStoreFailed(error, "write", folder->pathOf(name));
     }
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
   }
 }
 

@@ -30,24 +30,25 @@ struct Listed {
   std::uint64_t bytes = 0;  // of the first lines and the segments'; 0: not even the first lines
   std::vector<SegmentSummary> segments;
   OtherRecords others;
-  std::uint64_t allBytes = 0;
   std::optional<orvane::Receipt> receipt;  // when nothing is missing but the final name
+  std::uint64_t allBytes = 0;            // then
 };
 
-// The lines of a file, without their ends. A line without an end is torn, and none.
+// The lines of a file, without their ends; of no file, none. A line without an end is torn, and
+// none.
 class Lines {
  public:
   explicit Lines(tool::Fd lineFile) : file(std::move(lineFile)) {}
 
   bool next(std::string& line) {
-    std::size_t end = 0;
-    while ((end = buffered.find('\n')) == std::string::npos) {
-      const ssize_t size = file.get() < 0 ? 0 : read(file.get(), block.data(), block.size());
+    while (buffered.find('\n') == std::string::npos) {
+      const ssize_t size = read(file.get(), block.data(), block.size());
       if (size <= 0) {
         return false;
       }
       buffered.append(block.data(), static_cast<std::size_t>(size));
     }
+    const std::size_t end = buffered.find('\n');
     line = buffered.substr(0, end);
     buffered.erase(0, end + 1);
     return true;
@@ -69,8 +70,7 @@ Listed readListed(tool::Fd manifest, const std::string& queue, const std::string
     }
     listed.bytes += line.size() + 1;
   }
-  bool isLine = false;
-  while ((isLine = lines.next(line))) {
+  while (lines.next(line)) {
     const auto segment = parseSegment(line);
     if (!segment) {
       break;
@@ -78,8 +78,8 @@ Listed readListed(tool::Fd manifest, const std::string& queue, const std::string
     listed.segments.push_back(*segment);
     listed.bytes += line.size() + 1;
   }
-  listed.allBytes = listed.bytes + (isLine ? line.size() + 1 : 0);
-  if (const auto others = parseOthers(line); others && isLine) {
+  listed.allBytes = listed.bytes + line.size() + 1;
+  if (const auto others = parseOthers(line)) {
     listed.others = *others;
   }
   std::optional<orvane::Receipt> receipt;
@@ -293,7 +293,7 @@ void removeUnnamed(const std::string& path) {
 
 LocalUnfinishedStreams::LocalUnfinishedStreams(
     const std::string& store, const std::function<bool(const std::string& queue)>& isDead) {
-  static const std::regex streamFolder("(\\.?)(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)((\\.new)?)");
+  static const std::regex streamFolder("(\\.?)(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)(\\.new)?");
   if (store == kNullStore) {
     return;
   }

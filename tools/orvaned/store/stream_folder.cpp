@@ -66,8 +66,6 @@ void StreamFolder::flush() {
 
 void StreamFolder::end(orvane::StreamEnd how, const std::string& reason, std::uint64_t skipped) {
   summary.receipt.end = how;
-  summary.reason = reason;
-  summary.skipped = skipped;
   try {
     settle();
   } catch (const Ox_ErrnoException&) {
@@ -80,7 +78,7 @@ void StreamFolder::end(orvane::StreamEnd how, const std::string& reason, std::ui
   }
   // Once only: what there is of a manifest that could not be written must not be continued.
   if (!std::exchange(manifestTried, true)) {
-    finishManifest();
+    finishManifest(reason, skipped);
   }
 }
 
@@ -125,13 +123,15 @@ void StreamFolder::list(const Segment& ended, std::string fileName) {
   manifest.add(line);
 }
 
-void StreamFolder::finishManifest() {
+void StreamFolder::finishManifest(const std::string& reason, std::uint64_t skipped) {
   OtherRecords& others = summary.others;
   others.records = other.records();
   others.bytes = other.bytes() - other.records() * pvk_shm_message_t::getSerializedSize();
   others.checksum = other.checksum();
   summary.receipt.records += others.records;
   summary.receipt.bytes += others.bytes;
+  summary.skipped = skipped;
+  summary.reason = reason;
   manifest.finish(summary);
 }
 

@@ -52,7 +52,7 @@ class StreamFolder {
   void finishSegment();
   void abandonSegment();
   void list(const Segment& ended, std::string fileName);
-  void finishManifest();
+  void finishManifest(const std::string& reason, std::uint64_t skipped);
 
   const std::unique_ptr<StreamDirectory> folder;
   const Sync sync;

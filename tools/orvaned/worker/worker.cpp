@@ -117,7 +117,7 @@ bool Worker::awaitReader(Unread wanted) {
   };
   const auto deadline = std::chrono::steady_clock::now() + kTimeToRead;
   while (!isReached() && !readerGivenUp) {
-    pollfd room = {lease->fd(), POLLOUT, 0};
+    pollfd room = {lease->fd(), POLLOUT, {}};
     poll(&room, 1, kLookAgainMs);
     lease->sendKept();
     readerGivenUp = std::chrono::steady_clock::now() >= deadline;
