@@ -18,9 +18,10 @@ LEASE = ["lease_tests", "lease_system_tests"]
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
 ORVANED = [
     "orvaned_call_tests OutputFile*:StreamFolder*:SegmentCount.*:Worker*",
-    "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:Manifest*:*Line.*:"
+    "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:"
     "StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
     "Step.*:WorkersLog.*:Totals*:QueuePairTest.*:LargeStream.*",
+    "store_format_tests Manifest*:*Line.*",
 ]
 
 TABLE = [

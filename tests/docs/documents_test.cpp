@@ -10,6 +10,7 @@
 #include <queue/message_queue.hpp>
 #include <sstream>
 
+#include "support/eventually.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -100,7 +101,7 @@ class Session {
   void begin(const std::string& command) {
     std::filesystem::remove(path("orvaned.log"));
     server = std::make_unique<Process>(shell("exec " + command));
-    EXPECT_TRUE(comesTrue([this] {
+    EXPECT_TRUE(eventually([this] {
       return std::filesystem::exists(path("orvaned.log")) &&
              contains(readFile(path("orvaned.log")), "serving");
     })) << command;
@@ -143,7 +144,7 @@ TEST(Documents, RetentionCommandTakesFinishedStreamsOnly) {
   ASSERT_EQ(run(server.sendCommand({"-"}), "finished").how, "exit 0");
   Process open(server.sendCommand({"-"}));
   open.write(std::string(2000000, 'x'));
-  ASSERT_TRUE(comesTrue([&] {
+  ASSERT_TRUE(eventually([&] {
     return server.streams().size() == 2 &&
            std::filesystem::exists(server.streams().at(1) + "/segment-000000.part");
   }));

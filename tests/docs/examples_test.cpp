@@ -8,6 +8,7 @@
 #include <queue/message_queue.hpp>
 #include <sstream>
 
+#include "support/eventually.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -62,15 +63,15 @@ TEST_F(Segments, StoresEachFileAsASegmentAndPrintsTheReceipt) {
 TEST_F(Segments, LosesNothingWhenTheServerIsSlow) {
   Server server({"--socket", socket});
   Process producer(command({"/dev/stdin"}));
-  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
   server.process().signalAll(SIGSTOP);
-  ASSERT_TRUE(comesTrue([&] { return isStopped(server); }));
+  ASSERT_TRUE(eventually([&] { return isStopped(server); }));
 
   // All of it is read: eight messages, one that finds no room, and a record behind it.
   const std::string data(9 * 1048576 + 131072, 'x');
   producer.write(data);
   producer.closeInput();
-  EXPECT_TRUE(comesTrue([&] {
+  EXPECT_TRUE(eventually([&] {
     return contains(producer.errorOutput(),
                     "producer: the server is slow: Timed out after waiting 2s to send data to ");
   }));
@@ -101,13 +102,13 @@ TEST_F(Segments, StopsTheStreamWhenAFileCannotBeRead) {
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_EQ(ended.out, "");
   EXPECT_EQ(ended.err, "producer: cannot read " + folder.path() + "/none\n");
-  EXPECT_TRUE(comesTrue([&] { return server.fact(0, "end") == "stopped"; }));
+  EXPECT_TRUE(eventually([&] { return server.fact(0, "end") == "stopped"; }));
 }
 
 class Receiver : public testing::Test {
  protected:
   Receiver() {
-    EXPECT_TRUE(comesTrue([this] { return std::filesystem::exists("/dev/shm/" + name.text()); }));
+    EXPECT_TRUE(eventually([this] { return std::filesystem::exists("/dev/shm/" + name.text()); }));
   }
 
   const QueueName name{uniqueQueueName()};
@@ -146,7 +147,7 @@ TEST_F(Receiver, AnswersWhatIsNoBatchWithTheReason) {
   message_queue::size_type size = 0;
   unsigned priority = 0;
   ASSERT_TRUE(
-      comesTrue([&] { return answers.try_receive(&answer, sizeof answer, size, priority); }));
+      eventually([&] { return answers.try_receive(&answer, sizeof answer, size, priority); }));
 
   EXPECT_EQ(answer.status, 1000);
   EXPECT_STREQ(answer.text,

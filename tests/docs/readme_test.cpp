@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "support/eventually.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
 
@@ -28,7 +29,7 @@ TEST(SmallestProducer, StoresItsRecord) {
   const Ended ended = run({SMALLEST_PRODUCER_PATH, server.queue()});
 
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
-  ASSERT_TRUE(comesTrue([&] { return server.fact(0, "end") != "none"; }));
+  ASSERT_TRUE(eventually([&] { return server.fact(0, "end") != "none"; }));
   EXPECT_EQ(server.content(0), "14 crates of oranges");
   EXPECT_EQ(server.fact(0, "end"), "closed");
 }

@@ -120,7 +120,7 @@ TEST_F(ServerProcessTest, FinishesWhatIsQueuedWhenItIsStopped) {
   EXPECT_TRUE(manifest.ends_with("end=closed\nreason=\n")) << manifest;
 }
 
-TEST_F(ServerProcessTest, CutsAnOpenStreamOffAndSaysFarewellWhenItIsStopped) {
+TEST_F(ServerProcessTest, CutsAnOpenStreamOffAndSendsItsNoticeWhenItIsStopped) {
   message_queue answers(open_only, (name + "Response").c_str());
   ShmWriter writer("stream", name, 20, 5, false);
   writer.open();

@@ -36,7 +36,7 @@ TEST(PeerStoppedInsideTheLock, FailsTheFlushAfterTwoSecondsAndItsBatchIsSentOnce
   EXPECT_EQ(stream.pair.receive().bytes, Bytes(1)) << "the peer's own message, of lower priority";
 }
 
-TEST(PeerStoppedInsideTheLock, OfTheResponseQueueFailsTheFlushAfterTwoSecondsBehindItsSend) {
+TEST(PeerStoppedInsideTheLock, OfTheResponseQueueFailsTheFlushAfterTwoSecondsOnceItHasSent) {
   Stream stream;
   stream.open();
   stream.write("hello");

@@ -160,7 +160,7 @@ TEST(BatchText, FollowsTheFlagsAndTheLocaleOfTheStream) {
             "ShmBatch: entries=1, bufferSize=1'024, used=56, [0]: type=10, len=0");
 }
 
-TEST(BatchText, ThrowsAtACorruptHeaderBehindWhatItWrote) {
+TEST(BatchText, ThrowsAtACorruptHeaderAfterWhatItWrote) {
   ShmBatch batch(1024);
   push(batch, 1, {0x61});
   push(batch, 2, {});

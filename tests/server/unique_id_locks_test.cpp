@@ -196,7 +196,7 @@ TEST(UniqueIdInstance, IsAskedForByOneThreadAtATimeWhileItIsMade) {
       testing::ExitedWithCode(0), "");
 }
 
-TEST(UniqueIds, AreDrawnUnderTheLockBehindTheMakingOfTheStream) {
+TEST(UniqueIds, AreDrawnUnderTheLockAfterTheMakingOfTheStream) {
   UniqueIdGenerator ids;
   std::string id;
   EXPECT_EQ(stepsOf([&] { id = ids.generateId("a prefix that does not fit into a short string"); }),

@@ -1,38 +1,13 @@
 #include "support/await.hpp"
 
-#include <sched.h>
-
-#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <stdexcept>
 
+#include "support/eventually.hpp"
 #include "support/temp_folder.hpp"
 
 namespace orvane::test {
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMilliseconds);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    sched_yield();
-  }
-  return true;
-}
-
-Answer awaitAnswer(boost::interprocess::message_queue& answers) {
-  pvk_shm_response_t response;
-  boost::interprocess::message_queue::size_type size = 0;
-  unsigned priority = 0;
-  // Not timed_receive(): the other side may be killed, and whoever waits then waits for ever.
-  const auto came = [&] {
-    return answers.try_receive(&response, sizeof(response), size, priority);
-  };
-  return eventually(came) ? Answer{response.status, response.text} : Answer{-1, "no answer came"};
-}
 
 char stateOf(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");

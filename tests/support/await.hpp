@@ -2,21 +2,13 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "support/served.hpp"
+#include "support/eventually.hpp"
 
-// What other processes do takes its time; a test waits for it, and for no longer than this.
+// What other processes are at.
 namespace orvane::test {
-
-constexpr int kPatienceMilliseconds = 30000;
-
-bool eventually(const std::function<bool()>& condition);
-
-// The next answer.
-Answer awaitAnswer(boost::interprocess::message_queue& answers);
 
 // A process's state, as /proc has it: 'T' is stopped; 0 when it is gone.
 char stateOf(pid_t process);

@@ -5,12 +5,13 @@
 #include <string>
 
 #include "shm/fd.hpp"
+#include "support/answers.hpp"
 #include "support/await.hpp"
 #include "support/wire.hpp"
 
 namespace orvane::test {
 
-// A producer's end of the talk about leases, packet by packet.
+// A producer's end of the lease protocol, packet by packet.
 class LeaseClient {
  public:
   // Connects, and does not ask for anything yet. Throws when nobody listens there.

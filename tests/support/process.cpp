@@ -7,11 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
-#include <thread>
 
+#include "support/eventually.hpp"
 #include "support/system_call.hpp"
 
 namespace orvane::test {
@@ -29,7 +28,7 @@ std::string wholeFile(int fd) {
 
 }  // namespace
 
-Process::Process(const std::vector<std::string>& command, const Surroundings& around)
+Process::Process(const std::vector<std::string>& command, const ProcessSetup& around)
     : errIsTerminal(around.errorTerminal) {
   ::signal(SIGPIPE, SIG_IGN);
   int pipeEnds[2];
@@ -55,7 +54,7 @@ Process::Process(const std::vector<std::string>& command, const Surroundings& ar
 }
 
 // In the child.
-void Process::become(const std::vector<std::string>& command, const Surroundings& around, int input,
+void Process::become(const std::vector<std::string>& command, const ProcessSetup& around, int input,
                      const std::string& terminalName) const {
   setpgid(0, 0);
   ::signal(SIGPIPE, SIG_DFL);
@@ -136,7 +135,7 @@ bool Process::hasEnded() {
 
 Ended Process::wait() {
   closeInput();
-  if (!comesTrue([this] { return hasEnded(); })) {
+  if (!eventually([this] { return hasEnded(); })) {
     throw std::runtime_error("the program hangs");
   }
   const std::string how = WIFSIGNALED(*status) ? "signal " + std::to_string(WTERMSIG(*status))
@@ -145,21 +144,10 @@ Ended Process::wait() {
 }
 
 Ended run(const std::vector<std::string>& command, const std::string& input,
-          const Surroundings& around) {
+          const ProcessSetup& around) {
   Process process(command, around);
   process.write(input);
   return process.wait();
-}
-
-bool comesTrue(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 }  // namespace orvane::test

@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,7 +15,7 @@ struct Ended {
   std::string err;
 };
 
-struct Surroundings {
+struct ProcessSetup {
   std::vector<std::string> environment = {};      // besides this process's own: "NAME=value"
   std::optional<std::size_t> fileSizeLimit = {};  // RLIMIT_FSIZE
   bool errorTerminal = false;                     // standard error is a terminal
@@ -25,7 +24,7 @@ struct Surroundings {
 // A program that runs. Killed when this object goes before it ended.
 class Process {
  public:
-  explicit Process(const std::vector<std::string>& command, const Surroundings& around = {});
+  explicit Process(const std::vector<std::string>& command, const ProcessSetup& around = {});
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
@@ -52,7 +51,7 @@ class Process {
   Ended wait();
 
  private:
-  void become(const std::vector<std::string>& command, const Surroundings& around, int input,
+  void become(const std::vector<std::string>& command, const ProcessSetup& around, int input,
               const std::string& terminalName) const;
 
   int inputPipe = -1;
@@ -65,9 +64,6 @@ class Process {
 
 // The program's whole run, with `input` as its standard input.
 Ended run(const std::vector<std::string>& command, const std::string& input = "",
-          const Surroundings& around = {});
-
-// Looks until it is so; false after a minute.
-bool comesTrue(const std::function<bool()>& condition);
+          const ProcessSetup& around = {});
 
 }  // namespace orvane::test

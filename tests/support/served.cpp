@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ostream>
 #include <regex>
 #include <stdexcept>
 
@@ -30,24 +29,6 @@ std::size_t nextStreamNumber() {
 }
 
 }  // namespace
-
-std::ostream& operator<<(std::ostream& stream, const Answer& answer) {
-  return stream << answer.status << " \"" << answer.text << '"';
-}
-
-std::vector<Answer> takeAnswers(message_queue& responseQueue) {
-  std::vector<Answer> answers;
-  pvk_shm_response_t response;
-  message_queue::size_type size = 0;
-  unsigned priority = 0;
-  while (responseQueue.try_receive(&response, sizeof(response), size, priority)) {
-    if (size != 132) {
-      throw std::runtime_error("an answer of " + std::to_string(size) + " bytes");
-    }
-    answers.push_back({response.status, response.text});
-  }
-  return answers;
-}
 
 Served::Served(std::size_t messageSize, std::size_t messages)
     : firstStream(nextStreamNumber()),

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <initializer_list>
-#include <iosfwd>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
 #include <string>
 #include <vector>
 
 #include "store/store.hpp"
+#include "support/answers.hpp"
 #include "support/queue_pair.hpp"
 #include "support/recording_sink.hpp"
 #include "support/temp_folder.hpp"
@@ -17,20 +17,8 @@
 
 namespace orvane::test {
 
-struct Answer {
-  ox_status_t status;
-  std::string text;
-
-  bool operator==(const Answer&) const = default;
-};
-std::ostream& operator<<(std::ostream& stream, const Answer& answer);
-
-// The last answer of a server that is stopped.
-constexpr char kFarewell[] = "the server was stopped: send again what it did not acknowledge";
+// How a worker ends whose server is stopped.
 inline const orvaned::Ending kStopped = {"the server was stopped", kFarewell};
-
-// Takes the answers that wait, in the order in which a producer would.
-std::vector<Answer> takeAnswers(boost::interprocess::message_queue& responseQueue);
 
 // A server in this process, one step at a time: a queue pair, a worker and an empty store.
 //

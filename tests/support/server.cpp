@@ -1,7 +1,5 @@
 #include "support/server.hpp"
 
-#include <signal.h>
-
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -11,28 +9,25 @@
 namespace orvane::test {
 namespace {
 
-std::vector<std::string> command(const std::string& queue, const std::string& store,
-                                 const std::vector<std::string>& options) {
-  std::vector<std::string> words = {ORVANED_PATH, "--queue", queue, "--store", store};
+std::vector<std::string> arguments(const std::string& queue, const std::string& store,
+                                   const std::vector<std::string>& options) {
+  std::vector<std::string> words = {"--queue", queue, "--store", store};
   words.insert(words.end(), options.begin(), options.end());
   return words;
 }
 
 }  // namespace
 
-Server::Server(const std::vector<std::string>& options, const Surroundings& around)
-    : queueName(uniqueQueueName()), server(command(queueName, folder.path(), options), around) {
-  if (!comesTrue(
-          [this] { return server.errorOutput().find("serving queue") != std::string::npos; })) {
-    throw std::runtime_error("orvaned did not start");
+Server::Server(const std::vector<std::string>& options, const ServerProcess::Setup& setup)
+    : queueName(uniqueQueueName()),
+      server(std::make_unique<ServerProcess>(arguments(queueName, folder.path(), options), setup)) {
+  if (!server->isServing()) {
+    throw std::runtime_error("orvaned did not start: " + server->rawOutput());
   }
 }
 
 Server::~Server() {
-  // In this order: a SIGCONT would undo the SIGSTOP with which the leak check at the end begins.
-  server.signalAll(SIGCONT);
-  server.signal(SIGTERM);
-  server.wait();
+  server.reset();
   for (const std::string& name : sharedMemoryNamed(queueName)) {
     std::filesystem::remove("/dev/shm/" + name);
   }

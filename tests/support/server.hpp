@@ -1,9 +1,11 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "support/process.hpp"
+#include "support/server_process.hpp"
 #include "support/temp_folder.hpp"
 
 namespace orvane::test {
@@ -11,12 +13,13 @@ namespace orvane::test {
 // A real orvaned on a queue of its own, storing into a folder of its own.
 class Server {
  public:
-  explicit Server(const std::vector<std::string>& options = {}, const Surroundings& around = {});
+  explicit Server(const std::vector<std::string>& options = {},
+                  const ServerProcess::Setup& setup = {});
   ~Server();  // also removes the queues of a server that was killed
 
-  Process& process() { return server; }
-  pid_t pid() const { return server.pid(); }
-  std::string errors() const { return server.errorOutput(); }
+  ServerProcess& process() { return *server; }
+  pid_t pid() const { return server->process(); }
+  const std::string& log() { return server->outputSoFar(); }
   const std::string& queue() const { return queueName; }
   const std::string& store() const { return folder.path(); }
 
@@ -35,7 +38,7 @@ class Server {
  private:
   TempFolder folder;
   std::string queueName;
-  Process server;
+  std::unique_ptr<ServerProcess> server;
 };
 
 // What in /dev/shm has `part` in its name.

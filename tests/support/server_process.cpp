@@ -74,7 +74,7 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments, const Se
 }
 
 ServerProcess::~ServerProcess() {
-  if (pid > 0) {
+  if (pid > 0 && !status) {
     endInOrder();
   }
   closeOutput();
@@ -114,8 +114,14 @@ void ServerProcess::endInOrder() const {
   }
 }
 
+void ServerProcess::signalAll(int number) const {
+  if (pid > 0) {
+    kill(-pid, number);
+  }
+}
+
 void ServerProcess::killAll() const {
-  kill(-pid, SIGKILL);
+  signalAll(SIGKILL);
 }
 
 // The child that has the queue in its memory, where it still has the name that it was made under.
@@ -139,21 +145,27 @@ pid_t ServerProcess::workerOf(const std::string& queue) const {
 }
 
 void ServerProcess::waitUntilStopped() const {
-  int status = 0;
-  waitpid(pid, &status, WUNTRACED);
+  int stopped = 0;
+  waitpid(pid, &stopped, WUNTRACED);
 }
 
 int ServerProcess::wait() {
   while (fd >= 0 && read()) {
   }
-  int status = 0;
-  waitpid(pid, &status, 0);
+  int ended = status.value_or(0);
+  if (!status) {
+    waitpid(pid, &ended, 0);
+  }
   pid = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return WIFEXITED(ended) ? WEXITSTATUS(ended) : -WTERMSIG(ended);
 }
 
-bool ServerProcess::isRunning() const {
-  return waitpid(pid, nullptr, WNOHANG) == 0;
+bool ServerProcess::isRunning() {
+  int ended = 0;
+  if (!status && waitpid(pid, &ended, WNOHANG) == pid) {
+    status = ended;
+  }
+  return !status;
 }
 
 std::string ServerProcess::output() const {
@@ -162,6 +174,12 @@ std::string ServerProcess::output() const {
   // What is said of the confinement depends on the kernel.
   static const std::regex confinement("TIME [a-z]+ 0 orvaned::prepareConfinement: [^\n]*\n");
   return std::regex_replace(std::regex_replace(text, time, "$1TIME "), confinement, "");
+}
+
+const std::string& ServerProcess::outputSoFar() {
+  for (pollfd there{fd, POLLIN, 0}; poll(&there, 1, 0) == 1 && read();) {
+  }
+  return text;
 }
 
 void ServerProcess::closeOutput() {

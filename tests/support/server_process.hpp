@@ -42,6 +42,7 @@ class ServerProcess {
   void signal(int number) const;
 
   // All of them at once.
+  void signalAll(int number) const;
   void killAll() const;
 
   pid_t process() const { return pid; }
@@ -56,12 +57,15 @@ class ServerProcess {
   int wait();
 
   // Has it not ended yet?
-  bool isRunning() const;
+  bool isRunning();
 
   // Standard output and standard error together; what wait() and isServing() have read so far.
   // TIME stands for the time stamp at the begin of a line. Without the lines about confinement.
   std::string output() const;
   const std::string& rawOutput() const { return text; }
+
+  // The same, with what can be read without waiting.
+  const std::string& outputSoFar();
 
   // From now on the server writes its lines to nobody.
   void closeOutput();
@@ -71,6 +75,7 @@ class ServerProcess {
   void endInOrder() const;
 
   pid_t pid = -1;
+  std::optional<int> status;  // once it is known that it has ended
   int fd = -1;
   std::string text;
 };

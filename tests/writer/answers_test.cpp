@@ -80,7 +80,7 @@ TEST(Answer, FoundWhileMakingRoomForARecordLosesThatRecord) {
   EXPECT_EQ(stream.flushed(), std::vector<Record>());
 }
 
-TEST(Answer, FoundByTheFlushBehindARecordComesAfterItWasSent) {
+TEST(Answer, FoundByTheFlushAfterARecordComesAfterItWasSent) {
   Stream stream;
   stream.pair.post(1001, "no");
   const pvk_shm_message_t header = recordHeader(9, 0);

@@ -9,7 +9,7 @@
 namespace orvane::test {
 namespace {
 
-TEST(Close, SendsTheCloseRecordAtOnceBehindPendingData) {
+TEST(Close, SendsTheCloseRecordAtOnceAfterPendingData) {
   Stream stream;
   stream.open();
   stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0x11, 0x22, 0x33);

@@ -98,7 +98,7 @@ TEST(WriteData, FlushesFirstWhenARecordIsOneByteTooLong) {
   EXPECT_EQ(stream.flushed().at(0).type, 9U);
 }
 
-TEST(WriteData, SendsTwoMessagesWhenItFlushesBeforeAndBehindTheRecord) {
+TEST(WriteData, SendsTwoMessagesWhenItFlushesBeforeAndAfterTheRecord) {
   Stream stream;
   write(stream, recordHeader(8, kWholeBatch));
   write(stream, recordHeader(9, 0), true);

@@ -108,7 +108,7 @@ TEST(EndSegment, InARowStoresOneRecord) {
   EXPECT_EQ(stream.flushed().size(), 0U) << "a flush in between changes nothing";
 }
 
-TEST(EndSegment, IsRedundantBehindTheCallersOwnEndRecord) {
+TEST(EndSegment, IsRedundantAfterTheCallersOwnEndRecord) {
   Stream stream;
   stream.open();
   stream.write("a");
@@ -123,7 +123,7 @@ TEST(EndSegment, IsRedundantBehindTheCallersOwnEndRecord) {
   EXPECT_EQ(stream.flushed().back(), (Record{.type = 2, .seqNo = 3, .segmentDone = 0}));
 }
 
-TEST(EndSegment, IsStoredAgainBehindAnyOtherRecord) {
+TEST(EndSegment, IsStoredAgainAfterAnyOtherRecord) {
   Stream stream;
   stream.open();
   stream.writer.endSegment();

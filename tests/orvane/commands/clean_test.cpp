@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "shm/fd.hpp"
+#include "support/eventually.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -71,8 +72,8 @@ class Clean : public testing::Test {
   // All processes of a server are killed, and gone.
   static void killAll(Server& server) {
     server.process().signalAll(SIGKILL);
-    ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
-    ASSERT_TRUE(comesTrue([&] { return cleaned(server.queue(), {"--dry-run"}) != kNothing; }));
+    ASSERT_TRUE(eventually([&] { return !server.process().isRunning(); }));
+    ASSERT_TRUE(eventually([&] { return cleaned(server.queue(), {"--dry-run"}) != kNothing; }));
   }
 
   const std::string name = uniqueQueueName();
@@ -242,11 +243,11 @@ class CleanSocket : public Clean {
   // What a server leaves that is killed when it listens.
   void startAndKill() {
     Server server({"--socket", socket});
-    ASSERT_TRUE(comesTrue([&] { return contains(server.errors(), "serving leases at "); }));
+    ASSERT_TRUE(eventually([&] { return contains(server.log(), "serving leases at "); }));
     process = std::to_string(server.pid());
     server.process().signalAll(SIGKILL);
-    ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
-    ASSERT_TRUE(comesTrue([&] { return cleaned(socket, {"--dry-run"}) != kNothing; }));
+    ASSERT_TRUE(eventually([&] { return !server.process().isRunning(); }));
+    ASSERT_TRUE(eventually([&] { return cleaned(socket, {"--dry-run"}) != kNothing; }));
   }
   std::string told(const std::string& done, const std::string& path) const {
     return done + " " + path + ": its server, process " + process + ", is gone\n";
@@ -280,7 +281,7 @@ TEST_F(CleanSocket, IsFoundAnywhereBelowAFolder) {
 
 TEST_F(CleanSocket, OfALivingServerIsLeftAlone) {
   Server server({"--socket", socket});
-  ASSERT_TRUE(comesTrue([&] { return contains(server.errors(), "serving leases at "); }));
+  ASSERT_TRUE(eventually([&] { return contains(server.log(), "serving leases at "); }));
   EXPECT_EQ(cleaned(socket), kNothing);
   EXPECT_EQ(cleaned(folder.path()), kNothing);
   EXPECT_EQ(run({ORVANE_PATH, "send", "--socket", socket, "-"}, "data").how, "exit 0");

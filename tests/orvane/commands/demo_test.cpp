@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "support/eventually.hpp"
 #include "support/process.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -24,7 +25,7 @@ class Demo : public testing::Test {
     return words;
   }
 
-  Surroundings around() const { return {.environment = {"TMPDIR=" + temporary.path()}}; }
+  ProcessSetup around() const { return {.environment = {"TMPDIR=" + temporary.path()}}; }
 
   // What a demo that ran as this process left behind.
   std::vector<std::string> leftBy(const Process& demo) const {
@@ -137,7 +138,7 @@ TEST_F(Demo, MissingTemporaryFolderIsReported) {
 TEST_F(Demo, MissingServerIsReported) {
   const std::string alone = folder.path() + "/orvane";
   std::filesystem::copy_file(ORVANE_PATH, alone);
-  Surroundings noPath = around();
+  ProcessSetup noPath = around();
   noPath.environment.emplace_back("PATH=/nonexistent");
 
   Process demo({alone, "demo", "/dev/null"}, noPath);
@@ -151,7 +152,7 @@ TEST_F(Demo, MissingServerIsReported) {
 }
 
 TEST_F(Demo, DiskThatFillsUpIsReported) {
-  Surroundings smallFiles = around();
+  ProcessSetup smallFiles = around();
   smallFiles.fileSizeLimit = 9 << 20;
 
   Process demo(command({}), smallFiles);
@@ -165,10 +166,10 @@ TEST_F(Demo, DiskThatFillsUpIsReported) {
 TEST_F(Demo, ServerThatDiesIsReported) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
-  ASSERT_TRUE(comesTrue([&] { return serverOf(demo) != 0 && !leftBy(demo).empty(); }));
+  ASSERT_TRUE(eventually([&] { return serverOf(demo) != 0 && !leftBy(demo).empty(); }));
 
   kill(serverOf(demo), SIGKILL);
-  ASSERT_TRUE(comesTrue([&] { return demo.hasEnded(); }));
+  ASSERT_TRUE(eventually([&] { return demo.hasEnded(); }));
 
   const Ended ended = demo.wait();
   EXPECT_EQ(ended.how, "exit 1");
@@ -180,14 +181,14 @@ TEST_F(Demo, KilledDemoTakesItsServerAndItsQueuesAlong) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
   const std::string queue = "orvane-demo-" + std::to_string(demo.pid()) + "-";
-  ASSERT_TRUE(comesTrue([&] { return sharedMemoryNamed(queue).size() == 4; }));
+  ASSERT_TRUE(eventually([&] { return sharedMemoryNamed(queue).size() == 4; }));
   const pid_t server = serverOf(demo);
 
   demo.signal(SIGKILL);
 
   EXPECT_EQ(demo.wait().how, "signal 9");
-  EXPECT_TRUE(comesTrue([&] { return sharedMemoryNamed(queue).empty(); }));
-  EXPECT_TRUE(comesTrue([&] { return isGone(server); }));
+  EXPECT_TRUE(eventually([&] { return sharedMemoryNamed(queue).empty(); }));
+  EXPECT_TRUE(eventually([&] { return isGone(server); }));
 }
 
 class DemoSignal : public Demo, public testing::WithParamInterface<int> {};
@@ -195,11 +196,11 @@ class DemoSignal : public Demo, public testing::WithParamInterface<int> {};
 TEST_P(DemoSignal, LeavesNothingBehind) {
   Process demo(command({"-"}), around());
   demo.write("a few bytes");
-  ASSERT_TRUE(comesTrue([&] { return serverOf(demo) != 0 && leftBy(demo).size() == 5; }));
+  ASSERT_TRUE(eventually([&] { return serverOf(demo) != 0 && leftBy(demo).size() == 5; }));
   const pid_t server = serverOf(demo);
 
   demo.signal(GetParam());
-  ASSERT_TRUE(comesTrue([&] { return demo.hasEnded(); }));
+  ASSERT_TRUE(eventually([&] { return demo.hasEnded(); }));
 
   const Ended ended = demo.wait();
   EXPECT_EQ(ended.how, "signal " + std::to_string(GetParam()));

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "support/eventually.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -74,7 +75,7 @@ TEST(Ls, AlignsItsColumns) {
 TEST(Ls, SaysWhenNobodyServesAQueueAnyMore) {
   Server server;
   server.process().signalAll(SIGKILL);
-  ASSERT_TRUE(comesTrue([&] { return listed(server.queue()).ends_with(" nobody"); }));
+  ASSERT_TRUE(eventually([&] { return listed(server.queue()).ends_with(" nobody"); }));
 
   const std::string json = listed(server.queue(), {"--json"});
   EXPECT_TRUE(contains(json,

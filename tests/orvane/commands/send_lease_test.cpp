@@ -7,6 +7,7 @@
 #include <queue/message_queue.hpp>
 #include <stdexcept>
 
+#include "support/eventually.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
 
@@ -43,16 +44,16 @@ class SendOverALease : public testing::Test {
   void fillQueue(const Server& started, const Process& send,
                  const std::function<void()>& stopServing) const {
     using Queue = boost::interprocess::message_queue;
-    ASSERT_TRUE(comesTrue([&] { return started.streams().size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return started.streams().size() == 1; }));
     stopServing();
     const std::string state = "/proc/" + std::to_string(workerOf(started)) + "/stat";
-    ASSERT_TRUE(comesTrue([&] { return contains(readFile(state), ") T "); }));
+    ASSERT_TRUE(eventually([&] { return contains(readFile(state), ") T "); }));
     // Behind its totals.
     const std::string leased = sharedMemoryNamed("-" + std::to_string(started.pid()) + "_").at(1);
     const Queue queue(boost::interprocess::open_only, leased.c_str());
     // All of it is read: eight messages, one that finds no room, and a record behind it.
     send.write(std::string(9 * 1048576 + 131072, 'x'));
-    ASSERT_TRUE(comesTrue([&] { return queue.get_num_msg() == queue.get_max_msg(); }));
+    ASSERT_TRUE(eventually([&] { return queue.get_num_msg() == queue.get_max_msg(); }));
   }
 
   const TempFolder folder;
@@ -127,9 +128,9 @@ TEST_F(SendOverALease, StreamThatCannotBeStoredIsReportedAsRefused) {
 TEST_F(SendOverALease, WorkerThatDiesLeavesTheOutcomeUnknown) {
   Server server({"--socket", socket});
   Process send(sendCommand({"-"}));
-  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
   kill(workerOf(server), SIGKILL);
-  ASSERT_TRUE(comesTrue([&] { return contains(server.errors(), "was killed by signal 9"); }));
+  ASSERT_TRUE(eventually([&] { return contains(server.log(), "was killed by signal 9"); }));
 
   send.write("a few bytes");
   const Ended ended = send.wait();
@@ -143,9 +144,9 @@ TEST_F(SendOverALease, WorkerThatDiesLeavesTheOutcomeUnknown) {
 TEST_F(SendOverALease, ServerThatDiesIsNoticedBeforeTheTimeout) {
   Server server({"--socket", socket});
   Process send(sendCommand({"--timeout", "3600", "-"}));
-  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
   server.process().signalAll(SIGKILL);
-  ASSERT_TRUE(comesTrue([&] { return server.process().hasEnded(); }));
+  ASSERT_TRUE(eventually([&] { return !server.process().isRunning(); }));
 
   send.write("a few bytes");
   const Ended ended = send.wait();
@@ -160,7 +161,7 @@ TEST_F(SendOverALease, WorkerThatDiesEndsTheWaitForRoomWithTheServersWord) {
   fillQueue(server, send, [&] { kill(workerOf(server), SIGSTOP); });
 
   kill(workerOf(server), SIGKILL);
-  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+  ASSERT_TRUE(eventually([&] { return send.hasEnded(); }));
 
   const Ended ended = send.wait();
   EXPECT_EQ(ended.how, "exit 4");
@@ -174,7 +175,7 @@ TEST_F(SendOverALease, ServerThatDiesEndsTheWaitForRoom) {
   fillQueue(server, send, [&] { server.process().signalAll(SIGSTOP); });
 
   server.process().signalAll(SIGKILL);
-  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+  ASSERT_TRUE(eventually([&] { return send.hasEnded(); }));
 
   const Ended ended = send.wait();
   EXPECT_EQ(ended.how, "exit 4");
@@ -185,13 +186,13 @@ TEST_F(SendOverALease, InterruptionCutsTheStreamOff) {
   Server server({"--socket", socket});
   Process send(sendCommand({"-"}));
   send.write("a few bytes");
-  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
 
   send.signal(SIGINT);
-  ASSERT_TRUE(comesTrue([&] { return send.hasEnded(); }));
+  ASSERT_TRUE(eventually([&] { return send.hasEnded(); }));
 
   EXPECT_EQ(send.wait().how, "signal 2");
-  EXPECT_TRUE(comesTrue([&] { return server.fact(0, "end") == "stopped"; }));
+  EXPECT_TRUE(eventually([&] { return server.fact(0, "end") == "stopped"; }));
 }
 
 TEST(LeasedProducer, StoresItsRecordAndPrintsTheReceipt) {

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "support/eventually.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -78,11 +79,11 @@ TEST(Stat, ShowsAQueueThatWasNotUsedYet) {
 TEST(Stat, NamesTheOpenStream) {
   Server server;
   Process send(server.sendCommand({"-"}));
-  ASSERT_TRUE(comesTrue([&] { return server.streams().size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
   const std::string folder = server.streams().at(0);
   const std::string stream = folder.substr(folder.rfind('/') + server.queue().size() + 2);
 
-  ASSERT_TRUE(comesTrue([&] {
+  ASSERT_TRUE(eventually([&] {
     return contains(run(statCommand(server.queue(), {"--interval", "0"})).out,
                     "\nopen stream  " + stream + "\n");
   }));
@@ -97,7 +98,7 @@ TEST(Stat, TakesItsRatesFromTwoLooks) {
   ASSERT_EQ(run(server.sendCommand({"-"}), std::string(5000, 'x')).how, "exit 0");
   Process stat(statCommand(server.queue(), {"--interval", "0.3", "--json"}));
   const std::string systemCall = "/proc/" + std::to_string(stat.pid()) + "/syscall";
-  ASSERT_TRUE(comesTrue([&] {
+  ASSERT_TRUE(eventually([&] {
     return stat.hasEnded() ||
            readFile(systemCall).starts_with(std::to_string(SYS_clock_nanosleep) + " ");
   }));
@@ -145,7 +146,7 @@ TEST(Stat, ShowsTheLastTotalsOfAServerThatIsGone) {
   const std::string text = "\nserved by    nobody: server " + std::to_string(server.pid()) +
                            " is gone; orvane clean removes what it left, or the next orvaned "
                            "there\n";
-  ASSERT_TRUE(comesTrue([&] {
+  ASSERT_TRUE(eventually([&] {
     return contains(run(statCommand(server.queue(), {"--interval", "0"})).out, text);
   }));
 

@@ -2,6 +2,7 @@
 
 #include <regex>
 
+#include "support/eventually.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
 
@@ -47,7 +48,7 @@ TEST(SendProgress, OfAPipeNamesNoTotal) {
   Server server;
   Process send(server.sendCommand({"-"}), {.errorTerminal = true});
   std::string shown;
-  ASSERT_TRUE(comesTrue([&] {
+  ASSERT_TRUE(eventually([&] {
     send.write(std::string(200000, 'x'));
     shown += send.terminalOutput();
     return !shown.empty();

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "store/broker.hpp"
+#include "supervisor/child.hpp"
 #include "support/temp_folder.hpp"
 #include "support/throws.hpp"
 

@@ -178,7 +178,7 @@ TEST_F(OutputFileTest, NoticesAtAFlushThatItsFileIsGone) {
       throwsErrno(1003, "No such file or directory: cannot write " + path, [&] { file.flush(); }));
 }
 
-TEST_F(OutputFileTest, ResumesBehindItsFirstBytes) {
+TEST_F(OutputFileTest, ResumesAfterItsFirstBytes) {
   writeFile(path, "keep torn");
   OutputFile file(&directory, "out", Sync::segment);
   file.resume(5);

@@ -41,7 +41,7 @@ TEST_F(LeaseRecoveryTest, APairIsRemovedAndItsProducerToldBefore) {
 }
 
 // The answers that nobody took do not keep the last word from whoever comes back for them.
-TEST_F(LeaseRecoveryTest, OneAnswerGivesWayWhenThereIsNoRoomToSayFarewell) {
+TEST_F(LeaseRecoveryTest, OneAnswerGivesWayWhenThereIsNoRoomForTheNotice) {
   start();
   LeasedProducer producer(socket);
   producer.queues.send({kOpen});

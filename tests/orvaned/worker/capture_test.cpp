@@ -7,6 +7,7 @@
 #include <queue/message_queue.hpp>
 
 #include "support/captured.hpp"
+#include "support/eventually.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
@@ -56,7 +57,7 @@ TEST_F(Capture, HoldsEveryMessageAsItCameGoodOrBad) {
   const std::string expected = captured(server.queue(), bytesOf("rubbish!")) +
                                captured(server.queue(), kExample) +
                                captured(server.queue(), bytesOf("x"));
-  EXPECT_TRUE(comesTrue([&] { return readFile(file) == expected; }));
+  EXPECT_TRUE(eventually([&] { return readFile(file) == expected; }));
   struct stat status = {};
   ASSERT_EQ(stat(file.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
@@ -70,7 +71,7 @@ TEST_F(Capture, ContinuesAFileThatIsThere) {
   send(server, kExample);
 
   const std::string expected = before + captured(server.queue(), kExample);
-  EXPECT_TRUE(comesTrue([&] { return readFile(file) == expected; }));
+  EXPECT_TRUE(eventually([&] { return readFile(file) == expected; }));
 }
 
 TEST_F(Capture, KeepsTheMessagesOfSeveralQueuesApart) {
@@ -105,10 +106,10 @@ TEST_F(Capture, ThatFindsNoMoreRoomEndsWithOneWarningAndDisturbsNoStream) {
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
   EXPECT_TRUE(server.content(0) == std::string(300000, 'd'));
   EXPECT_EQ(server.fact(0, "end"), "closed");
-  EXPECT_EQ(count(server.errors(), " capture::warn: "), 1U) << server.errors();
-  EXPECT_TRUE(contains(server.errors(), " warning 0 capture::warn: queue " + server.queue() +
-                                            ": capturing into " + file +
-                                            " ends: it took only 100 of "));
+  EXPECT_EQ(count(server.log(), " capture::warn: "), 1U) << server.log();
+  EXPECT_TRUE(contains(server.log(), " warning 0 capture::warn: queue " + server.queue() +
+                                         ": capturing into " + file +
+                                         " ends: it took only 100 of "));
   const std::string after = readFile(file);
   EXPECT_EQ(after.size(), limit);  // the part stays, and costs only itself: Dump tells the rest
   EXPECT_TRUE(after.starts_with(before));
@@ -124,7 +125,7 @@ TEST_F(Capture, ThatBecomesImpossibleLaterEndsWithAWarningToo) {
   const Ended ended = run({ORVANE_PATH, "send", "--socket", socket, "-"}, "data");
 
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
-  EXPECT_TRUE(contains(server.errors(), ": capturing into " + file + " ends: Is a directory\n"));
+  EXPECT_TRUE(contains(server.log(), ": capturing into " + file + " ends: Is a directory\n"));
 }
 
 TEST_F(Capture, NeedsAFileThatCanBeAppendedTo) {
@@ -138,7 +139,7 @@ TEST_F(Capture, NeedsAFileThatCanBeAppendedTo) {
 TEST_F(Capture, TakesNoPipe) {
   ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
   const Process reader({"cat", file});
-  ASSERT_TRUE(comesTrue([&] {
+  ASSERT_TRUE(eventually([&] {
     const Ended ended = run(
         {ORVANED_PATH, "--queue", uniqueQueueName(), "--store", folder.path(), "--capture", file});
     return ended.err.find("it is no regular file") != std::string::npos;

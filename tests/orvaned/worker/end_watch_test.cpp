@@ -103,7 +103,7 @@ TEST_F(EndWatchTest, SeesThatTheProducerHasNothingMoreToSay) {
   EXPECT_EQ(ending->reason, "its producer died or left");
 }
 
-TEST_F(EndWatchTest, DoesNotMindAProducerThatTalks) {
+TEST_F(EndWatchTest, DoesNotMindAProducerThatSendsPackets) {
   EndWatch watch(&connection.lease, seconds(0));
   ASSERT_EQ(send(connection.producer.get(), "chatter", 7, 0), 7);
   EXPECT_EQ(watch.within(kPause), nullptr);

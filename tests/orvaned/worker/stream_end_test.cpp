@@ -129,7 +129,7 @@ TEST_F(StreamEndTest, AStopWithoutAnOpenIsValid) {
   EXPECT_EQ(served.stored(), Names{});
 }
 
-TEST_F(StreamEndTest, RecordsBehindAStopAreOutside) {
+TEST_F(StreamEndTest, RecordsAfterAStopAreOutside) {
   ShmWriter writer("stream", served.queue(), 5, 5, false);
   writer.open();
   writer.stop(false);
@@ -184,7 +184,7 @@ TEST_F(StreamEndTest, FinishingTakesWhatIsQueuedAndCutsTheStreamOff) {
   EXPECT_EQ(endOf(0), "end=cut-off\nreason=the server was stopped\n");
 }
 
-TEST_F(StreamEndTest, FinishingWithoutAStreamSaysFarewellToo) {
+TEST_F(StreamEndTest, FinishingWithoutAStreamSendsTheNoticeToo) {
   served.worker().finish(kStopped);
   EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}}));
 }

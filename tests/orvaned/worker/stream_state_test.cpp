@@ -140,7 +140,7 @@ TEST_F(StreamStateTest, AnEmptyRecordDoesNotMakeItsSegmentEmpty) {
       refuses(1002, "a record of segment 0 came after segment 0 was ended", header(1, 5, 0)));
 }
 
-TEST_F(StreamStateTest, ASegmentBehindOneWithDataMayBeEmptyToo) {
+TEST_F(StreamStateTest, ASegmentAfterOneWithDataMayBeEmptyToo) {
   take(1, 2, 0, 5);
   take(2, 3, 0);
   take(2, 4, 1);

@@ -251,7 +251,7 @@ TEST(Pause, DoublesFrom50MicrosecondsTo5Milliseconds) {
   EXPECT_EQ(pause.next(), 50us);
 }
 
-TEST(Step, LooksAtOnceBehindAMessageAndThenSoon) {
+TEST(Step, LooksAtOnceAfterAMessageAndThenSoon) {
   using std::chrono_literals::operator""us;
   Served served;
   EXPECT_EQ(served.worker().step(), 50us);
