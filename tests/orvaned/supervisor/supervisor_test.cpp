@@ -137,7 +137,7 @@ class LingeringRun {
       if (worker == 0) {
         pause();
       }
-      _exit(write(ends[1], &worker, sizeof worker) == sizeof worker ? 0 : 1);
+      _exit(::write(ends[1], &worker, sizeof worker) == sizeof worker ? 0 : 1);
     }
     if (read(ends[0], &worker, sizeof worker) != sizeof worker || waitpid(dead, nullptr, 0) < 0) {
       throw std::runtime_error("no process");
