@@ -7,7 +7,7 @@ import matplotlib
 matplotlib.use("svg")
 import matplotlib.pyplot as plt  # noqa: E402  (the back end is chosen first)
 
-import report  # noqa: E402
+import measured  # noqa: E402
 
 # So that the same results give the same file.
 matplotlib.rcParams["svg.hashsalt"] = "orvane"
@@ -42,37 +42,37 @@ def bars(axes, names, values, unit):
 
 def draw_stream(results, path):
     """Each mechanism in the better of its forms, at each size."""
-    runs = report.stream_runs(results)
-    sizes = report.stream_sizes(runs)
+    runs = measured.stream_runs(results)
+    sizes = measured.stream_sizes(runs)
     figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.6 * len(sizes), 3.6))
     for axes, size in zip(all_axes, sizes):
         best = collections.defaultdict(float)
         for (form, of, work), run in runs.items():
             if of == size and work == "bytes":
-                name = report.mechanism_of(form)
-                best[name] = max(best[name], report.median(run) / 1e6)
+                name = measured.mechanism_of(form)
+                best[name] = max(best[name], measured.median(run) / 1e6)
         names = sorted(best, key=best.get, reverse=True)
         bars(axes, names, [best[name] for name in names], "MB/s")
-        axes.set_title(f"records of {report.size_name(size)}")
+        axes.set_title(f"records of {measured.size_name(size)}")
     figure.tight_layout()
     save(figure, path)
 
 
 def draw_google(results, name, title, path):
-    runs = report.Google(results / name)
+    runs = measured.Google(results / name)
     sizes = runs.sizes()
     figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.2 * len(sizes), 1.8))
     for axes, size in zip(all_axes, sizes):
         names = sorted(name for name, of in runs.found if of == size)
-        bars(axes, names, [report.median(runs.found[name, size]) for name in names], title)
-        axes.set_title(report.size_name(size))
+        bars(axes, names, [measured.median(runs.found[name, size]) for name in names], title)
+        axes.set_title(measured.size_name(size))
     figure.tight_layout()
     save(figure, path)
 
 
 def draw_round_trip(results, path):
-    p50 = report.by_round(report.lines_of(results / "round_trip.jsonl"), ("form", "think_us"), "p50_us")
-    found = {form: report.median(run) for (form, think), run in p50.items() if think == 0}
+    p50 = measured.by_round(measured.lines_of(results / "round_trip.jsonl"), ("form", "think_us"), "p50_us")
+    found = {form: measured.median(run) for (form, think), run in p50.items() if think == 0}
     names = sorted(found, key=found.get)
     figure, axes = plt.subplots(figsize=(6, 3))
     bars(axes, names, [found[name] for name in names], "us there and back, median")
@@ -80,13 +80,13 @@ def draw_round_trip(results, path):
 
 
 def draw_demo(results, path):
-    runs = report.by_round(report.lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
+    runs = measured.by_round(measured.lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
     sizes = sorted({size for _, size in runs})
     figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.2 * len(sizes), 1.8))
     for axes, size in zip(all_axes, sizes):
         names = ["stream", "null store", "disk", "dd"]
-        bars(axes, names, [report.median(runs[name, size]) / 1e6 for name in names], "MB/s")
-        axes.set_title(f"records of {report.size_name(size)}")
+        bars(axes, names, [measured.median(runs[name, size]) / 1e6 for name in names], "MB/s")
+        axes.set_title(f"records of {measured.size_name(size)}")
     figure.tight_layout()
     save(figure, path)
 

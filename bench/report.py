@@ -9,7 +9,6 @@ moment of the machine hits both sides of some rounds and does not move the media
 
 import argparse
 import collections
-import json
 import os
 import pathlib
 import platform
@@ -19,28 +18,10 @@ import subprocess
 import sys
 import time
 
-SIZES = [64, 1024, 16384, 131072]
+from measured import (SIZES, Google, by_round, lines_of, mechanism_of, median, size_name, stream_runs,
+                      stream_sizes)
+
 SINGLE_PEERS = ["pipe", "Unix stream", "ZeroMQ", "nng"]
-
-
-def size_name(size):
-    return f"{size} B" if size < 1024 else f"{size // 1024} KiB"
-
-
-def lines_of(path):
-    return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
-
-
-def by_round(records, keys, value):
-    """{key: {round: value}}, a key being the tuple of the fields `keys`."""
-    found = collections.defaultdict(dict)
-    for record in records:
-        found[tuple(record[key] for key in keys)][record["round"]] = record[value]
-    return found
-
-
-def median(values):
-    return statistics.median(values.values())
 
 
 def ratio(left, right):
@@ -56,22 +37,6 @@ def table(head, rows):
                enumerate(zip(row, widths))] for row in cells]
     rule = ["-" * w if i == 0 else "-" * (w - 1) + ":" for i, w in enumerate(widths)]
     return "\n".join("| " + " | ".join(row) + " |" for row in [padded[0], rule] + padded[1:])
-
-
-class Google:
-    """Nanoseconds per item of a Google Benchmark run: {(name, argument): {repetition: ns}}."""
-
-    def __init__(self, path):
-        self.found = collections.defaultdict(dict)
-        runs = json.loads(path.read_text())["benchmarks"] if path.exists() else []
-        for run in runs:
-            if run["run_type"] == "iteration":
-                name, argument = run["name"].split("/")[:2]
-                key = (name, int(argument.split(":")[1]))
-                self.found[key][run["repetition_index"]] = 1e9 / run["items_per_second"]
-
-    def sizes(self):
-        return sorted({size for _, size in self.found})
 
 
 def append_table(results):
@@ -97,14 +62,6 @@ def read_table(results):
     return table(["data", "trusting reader", "BatchView", "ratio"], rows)
 
 
-def stream_runs(results):
-    return by_round(lines_of(results / "stream.jsonl"), ("form", "size", "work"), "bytes_per_second")
-
-
-def stream_sizes(runs):
-    return sorted({size for _, size, _ in runs})
-
-
 def stream_table(results, work):
     runs = stream_runs(results)
     sizes = stream_sizes(runs)
@@ -123,11 +80,6 @@ def stream_table(results, work):
                 row.append("-")
         rows.append(row)
     return table(["records of"] + [size_name(size) for size in sizes], rows)
-
-
-def mechanism_of(form):
-    """A peer's name, in whichever of its forms."""
-    return form if form.startswith("queue") else re.sub(", (batches|one by one)$", "", form)
 
 
 def readme_table(results):

@@ -1,0 +1,56 @@
+"""What the benchmarks printed, as the tables and the plots read it."""
+import collections
+import json
+import re
+import statistics
+
+SIZES = [64, 1024, 16384, 131072]
+
+
+def size_name(size):
+    return f"{size} B" if size < 1024 else f"{size // 1024} KiB"
+
+
+def lines_of(path):
+    return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
+
+
+def by_round(records, keys, value):
+    """{key: {round: value}}, a key being the tuple of the fields `keys`."""
+    found = collections.defaultdict(dict)
+    for record in records:
+        found[tuple(record[key] for key in keys)][record["round"]] = record[value]
+    return found
+
+
+def median(values):
+    return statistics.median(values.values())
+
+
+class Google:
+    """Nanoseconds per item of a Google Benchmark run: {(name, argument): {repetition: ns}}."""
+
+    def __init__(self, path):
+        self.found = collections.defaultdict(dict)
+        runs = json.loads(path.read_text())["benchmarks"] if path.exists() else []
+        for run in runs:
+            if run["run_type"] == "iteration":
+                name, argument = run["name"].split("/")[:2]
+                key = (name, int(argument.split(":")[1]))
+                self.found[key][run["repetition_index"]] = 1e9 / run["items_per_second"]
+
+    def sizes(self):
+        return sorted({size for _, size in self.found})
+
+
+def stream_runs(results):
+    return by_round(lines_of(results / "stream.jsonl"), ("form", "size", "work"), "bytes_per_second")
+
+
+def stream_sizes(runs):
+    return sorted({size for _, size, _ in runs})
+
+
+def mechanism_of(form):
+    """A peer's name, in whichever of its forms."""
+    return form if form.startswith("queue") else re.sub(", (batches|one by one)$", "", form)
