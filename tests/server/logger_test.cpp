@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <deque>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -12,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/allocations.hpp"
 #include "support/grouping_locale.hpp"
 
 namespace {
@@ -271,6 +273,13 @@ TEST_F(LoggerTest, IsAValue) {
   EXPECT_NE(copy, a);
   copy.log(LEVEL_INFO, "f", 0, "m");
   EXPECT_EQ(take(), (std::vector<Call>{{"InfoA", 0, "a::f: m"}}));
+}
+
+TEST_F(LoggerTest, ThrowsWhatRunsOutWhileItsNameIsWritten) {
+  const Logger logger(std::string(3000, 'n'));
+  const test::Allocations none(
+      [](std::size_t size) -> void* { return size > 2000 ? throw std::bad_alloc() : nullptr; });
+  EXPECT_THROW(logger.log(LEVEL_INFO, "f", 0, "text"), std::bad_alloc);
 }
 
 TEST_F(LoggerTest, ThreadsMayLogThroughOneLogger) {

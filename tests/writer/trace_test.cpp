@@ -68,6 +68,15 @@ TEST_F(WriterTrace, MarksScopesThatAnExceptionLeaves) {
   EXPECT_EQ(sink.take(), (std::vector{entered("writeSegment"), left("writeSegment")}));
 }
 
+TEST_F(WriterTrace, MarksTheScopesOfAClosedWriter) {
+  stream.writer.close();
+  sink.take();
+  EXPECT_ANY_THROW(stream.write("a"));
+  EXPECT_ANY_THROW(stream.writer.endSegment());
+  EXPECT_EQ(sink.take(), (std::vector{entered("writeSegment"), left("writeSegment"),
+                                      entered("endSegment"), left("endSegment")}));
+}
+
 TEST_F(WriterTrace, OfARecordThatNeedsRoomShowsTheFlushInside) {
   stream.write(std::string(968, 'x'));
   sink.take();

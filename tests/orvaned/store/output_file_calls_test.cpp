@@ -199,10 +199,19 @@ TEST_F(OutputFileCalls, LogsThatAFailedRecordCannotBeTakenBack) {
                                 "store::takeBack: cannot take half a record back: No such file or "
                                 "directory: cannot remove " +
                                     path}}));
+  calls();
+  file.finish("final");
+  EXPECT_EQ(calls(), Calls{});
+}
+
+TEST_F(OutputFileCalls, BeginsAnewAfterARecordThatCouldNotBeTakenBack) {
+  OutputFile file(&directory, "out", Sync::segment);
+  fileCalls().duringWrite = [this] { std::filesystem::remove(path); };
+  failNext("write", ENOSPC);
+  EXPECT_ANY_THROW(file.append(Bytes(10000)));
   file.append(bytesOf("data"));
   file.flush();
   EXPECT_EQ(readFile(path), "data");
-  file.finish("final");
 }
 
 TEST_F(OutputFileCalls, CutsAResumedFileBackToItsLastWholeRecord) {
