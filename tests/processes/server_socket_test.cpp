@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "support/lease_fixture.hpp"
+#include "support/queue_pair.hpp"
 
 namespace orvane::test {
 namespace {
