@@ -190,7 +190,7 @@ TEST(Documents, OperationsGuideCountsTheLeasesInDockersDefault) {
 
   EXPECT_EQ(leases.size(), 3U);
   EXPECT_TRUE(
-      contains(readFile(OPERATIONS_PATH), "with the defaults, 3 leases, as half of it is 32 MiB"));
+      contains(readFile(OPERATIONS_PATH), "Leases may take half of that, so there is room for 3 by default"));
 }
 
 }  // namespace
