@@ -189,8 +189,8 @@ TEST(Documents, OperationsGuideCountsTheLeasesInDockersDefault) {
   }
 
   EXPECT_EQ(leases.size(), 3U);
-  EXPECT_TRUE(
-      contains(readFile(OPERATIONS_PATH), "Leases may take half of that, so there is room for 3 by default"));
+  EXPECT_TRUE(contains(readFile(OPERATIONS_PATH),
+                       "Leases may take half of that, so there is room for 3 by default"));
 }
 
 }  // namespace
