@@ -31,7 +31,7 @@ struct Listed {
   std::vector<SegmentSummary> segments;
   OtherRecords others;
   std::optional<orvane::Receipt> receipt;  // when nothing is missing but the final name
-  std::uint64_t allBytes = 0;            // then
+  std::uint64_t allBytes = 0;              // then
 };
 
 // The lines of a file, without their ends; of no file, none. A line without an end is torn, and
