@@ -18,8 +18,10 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g -DNDEBUG")
 option(ORVANE_WERROR "Treat warnings as errors" OFF)
 set(ORVANE_SANITIZE "" CACHE STRING "Sanitizers to build with, such as address,undefined")
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wnon-virtual-dtor
-                    -Woverloaded-virtual -Wcast-align -Wformat=2)
+# A constructor's parameter may have the name of the member that it initializes. Clang's -Wshadow
+# allows that; g++ needs "local", which Clang does not know.
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
+                    -Wcast-align -Wformat=2 $<IF:$<CXX_COMPILER_ID:GNU>,-Wshadow=local,-Wshadow>)
 if(ORVANE_WERROR)
   add_compile_options(-Werror)
 endif()

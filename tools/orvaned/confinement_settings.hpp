@@ -11,7 +11,7 @@ struct WorkerUser {
   gid_t group;
 };
 
-// What a worker gives up. A member is false where `--without` names it.
+// The rights that a worker gives up. A member is false if `--without` names it.
 struct Confinement {
   bool capabilities = true;        // capset
   bool landlock = true;            // landlock

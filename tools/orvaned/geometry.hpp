@@ -9,7 +9,7 @@ namespace orvaned {
 struct Geometry {
   std::size_t messages;     // of the send queue
   std::size_t messageSize;  // in bytes
-  mode_t mode;              // of both queues; who may open them for writing may be a producer
+  mode_t mode;              // of both queues: a user who may write to them may be a producer
 };
 
 }  // namespace orvaned

@@ -12,7 +12,7 @@
 namespace orvaned {
 namespace {
 
-// In ox::Kind's order: the levels by their severity, and behind them what has no level.
+// In ox::Kind's order: the levels by their severity, then the kinds without a level.
 constexpr std::array<const char*, 7> kKindNames = {"info",  "auth",  "warning", "error",
                                                    "trace", "enter", "leave"};
 

@@ -10,14 +10,13 @@
 
 namespace orvaned {
 
-// The server's log. Each component writes through a Logger of its own, and each line becomes one
-// write to standard error:
-//   2026-11-21T02:32:24.123Z info 0 worker::open: queue orders: stream 20261121T023224-4711_0
-//   begins 2026-11-21T02:32:31.004Z error 1001 worker::take: queue orders: sequence number out of
-//   order: ... 2026-11-21T02:32:31.005Z trace 0 worker::runOnce: queue orders: answered 1001
-//   "sequence ..."
-// The time is UTC. The next two words are ox::Kind's and the code that came with the text; trace,
-// enter and leave carry 0.
+// The server's log. Each component has its own Logger, and each line becomes one write to standard
+// error:
+//   2026-11-21T02:32:24.123Z info 0 worker::open: queue orders: stream 2026..._0 begins
+//   2026-11-21T02:32:31.004Z error 1001 worker::take: queue orders: sequence number out of order
+//   ... 2026-11-21T02:32:31.005Z trace 0 worker::runOnce: queue orders: answered 1001 "sequence
+//   ..."
+// The time is UTC. The ox::Kind and the code follow; trace, enter and leave have the code 0.
 
 // A process that others wait for does not write to standard error itself: see log_writer.hpp.
 
@@ -28,7 +27,7 @@ constexpr std::size_t kLongestLogText = 4608;
 struct LogLine {
   ox::Kind kind = ox::Kind::info;
   int code = 0;
-  std::string subject;  // whom the line is about, "user 1000"; empty for the server itself
+  std::string subject;  // the user or queue of the line, "user 1000"; empty for the server
   std::string text;     // COMPONENT::FUNCTION: MESSAGE, without control characters
 };
 
@@ -41,9 +40,9 @@ void startLog(ox::Kind lowest, bool tracing);
 using LogTarget = void (*)(const LogLine& line);
 void setLogTarget(LogTarget target);
 
-// While it lives, the lines that its thread logs are about this subject, and limited together with
-// all others about it (see log_limiter.hpp). A forked process takes the subject over. One longer
-// than kLongestSubject is cut.
+// While it lives, the lines of its thread have this subject, and are limited together with all
+// others of that subject (see log_limiter.hpp). A forked process inherits the subject. A subject
+// longer than kLongestSubject is cut.
 class LogSubject {
  public:
   explicit LogSubject(const std::string& subject);
@@ -65,12 +64,12 @@ void logText(ox::Kind kind, int code, const char* text);
 // The level of that name: info, auth, warning or error, in the order of their severity.
 std::optional<ox::Kind> levelNamed(std::string_view name);
 
-// For texts that come from outside and go into a Logger's line: the platform takes the finished
-// line for a printf format.
+// For texts from outside in a Logger's line: the platform uses the finished line as a printf
+// format.
 std::string doublePercent(std::string_view text);
 
-// A text from outside, fit for one line: control characters are replaced by "?", and what is longer
-// than kLongestLogText ends with "... (cut)". The library's Logger writes no longer ones.
+// A text from outside as one line: control characters are replaced by "?", and a text longer than
+// kLongestLogText ends with "... (cut)". The library's Logger writes no longer ones.
 std::string oneLine(std::string_view text);
 
 // One line, with its end.

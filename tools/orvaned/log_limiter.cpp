@@ -9,7 +9,7 @@ constexpr std::size_t kLongestFunction = 64;
 constexpr std::size_t kLongestExample = 256;
 constexpr std::string_view kColon = ": ";
 
-// The length of "COMPONENT::FUNCTION: " at the begin of a text; 0 when it has none.
+// The length of "COMPONENT::FUNCTION: " at the beginning of a text; 0 if there is none.
 std::size_t prefixOf(std::string_view text) {
   const std::size_t colon = text.substr(0, kLongestFunction).find(kColon);
   return colon == std::string_view::npos ? 0 : colon + kColon.size();

@@ -13,13 +13,13 @@
 
 namespace orvaned {
 
-// Keeps one subject (a user, a queue) from filling the log. Within a second, the first lines of one
-// cause pass, which is a subject, kind, code and COMPONENT::FUNCTION; the others are counted, and
-// the count becomes one line when the second is over. Whoever invents causes is held by the limits
-// of the subject: its lines and bytes in all. The memory that this takes is bounded, too.
+// Keeps one subject (a user, a queue) from filling the log. A cause is a subject, kind, code and
+// COMPONENT::FUNCTION. Within a second, the first lines of a cause pass; the others are counted,
+// and the count becomes one line when the second is over. The lines and bytes of a subject are
+// limited as well, in case it invents causes. The memory for this is bounded, too.
 //
-// The server's own lines (those without a subject) are not limited, nor are trace lines, of which
-// the administrator asked for each one.
+// The server's own lines (those without a subject) are not limited. Trace lines are not limited
+// either, because the administrator asked for each of them.
 class LogLimiter {
  public:
   using Clock = std::chrono::steady_clock;
@@ -31,17 +31,17 @@ class LogLimiter {
   static constexpr std::size_t kCauses = 32;     // of a subject; all others count as one
   static constexpr std::size_t kSubjects = 256;  // all others count as one
 
-  // Is this line to be written now? Otherwise it is counted. due() comes before.
+  // Is this line to be written now? Otherwise it is counted. Call due() first.
   bool admit(const LogLine& line, Clock::time_point now);
 
-  // What is to be written about the second that began with the first line since the last call, if
-  // it is over: a line for each cause that had more of them than passed.
+  // A line for each cause with counted lines, if the second is over. It began with the first line
+  // since the last call.
   std::vector<LogLine> due(Clock::time_point now);
 
-  // When due() has to be called; nothing when no line has come since it last was.
+  // When due() has to be called next; nothing if no line has come since its last call.
   std::optional<Clock::time_point> nextDue() const { return end; }
 
-  // What due() will return when the second is over. For the end of the log.
+  // The lines of due() before the second is over, for the end of the log.
   std::vector<LogLine> finish();
 
  private:

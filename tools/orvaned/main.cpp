@@ -30,22 +30,22 @@ using orvaned::doublePercent;
 
 constexpr int kFailed = 1;
 
-// What the supervisor, and any of its processes, has open with one fixed queue and one lease, a
-// capture and several streams, is half of it.
+// Twice the files that the supervisor or one of its processes has open with one fixed queue, one
+// lease, a capture and several streams.
 constexpr rlim_t kFewestFiles = 64;
 
 void prepareSignals() {
   const sigset_t signals = orvaned::supervisorSignals();
   sigprocmask(SIG_BLOCK, &signals, nullptr);
-  // A file-size limit and a closed standard error are to be errors of the call, not the end.
+  // A file-size limit and a closed standard error are to fail the call, not to end the process.
   struct sigaction action = {};
   action.sa_handler = SIG_IGN;
   sigaction(SIGXFSZ, &action, nullptr);
   sigaction(SIGPIPE, &action, nullptr);
 }
 
-// Where standard error was closed, the first file of the store would take its number, and with it
-// the lines of the log.
+// If standard error was closed, the first file of the store would get its number, and so the lines
+// of the log.
 void occupyStandardFiles() {
   int fd = 0;
   while (fd >= 0 && fd <= STDERR_FILENO) {
@@ -54,8 +54,8 @@ void occupyStandardFiles() {
   close(fd);
 }
 
-// A lease takes files of this process for as long as it lasts. False: there may not be enough for
-// the fixed queue and one lease.
+// A lease needs files of this process for as long as it lasts. Returns false if there may not be
+// enough for the fixed queue and one lease.
 bool allowManyFiles() {
   rlimit files = {};
   if (getrlimit(RLIMIT_NOFILE, &files) != 0) {
@@ -74,7 +74,7 @@ bool allowManyFiles() {
   return false;
 }
 
-// Whether this system allows it is known before the first producer comes.
+// Tries the confinement before the first producer comes, because this system may not allow it.
 void prepareConfinement(orvaned::Options& options, const Logger& log) {
   const orvaned::WorkerUserChoice choice = orvaned::chooseWorkerUser(options.workerUser);
   options.confinement.user = choice.user;

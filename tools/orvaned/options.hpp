@@ -31,12 +31,12 @@ struct Options {
 
 constexpr int kUsageError = 2;
 
-// Reads the command line, and checks the options. Returns what the program is to exit with, when it
-// is to end at once: after --help and --version (on standard output), or an error (one line on
-// standard error).
+// Reads the command line, and checks the options. Returns an exit code if the program is to end at
+// once: after --help and --version (on standard output), or after an error (one line on standard
+// error).
 std::optional<int> parseOptions(int argc, const char* const* argv, Options& options);
 
-// Throws std::invalid_argument when no queue pair can be made of the options.
+// Throws std::invalid_argument if no queue pair can be created with the options.
 void checkOptions(const Options& options);
 
 }  // namespace orvaned

@@ -4,8 +4,8 @@
 
 namespace orvaned {
 
-// The time now and this process, "20261121T023224-4711": the two together do not come again, so
-// that ids which are unique within a process become unique at all.
+// The time now and this process, "20261121T023224-4711". The two together never repeat, so they
+// make ids that are unique within a process unique everywhere.
 std::string timeAndProcess();
 
 }  // namespace orvaned

@@ -4,14 +4,14 @@
 
 namespace orvaned {
 
-// When what was written is brought onto the disk itself, where it survives a power cut.
+// When written data is brought onto the disk itself, where it survives a power cut.
 enum class Sync {
   always,   // at each flush: before a batch is answered
   segment,  // at the end of each segment and each stream
-  none      // when the system sees fit
+  none      // when the system decides to
 };
 
-// The store that keeps nothing, and only counts.
+// The store that keeps nothing and only counts.
 constexpr std::string_view kNullStore = "/dev/null";
 
 }  // namespace orvaned

@@ -157,7 +157,7 @@ TEST(ProcessChild, MayOutliveItsOwner) {
           }
           return write(lives[1], "x", 1) == 1 ? 0 : 1;
         },
-        orvaned::Child::Orphaned::goesOn);
+        orvaned::Child::Orphaned::continues);
     raise(SIGKILL);
   });
   EXPECT_EQ(owner.nextChange(), "signal 9");

@@ -123,7 +123,7 @@ TEST_F(ServiceManagerTest, IsKnownToTheServerAlone) {
   const FakeManager manager(folder.path() + "/notify");
   const orvaned::ServiceManager known;
   EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr);
-  known.tell("READY=1");
+  known.notify("READY=1");
   EXPECT_EQ(manager.next(), "READY=1");
 }
 
@@ -131,10 +131,10 @@ TEST_F(ServiceManagerTest, MayHaveTheLongestNameOfASocketButNoLongerOne) {
   std::string longest = "@" + name.text();
   longest.resize(108, 'x');
   const FakeManager manager(longest);
-  orvaned::ServiceManager().tell("READY=1");
+  orvaned::ServiceManager().notify("READY=1");
   EXPECT_EQ(manager.next(), "READY=1");
   setenv("NOTIFY_SOCKET", (longest + "x").c_str(), 1);
-  orvaned::ServiceManager().tell("READY=1");
+  orvaned::ServiceManager().notify("READY=1");
   EXPECT_EQ(manager.next(), "");
 }
 

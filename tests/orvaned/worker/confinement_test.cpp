@@ -201,7 +201,7 @@ TEST(ConfinedWorker, UsesItsQueues) {
     pvk_shm_response_t answer;
     answer.assign(1000, "no");
     queues.answer(answer);
-    queues.discardAnswers();
+    queues.discardResponses();
     return require(message && message->size() == 7 && queues.waiting() == 0, 1);
   });
   EXPECT_EQ(outcome.how, "exit 0") << orvaned::nameOfCall(outcome.refusedCall);

@@ -83,7 +83,7 @@ TEST_F(EndWatchTest, SeesThatTheServerIsStopped) {
   const Ending* ending = watch.within(kLongPause);
   ASSERT_NE(ending, nullptr);
   EXPECT_EQ(ending->reason, "the server was stopped");
-  EXPECT_EQ(ending->farewell, "the server was stopped: send again what it did not acknowledge");
+  EXPECT_EQ(ending->notice, "the server was stopped: send again what it did not acknowledge");
 }
 
 TEST_F(EndWatchTest, SeesThatTheProducerLeft) {
@@ -92,7 +92,7 @@ TEST_F(EndWatchTest, SeesThatTheProducerLeft) {
   const Ending* ending = watch.within(kLongPause);
   ASSERT_NE(ending, nullptr);
   EXPECT_EQ(ending->reason, "its producer died or left");
-  EXPECT_EQ(ending->farewell, "the lease has ended: take a new one");
+  EXPECT_EQ(ending->notice, "the lease has ended: take a new one");
 }
 
 TEST_F(EndWatchTest, SeesThatTheProducerHasNothingMoreToSay) {
@@ -149,7 +149,7 @@ TEST_F(EndWatchTest, CallsAUsedQueueIdleAndNotAnUnusedOne) {
   EXPECT_GE(Clock::now() - begin, std::chrono::milliseconds(990));
   ASSERT_NE(ending, nullptr);
   EXPECT_EQ(ending->reason, "no record came for 1 s");
-  EXPECT_EQ(ending->farewell, "no record came for 1 s: attach to the queue anew");
+  EXPECT_EQ(ending->notice, "no record came for 1 s: attach to the queue anew");
   EXPECT_EQ(used.within(kNoPause), nullptr) << "a batch came";
 }
 

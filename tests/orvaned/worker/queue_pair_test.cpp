@@ -191,7 +191,7 @@ TEST_F(QueuePairTest, DiscardsAnswersAndTheKeptError) {
   for (int i = 0; i < 4; ++i) {
     pair.answer(response(1003, "error"));
   }
-  pair.discardAnswers();
+  pair.discardResponses();
   EXPECT_EQ(answers.get_num_msg(), 0U);
   pair.postPending();
   EXPECT_EQ(answers.get_num_msg(), 0U);

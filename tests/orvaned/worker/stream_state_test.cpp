@@ -26,11 +26,11 @@ class StreamStateTest : public testing::Test {
  protected:
   void take(std::uint32_t type, std::uint64_t seqNo, std::uint64_t segmentNo = 0,
             std::uint32_t len = 0) {
-    state.take(header(type, seqNo, segmentNo, len));
+    state.check(header(type, seqNo, segmentNo, len));
   }
   testing::AssertionResult refuses(ox_status_t status, const std::string& text,
                                    const pvk_shm_message_t& record) {
-    return throwsErrno(status, text, [&] { state.take(record); });
+    return throwsErrno(status, text, [&] { state.check(record); });
   }
 
   StreamState state{header(0, 0)};
@@ -100,8 +100,8 @@ TEST_F(StreamStateTest, NumbersReach64Bits) {
 TEST_F(StreamStateTest, NumbersGoOnFromTheOpenRecordsOwn) {
   StreamState late(header(0, 100));
   EXPECT_TRUE(throwsErrno(1001, "sequence number out of order: expected above 100, got 2",
-                          [&] { late.take(header(1, 2)); }));
-  late.take(header(1, 102));
+                          [&] { late.check(header(1, 2)); }));
+  late.check(header(1, 102));
   EXPECT_EQ(late.skipped(), 0U);
 }
 

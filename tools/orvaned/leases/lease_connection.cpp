@@ -10,7 +10,7 @@
 namespace orvaned {
 namespace {
 
-// Linux 6.5 and later have it, the headers of Debian 12 do not.
+// Linux 6.5 and later have it; the headers of Debian 12 do not.
 #ifdef SO_PEERPIDFD
 constexpr int kPeerPidfd = SO_PEERPIDFD;
 #else
@@ -24,24 +24,24 @@ bool isSignalled(int fd, short event) {
 
 }  // namespace
 
-LeaseConnection::LeaseConnection(tool::Fd connected) : socket(std::move(connected)) {
-  socklen_t size = sizeof(who);
-  getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &who, &size);
+LeaseConnection::LeaseConnection(tool::Fd socket) : socket(std::move(socket)) {
+  socklen_t size = sizeof(peer);
+  getsockopt(this->socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
   pinProducer();
 }
 
-// By number: glibc 2.36 declares pidfd_open() for C only. It may find another process of the same
-// number, if that of the producer was given away between its connecting and this call; the system's
-// own answer, where there is one, cannot.
+// SYS_pidfd_open, because glibc 2.36 declares pidfd_open() for C only. It may find another process
+// that got the producer's number after the producer connected. SO_PEERPIDFD cannot, so it comes
+// first.
 void LeaseConnection::pinProducer() {
   int fd = -1;
   socklen_t size = sizeof(fd);
   if (getsockopt(socket.get(), SOL_SOCKET, kPeerPidfd, &fd, &size) == 0) {
     process = tool::Fd(fd);
-  } else if (errno == ESRCH || errno == EINVAL) {  // of a process that was waited for
+  } else if (errno == ESRCH || errno == EINVAL) {  // its parent has already waited for it
     tooLate = true;
-  } else if (who.pid > 0) {
-    process = tool::Fd(static_cast<int>(syscall(SYS_pidfd_open, who.pid, 0)));
+  } else if (peer.pid > 0) {
+    process = tool::Fd(static_cast<int>(syscall(SYS_pidfd_open, peer.pid, 0)));
     tooLate = process.get() < 0 && errno == ESRCH;
   }
   tooLate = tooLate || (process.get() >= 0 && isSignalled(process.get(), POLLIN));
@@ -73,7 +73,7 @@ void LeaseConnection::sendKept() {
   }
 }
 
-// A producer that is gone takes all that it is sent.
+// A packet for a producer that has ended counts as sent.
 bool LeaseConnection::trySend(const std::string& text) const {
   const ssize_t sent = ::send(socket.get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   return sent >= 0 || (errno != EAGAIN && errno != EINTR && errno != ENOBUFS);

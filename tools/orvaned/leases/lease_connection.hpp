@@ -16,19 +16,19 @@ namespace orvaned {
 // The server's end of a producer's connection (orvane/lease_protocol.hpp). Nothing here blocks.
 class LeaseConnection {
  public:
-  // What a producer sends first: everything else, or nothing in time, is refused.
+  // What a producer has sent so far. Only `lease` in time gets a lease.
   enum class Request { none, lease, bad, end };
 
-  // The packets that are kept for a producer that does not read, before isFull().
+  // isFull() from this many packets on, which are kept for a producer that does not read.
   static constexpr std::size_t kMostKept = tool::kMostUnreadReceipts;
 
   explicit LeaseConnection(tool::Fd socket);
 
   Request readRequest();
 
-  // Sends a packet, or keeps it for sendKept() when the producer does not read: it may take its
-  // receipts when it likes. Nothing is ever dropped: whoever sends receipts takes no more batches
-  // while isFull().
+  // Sends a packet, or keeps it for sendKept() if the producer does not read: it may read its
+  // receipts at any time. Nothing is ever dropped; instead, a worker receives no more batches while
+  // isFull().
   void send(const orvane::LeaseReply& reply);
   void sendKept();
 
@@ -38,15 +38,16 @@ class LeaseConnection {
 
   int fd() const { return socket.get(); }
 
-  // Who connected; where the system cannot tell the process, its number is 0.
-  const ucred& producer() const { return who; }
+  // The process that connected; its number is 0 if the system does not know it.
+  const ucred& producer() const { return peer; }
 
-  // The process that connected, pinned when the connection was accepted: readable from its end on,
-  // whoever else holds the connection, and never another process of the same number. -1 where the
-  // process cannot be seen, as from another pid namespace; then the connection alone tells.
+  // A pidfd of the process that connected, opened when the connection was accepted. It is readable
+  // after that process's end, even if another process holds the connection, and never stands for
+  // another process of the same number. -1 if the process is not visible, as in another pid
+  // namespace; then only the end of the connection shows the end of the producer.
   int pidfd() const { return process.get(); }
 
-  // Had that process ended already when the connection was accepted?
+  // Had that process already ended when the connection was accepted?
   bool cameTooLate() const { return tooLate; }
 
  private:
@@ -54,7 +55,7 @@ class LeaseConnection {
   void pinProducer();
 
   tool::Fd socket;
-  ucred who = {};
+  ucred peer = {};
   tool::Fd process;
   bool tooLate = false;
   std::deque<std::string> kept;

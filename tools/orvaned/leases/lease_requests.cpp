@@ -51,7 +51,8 @@ std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit) 
   return asked;
 }
 
-// A user's connections count as its pairs before they have asked: no user can keep others away.
+// A user's connections count as its pairs even before they send a request. Otherwise one user could
+// keep the others away with open connections.
 void LeaseRequests::acceptAll(const Limit& limit) {
   for (;;) {
     tool::Fd fd = socket.accept();
@@ -62,7 +63,7 @@ void LeaseRequests::acceptAll(const Limit& limit) {
     cannotAccept = false;
     auto connection = std::make_unique<LeaseConnection>(std::move(fd));
     if (connection->cameTooLate()) {
-      continue;  // a forked child of it holds the connection, and would hold the lease
+      continue;  // a forked child holds the connection, and would hold the lease
     }
     const ucred& producer = connection->producer();
     const std::string reason = limit(producer, applicationsOf(producer.uid));
@@ -74,7 +75,7 @@ void LeaseRequests::acceptAll(const Limit& limit) {
   }
 }
 
-// When no file is left: until one is, instead of asking again and again.
+// Waits a second when no file descriptor is free, instead of trying all the time.
 void LeaseRequests::waitToAccept(int error) {
   if (error == EAGAIN || error == EINTR || error == ECONNABORTED) {
     return;

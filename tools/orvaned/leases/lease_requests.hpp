@@ -14,19 +14,19 @@
 
 namespace orvaned {
 
-// Where producers ask for leases: takes connections and reads what they ask for. Nobody is waited
-// for; who does not ask within some seconds is sent away.
+// Accepts the connections of producers and reads their requests for leases. It never waits; a
+// connection without a request within some seconds is refused.
 class LeaseRequests {
  public:
   using Connection = std::unique_ptr<LeaseConnection>;
 
-  // How many applications are open here: one user's, and all users'.
+  // The number of open applications: of one user, and of all users.
   struct Count {
     std::size_t own;
     std::size_t all;
   };
 
-  // Why the producer may not have another pair besides what was applied for; empty when it may.
+  // The reason why the producer may not apply for another pair; empty if it may.
   using Limit = std::function<std::string(const ucred& producer, Count applications)>;
 
   LeaseRequests(const std::string& path, mode_t mode) : socket(path, mode) {}
@@ -34,7 +34,7 @@ class LeaseRequests {
   // Adds what poll() is to wait for.
   void addTo(std::vector<pollfd>& events) const;
 
-  // Takes what has come; returns the connections whose producers have properly asked for a lease.
+  // Reads what has come; returns the connections whose producers have sent a valid request.
   std::vector<Connection> serve(const Limit& limit);
 
   int lockFile() const { return socket.lockFile(); }

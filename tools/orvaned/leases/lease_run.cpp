@@ -17,7 +17,7 @@
 namespace orvaned {
 namespace {
 
-// 64 bits, which nobody can foretell.
+// 64 bits that no other program can predict.
 std::string randomDigits() {
   std::uint64_t number = 0;
   while (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
@@ -31,8 +31,8 @@ std::string randomDigits() {
   return digits;
 }
 
-// By anything at all, which is not opened: it is not this server's.
-bool isTaken(const std::string& queue) {
+// Does any file have one of the pair's names? It is not opened, because it is not this server's.
+bool isUsed(const std::string& queue) {
   const auto paths = tool::pathsOfPair(queue);
   return std::any_of(paths.begin(), paths.end(), [](const std::string& path) {
     struct stat status = {};
@@ -40,7 +40,7 @@ bool isTaken(const std::string& queue) {
   });
 }
 
-// Those with a lock file.
+// The runs that have a lock file.
 std::vector<std::string> runsInShm() {
   std::vector<std::string> runs;
   for (const std::string& name : tool::namesInShm()) {
@@ -51,7 +51,7 @@ std::vector<std::string> runsInShm() {
   return runs;
 }
 
-std::optional<tool::LockFile> takeOver(const std::string& run) {
+std::optional<tool::LockFile> lockRun(const std::string& run) {
   try {
     return tool::LockFile::takeOver(tool::lockPathOf(run));
   } catch (const std::runtime_error&) {
@@ -75,18 +75,18 @@ std::string LeaseRun::newQueueName() const {
   std::string queue;
   do {
     queue = name + "_" + randomDigits();
-  } while (isTaken(queue));
+  } while (isUsed(queue));
   return queue;
 }
 
-DeadRuns takeDeadRuns() {
+DeadRuns lockDeadRuns() {
   DeadRuns dead;
   for (const std::string& run : runsInShm()) {
-    if (auto lock = takeOver(run)) {
-      // Looked for only now: until its end it may have made more.
-      dead.taken.push_back({std::move(*lock), tool::queuesOf(run, tool::namesInShm())});
+    if (auto lock = lockRun(run)) {
+      // Only now is the list complete: a living run may create more.
+      dead.locked.push_back({std::move(*lock), tool::queuesOf(run, tool::namesInShm())});
     } else if (ownerOf(run) != tool::LockFile::Owner::alive) {
-      dead.moreToCome = true;
+      dead.moreLater = true;
     }
   }
   return dead;

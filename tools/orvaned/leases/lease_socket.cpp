@@ -38,7 +38,7 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-// To be called with the lock: whoever made a socket there is dead, and it may be replaced.
+// To be called with the lock: the server of an existing socket is dead, so it may be replaced.
 void requireNothingButASocket(const std::string& path) {
   struct stat status = {};
   if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
@@ -55,8 +55,8 @@ tool::Fd openFolderOf(const std::string& path) {
   return fd;
 }
 
-// A new socket that is bound under `name` in `folder`. By way of /proc, so that the name's length
-// does not add to that of the folder's path, of which a socket's address has room for little.
+// A new socket that is bound to `name` in `folder`. The path through /proc is short: a socket's
+// address has little room, and the folder's path may be long.
 tool::Fd bindIn(const tool::Fd& folder, const std::string& name, const std::string& path) {
   tool::Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (fd.get() < 0) {
@@ -72,14 +72,14 @@ tool::Fd bindIn(const tool::Fd& folder, const std::string& name, const std::stri
 
 }  // namespace
 
-// The socket gets its name when it listens: a client finds it and is served, or does not find it.
-LeaseSocket::LeaseSocket(const std::string& socketPath, mode_t mode)
-    : path(socketPath), lock(tool::lockPathOfSocket(path)) {
+// The socket gets its name after it listens, so every client that finds it is served.
+LeaseSocket::LeaseSocket(const std::string& path, mode_t mode)
+    : path(path), lock(tool::lockPathOfSocket(path)) {
   addressOf(path);  // a client must be able to name it
   requireNothingButASocket(path);
   const tool::Fd folder = openFolderOf(path);
   const std::string madeAs = tool::newPathOfSocket(path);
-  unlink(madeAs.c_str());  // a server died at this point
+  unlink(madeAs.c_str());  // left by a server that died at this point
   listening = bindIn(folder, std::filesystem::path(madeAs).filename(), path);
   if (chmod(madeAs.c_str(), mode) != 0 || listen(listening.get(), kBacklog) != 0 ||
       rename(madeAs.c_str(), path.c_str()) != 0) {

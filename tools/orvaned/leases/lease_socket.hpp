@@ -10,12 +10,12 @@
 
 namespace orvaned {
 
-// The Unix socket at which producers ask for leases. Removed with this object, and replaced when a
-// dead server left it.
+// The Unix socket at which producers ask for leases. It is removed with this object; the socket of
+// a dead server is replaced.
 class LeaseSocket {
  public:
-  // Throws std::runtime_error when another server listens there, something else has that name, or
-  // the system refuses.
+  // Throws std::runtime_error if another server listens there, a file of another type has that
+  // name, or the system refuses.
   LeaseSocket(const std::string& path, mode_t mode);
   ~LeaseSocket();
   LeaseSocket(const LeaseSocket&) = delete;

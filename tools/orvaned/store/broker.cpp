@@ -25,8 +25,8 @@ constexpr std::string_view kManifest = "manifest";
 constexpr std::string_view kSegment = "segment-";
 constexpr std::size_t kMostDigits = 20;
 
-// Of the process's lines, for the limit that this broker keeps; the log's own process knows whom
-// they are about.
+// One subject for all lines of the confined process, so that this broker limits them together. The
+// log's own process knows the real subject.
 constexpr char kSubject[] = "worker";
 
 bool isSegment(std::string_view name) {
@@ -42,7 +42,7 @@ bool isFinalName(std::string_view name) {
   return name == kManifest || isSegment(name);
 }
 
-// A file that is not finished yet, or never gets another name.
+// A file that is not finished yet, or that is never renamed.
 bool isChangeable(std::string_view name) {
   if (name == tool::kOtherRecords) {
     return true;
@@ -76,10 +76,8 @@ std::uint64_t sizeOf(const tool::Fd& file) {
 
 }  // namespace
 
-Broker::Broker(const Task& brokerTask, tool::Fd socketToProcess)
-    : task(brokerTask),
-      socket(std::move(socketToProcess)),
-      access(task.store, task.queue, task.sync) {}
+Broker::Broker(const Task& task, tool::Fd socket)
+    : task(task), socket(std::move(socket)), access(task.store, task.queue, task.sync) {}
 
 void Broker::run() {
   std::vector<unsigned char> packet(kLongestBrokerText);
@@ -92,7 +90,7 @@ void Broker::run() {
     if (size <= 0) {
       return;
     }
-    // What is no request can only come from a process that was taken over.
+    // Only a process that was taken over sends anything but a request.
     if (const auto request = parseRequest({packet.data(), static_cast<std::size_t>(size)})) {
       answer(*request);
     }
@@ -181,7 +179,7 @@ void Broker::createStream(BrokerReply& reply) {
   reply.text = open->stream + '\0' + open->folder->path();
 }
 
-// As many as fit into a reply.
+// Lists as many names as fit into a reply.
 void Broker::listNames(std::uint64_t from, BrokerReply& reply) {
   std::vector<std::string> names = open->folder->names();
   std::sort(names.begin(), names.end());
@@ -223,8 +221,8 @@ StreamDirectory& Broker::folderOf(const BrokerRequest& request) {
   return *open->folder;
 }
 
-// Others' records are in that file too: it can grow, and lose only what it gained since it was
-// opened.
+// The file also holds records of earlier workers: it may grow, and lose only what was added since
+// it was opened.
 void Broker::checkOutside(const BrokerRequest& request) const {
   const bool isSync = request.call == BrokerCall::sync;
   const bool isItsFile = !task.queue.empty() && request.name == outsideNameOf(task.queue);
@@ -236,8 +234,8 @@ void Broker::checkOutside(const BrokerRequest& request) const {
   }
 }
 
-// A line that does not name the queue gets its name: it may come from a process that was taken
-// over.
+// Adds the queue's name to a line that does not have it: the line may come from a process that was
+// taken over.
 void Broker::log(const BrokerRequest& request) {
   std::string line = request.other.substr(0, request.other.find('\0'));
   const std::string queue = "queue " + task.queue;

@@ -13,26 +13,27 @@
 namespace orvaned {
 
 // The broker of one confined process. It has the server's rights and uses them for that process: it
-// makes the folders of its streams, and opens, renames and syncs files of the one stream that is
-// open, whose names it checks itself. It never touches a producer's memory, and a request that
-// breaks these rules is refused.
+// creates the folders of its streams, and opens, renames and syncs files of the one open stream. It
+// checks the names of these files itself, and refuses every other request. It never touches a
+// producer's memory.
 class Broker {
  public:
   struct Task {
     std::string store;
     std::string queue;  // of the confined process; empty: it has none
     Sync sync = Sync::segment;
-    // The streams that the confined process finishes; null: the one that another process left open.
+    // The streams that the confined process finishes; null: only the one that another process left
+    // open.
     UnfinishedStreams* unfinished = nullptr;
   };
 
-  Broker(const Task& brokerTask, tool::Fd socketToProcess);
+  Broker(const Task& task, tool::Fd socket);
 
   // Answers requests until the other end of the socket is closed.
   void run();
 
  private:
-  // A file that may be cut, but not below what it held when it was opened last.
+  // A file that may be truncated, but not below its size when it was last opened.
   struct Outside {
     std::unique_ptr<StreamDirectory> folder;
     std::uint64_t size = 0;
@@ -54,7 +55,7 @@ class Broker {
   const tool::Fd socket;
   LocalAccess access;
   std::optional<UnfinishedStream> open;
-  bool isConcluded = false;  // it has its manifest, or somebody is about to write it
+  bool isConcluded = false;  // it has its manifest, or a process is about to write it
   Outside outside;
   LogLimiter limiter;
 };

@@ -11,30 +11,30 @@
 
 namespace orvaned {
 
-// What a confined process and its broker send each other, over a Unix socket of packets
-// (SOCK_SEQPACKET). Both run the same program, so numbers are in the machine's own order; but the
-// confined process may have been taken over by a hostile producer, so the broker trusts no byte.
+// The protocol between a confined process and its broker, over a Unix socket of packets
+// (SOCK_SEQPACKET). Both run the same program, so numbers are in the machine's own byte order. But
+// a hostile producer may have taken the confined process over, so the broker trusts no byte.
 //
 //   request   serial 4, call 4, area 4, size of the name 4, number 8, name, other text
 //   reply     serial 4, error 4, number 8, text; with or without one file (SCM_RIGHTS)
 //
-// A reply carries the serial of its request: a process that goes on where another one died passes
-// over the replies that the dead one did not take.
+// A reply carries the serial of its request: a process that continues after another one died skips
+// the replies that the dead one did not receive.
 enum class BrokerCall : std::uint32_t {
   checkStore,      // can the store be written to?
-  createStream,    // -> text: id, path; the stream before it is closed
+  createStream,    // -> text: id, path; closes the previous stream's folder
   append,          // name -> file
   read,            // name -> file
   truncate,        // name, number: size
   remove,          // name
   rename,          // name, other: the new name
   sync,            //
-  names,           // number: how many to pass over -> text: names, each ended by '/'; number: all
+  names,           // number: how many to skip -> text: names, each ended by '/'; number: all
   nextUnfinished,  // -> number: 1 when there is one; text: queue, id, path
   log              // number: kind * 2^32 + code, other: line; no reply
 };
 
-// Which files a name is looked for among.
+// The set of files that a name belongs to.
 enum class BrokerArea : std::uint32_t { stream, outside };
 
 struct BrokerRequest {
@@ -48,7 +48,7 @@ struct BrokerRequest {
 
 struct BrokerReply {
   std::uint32_t serial = 0;
-  std::int32_t error = 0;  // an errno value; `text` then says what failed
+  std::int32_t error = 0;  // an errno value; `text` then describes what failed
   std::uint64_t number = 0;
   std::string text;  // several parts are divided by '\0'
   tool::Fd file;
@@ -58,14 +58,14 @@ constexpr std::size_t kLongestBrokerText = 32768;
 
 std::vector<unsigned char> bytesOf(const BrokerRequest& request);
 
-// Nothing when the bytes are no request.
+// Returns nothing if the bytes are not a request.
 std::optional<BrokerRequest> parseRequest(std::span<const unsigned char> bytes);
 
-// With MSG_DONTWAIT as one of the flags, false when there is no room.
+// With MSG_DONTWAIT in `flags`, returns false when there is no room.
 bool sendRequest(const tool::Fd& socket, const BrokerRequest& request, int flags = 0);
 void sendReply(const tool::Fd& socket, const BrokerReply& reply);
 
-// Nothing when the other side has ended.
+// Returns nothing when the other side has ended.
 std::optional<BrokerReply> receiveReply(const tool::Fd& socket);
 
 std::vector<std::string> partsOf(const std::string& text);

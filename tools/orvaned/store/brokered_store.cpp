@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kLongestLine = 8192;
 
-// A target of the log is a plain function, so its broker is found here.
+// A target of the log is a plain function, so it finds its broker here.
 BrokerClient* logBroker = nullptr;
 
 }  // namespace
@@ -43,7 +43,7 @@ void BrokerClient::checkStore() {
   }
 }
 
-void BrokerClient::takeLog() {
+void BrokerClient::redirectLog() {
   logBroker = this;
   setLogTarget(sendLine);
 }

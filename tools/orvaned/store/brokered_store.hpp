@@ -13,21 +13,21 @@
 namespace orvaned {
 
 // A confined process's end of the socket to its broker. Each call waits for the broker's reply, and
-// so for the disk; when the broker has died it fails.
+// so for the disk; it fails when the broker has died.
 class BrokerClient {
  public:
-  explicit BrokerClient(tool::Fd socketToBroker) : socket(std::move(socketToBroker)) {}
+  explicit BrokerClient(tool::Fd socket) : socket(std::move(socket)) {}
 
   // Throws Ox_ErrnoException (orvane::kStoreFailed) with the broker's text.
   BrokerReply call(BrokerRequest request);
 
-  // Throws std::runtime_error as checkWritable() does.
+  // Throws std::runtime_error like checkWritable().
   void checkStore();
 
-  // From now on this process's log lines go to the broker, which writes them for it. A line for
-  // which there is no room is dropped, and counted by the next one that goes. The object must live
-  // as long as the process.
-  void takeLog();
+  // From now on this process's log lines go to the broker, which logs them. A line for which there
+  // is no room is dropped; the next line is preceded by the number of dropped ones. The object must
+  // live as long as the process.
+  void redirectLog();
 
  private:
   static void sendLine(const LogLine& line);
@@ -40,8 +40,8 @@ class BrokerClient {
 
 class BrokeredDirectory : public StreamDirectory {
  public:
-  BrokeredDirectory(BrokerClient& brokerClient, std::string path, BrokerArea folderArea)
-      : StreamDirectory(std::move(path)), broker(brokerClient), area(folderArea) {}
+  BrokeredDirectory(BrokerClient& broker, std::string path, BrokerArea area)
+      : StreamDirectory(std::move(path)), broker(broker), area(area) {}
 
   tool::Fd append(const std::string& name) override;
   tool::Fd read(const std::string& name) override;
@@ -61,8 +61,8 @@ class BrokeredDirectory : public StreamDirectory {
 
 class BrokeredAccess : public StoreAccess {
  public:
-  BrokeredAccess(BrokerClient& brokerClient, std::string storeDirectory)
-      : broker(brokerClient), directory(std::move(storeDirectory)) {}
+  BrokeredAccess(BrokerClient& broker, std::string directory)
+      : broker(broker), directory(std::move(directory)) {}
 
   NewStream createStream() override;
   std::unique_ptr<StreamDirectory> outside() override;
@@ -74,7 +74,7 @@ class BrokeredAccess : public StoreAccess {
 
 class BrokeredUnfinishedStreams : public UnfinishedStreams {
  public:
-  explicit BrokeredUnfinishedStreams(BrokerClient& brokerClient) : broker(brokerClient) {}
+  explicit BrokeredUnfinishedStreams(BrokerClient& broker) : broker(broker) {}
 
   std::optional<UnfinishedStream> next() override;
 

@@ -28,7 +28,7 @@ struct StreamSummary {
 // Adds what a segment holds.
 void count(orvane::Receipt& receipt, const SegmentSummary& segment);
 
-// The file `manifest` in a stream's folder: text, one line a fact.
+// The file `manifest` in a stream's folder: text, with one line for each fact.
 //   format=1
 //   queue=orders
 //   stream=20261121T023224-4711_0
@@ -43,24 +43,25 @@ void count(orvane::Receipt& receipt, const SegmentSummary& segment);
 //   end=cut-off
 //   reason=the server was stopped
 // A segment without data has no file; the next one may have the same number. A file that still ends
-// in .part is that of a segment which was not ended. (One that could not be renamed, as the reason
-// says then, still has its .part too.) `skipped` counts the sequence numbers that the
-// producer used up without a record that came here. The receipt is what the producer was answered.
-// The reason is the rest of the file; empty when the producer ended the stream.
+// in .part belongs to a segment which was not ended. (A file that could not be renamed also still
+// ends in .part; the reason then names it.) `skipped` counts the sequence numbers that the producer
+// used up without a record that came here. The receipt is the text of the producer's response. The
+// reason is the rest of the file; it is empty when the producer ended the stream.
 //
-// What a server that died had not listed, and what no longer is as it was listed, the next server
-// adds behind the segments' lines, instead of `other-records` and `skipped`. It is no part of the
-// receipt.
+// If the server died, the next server adds lines after the segments' lines, instead of
+// `other-records` and `skipped`: for files that were not listed, and for files that differ from
+// their line. They are not part of the receipt.
 //   unfinished file=segment-000002.part bytes=3 crc32=ccddeeff
 //   damaged file=segment-000001 reason=it has 8 bytes instead of 9
 //
-// The lines go to `manifest.part` as they come (a stream may have more segments than fit in memory)
-// and the file is renamed when it is complete. Throws Ox_ErrnoException (orvane::kStoreFailed).
+// Lines are written to `manifest.part` as they come (a stream may have more segments than fit in
+// memory), and the file is renamed when it is complete. Throws Ox_ErrnoException
+// (orvane::kStoreFailed).
 class Manifest {
  public:
   Manifest(StreamDirectory* folder, Sync sync) : file(folder, "manifest.part", sync) {}
 
-  // The first lines, or the first `size` bytes of a file that is there.
+  // Begins with the first lines, or after the first `size` bytes of an existing file.
   void begin(const std::string& queue, const std::string& stream);
   void resume(std::uint64_t size) { file.resume(size); }
 
@@ -71,7 +72,8 @@ class Manifest {
   void flush() { file.flush(); }
   void settle() { file.settle(); }
 
-  // The last lines, with or without what only the server of the stream knows; or no more lines.
+  // Adds the last lines, with or without those that only the stream's own server knows; or adds
+  // none.
   void finish(const StreamSummary& stream);
   void finish(const orvane::Receipt& receipt, const std::string& reason);
   void finish() { file.finish("manifest"); }

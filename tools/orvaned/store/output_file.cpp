@@ -16,22 +16,22 @@
 namespace orvaned {
 namespace {
 
-// Small records share a write; one of this size or more is written from where it lies. (Copying it
-// costs as much as the system call from there on.)
+// Smaller records share a write; a record of this size or more is written without a copy. (From
+// this size on, the copy costs as much as the system call.)
 constexpr std::size_t kWrittenDirectly = 8192;
 constexpr std::size_t kBufferSize = 65536;
 
 constexpr off_t kStartWriting = 8 << 20;
 
-// Not fstat(), which may be a call that takes a path: a confined process has none of these.
+// Not fstat(), which may use a system call with a path: a confined process may make none of these.
 int statusOf(const tool::Fd& file, struct stat& status) {
   return static_cast<int>(::syscall(SYS_fstat, file.get(), &status));
 }
 
 }  // namespace
 
-OutputFile::OutputFile(StreamDirectory* fileFolder, std::string fileName, Sync syncMode)
-    : folder(fileFolder), name(std::move(fileName)), sync(syncMode) {}
+OutputFile::OutputFile(StreamDirectory* folder, std::string name, Sync sync)
+    : folder(folder), name(std::move(name)), sync(sync) {}
 
 void OutputFile::append(Bytes head, Bytes data) {
   const std::size_t size = head.size() + data.size();
@@ -78,7 +78,8 @@ void OutputFile::settle() {
   }
 }
 
-// The data is on the disk before the name says so, and the name before anybody is told.
+// The data is on the disk before the file gets its final name, and the name is on the disk before
+// anyone learns of it.
 void OutputFile::finish(const std::string& finalName) {
   settle();
   if (!created) {
@@ -97,7 +98,7 @@ void OutputFile::resume(std::uint64_t size) {
   create();
   end = static_cast<off_t>(size);
   folder->truncate(name, size);
-  dataSynced = false;  // whoever wrote it may not have come to that
+  dataSynced = false;  // the process that wrote it may not have synced it
 }
 
 void OutputFile::writeBuffer() {
@@ -124,7 +125,7 @@ void OutputFile::write(Bytes bytes) {
   }
 }
 
-// What a failed write left: half a record, or a file without a byte.
+// Removes what a failed write left: half a record, or an empty file.
 void OutputFile::takeBack() {
   try {
     if (end == 0) {
@@ -151,7 +152,7 @@ void OutputFile::commit(std::uint64_t recordCount, Bytes head, Bytes data) {
   startWriting();
 }
 
-// The disk works while the rest is still coming, instead of all at once when it is synced.
+// The disk already writes while more data comes, instead of everything at the next sync.
 void OutputFile::startWriting() {
   if (sync != Sync::none && end - writingUpTo >= kStartWriting) {
     ::sync_file_range(fd.get(), writingUpTo, end - writingUpTo, SYNC_FILE_RANGE_WRITE);
@@ -165,7 +166,7 @@ void OutputFile::create() {
   end = ::lseek(fd.get(), 0, SEEK_END);
 }
 
-// A file without a name takes every byte, and all of them are lost when it is closed.
+// A file that was removed accepts every byte and loses all of them when it is closed.
 void OutputFile::requireName() const {
   struct stat status = {};
   if (fd.get() >= 0 && statusOf(fd, status) == 0 && status.st_nlink == 0) {

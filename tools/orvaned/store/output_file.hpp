@@ -15,19 +15,19 @@
 
 namespace orvaned {
 
-// A file that records are appended to, through a buffer. It is created with its first byte, and it
-// holds whole records only: a write that fails is undone.
+// A file that records are appended to, through a buffer. It is created with its first byte, and
+// holds only whole records: a write that fails is undone.
 // Throws Ox_ErrnoException (orvane::kStoreFailed), naming the cause and the path.
 class OutputFile {
  public:
   using Bytes = std::span<const unsigned char>;
 
-  // `folder` must outlive it; without one, for a null pointer, it only counts.
+  // `folder` must outlive this object. If it is null, the object only counts.
   OutputFile(StreamDirectory* folder, std::string name, Sync sync);
-  OutputFile(const OutputFile&) = delete;  // what is still in the buffer at its end is lost
+  OutputFile(const OutputFile&) = delete;  // the destructor loses what is still in the buffer
   OutputFile& operator=(const OutputFile&) = delete;
 
-  // Appends one record, of which `data` may be a part that is better not copied.
+  // Appends one record: first `head`, then `data`, which is not copied if it is large.
   void append(Bytes head, Bytes data = {});
 
   // Writes what is in the buffer, and fails when the file was removed. May be tried again.
@@ -39,10 +39,10 @@ class OutputFile {
   // Settles, closes, and gives the file its final name, if there is a file. Ends its use.
   void finish(const std::string& finalName);
 
-  // Continues a file that is there behind its first `size` bytes.
+  // Continues an existing file after its first `size` bytes.
   void resume(std::uint64_t size);
 
-  // What this object has brought into the file; after a flush, all that was appended.
+  // What this object has written to the file; after a flush, everything that was appended.
   std::uint64_t records() const { return writtenRecords; }
   std::uint64_t bytes() const { return writtenBytes; }
   std::uint32_t checksum() const { return writtenChecksum; }

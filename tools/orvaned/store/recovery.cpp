@@ -25,20 +25,20 @@ namespace fs = std::filesystem;
 
 constexpr char kManifest[] = "manifest";
 
-// What there is of a manifest, up to the first line that is torn or makes no sense.
-struct Listed {
-  std::uint64_t bytes = 0;  // of the first lines and the segments'; 0: not even the first lines
+// The valid lines of a manifest, up to the first one that is incomplete or invalid.
+struct ManifestContent {
+  std::uint64_t bytes = 0;  // of the first lines and the segments' lines; 0: no first lines
   std::vector<SegmentSummary> segments;
   OtherRecords others;
-  std::optional<orvane::Receipt> receipt;  // when nothing is missing but the final name
-  std::uint64_t allBytes = 0;              // then
+  std::optional<orvane::Receipt> receipt;  // if the manifest misses only its final name
+  std::uint64_t allBytes = 0;              // if there is a receipt
 };
 
-// The lines of a file, without their ends; of no file, none. A line without an end is torn, and
-// none.
+// The lines of a file, without their ends. There are none if there is no file; a line without an
+// end is incomplete, and does not count.
 class Lines {
  public:
-  explicit Lines(tool::Fd lineFile) : file(std::move(lineFile)) {}
+  explicit Lines(tool::Fd file) : file(std::move(file)) {}
 
   bool next(std::string& line) {
     while (buffered.find('\n') == std::string::npos) {
@@ -60,10 +60,10 @@ class Lines {
   std::string buffered;
 };
 
-Listed readListed(tool::Fd manifest, const std::string& queue, const std::string& stream) {
+ManifestContent readListed(tool::Fd manifest, const std::string& queue, const std::string& stream) {
   Lines lines(std::move(manifest));
   std::string line;
-  Listed listed;
+  ManifestContent listed;
   for (const std::string& first : {std::string("format=1"), "queue=" + queue, "stream=" + stream}) {
     if (!lines.next(line) || line != first) {
       return {};
@@ -95,13 +95,13 @@ Listed readListed(tool::Fd manifest, const std::string& queue, const std::string
   return listed;
 }
 
-// A stream that a server or a worker left when it died.
-class LeftStream {
+// The folder of a stream that a server or a worker left when it died.
+class UnfinishedStreamFolder {
  public:
-  LeftStream(StreamDirectory& streamFolder, Sync syncMode)
-      : folder(streamFolder), sync(syncMode), manifest(&folder, sync) {}
+  UnfinishedStreamFolder(StreamDirectory& folder, Sync sync)
+      : folder(folder), sync(sync), manifest(&folder, sync) {}
 
-  // Has another process finished it meanwhile?
+  // Has another process finished it in the meantime?
   bool isFinished();
 
   // Returns its receipt.
@@ -130,21 +130,21 @@ class LeftStream {
   StreamDirectory& folder;
   const Sync sync;
   Manifest manifest;
-  std::set<std::string> names;   // of files that are there
-  orvane::Receipt receipt;       // of what is whole
-  std::set<std::string> listed;  // names of files
+  std::set<std::string> names;   // of all files in the folder
+  orvane::Receipt receipt;       // of the whole files
+  std::set<std::string> listed;  // names of files with a line in the manifest
   std::vector<Damage> damaged;
 };
 
-bool LeftStream::isFinished() {
+bool UnfinishedStreamFolder::isFinished() {
   const std::vector<std::string> found = folder.names();
   names = {found.begin(), found.end()};
   return has(kManifest);
 }
 
-orvane::Receipt LeftStream::finish(const std::string& queue, const std::string& stream,
-                                   const std::string& reason) {
-  const Listed found = readListed(readManifest(), queue, stream);
+orvane::Receipt UnfinishedStreamFolder::finish(const std::string& queue, const std::string& stream,
+                                               const std::string& reason) {
+  const ManifestContent found = readListed(readManifest(), queue, stream);
   for (const SegmentSummary& segment : found.segments) {
     check(segment);
   }
@@ -170,12 +170,12 @@ orvane::Receipt LeftStream::finish(const std::string& queue, const std::string& 
   return receipt;
 }
 
-tool::Fd LeftStream::readManifest() {
+tool::Fd UnfinishedStreamFolder::readManifest() {
   const std::string part = std::string(kManifest) + kUnfinished;
   return has(part) ? folder.read(part) : tool::Fd();
 }
 
-void LeftStream::check(const SegmentSummary& segment) {
+void UnfinishedStreamFolder::check(const SegmentSummary& segment) {
   if (segment.file.empty()) {
     return count(receipt, segment);
   }
@@ -196,7 +196,7 @@ void LeftStream::check(const SegmentSummary& segment) {
   count(receipt, segment);
 }
 
-void LeftStream::checkOthers(const OtherRecords& others) {
+void UnfinishedStreamFolder::checkOthers(const OtherRecords& others) {
   if (others.records == 0) {
     return;
   }
@@ -208,7 +208,8 @@ void LeftStream::checkOthers(const OtherRecords& others) {
   }
 }
 
-std::string LeftStream::faultOf(const std::string& name, const tool::Content& listedContent) {
+std::string UnfinishedStreamFolder::faultOf(const std::string& name,
+                                            const tool::Content& listedContent) {
   try {
     return tool::faultOf(contentOf(name), listedContent);
   } catch (const std::exception& e) {
@@ -216,23 +217,23 @@ std::string LeftStream::faultOf(const std::string& name, const tool::Content& li
   }
 }
 
-tool::Content LeftStream::contentOf(const std::string& name) {
+tool::Content UnfinishedStreamFolder::contentOf(const std::string& name) {
   return tool::contentOf(folder.read(name), folder.pathOf(name));
 }
 
-bool LeftStream::isUnlisted(const std::string& name) const {
+bool UnfinishedStreamFolder::isUnlisted(const std::string& name) const {
   const bool isRecords = name == kOtherRecords || name.starts_with("segment-");
   return isRecords && !listed.contains(name);
 }
 
-// Not when the worker's last file was made, but the worker did not learn it.
-bool LeftStream::isAllListed(const OtherRecords& others) const {
+// False if the broker created a file, but the worker died before it learned of it.
+bool UnfinishedStreamFolder::isAllListed(const OtherRecords& others) const {
   return std::none_of(names.begin(), names.end(), [&](const std::string& name) {
     return isUnlisted(name) && (name != kOtherRecords || others.records == 0);
   });
 }
 
-void LeftStream::addUnlisted() {
+void UnfinishedStreamFolder::addUnlisted() {
   for (const std::string& name : names) {
     if (isUnlisted(name)) {
       addUnlisted(name);
@@ -240,7 +241,7 @@ void LeftStream::addUnlisted() {
   }
 }
 
-void LeftStream::addUnlisted(const std::string& name) {
+void UnfinishedStreamFolder::addUnlisted(const std::string& name) {
   if (name != kOtherRecords && !name.ends_with(kUnfinished)) {
     damaged.push_back({name, "it is not listed"});
     return;
@@ -260,7 +261,7 @@ void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
   const std::string left =
       "what " + std::string(who == "the server" ? "a dead server" : "a dead worker") + " left";
   try {
-    LeftStream stream(*unfinished.folder, sync);
+    UnfinishedStreamFolder stream(*unfinished.folder, sync);
     if (stream.isFinished()) {
       return;
     }
@@ -281,7 +282,7 @@ void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
   }
 }
 
-// A folder whose server died before it had a name: there is nothing in it.
+// Removes a folder whose server died before the folder got its final name. It is empty.
 void removeUnnamed(const std::string& path) {
   LocalDirectory folder(path);
   if (folder.lock()) {
@@ -297,7 +298,7 @@ LocalUnfinishedStreams::LocalUnfinishedStreams(
   if (store == kNullStore) {
     return;
   }
-  std::error_code ignored;  // what cannot be looked into cannot be finished: that is logged then
+  std::error_code ignored;  // a folder that cannot be read is logged when it cannot be finished
   for (const auto& entry : fs::directory_iterator(store)) {
     const std::string name = entry.path().filename();
     std::smatch parts;
@@ -319,7 +320,7 @@ std::optional<UnfinishedStream> LocalUnfinishedStreams::next() {
     const Found one = std::move(found.back());
     found.pop_back();
     auto folder = std::make_unique<LocalDirectory>(one.path);
-    // Of one that cannot be opened, finishing it tells why.
+    // One that cannot be opened is returned too: the attempt to finish it reports the cause.
     if (folder->lock() || !folder->isOpen()) {
       return UnfinishedStream{one.queue, one.stream, std::move(folder)};
     }

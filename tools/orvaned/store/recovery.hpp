@@ -11,8 +11,8 @@
 
 namespace orvaned {
 
-// A stream whose server or worker died: a folder of the store with a `manifest.part`, or none,
-// instead of a `manifest`. Its folder is locked, so nobody else uses it or finishes it.
+// A stream whose server or worker died: its folder has no `manifest`, and maybe a `manifest.part`.
+// The folder is locked, so no other process uses or finishes it.
 struct UnfinishedStream {
   std::string queue;
   std::string stream;
@@ -24,12 +24,12 @@ class UnfinishedStreams {
  public:
   virtual ~UnfinishedStreams() = default;
 
-  // Nothing after the last one.
+  // Returns nothing after the last one.
   virtual std::optional<UnfinishedStream> next() = 0;
 };
 
-// The unfinished streams of a store whose server is known to have ended; `isDead` tells that by the
-// queue's name. An unfinished stream of a running server is simply one that is being written.
+// The unfinished streams of a store whose server has ended; `isDead` decides that by the queue's
+// name. An unfinished stream of a running server is still being written.
 class LocalUnfinishedStreams : public UnfinishedStreams {
  public:
   // Throws std::runtime_error when the store cannot be listed.
@@ -48,14 +48,14 @@ class LocalUnfinishedStreams : public UnfinishedStreams {
   std::vector<Found> found;  // the last one is the next
 };
 
-// Finishes them. What the manifest lists is compared with what is there. A file that is whole gets
-// its final name, if that was all it still missed; one that is not is marked as damaged. What is
-// not listed stays as it is and is marked as unfinished. A stream that was whole keeps its own
-// ending; any other ends as cut-off, or as broken where something is damaged, since `who` died:
-// "the server" or "its worker".
+// Finishes the streams. Compares each file with its line in the manifest. A whole file gets its
+// final name if it does not have it yet; any other is marked as damaged. A file that is not listed
+// is not changed, and is marked as unfinished. A stream that is complete keeps its own ending; any
+// other ends as cut-off, or as broken if a file is damaged. The reason is that `who` died: "the
+// server" or "its worker".
 //
-// One log line a stream. A stream that cannot be finished now (disk full, ...) is logged as well,
-// and left to the next start. So is what is left when the process is ended in between.
+// Writes one log line for each stream. A stream that cannot be finished now (disk full, ...) is
+// logged too, and left to the next start, as are the remaining streams if the process is ended.
 void recoverStreams(UnfinishedStreams& streams, Sync sync, const std::string& who);
 
 }  // namespace orvaned

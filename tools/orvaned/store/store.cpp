@@ -13,11 +13,11 @@ std::unique_ptr<StoreAccess> openStore(const std::string& directory, const std::
 
 }  // namespace
 
-Store::Store(const std::string& directory, const std::string& queueName, Sync syncMode)
-    : Store(openStore(directory, queueName, syncMode), queueName, syncMode) {}
+Store::Store(const std::string& directory, const std::string& queue, Sync sync)
+    : Store(openStore(directory, queue, sync), queue, sync) {}
 
-Store::Store(std::unique_ptr<StoreAccess> storeAccess, const std::string& queueName, Sync syncMode)
-    : access(std::move(storeAccess)), queue(queueName), sync(syncMode) {}
+Store::Store(std::unique_ptr<StoreAccess> access, const std::string& queue, Sync sync)
+    : access(std::move(access)), queue(queue), sync(sync) {}
 
 std::unique_ptr<StreamFolder> Store::createStream() {
   StoreAccess::NewStream stream = access->createStream();
@@ -33,7 +33,7 @@ void Store::storeOutside(const orvane::ShmBatch::Entry& entry) {
 }
 
 void Store::flush() {
-  // Closed after each batch, so that the next one notices when the file or the folder is gone.
+  // Closed after each batch, so that the next one notices if the file or the folder was removed.
   if (const auto file = std::move(outside)) {
     file->flush();
   }

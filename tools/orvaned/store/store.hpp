@@ -10,21 +10,23 @@
 
 namespace orvaned {
 
-// What one queue's streams leave on disk: a folder QUEUE-ID for each stream, and a file
+// The streams of one queue on disk: a folder QUEUE-ID for each stream, and a file
 // QUEUE-outside-records for the records that came while no stream was open.
 class Store {
  public:
-  // Its own process makes the files. Throws as checkWritable() does.
+  // This process creates the files. Throws like checkWritable().
   Store(const std::string& directory, const std::string& queue, Sync sync);
 
-  Store(std::unique_ptr<StoreAccess> storeAccess, const std::string& queue, Sync sync);
+  Store(std::unique_ptr<StoreAccess> access, const std::string& queue, Sync sync);
 
-  // A new stream's folder. Throws Ox_ErrnoException (orvane::kStoreFailed), as the next two do.
+  // A new stream's folder. This and the next two functions throw Ox_ErrnoException
+  // (orvane::kStoreFailed).
   std::unique_ptr<StreamFolder> createStream();
 
   void storeOutside(const orvane::ShmBatch::Entry& entry);
 
-  // Hands to the system what came from outside since the last call; with Sync::always, to the disk.
+  // Passes to the system the records outside a stream that came since the last call; with
+  // Sync::always, to the disk.
   void flush();
 
  private:

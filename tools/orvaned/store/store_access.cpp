@@ -15,8 +15,7 @@
 
 namespace orvaned {
 
-// By trying, with a file that never has a name: permissions alone do not tell of a read-only file
-// system.
+// Creates a file without a name as a trial: permissions alone do not show a read-only file system.
 void checkWritable(const std::string& directory) {
   if (directory == kNullStore) {
     return;
@@ -37,10 +36,10 @@ std::string outsideNameOf(const std::string& queue) {
   return queue + "-outside-records";
 }
 
-LocalAccess::LocalAccess(std::string storeDirectory, std::string queueName, Sync syncMode)
-    : directory(std::move(storeDirectory)),
-      queue(std::move(queueName)),
-      sync(syncMode),
+LocalAccess::LocalAccess(std::string directory, std::string queue, Sync sync)
+    : directory(std::move(directory)),
+      queue(std::move(queue)),
+      sync(sync),
       idPrefix(timeAndProcess()) {}
 
 StoreAccess::NewStream LocalAccess::createStream() {
@@ -55,8 +54,8 @@ StoreAccess::NewStream LocalAccess::createStream() {
   }
 }
 
-// The folder gets its name when it is locked: nobody who looks for the unfinished streams of dead
-// servers ever finds one of a living server without its lock. Nothing when the name is taken.
+// The folder gets its name after it is locked: a search for the unfinished streams of dead servers
+// never finds a living server's stream without its lock. Returns nothing if the name is in use.
 std::unique_ptr<LocalDirectory> LocalAccess::makeFolder(const std::string& name) const {
   const std::string path = directory + "/" + name;
   const std::string unnamed = directory + "/" + unnamedFolderOf(name);
@@ -68,7 +67,7 @@ std::unique_ptr<LocalDirectory> LocalAccess::makeFolder(const std::string& name)
   }
   auto folder = std::make_unique<LocalDirectory>(path, unnamed);
   if (folder->isOpen() && !folder->lock()) {
-    return nullptr;  // somebody clears such folders away, which dead servers left
+    return nullptr;  // another server is removing it, as one that a dead server left
   }
   if (renameat2(AT_FDCWD, unnamed.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0) {
     const int error = errno;
@@ -84,7 +83,7 @@ std::unique_ptr<LocalDirectory> LocalAccess::makeFolder(const std::string& name)
   return folder;
 }
 
-// The store itself may be named by a link.
+// The path of the store may be a symbolic link, which the "/." follows.
 std::unique_ptr<StreamDirectory> LocalAccess::outside() {
   return directory == kNullStore ? nullptr
                                  : std::make_unique<LocalDirectory>(directory, directory + "/.");

@@ -8,31 +8,30 @@
 
 namespace orvaned {
 
-// How one queue's streams get into the store: LocalAccess makes their folders itself,
-// BrokeredAccess asks the broker of a confined process.
+// Creates the files of one queue's streams in the store: LocalAccess does it itself, BrokeredAccess
+// asks the broker of a confined process.
 class StoreAccess {
  public:
   struct NewStream {
     std::string id;
-    std::unique_ptr<StreamDirectory> folder;  // null: nothing is kept of it
+    std::unique_ptr<StreamDirectory> folder;  // null: the stream is only counted
   };
 
   virtual ~StoreAccess() = default;
 
-  // Makes the folder of the next stream, and locks it for as long as it is in use. Throws
+  // Creates the folder of the next stream, and locks it for as long as it is in use. Throws
   // Ox_ErrnoException (orvane::kStoreFailed).
   virtual NewStream createStream() = 0;
 
-  // Where the queue's file of records outside a stream is, and its name there; null: nothing is
-  // kept of them.
+  // The folder of the queue's file of records outside a stream; null: they are only counted.
   virtual std::unique_ptr<StreamDirectory> outside() = 0;
 };
 
-// Throws std::runtime_error unless `directory` is a folder that the server can write to. It is not
-// created: a mistyped path would fill the wrong disk. kNullStore always can.
+// Throws std::runtime_error if `directory` is not a folder that the server can write to. The folder
+// is not created, because a mistyped path would fill the wrong disk. kNullStore is always accepted.
 void checkWritable(const std::string& directory);
 
-// What a stream's folder is called until it is locked.
+// The name of a stream's folder until it is locked.
 std::string unnamedFolderOf(const std::string& name);
 
 std::string outsideNameOf(const std::string& queue);

@@ -21,7 +21,7 @@ namespace {
 
 constexpr mode_t kOwnerOnly = 0600;
 
-// O_NONBLOCK: a FIFO that somebody put there must not block its opener.
+// O_NONBLOCK: a FIFO in place of the file must not block the process that opens it.
 constexpr int kSafely = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 }  // namespace

@@ -8,22 +8,22 @@
 
 namespace orvaned {
 
-// The folder of one stream, as the process that stores into it may use it: LocalDirectory is the
-// folder itself, BrokeredDirectory asks the broker of a confined process. Every name is that of a
-// file in the folder. Nothing here follows a symbolic link or opens anything but a regular file.
+// The folder of one stream: LocalDirectory uses the folder itself, BrokeredDirectory asks the
+// broker of a confined process. Every name is that of a file in the folder. Nothing here follows a
+// symbolic link or opens anything but a regular file.
 //
 // Each call throws Ox_ErrnoException (orvane::kStoreFailed) with the cause and the path.
 class StreamDirectory {
  public:
-  explicit StreamDirectory(std::string folderPath) : folder(std::move(folderPath)) {}
+  explicit StreamDirectory(std::string folder) : folder(std::move(folder)) {}
   virtual ~StreamDirectory() = default;
   StreamDirectory(const StreamDirectory&) = delete;
   StreamDirectory& operator=(const StreamDirectory&) = delete;
 
-  // For appending; created when it is missing, for its owner only.
+  // Opens a file for appending. A new file is accessible to its owner only.
   virtual tool::Fd append(const std::string& name) = 0;
 
-  // For reading.
+  // Opens a file for reading.
   virtual tool::Fd read(const std::string& name) = 0;
 
   // Cuts the file after its first `size` bytes.
@@ -35,7 +35,7 @@ class StreamDirectory {
   // Brings the names in the folder onto the disk.
   virtual void sync() = 0;
 
-  // All files that are there, in no order.
+  // All files in the folder, in any order.
   virtual std::vector<std::string> names() = 0;
 
   // For messages only.
@@ -46,13 +46,13 @@ class StreamDirectory {
   const std::string folder;
 };
 
-// The folder itself, by a descriptor: whatever takes its name later is not used.
+// The folder itself, held by a descriptor: a later folder of the same name is not used.
 class LocalDirectory : public StreamDirectory {
  public:
-  // A folder that cannot be opened fails each call.
+  // If the folder cannot be opened, each call fails.
   explicit LocalDirectory(const std::string& folderPath);
 
-  // The folder is at `madeAt` still, and gets its path in a moment.
+  // The folder is still at `madeAt` and is about to be renamed to its final path.
   LocalDirectory(std::string folderPath, const std::string& madeAt);
 
   // Locks the folder for as long as this object lives. False when another process has the lock, or
@@ -77,8 +77,8 @@ class LocalDirectory : public StreamDirectory {
   const int openError;
 };
 
-// Throws Ox_ErrnoException (orvane::kStoreFailed) with the text of `error`, an errno value: the
-// cause first, because an answer has room for 127 characters and a path may be long.
+// Throws Ox_ErrnoException (orvane::kStoreFailed) with the text of `error`, an errno value. The
+// cause comes first, because a response has room for 127 characters and a path may be long.
 [[noreturn]] void throwStoreFailed(int error, const std::string& action, const std::string& path);
 
 // Brings the names in a folder onto the disk. Throws the same.

@@ -32,12 +32,12 @@ StreamFolder::Segment::Segment(StreamDirectory* folder, const pvk_shm_message_t&
   summary.parameters[2] = first.segParam3;
 }
 
-StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> streamFolder, const std::string& queue,
-                           const std::string& stream, Sync syncMode)
-    : folder(std::move(streamFolder)),
-      sync(syncMode),
-      manifest(folder.get(), sync),
-      other(folder.get(), kOtherRecords, sync) {
+StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
+                           const std::string& stream, Sync sync)
+    : folder(std::move(folder)),
+      sync(sync),
+      manifest(this->folder.get(), sync),
+      other(this->folder.get(), kOtherRecords, sync) {
   manifest.begin(queue, stream);
   summary.receipt.stream = stream;
 }
@@ -76,7 +76,7 @@ void StreamFolder::end(orvane::StreamEnd how, const std::string& reason, std::ui
   if (segment) {
     how == orvane::StreamEnd::closed ? finishSegment() : abandonSegment();
   }
-  // Once only: what there is of a manifest that could not be written must not be continued.
+  // Only once: a manifest whose writing failed must not be continued.
   if (!std::exchange(manifestTried, true)) {
     finishManifest(reason, skipped);
   }
@@ -96,8 +96,8 @@ void StreamFolder::settle() {
   manifest.flush();
 }
 
-// The manifest has its line before the file gets its final name: whoever finds that name can check
-// the content.
+// The manifest has its line before the file gets its final name, so that every file with a final
+// name can be checked.
 void StreamFolder::finishSegment() {
   segment->file.settle();
   const auto ended = std::move(segment);

@@ -13,12 +13,12 @@ namespace orvaned {
 // The folder of one stream:
 //   segment-000000   the data of a segment, under its final name once the segment has ended
 //   other-records    records of other types: 48-byte header and data, as they came
-//   manifest         what it all is (manifest.hpp), once the stream has ended
-// Stores what it is given; StreamState says what may come. Throws Ox_ErrnoException
+//   manifest         the list of it all (manifest_file.hpp), once the stream has ended
+// Stores every record that it gets; StreamState checks them before. Throws Ox_ErrnoException
 // (orvane::kStoreFailed); the stream can then only be ended as broken.
 class StreamFolder {
  public:
-  // A null pointer keeps nothing, and only counts.
+  // If `folder` is null, the object keeps nothing and only counts.
   StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
                const std::string& stream, Sync sync);
 
@@ -26,16 +26,16 @@ class StreamFolder {
   void endSegment(const orvane::pvk_shm_message_t& header);
   void storeOther(const orvane::ShmBatch::Entry& entry);
 
-  // Hands to the system what was stored so far; with Sync::always, to the disk.
+  // Passes to the system what was stored so far; with Sync::always, to the disk.
   void flush();
 
-  // Ends the stream. A closed stream ends its last
-  // segment too; in all others that segment stays marked as unfinished.
+  // Ends the stream. Closing it also ends its last segment; otherwise that segment stays marked as
+  // unfinished.
   void end(orvane::StreamEnd how, const std::string& reason, std::uint64_t skipped);
 
   const std::string& stream() const { return summary.receipt.stream; }
 
-  // What was stored. After end().
+  // What was stored; valid after end().
   const orvane::Receipt& receipt() const { return summary.receipt; }
 
  private:

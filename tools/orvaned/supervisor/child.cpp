@@ -33,7 +33,7 @@ Heartbeat* sharedHeartbeat() {
   return new (memory) Heartbeat;
 }
 
-// Memory may be out: the line has to do without.
+// There may be no memory left; the line must not need any then.
 void logException(const char* what) noexcept {
   try {
     orvane::server::Logger("process").log(orvane::server::LEVEL_ERROR, "run", kTaskThrew,
@@ -70,7 +70,7 @@ Child::Child(const Task& task, Orphaned orphaned) : heartbeat(sharedHeartbeat())
   const pid_t parent = getpid();
   pid = fork();
   if (pid == 0) {
-    if (orphaned == Orphaned::isToldToEnd) {
+    if (orphaned == Orphaned::ends) {
       prctl(PR_SET_PDEATHSIG, SIGTERM);
       if (getppid() != parent) {
         raise(SIGTERM);  // the parent was gone before the line above

@@ -12,25 +12,25 @@
 
 namespace orvaned {
 
-// What a process exits with when an exception left its task.
+// The exit code of a process whose task threw an exception.
 constexpr int kTaskThrew = 3;
 
-// A forked process that does one task. No exception leaves it: whatever its task throws is logged,
-// and the process ends with kTaskThrew.
+// A forked process that runs one task. An exception of the task is logged, and the process ends
+// with kTaskThrew.
 class Child {
  public:
   using Clock = std::chrono::steady_clock;
   using Task = std::function<int(Heartbeat&)>;
 
-  // What it does when this process dies before it.
-  enum class Orphaned { isToldToEnd /* SIGTERM */, goesOn };
+  // What the new process does when this one dies first.
+  enum class Orphaned { ends /* by SIGTERM */, continues };
 
-  // Runs `task` in a new process, which exits with what it returns; nothing of this process's
-  // objects is destroyed there. Throws std::system_error.
-  explicit Child(const Task& task, Orphaned orphaned = Orphaned::isToldToEnd);
+  // Runs `task` in a new process, which exits with the value that it returns. The objects of this
+  // process are not destroyed there. Throws std::system_error.
+  explicit Child(const Task& task, Orphaned orphaned = Orphaned::ends);
 
-  // Kills it if it still runs, and waits a second for its end, unless it is abandoned: it may hang
-  // in a disk.
+  // Kills it if it still runs, and waits a second for its end, but not if it was abandoned: it may
+  // be waiting for a disk.
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -40,23 +40,22 @@ class Child {
 
   void signal(int number) const;
 
-  // Kills it; nobody waits for its end.
+  // Kills it without waiting for its end.
   void abandon();
 
   pid_t process() const { return pid; }
   bool isReady() const { return heartbeat->ready.load(); }
   Clock::duration age() const { return Clock::now() - start; }
 
-  // The system call that it was not allowed and that ended it; -1: none.
+  // The forbidden system call that ended it; -1: none.
   int refusedCall() const { return heartbeat->refusedCall.load(); }
 
-  // For how long it has been in one and the same queue call, as far as the calls to this function
-  // have seen.
+  // How long it has been inside the same queue call, as far as the calls to this function show.
   Clock::duration insideQueueCall();
 
-  // The processor time that it has used since it took its last message, or since it last rested, as
-  // far as the calls to this function have seen. It rests while it uses less than 1/32 of a
-  // processor: an empty queue that it looks at, or a disk that it waits for.
+  // The processor time that it has used since it received its last message, or since it last
+  // rested, as far as the calls to this function show. It rests while it uses less than 1/32 of a
+  // processor: its queue is empty, or it waits for a disk.
   Clock::duration busyWithoutMessage();
 
  private:
@@ -75,14 +74,14 @@ class Child {
 // For a task that may end at any moment: SIGTERM, which it inherits blocked, ends its process.
 void endAtTermination();
 
-// The ends of a socket of packets between two processes. Throws std::system_error.
+// The two ends of a packet socket between two processes. Throws std::system_error.
 std::pair<tool::Fd, tool::Fd> connectedSockets();
 
-// In a new process: gives it a name of its own in lists of processes; at most 15 bytes.
+// In a new process: sets its name in lists of processes; at most 15 bytes.
 void nameProcess(const char* name);
 
-// In a new process: makes the standard files empty ones. Not in a build with a sanitizer, which
-// reports what it finds there.
+// In a new process: replaces the standard files by /dev/null. A build with a sanitizer keeps them,
+// because the sanitizer reports there.
 void closeStandardFiles();
 
 }  // namespace orvaned

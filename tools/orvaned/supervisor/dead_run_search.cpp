@@ -21,12 +21,13 @@
 namespace orvaned {
 namespace {
 
-// One packet for each pair, "QUEUE USER" (USER: its number plus 1, or 0), and a last one.
+// The process sends one packet for each pair, "QUEUE USER" (USER: its number plus 1, or 0), then
+// one of these.
 constexpr char kDone[] = ".done";
 constexpr char kAgain[] = ".again";
 constexpr std::size_t kLongestPacket = 512;
 
-// As the totals say; they are the server's own file.
+// Reads the user from the file of totals, which is the server's own.
 std::uint64_t userPlusOneOf(const std::string& queue) {
   const tool::Fd file(
       open(tool::statsPathOf(queue).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -45,28 +46,29 @@ void sendPacket(const tool::Fd& socket, const std::string& packet) {
 
 // Ends when the supervisor closes its end.
 int search(const tool::Fd& supervisor) {
-  const DeadRuns dead = takeDeadRuns();
-  for (const DeadRun& run : dead.taken) {
+  const DeadRuns dead = lockDeadRuns();
+  for (const DeadRun& run : dead.locked) {
     for (const std::string& queue : run.queues) {
       sendPacket(supervisor, queue + " " + std::to_string(userPlusOneOf(queue)));
     }
   }
-  sendPacket(supervisor, dead.moreToCome ? kAgain : kDone);
+  sendPacket(supervisor, dead.moreLater ? kAgain : kDone);
   char byte = 0;
   while (recv(supervisor.get(), &byte, 1, 0) < 0 && errno == EINTR) {
   }
   return 0;
 }
 
-std::optional<DeadRunSearch::Left> parse(const std::string& packet) {
+std::optional<DeadRunSearch::DeadPair> parse(const std::string& packet) {
   const std::size_t blank = packet.find(' ');
   if (blank == std::string::npos) {
     return std::nullopt;
   }
   std::uint64_t user = 0;
   std::from_chars(packet.data() + blank + 1, packet.data() + packet.size(), user);
-  return DeadRunSearch::Left{packet.substr(0, blank),
-                             user > 0 ? std::optional(static_cast<uid_t>(user - 1)) : std::nullopt};
+  return DeadRunSearch::DeadPair{
+      packet.substr(0, blank),
+      user > 0 ? std::optional(static_cast<uid_t>(user - 1)) : std::nullopt};
 }
 
 }  // namespace
@@ -89,7 +91,7 @@ DeadRunSearch::DeadRunSearch(const ProcessContext& context) {
   }
 }
 
-std::optional<DeadRunSearch::Left> DeadRunSearch::next() {
+std::optional<DeadRunSearch::DeadPair> DeadRunSearch::next() {
   if (complete) {
     return std::nullopt;
   }

@@ -10,31 +10,31 @@
 
 namespace orvaned {
 
-// A process that looks for what dead servers left in /dev/shm. It holds their locks until
+// A process that searches /dev/shm for the queue pairs of dead servers. It holds their locks until
 // release(), so that no other server cleans up as well. Nothing here throws or blocks.
 class DeadRunSearch {
  public:
-  struct Left {
+  struct DeadPair {
     std::string queue;
-    std::optional<uid_t> user;  // whose files the pair's may be, besides the server's
+    std::optional<uid_t> user;  // who may own the pair's files, apart from the server
   };
 
   explicit DeadRunSearch(const ProcessContext& context);
 
-  // What the process found, one pair after another. Nothing: not yet, or no more.
-  std::optional<Left> next();
+  // Returns the pairs one after another; nothing if none is found yet, or there are no more.
+  std::optional<DeadPair> next();
 
-  // Has it found all?
+  // Has it found all of them?
   bool isComplete() const { return complete; }
 
-  // All pairs are gone: the process removes the locks, and ends.
+  // To be called when all pairs are removed: the process removes the locks, and ends.
   void release() { socket.reset(); }
   bool isOver() { return !process || process->ended(); }
 
-  // There may be more later: a server is still dying, or the search failed.
+  // There may be more pairs later: a server is still dying, or the search failed.
   bool isToBeRepeated() const { return repeat; }
 
-  // Readable when there is something; -1 after release().
+  // Readable when next() has something to return; -1 after release().
   int fd() const { return socket.get(); }
 
  private:

@@ -31,18 +31,17 @@ std::timespec timeNow() {
   return now;
 }
 
-// Takes packets as soon as they come, into a backlog: a socket's buffer is small for users without
-// privileges. Writes when standard error has room.
+// Receives packets into a backlog as soon as they come, because a socket's buffer is small for
+// users without privileges. Writes when standard error has room.
 class LogProcess {
  public:
-  LogProcess(LogSocket& logSocket, pid_t parentProcess)
-      : socket(logSocket), parent(parentProcess) {}
+  LogProcess(LogSocket& socket, pid_t parent) : socket(socket), parent(parent) {}
 
   void run() {
     for (bool open = true; open || !backlog.empty();) {
       const bool hasRoom = waitForEvents(open);
       if (open) {
-        open = takePackets();
+        open = receivePackets();
         addAll(open ? limiter.due(Clock::now()) : limiter.finish());
         addDropped(open ? 0 : socket.dropped->exchange(0), timeNow());
       }
@@ -57,12 +56,12 @@ class LogProcess {
 
   struct Written {
     std::string text;
-    std::uint64_t lines;  // those that it reports, or 1
+    std::uint64_t lines;  // the number of dropped lines that it reports, or 1
   };
 
   bool isFull() const { return backlogSize >= kLargestBacklog; }
 
-  // Returns when there is something to do: can standard error be written to?
+  // Waits for something to do. Returns whether standard error can be written to.
   bool waitForEvents(bool open) {
     std::array<pollfd, 2> events = {{{open && !isFull() ? socket.reader.get() : -1, POLLIN, 0},
                                      {backlog.empty() ? -1 : STDERR_FILENO, POLLOUT, 0}}};
@@ -76,13 +75,13 @@ class LogProcess {
     if (hasRoom || backlog.empty()) {
       lastRoom = Clock::now();
     } else if (getppid() != parent && Clock::now() - lastRoom > kPatienceOfOrphan) {
-      _exit(1);  // the supervisor was killed; nobody else would ever end this process
+      _exit(1);  // the supervisor was killed, and nothing else would end this process
     }
     return hasRoom;
   }
 
-  // False when nobody can send any more.
-  bool takePackets() {
+  // Returns false when no process can send any more.
+  bool receivePackets() {
     while (!isFull()) {
       const ssize_t size = recv(socket.reader.get(), packet.data(), packet.size(), MSG_DONTWAIT);
       if (size < 0) {
@@ -91,12 +90,12 @@ class LogProcess {
       if (static_cast<std::size_t>(size) < sizeof(LogHeader)) {
         return false;
       }
-      takePacket(std::string_view(packet.data(), static_cast<std::size_t>(size)));
+      parsePacket(std::string_view(packet.data(), static_cast<std::size_t>(size)));
     }
     return true;
   }
 
-  void takePacket(std::string_view content) {
+  void parsePacket(std::string_view content) {
     LogHeader header = {};
     std::memcpy(&header, content.data(), sizeof(header));
     addDropped(header.dropped, header.sent);
@@ -132,7 +131,7 @@ class LogProcess {
     backlogSize += backlog.back().text.size();
   }
 
-  // A line that cannot be written counts as dropped, together with those that it reports.
+  // A line that cannot be written counts as dropped, and so do the lines that it reports.
   void writeFirst() {
     const Written& first = backlog.front();
     const ssize_t size =
@@ -163,7 +162,7 @@ class LogProcess {
   std::array<char, kLargestPacket> packet = {};
   std::deque<Written> backlog;
   std::size_t backlogSize = 0;  // in bytes of text
-  std::size_t written = 0;      // of the first
+  std::size_t written = 0;      // bytes of the first line
   Clock::time_point lastRoom = Clock::now();
 };
 

@@ -25,7 +25,7 @@ constexpr std::chrono::seconds kTimeToDie{1};
 constexpr std::chrono::milliseconds kBetweenStarts{100};
 constexpr int kBufferSize = 1 << 20;
 
-// Of this process; a forked one has them too.
+// This process's copy; a forked process inherits it.
 LogSocket log;
 
 void enlargeBuffer(int sender) {
@@ -59,8 +59,7 @@ void closeSocket() {
   }
 }
 
-// Without a line, only the number of dropped ones. Takes no memory, and so cannot fail for want of
-// it.
+// Null: sends only the number of dropped lines. Needs no memory, so it cannot fail for lack of it.
 bool send(const LogLine* line) noexcept {
   LogHeader header = headerOf(line);
   header.dropped = log.dropped->exchange(0);
@@ -77,7 +76,7 @@ bool send(const LogLine* line) noexcept {
     sent = sendmsg(log.sender.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   if (sent < 0) {
-    log.dropped->fetch_add(header.dropped);  // for the next that finds room
+    log.dropped->fetch_add(header.dropped);  // for the next packet that finds room
   }
   return sent >= 0;
 }
@@ -126,7 +125,7 @@ void LogWriter::start() noexcept {
 
 void LogWriter::restartIfEnded() noexcept {
   noticeEnd();
-  // Not at once: a process that cannot live would keep this one busy.
+  // Not at once: a process that ends again and again would keep this one busy.
   if (pid < 0 && Clock::now() - lastStart >= kBetweenStarts) {
     start();
   }
@@ -147,7 +146,7 @@ void LogWriter::finish() noexcept {
     start();  // the socket may still hold the reason why the server ends
   }
   if (pid > 0) {
-    shutdown(log.sender.get(), SHUT_WR);  // other processes may linger in a disk
+    shutdown(log.sender.get(), SHUT_WR);  // other processes may still wait for a disk
     if (!hasEndedWithin(kTimeToFinish)) {
       kill(pid, SIGKILL);
       hasEndedWithin(kTimeToDie);

@@ -6,19 +6,19 @@
 
 namespace orvaned {
 
-// The process that writes the log. A write to standard error may block: a pipe that nobody reads,
-// or a file on a disk that hangs. Its flags are not the server's to change, because other programs
-// may have the same file. So one process does nothing but these writes, and all others send it
-// their lines through a socket, without waiting. Lines for which the socket has no room, and lines
-// that could not be written, are counted; the count becomes a line when there is room again.
+// The process that writes the log. A write to standard error may block: the other end of a pipe may
+// not be read, or a disk may hang. The server must not change the file's flags, because other
+// programs may have the same file open. So one process only does these writes, and all others send
+// it their lines through a socket, without waiting. Lines for which the socket has no room, and
+// lines that could not be written, are counted; the count becomes a line when there is room again.
 //
-// That process also limits how much the log says about one user or queue (log_limiter.hpp). It is
-// a child of the process that makes this object, ignores every signal but SIGKILL, and ends when
-// all that log have ended, so that it writes their last lines.
+// That process also limits the lines about one user or queue (log_limiter.hpp). It is a child of
+// the process that creates this object and ignores every signal but SIGKILL. It ends after all
+// processes that log, so that it writes their last lines.
 class LogWriter {
  public:
-  // Starts it; from then on all lines of this process, and of those that it forks, go there. There
-  // is one LogWriter at a time. Throws std::system_error.
+  // Starts the process; from then on all lines of this process, and of those that it forks, go
+  // there. There is one LogWriter at a time. Throws std::system_error.
   LogWriter();
 
   // Lines go to standard error again.
@@ -26,12 +26,12 @@ class LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
-  // Starts another process where this one was killed, and reports lines that were dropped. To be
-  // called every now and then. Does not block.
+  // Starts another process if this one was killed, and reports dropped lines. To be called from
+  // time to time. Does not block.
   void restartIfEnded() noexcept;
 
-  // Ends the log: waits up to 2 seconds for what is to be written still, then kills the process.
-  // Later lines are dropped.
+  // Ends the log: waits up to 2 seconds until the remaining lines are written, then kills the
+  // process. Later lines are dropped.
   void finish() noexcept;
 
   pid_t process() const { return pid; }
@@ -47,16 +47,16 @@ class LogWriter {
   Clock::time_point lastStart;
 };
 
-// In a forked process that goes on logging: closes the end of the socket that is read, which the
-// parent keeps so that no line is lost while the log's process is replaced.
+// In a forked process that continues to log: closes the reading end of the socket. The parent keeps
+// that end so that no line is lost while the log's process is replaced.
 void closeLogReader();
 
-// The end of the socket that lines are sent to, for a forked process that goes on logging and
-// closes what it does not need; -1: none.
+// The sending end of the socket, for a forked process that continues to log and closes the files
+// that it does not need; -1: none.
 int logFile();
 
-// In a forked process that is not trusted: closes both ends and takes away the memory where dropped
-// lines are counted. Its lines go to standard error, or where setLogTarget() says then.
+// In a forked process that is not trusted: closes both ends, and unmaps the memory where dropped
+// lines are counted. Its lines go to standard error, or to the next target of setLogTarget().
 void leaveLog();
 
 }  // namespace orvaned

@@ -24,7 +24,7 @@ using orvane::pvk_shm_response_t;
 
 constexpr unsigned kErrorPriority = 1;
 
-// The queue's file, as a place (O_PATH): nothing of it is read yet. None when it is a stranger's.
+// The queue's file, opened without reading it (O_PATH). Nothing if it belongs to another user.
 tool::Fd locate(const std::string& path, std::optional<uid_t> producersUser,
                 std::optional<WorkerUser> worker) {
   tool::Fd file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
@@ -34,10 +34,10 @@ tool::Fd locate(const std::string& path, std::optional<uid_t> producersUser,
   return isFile && isTrusted ? std::move(file) : tool::Fd();
 }
 
-// A process that has given up its rights opens only what is its user's own.
-void take(const tool::Fd& file, std::optional<WorkerUser> worker) {
+// A process that has given up its rights can only open files of its user.
+void giveToWorker(const tool::Fd& file, std::optional<WorkerUser> worker) {
   const WorkerUser user = worker.value_or(WorkerUser{geteuid(), getegid()});
-  [[maybe_unused]] const int ignored =  // then opening it tells
+  [[maybe_unused]] const int ignored =  // opening the queue fails then
       fchownat(file.get(), "", user.user, user.group, AT_EMPTY_PATH);
 }
 
@@ -47,7 +47,7 @@ void post(ipc::message_queue& queue, const std::string& reason) {
   if (queue.try_send(&notice, sizeof(notice), kErrorPriority)) {
     return;
   }
-  // One answer that nobody took gives way.
+  // The queue is full of unread responses: the first one is removed.
   const GuardedBuffer oldest(sizeof(notice));
   ipc::message_queue::size_type size = 0;
   unsigned priority = 0;
@@ -65,7 +65,7 @@ void postNotice(const std::string& queueName, const std::string& reason,
   if (file.get() < 0) {
     return;
   }
-  take(file, confinement.user);
+  giveToWorker(file, confinement.user);
   dropRights(confinement, parent, file.get());
   restrictCalls(confinement, refusedCall, true);
   try {
@@ -73,7 +73,7 @@ void postNotice(const std::string& queueName, const std::string& reason,
     restrictCalls(confinement, refusedCall);
     post(queue, reason);
   } catch (const ipc::interprocess_exception&) {
-    // There is none, it is half made, or its lock is dead: nobody can be told.
+    // There is no queue, it is incomplete, or its lock is dead: no notice can be posted.
   }
 }
 

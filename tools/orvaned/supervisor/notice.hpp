@@ -10,11 +10,11 @@
 
 namespace orvaned {
 
-// Tells a producer that still uses the pair why it is removed (orvane::kWorkerDied). The response
-// queue is opened only when it is a file of this user, of the worker's or of `producersUser`; where
-// this process may give files away, it takes the queue first. Waits for nobody for long, but a
-// hostile or broken queue can crash or hang whoever calls this: the process is confined as a worker
-// is, for good, and may open that one file.
+// Posts a notice with the reason why the pair is removed (orvane::kWorkerDied), for a producer that
+// still uses it. The response queue is opened only if its file belongs to this user, the worker's
+// user or `producersUser`; if this process may change its owner, it does so first. It never waits
+// for long, but a hostile or broken queue can crash or hang the calling process. So that process is
+// permanently confined like a worker, and may open only that one file.
 void postNotice(const std::string& queueName, const std::string& reason,
                 std::optional<uid_t> producersUser, const Confinement& confinement, pid_t parent,
                 std::atomic<int>* refusedCall);

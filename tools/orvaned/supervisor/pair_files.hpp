@@ -7,14 +7,14 @@
 
 namespace orvaned {
 
-// What a worker leaves of a queue pair in /dev/shm when it has died, its totals included. Only the
-// names are touched here, never what is in the files.
+// The files of a queue pair, with its totals, that a dead worker left in /dev/shm. Only the names
+// are used here, never the content.
 
-// Throws std::runtime_error when something under one of the pair's names is another user's, or no
-// file at all. The worker's user counts as this one.
+// Throws std::runtime_error if one of the pair's names is that of another user's file, or not of a
+// regular file. The worker's user counts as this one.
 void requireOwnPair(const std::string& queueName, std::optional<WorkerUser> worker = {});
 
-// Is there anything under the pair's names?
+// Does any of the pair's names exist?
 bool pairExists(const std::string& queueName);
 
 void removePair(const std::string& queueName);

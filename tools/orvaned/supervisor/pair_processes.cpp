@@ -22,7 +22,7 @@ namespace {
 using orvane::server::LEVEL_ERROR;
 using orvane::server::Logger;
 
-// A queue's lock is waited for 2 seconds at most; no valid call takes so long.
+// A process waits at most 2 seconds for a queue's lock; no valid call takes as long as this.
 constexpr std::chrono::seconds kStuckAfter{5};
 constexpr std::chrono::seconds kBusyAtMost{5};
 constexpr std::chrono::seconds kNoticeTime{3};
@@ -39,23 +39,22 @@ const Logger& logger() {
 
 }  // namespace
 
-PairProcesses::PairProcesses(const ProcessContext& pairContext, Kind kindOfPair,
-                             std::string queueName, std::optional<uid_t> producersUser,
-                             std::unique_ptr<LeaseConnection> lease)
-    : context(pairContext),
-      pairKind(kindOfPair),
+PairProcesses::PairProcesses(const ProcessContext& context, Kind kind, std::string queueName,
+                             std::optional<uid_t> user, std::unique_ptr<LeaseConnection> lease)
+    : context(context),
+      pairKind(kind),
       name(std::move(queueName)),
       loggedName(doublePercent(name)),
-      user(producersUser),
+      user(user),
       connection(std::move(lease)),
       subject(connection ? subjectOf(connection->producer().uid) : "queue " + name),
       notice(kServerDied) {
   const LogSubject logged(subject);
-  // Nothing is under a lease's name: it was chosen so. What is there now is not opened.
+  // A lease's name was chosen so that nothing has it. A file that has it now is never opened.
   pairKind == Kind::leased ? proceed() : begin();
 }
 
-// Where the process is still there, not even SIGKILL has ended it.
+// If the process still exists, not even SIGKILL has ended it.
 PairProcesses::~PairProcesses() {
   if (child) {
     child.reset();
@@ -180,7 +179,7 @@ void PairProcesses::startProcesses() {
         context.keepOnly({file}, LogAccess::kept);
         return serveWorker(context.options, name, tool::Fd(file), context.supervisor);
       },
-      Child::Orphaned::goesOn);
+      Child::Orphaned::continues);
   child = std::make_unique<Child>([&, file = workersEnd.get()](Heartbeat& heartbeat) {
     nameProcess("orvaned-worker");
     std::vector<int> files = {file};

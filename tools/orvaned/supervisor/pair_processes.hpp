@@ -11,12 +11,12 @@
 
 namespace orvaned {
 
-// A queue pair as the supervisor sees it: the worker process that serves it, the broker of that
-// process, and what is to be done when the worker ends. The supervisor itself never touches a
-// queue, since whoever may use one can make the other side crash or hang in it.
+// The supervisor's view of a queue pair: the worker process that serves it, the broker of that
+// process, and the actions when the worker ends. The supervisor itself never touches a queue,
+// because every user of a queue can make the other side crash or hang in it.
 //
-// What a dead worker left behind is removed, but its producer is told first, by another confined
-// process. A fixed pair is then made anew; a leased one is over, and its connection ends.
+// The files of a dead worker are removed, after another confined process has posted a notice to its
+// producer. A fixed pair is then created again; a leased one is over, and its connection ends.
 //
 // Nothing here throws or blocks, except the constructor, which may throw std::bad_alloc.
 class PairProcesses {
@@ -26,29 +26,28 @@ class PairProcesses {
   enum class Kind {
     fixed,   // found by a name that producers know
     leased,  // one producer's own
-    dead     // left by another server; only to be removed
+    dead     // left by a dead server; only to be removed
   };
 
-  // `user` is whose the files of a leased or dead pair may be, besides the server's own.
-  PairProcesses(const ProcessContext& pairContext, Kind kindOfPair, std::string queueName,
-                std::optional<uid_t> producersUser = {},
-                std::unique_ptr<LeaseConnection> lease = nullptr);
+  // `user` may own the files of a leased or dead pair, instead of the server.
+  PairProcesses(const ProcessContext& context, Kind kind, std::string queueName,
+                std::optional<uid_t> user = {}, std::unique_ptr<LeaseConnection> lease = nullptr);
 
   // Kills the processes.
   ~PairProcesses();
   PairProcesses(const PairProcesses&) = delete;
   PairProcesses& operator=(const PairProcesses&) = delete;
 
-  // Looks after the processes; to be called when a child ended, and every now and then.
+  // Checks the processes; to be called when a child ended, and from time to time.
   void step();
 
-  // Tells the worker to end, and does not start another one.
+  // Signals the worker to end, and does not start another one.
   void stop();
 
-  // Kills the worker, if it has not ended by now.
+  // Kills the worker, if it has not ended yet.
   void kill();
 
-  // Kills all processes; nobody waits for their end.
+  // Kills all processes without waiting for their end.
   void abandon();
 
   bool isOver() const { return !child && !retryAt; }
@@ -62,7 +61,7 @@ class PairProcesses {
  private:
   enum class Phase { serving, notice };
 
-  void begin();    // removes what is there, then proceeds
+  void begin();    // removes existing files, then proceeds
   void proceed();  // starts the next worker, if there is to be one
   void serve();
   void startProcesses();
@@ -79,7 +78,7 @@ class PairProcesses {
   const std::string loggedName;
   const std::optional<uid_t> user;
   std::unique_ptr<LeaseConnection> connection;
-  const std::string subject;  // of the lines about it, its worker's too
+  const std::string subject;  // of the log lines about the pair and of its worker
   std::unique_ptr<Child> child;
   BrokerProcess broker;
   Phase phase = Phase::serving;
@@ -87,7 +86,7 @@ class PairProcesses {
   bool killed = false;
   bool stopping = false;
   bool served = false;  // ever
-  bool failed = false;  // to make the pair, the last time
+  bool failed = false;  // the last attempt to create the pair
   std::optional<Clock::time_point> retryAt;
 };
 

@@ -13,23 +13,23 @@
 
 namespace orvaned {
 
-// A worker's broker, and this end of the socket to it: with it another process can finish what the
-// worker left open.
+// A worker's broker, and this end of the socket to it. With it another process can finish the
+// stream that the worker left open.
 struct BrokerProcess {
   std::unique_ptr<Child> process;
   tool::Fd socket = tool::Fd();
 };
 
-// May a new process write to the log? One that is confined may not.
+// May a new process write to the log? A confined one may not.
 enum class LogAccess { kept, left };
 
-// What the supervisor gives to those that start processes for it.
+// What the supervisor gives to the objects that start processes for it.
 struct ProcessContext {
   const Options& options;
   pid_t supervisor;
-  // In a new process: closes all files but these, the server's locks, and those of the log.
+  // In a new process: closes all files except these, the server's locks, and those of the log.
   std::function<void(std::vector<int> files, LogAccess log)> keepOnly;
-  // Takes the broker of a queue's worker that has ended; `died`: the worker left its work undone.
+  // Hands over the broker of a worker that has ended; `died`: the worker left a stream unfinished.
   std::function<void(const std::string& queue, BrokerProcess broker, bool died)> conclude;
 };
 

@@ -47,9 +47,9 @@ int searchStore(const Options& options,
 
 int recoverConfined(const Options& options, tool::Fd brokerSocket, pid_t supervisor,
                     const char* who, Heartbeat& heartbeat) {
-  // The log needs it to the end of the process.
+  // The log needs the broker until the process ends.
   static BrokerClient broker(std::move(brokerSocket));
-  broker.takeLog();
+  broker.redirectLog();
   endAtTermination();
   dropRights(options.confinement, supervisor);
   restrictCalls(options.confinement, &heartbeat.refusedCall);
@@ -60,9 +60,9 @@ int recoverConfined(const Options& options, tool::Fd brokerSocket, pid_t supervi
 
 }  // namespace
 
-RecoveryProcess::RecoveryProcess(const ProcessContext& processContext, std::string queue,
-                                 const char* whoDied)
-    : context(processContext), queueName(std::move(queue)), who(whoDied) {}
+RecoveryProcess::RecoveryProcess(const ProcessContext& context, std::string queueName,
+                                 const char* who)
+    : context(context), queueName(std::move(queueName)), who(who) {}
 
 RecoveryProcess RecoveryProcess::ofDeadServers(const ProcessContext& context) {
   RecoveryProcess process(context, "", "the server");

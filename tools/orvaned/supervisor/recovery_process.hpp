@@ -9,7 +9,7 @@
 
 namespace orvaned {
 
-// Two processes that finish what was left in the store: a broker, and a confined process that
+// Two processes that finish unfinished streams in the store: a broker, and a confined process that
 // reads and checks the files. Nothing here throws or blocks.
 class RecoveryProcess {
  public:
@@ -17,16 +17,16 @@ class RecoveryProcess {
   // server left.
   static RecoveryProcess ofDeadServers(const ProcessContext& context);
 
-  // Finishes the stream that a dead worker of this queue left open, with the worker's broker. Where
-  // that has died too, the stream has to be looked for: isToBeRepeated().
+  // Finishes the stream that a dead worker of this queue left open, with the worker's broker. If
+  // the broker has died too, the stream has to be searched for: isToBeRepeated().
   static RecoveryProcess ofWorker(const ProcessContext& context, const std::string& queue,
                                   BrokerProcess workersBroker);
 
-  // The same without the broker: finishes each stream of this queue that nobody has locked.
+  // The same without the broker: finishes each stream of this queue that no process has locked.
   static RecoveryProcess ofQueue(const ProcessContext& context, const std::string& queue);
 
-  // Only waits for the end of the broker of a worker that ended in order. A broker that was killed
-  // may have kept its worker from finishing a stream.
+  // Only waits for the end of the broker of a worker that ended normally. If the broker was killed,
+  // its worker may not have been able to finish a stream.
   static RecoveryProcess nothingLeft(const ProcessContext& context, const std::string& queue,
                                      BrokerProcess workersBroker);
 
@@ -36,15 +36,16 @@ class RecoveryProcess {
 
   bool isOver() const { return !broker && !confined; }
 
-  // Once it is over: its broker died, the store could not be searched, or some server is still
-  // dying. The search has to be done again, of this queue, or of dead servers where it is empty.
+  // Valid when it is over. True: its broker died, the store could not be searched, or some server
+  // is still dying. The search must then be repeated, for queue(), or for dead servers if it is
+  // empty.
   bool isToBeRepeated() const { return repeat; }
   const std::string& queue() const { return queueName; }
 
  private:
   using OwnerOf = std::function<tool::LockFile::Owner(const std::string& queue)>;
 
-  RecoveryProcess(const ProcessContext& processContext, std::string queue, const char* whoDied);
+  RecoveryProcess(const ProcessContext& context, std::string queueName, const char* who);
 
   void search(const OwnerOf& ownerOf);
   void start(const std::function<void()>& task);

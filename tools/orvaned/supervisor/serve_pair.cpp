@@ -62,8 +62,8 @@ void logReady(const Logger& log, const Options& options, const std::string& queu
           doublePercent(options.store).c_str());
 }
 
-// All that needs a right. The producer has the queues by then, but nothing of what it may have
-// written into them has been looked at.
+// Everything that needs rights. The producer can already use the queues, but nothing that it may
+// have written into them has been read yet.
 struct Prepared {
   Prepared(const Options& options, const std::string& queueName, LeaseConnection* lease,
            BrokerClient& broker, Heartbeat& heartbeat)
@@ -106,9 +106,9 @@ void serve(const Options& options, const std::string& queueName, LeaseConnection
 int servePair(const Options& options, const std::string& queueName, LeaseConnection* lease,
               tool::Fd brokerSocket, pid_t supervisor, Heartbeat& heartbeat) {
   const Logger log("orvaned");
-  // The log needs it to the end of the process.
+  // The log needs the broker until the process ends.
   static BrokerClient broker(std::move(brokerSocket));
-  broker.takeLog();
+  broker.redirectLog();
   try {
     serve(options, queueName, lease, broker, supervisor, heartbeat, log);
     return 0;

@@ -18,7 +18,7 @@ ServiceManager::ServiceManager() {
   }
 }
 
-void ServiceManager::tell(const std::string& state) const {
+void ServiceManager::notify(const std::string& state) const {
   sockaddr_un to = {};
   if (address.empty() || address.size() > sizeof(to.sun_path)) {
     return;

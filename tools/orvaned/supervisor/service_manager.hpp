@@ -4,16 +4,16 @@
 
 namespace orvaned {
 
-// Whoever started this process and asked to be told how it is doing: systemd, of a service of
-// Type=notify. A message is a datagram to the Unix socket that NOTIFY_SOCKET names; without it
-// nobody is told.
+// The program that started this process and wants to know its state, such as systemd for a service
+// of Type=notify. A state is sent as a datagram to the Unix socket that NOTIFY_SOCKET names;
+// without that variable nothing is sent.
 class ServiceManager {
  public:
-  // Takes the socket's name out of the environment: it is for this process alone.
+  // Removes the socket's name from the environment: it is for this process only.
   ServiceManager();
 
-  // Such as "READY=1". Nobody waits for it, and nothing depends on its arrival.
-  void tell(const std::string& state) const;
+  // Sends a state such as "READY=1". Does not block; nothing depends on its arrival.
+  void notify(const std::string& state) const;
 
  private:
   std::string address;

@@ -24,11 +24,11 @@ using orvane::server::LEVEL_ERROR;
 using orvane::server::LEVEL_INFO;
 using orvane::server::Logger;
 
-constexpr std::chrono::milliseconds kTick{500};  // between two looks at the heartbeats
+constexpr std::chrono::milliseconds kTick{500};  // between two checks of the heartbeats
 constexpr std::chrono::milliseconds kTickAtStart{10};
 constexpr std::chrono::seconds kTimeToFinish{10};
 constexpr std::chrono::seconds kTimeToCleanUp{4};
-constexpr std::size_t kMostDeadPairs = 16;  // looked after at a time
+constexpr std::size_t kMostDeadPairs = 16;  // removed at the same time
 constexpr std::size_t kUsualEvents = 32;
 
 tool::Fd openSignals() {
@@ -44,7 +44,7 @@ sigset_t supervisorSignals() {
   for (const int number : {SIGTERM, SIGINT, SIGCHLD}) {
     sigaddset(&signals, number);
   }
-  // Whoever runs a program under nohup wants it to outlive the terminal.
+  // A program that runs under nohup must outlive its terminal.
   struct sigaction hangup = {};
   if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) {
     sigaddset(&signals, SIGHUP);
@@ -52,8 +52,8 @@ sigset_t supervisorSignals() {
   return signals;
 }
 
-Supervisor::Supervisor(const Options& serverOptions)
-    : options(serverOptions),
+Supervisor::Supervisor(const Options& options)
+    : options(options),
       context{options, getpid(),
               [this](std::vector<int> files, LogAccess log) { keepOnly(std::move(files), log); },
               [this](const std::string& queue, BrokerProcess broker, bool died) {
@@ -67,7 +67,7 @@ Supervisor::Supervisor(const Options& serverOptions)
   }
   if (!options.socket.empty()) {
     leases.emplace();
-    desk.emplace(options.socket, options.geometry.mode);
+    requests.emplace(options.socket, options.geometry.mode);
   }
 }
 
@@ -89,7 +89,7 @@ void Supervisor::begin() {
   if (queueLock) {
     pairs.emplace_back(context, PairProcesses::Kind::fixed, options.queue);
   }
-  if (desk) {
+  if (requests) {
     Logger("orvaned").log(LEVEL_INFO, "serve", 0, "serving leases at %s, storing into %s",
                           doublePercent(options.socket).c_str(),
                           doublePercent(options.store).c_str());
@@ -97,17 +97,17 @@ void Supervisor::begin() {
 }
 
 void Supervisor::step(LogWriter& log) {
-  tellWhenReady();
+  reportReady();
   waitForEvents();
   log.restartIfEnded();
-  takeSignals();
-  tryTo("serve requests for leases", [this] { serveDesk(); });
+  receiveSignals();
+  tryTo("serve requests for leases", [this] { serveRequests(); });
   stepPairs();
   stepRecoveries();
   stepSearch();
 }
 
-// Memory may be out; whatever was to be done is tried again, or was refused.
+// There may be no memory left; the action is then repeated later, or was refused.
 void Supervisor::tryTo(const char* action, const std::function<void()>& task) noexcept {
   try {
     task();
@@ -117,13 +117,13 @@ void Supervisor::tryTo(const char* action, const std::function<void()>& task) no
           .log(LEVEL_ERROR, __func__, orvane::kNoPair, "cannot %s, going on: %s", action,
                doublePercent(e.what()).c_str());
     } catch (const std::exception&) {
-      // Not even a line about it.
+      // There is no memory even for a line about it.
     }
   }
 }
 
-// While others are served already: no new pair or stream has the name of an old one. A dead run's
-// last processes, or another server that cleans up after it or just looks, may still be in the way.
+// Runs while pairs are already served: no new pair or stream has the name of an old one. It is
+// repeated, because a dead run's last processes or another server may still hold the locks.
 void Supervisor::stepRecoveries() {
   for (RecoveryProcess& recovery : recoveries) {
     recovery.step();
@@ -134,7 +134,7 @@ void Supervisor::stepRecoveries() {
   }
   std::erase_if(recoveries, [](const RecoveryProcess& recovery) { return recovery.isOver(); });
   if (recoverAgain && Clock::now() >= *recoverAgain && !stopAt) {
-    recoverAgain = Clock::now() + kTick;  // unless the next lines succeed
+    recoverAgain = Clock::now() + kTick;  // in case the next lines throw
     for (; !unfinished.empty(); unfinished.erase(unfinished.begin())) {
       const std::string& queue = *unfinished.begin();
       recoveries.push_back(queue.empty() ? RecoveryProcess::ofDeadServers(context)
@@ -168,39 +168,39 @@ void Supervisor::stepSearch() {
   }
 }
 
-void Supervisor::tellWhenReady() {
+void Supervisor::reportReady() {
   const auto isAwaited = [](const PairProcesses& pair) {
     return pair.kind() == PairProcesses::Kind::fixed && !pair.isServing();
   };
   if (!ready && !stopAt && std::none_of(pairs.begin(), pairs.end(), isAwaited)) {
     ready = true;
-    manager.tell("READY=1");
+    manager.notify("READY=1");
   }
 }
 
 bool Supervisor::isOver() const {
   const bool nothingLeft = pairs.empty() && recoveries.empty() && !search;
   if (stopAt && Clock::now() >= *stopAt + kTimeToFinish + kTimeToCleanUp) {
-    return true;  // a process that even SIGKILL does not end: it waits for a disk
+    return true;  // a process that not even SIGKILL ends: it waits for a disk
   }
   return (stopAt || failed) && nothingLeft;
 }
 
-// When there is no memory for all events, it waits for those that the list has room for.
+// If there is no memory for all events, it waits for those that fit into the list.
 void Supervisor::waitForEvents() {
   events.clear();
   tryTo("wait for all events", [this] {
     events.push_back({signals.get(), POLLIN, 0});
     events.push_back({search && !search->isComplete() ? search->fd() : -1, POLLIN, 0});
-    if (desk) {
-      desk->addTo(events);
+    if (requests) {
+      requests->addTo(events);
     }
   });
   const auto tick = ready || stopAt ? kTick : kTickAtStart;
   poll(events.data(), events.size(), static_cast<int>(tick.count()));
 }
 
-void Supervisor::takeSignals() {
+void Supervisor::receiveSignals() {
   signalfd_siginfo signal = {};
   while (read(signals.get(), &signal, sizeof(signal)) == sizeof(signal)) {
     if (signal.ssi_signo != SIGCHLD && !stopAt) {
@@ -214,7 +214,7 @@ void Supervisor::takeSignals() {
   }
 }
 
-// What has not ended by now waits for a disk.
+// Processes that have not ended by now are waiting for a disk.
 void Supervisor::abandonAll() {
   for (PairProcesses& pair : pairs) {
     pair.abandon();
@@ -226,25 +226,25 @@ void Supervisor::abandonAll() {
 
 void Supervisor::stop() {
   stopAt = Clock::now();
-  manager.tell("STOPPING=1");
-  desk.reset();
+  manager.notify("STOPPING=1");
+  requests.reset();
   for (PairProcesses& pair : pairs) {
     pair.stop();
   }
-  // What is not finished then is left to the next start.
+  // Streams that are not finished by then are left to the next start.
   for (const RecoveryProcess& recovery : recoveries) {
     recovery.signal(SIGTERM);
   }
 }
 
-void Supervisor::serveDesk() {
-  if (!desk) {
+void Supervisor::serveRequests() {
+  if (!requests) {
     return;
   }
   const auto limit = [this](const ucred& producer, LeaseRequests::Count applications) {
     return limitReachedBy(producer, applications);
   };
-  for (auto& connection : desk->serve(limit)) {
+  for (auto& connection : requests->serve(limit)) {
     startLease(std::move(connection));
   }
 }
@@ -286,7 +286,7 @@ std::string Supervisor::limitReachedBy(const ucred& producer,
   return "";
 }
 
-// If the system does not say how much there is, there is no limit here, and making a pair may fail.
+// If the size of /dev/shm is unknown, there is no limit here, and creating a pair may fail.
 std::size_t Supervisor::shmLimit() const {
   struct statvfs shm = {};
   if (options.shmLimit != 0 || statvfs(tool::kShmFolder, &shm) != 0) {
@@ -321,9 +321,9 @@ void Supervisor::conclude(const std::string& queue, BrokerProcess broker, bool d
                             : RecoveryProcess::nothingLeft(context, queue, std::move(broker)));
 }
 
-// The locks too: they tell other servers that some process of this one still lives. A process that
-// has to do with a producer's memory keeps not even the standard files: what took it over could
-// fill them.
+// Keeps the locks too: they show other servers that a process of this one still lives. A process
+// that uses a producer's memory does not even keep the standard files: a producer that took it over
+// could fill them.
 void Supervisor::keepOnly(std::vector<int> files, LogAccess log) const {
   if (queueLock) {
     files.push_back(queueLock->file());
@@ -331,8 +331,8 @@ void Supervisor::keepOnly(std::vector<int> files, LogAccess log) const {
   if (leases) {
     files.push_back(leases->lockFile());
   }
-  if (desk) {
-    files.push_back(desk->lockFile());
+  if (requests) {
+    files.push_back(requests->lockFile());
   }
   if (log == LogAccess::left) {
     leaveLog();

@@ -25,17 +25,17 @@
 
 namespace orvaned {
 
-// The server's main process. It takes requests for leases, starts the processes that serve queue
+// The server's main process. It receives requests for leases, starts the processes that serve queue
 // pairs, watches them, and cleans up after those that died. It never touches a queue or the store,
-// it never waits for anything but events, and what it calls may fail but not end it: whatever
-// cannot be done now is logged, and done later or refused.
+// and it waits only for events. A failure does not end it: the failure is logged, and the action is
+// repeated later or refused.
 class Supervisor {
  public:
-  // Takes the names that it is to serve. Throws std::runtime_error when others have them.
+  // Locks the names that it is to serve. Throws std::runtime_error if another process has one.
   explicit Supervisor(const Options& options);
 
-  // Returns after SIGTERM, SIGINT or SIGHUP, within 15 seconds: true; false when the fixed pair
-  // could not be made at all. supervisorSignals() must be blocked.
+  // Returns true within 15 seconds after SIGTERM, SIGINT or SIGHUP; false if the fixed pair could
+  // not be created even once. supervisorSignals() must be blocked.
   bool run(LogWriter& log);
 
  private:
@@ -46,13 +46,13 @@ class Supervisor {
   void tryTo(const char* action, const std::function<void()>& task) noexcept;
   void stepRecoveries();
   void stepSearch();
-  void tellWhenReady();
+  void reportReady();
   bool isOver() const;
   void waitForEvents();
-  void takeSignals();
+  void receiveSignals();
   void abandonAll();
   void stop();
-  void serveDesk();
+  void serveRequests();
   void startLease(std::unique_ptr<LeaseConnection> connection);
   std::string limitReachedBy(const ucred& producer, LeaseRequests::Count applications) const;
   std::size_t shmLimit() const;
@@ -65,20 +65,20 @@ class Supervisor {
   const ProcessContext context;
   ServiceManager manager;
   tool::Fd signals;
-  std::vector<pollfd> events;  // what is waited for
+  std::vector<pollfd> events;  // for poll()
   std::optional<tool::LockFile> queueLock;
   std::optional<LeaseRun> leases;
-  std::optional<LeaseRequests> desk;
+  std::optional<LeaseRequests> requests;
   std::optional<DeadRunSearch> search;
   std::optional<Clock::time_point> searchAgain;
-  // Whose streams in the store are to be looked for: queues, and all of dead servers ("").
+  // Queues whose streams are to be searched for in the store; "" stands for all dead servers.
   std::set<std::string> unfinished;
   std::optional<Clock::time_point> recoverAgain;
   std::list<RecoveryProcess> recoveries;
   std::list<PairProcesses> pairs;
-  bool ready = false;  // all that was asked for is served
+  bool ready = false;  // everything that the options ask for is served
   std::optional<Clock::time_point> stopAt;
-  bool failed = false;  // to make the fixed pair at all
+  bool failed = false;  // the fixed pair could not be created even once
 };
 
 // SIGTERM, SIGINT, SIGCHLD, and SIGHUP unless it is ignored.

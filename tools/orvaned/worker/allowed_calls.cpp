@@ -47,7 +47,7 @@ constexpr AllowedCall kWorkerCalls[] = {
     {SYS_munmap, "free() of much memory"},
     {SYS_madvise, "free() gives pages back"},
 
-    // The end: by itself, by an exception that nobody catches, by a refused call.
+    // The end: by itself, by an uncaught exception, by a refused call.
     {SYS_rt_sigreturn, "returns from a signal's handler"},
     {SYS_rt_sigprocmask, "abort() lets its signal through"},
     {SYS_getpid, "abort() and the handler of refused calls signal this process"},
@@ -71,7 +71,7 @@ constexpr AllowedCall kOpeningCalls[] = {
 
 // A sanitizer looks at its own process when it starts, at an exception and at an error, and
 // coverage opens its files at the end. Such a build is for tests: it can open paths, unless
-// Landlock forbids them, and its confinement protects nobody.
+// Landlock forbids them, and its confinement protects nothing.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(ORVANE_COVERAGE) || \
     ORVANE_HAS_FEATURE(address_sanitizer) || ORVANE_HAS_FEATURE(thread_sanitizer) ||             \
     ORVANE_HAS_FEATURE(undefined_behavior_sanitizer)
@@ -92,14 +92,14 @@ constexpr AllowedCall kInstrumentationCalls[] = {
     {SYS_getrlimit, "the same"},
     {SYS_prctl, "the names of threads and of memory"},
     {SYS_sched_getaffinity, "how many processors there are"},
-    {SYS_set_robust_list, "a thread of the sanitizer's own"},
+    {SYS_set_robust_list, "a thread of the sanitizer"},
     {SYS_getrusage, "how much memory is in use"},
     {SYS_getppid, "an error: whose process this is"},
 #ifdef ORVANE_COVERAGE
     {SYS_getcwd, "where coverage has its files"},
     {SYS_mkdir, "the folders of these files"},
     {SYS_fcntl, "locks them"},
-    {SYS_ftruncate, "writes them anew"},
+    {SYS_ftruncate, "writes them again"},
     {SYS_pread64, "reads them"},
 #endif
 };

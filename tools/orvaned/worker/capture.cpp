@@ -16,8 +16,7 @@
 namespace orvaned {
 namespace {
 
-// Without waiting for the other end of a pipe, which is refused then: a full one would block the
-// stream.
+// Does not wait for the other end of a pipe. A pipe is refused: a full one would block the stream.
 tool::Fd openCapture(const std::string& path) {
   tool::Fd file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0600));
   struct stat status = {};
@@ -47,11 +46,11 @@ void checkCapture(const std::string& path) {
   }
 }
 
-Capture::Capture(std::string filePath, std::string queueName)
-    : path(std::move(filePath)), queue(std::move(queueName)) {
+Capture::Capture(std::string path, std::string queue)
+    : path(std::move(path)), queue(std::move(queue)) {
   try {
-    if (!path.empty()) {
-      file = openCapture(path);
+    if (!this->path.empty()) {
+      file = openCapture(this->path);
     }
   } catch (const std::runtime_error& e) {
     warn(e.what());
@@ -71,7 +70,7 @@ void Capture::append(std::span<const unsigned char> message) {
   if (written == static_cast<ssize_t>(size)) {
     return;
   }
-  // A part of a message stays: this file can only be appended to, and readers skip the part.
+  // An incomplete message stays in the file, which can only be appended to; readers skip it.
   warn(written < 0
            ? std::generic_category().message(errno)
            : "it took only " + std::to_string(written) + " of " + std::to_string(size) + " bytes");

@@ -8,12 +8,13 @@
 
 namespace orvaned {
 
-// Throws std::runtime_error unless messages can be appended to `path`; an empty path is no capture.
+// Throws std::runtime_error if messages cannot be appended to `path`. An empty path means no
+// capture.
 void checkCapture(const std::string& path);
 
-// Appends each message of a queue to the file of --capture, as it came. The workers share that
-// file: a message is one write at its end (docs/format.md draws it). Never throws: what goes wrong
-// ends capturing, with a warning, and nothing else.
+// Appends each message of a queue unchanged to the file of --capture. The workers share that file:
+// a message is one write at its end (docs/format.md draws it). Never throws: an error ends only the
+// capture, with a warning.
 class Capture {
  public:
   Capture() = default;  // captures nothing, as with an empty path

@@ -29,7 +29,7 @@ namespace {
   throw std::system_error(error, std::generic_category(), what);
 }
 
-// What reads a file the first time that it is needed.
+// Calls that read a file when they are first used.
 void readFilesOfTheLibrary() {
   tzset();  // for gmtime_r() and localtime_r()
 }
@@ -52,7 +52,7 @@ void endWith(pid_t parent, int signal) {
   }
 }
 
-// The kernel takes away the ambient ones as well: they are never more than the permitted ones.
+// The kernel removes the ambient ones as well: they are always a part of the permitted ones.
 void dropCapabilities() {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
@@ -89,13 +89,13 @@ void handleRefusedCalls(std::atomic<int>* refusedCall) {
   sigprocmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
-// libseccomp would try prctl() where seccomp() is refused, and then nobody would learn of it.
+// If seccomp() is refused, libseccomp tries prctl() instead, and that would hide the refusal.
 bool kernelHasSeccomp() {
   syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, 0, nullptr);
   if (errno == ENOSYS || errno == EINVAL) {
     return false;
   }
-  if (errno != EFAULT) {  // which is what it says to the null pointer
+  if (errno != EFAULT) {  // the answer to the null pointer
     fail(errno, "the system refuses seccomp (--without seccomp goes on without it)");
   }
   return true;
@@ -107,9 +107,9 @@ class Filter {
     if (context == nullptr) {
       fail(ENOMEM, "seccomp_init");
     }
-    // Calls by another architecture's numbers, i386 or x32, have no number that could be told.
+    // A call by another architecture's numbers, i386 or x32, has no number to report.
     set(SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS);
-    set(SCMP_FLTATR_CTL_NNP, 0);  // dropRights() has done that, and prctl() may be refused by now
+    set(SCMP_FLTATR_CTL_NNP, 0);  // dropRights() did that, and prctl() may be refused by now
     set(SCMP_FLTATR_API_SYSRAWRC, 1);
     set(SCMP_FLTATR_CTL_OPTIMIZE, 2);  // a tree instead of a list: it is walked at every call
   }
@@ -163,7 +163,7 @@ class Filter {
 void closeAllBut(std::vector<int> kept) {
   kept.push_back(STDERR_FILENO);
   std::sort(kept.begin(), kept.end());
-  unsigned next = 0;  // what is not decided yet
+  unsigned next = 0;  // the first descriptor that is not decided yet
   const auto closeUntil = [&next](unsigned last) {
     if (next <= last && syscall(SYS_close_range, next, last, 0) != 0) {
       fail(errno, "close_range");

@@ -26,13 +26,13 @@ std::string seconds(std::chrono::seconds limit) {
 
 }  // namespace
 
-EndWatch::EndWatch(LeaseConnection* leaseConnection, std::chrono::seconds limit)
-    : lease(leaseConnection),
-      idleLimit(limit),
-      idle{"no record came for " + seconds(limit),
-           "no record came for " + seconds(limit) + ": attach to the queue anew"},
+EndWatch::EndWatch(LeaseConnection* lease, std::chrono::seconds idleLimit)
+    : lease(lease),
+      idleLimit(idleLimit),
+      idle{"no record came for " + seconds(idleLimit),
+           "no record came for " + seconds(idleLimit) + ": attach to the queue anew"},
       signals(terminationSignal()),
-      // The connection alone does not tell: a forked child may hold it.
+      // The connection alone is not enough: a forked child may hold it.
       producer(lease != nullptr ? lease->pidfd() : -1) {}
 
 const Ending* EndWatch::within(std::chrono::microseconds pause) {

@@ -9,14 +9,14 @@
 
 namespace orvaned {
 
-// Tells a worker when to end: at SIGTERM (which must be blocked), when its lease's producer died or
+// Decides when a worker ends: at SIGTERM (which must be blocked), when its lease's producer died or
 // left, or when a queue that was used has been idle for too long.
 class EndWatch {
  public:
-  // Without a lease for a null pointer; without a limit for 0.
+  // `lease` is null for a queue with a fixed name. An `idleLimit` of 0 is no limit.
   EndWatch(LeaseConnection* lease, std::chrono::seconds idleLimit);
 
-  // An EndWithin. A pause of 0 is one behind a batch.
+  // An EndWithin. A pause of 0 means that a batch has just been received.
   const Ending* within(std::chrono::microseconds pause);
 
  private:
@@ -28,7 +28,7 @@ class EndWatch {
   const std::chrono::seconds idleLimit;
   const Ending idle;
   tool::Fd signals;
-  const int producer;  // the connection's
+  const int producer;  // the pidfd of the lease's producer, or -1
   std::optional<Clock::time_point> lastBatch;
 };
 

@@ -5,9 +5,9 @@
 
 namespace orvaned {
 
-// Memory that ends exactly where memory without access begins, and has such memory before it too:
-// at least 64 KiB on either side. A message whose size its sender forged, in the queue's own
-// header, does not get far beyond the buffer: the process that copies it ends.
+// A buffer with at least 64 KiB of inaccessible memory before it and directly after it. If a sender
+// forged a message's size in the queue's own header, the process that copies the message ends at
+// the border.
 class GuardedBuffer {
  public:
   // Throws std::bad_alloc.

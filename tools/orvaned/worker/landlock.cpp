@@ -11,8 +11,8 @@
 namespace orvaned {
 namespace {
 
-// The kernel's own definitions, as Linux 6.12 has them: the headers of Debian 12 end with
-// version 2. The kernel takes a structure that is longer than its own as long as the rest is zero.
+// The kernel's own definitions, as in Linux 6.12: the headers of Debian 12 end with version 2. A
+// kernel accepts a structure that is longer than its own if the rest is zero.
 struct RulesetAttributes {
   std::uint64_t files;
   std::uint64_t network;

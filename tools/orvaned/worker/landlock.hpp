@@ -4,7 +4,7 @@
 
 namespace orvaned {
 
-// What a version of Landlock (its "ABI") can forbid. A kernel refuses bits that it does not know.
+// The rights that a version of Landlock (its "ABI") can forbid. A kernel refuses unknown bits.
 struct LandlockRights {
   std::uint64_t files;
   std::uint64_t network;
@@ -13,12 +13,12 @@ struct LandlockRights {
 
 LandlockRights landlockRights(int version);
 
-// The version that this kernel has; 0: it has none, or has it switched off. Throws
+// This kernel's version of Landlock; 0: the kernel has none, or it is switched off. Throws
 // std::system_error when the call is refused.
 int landlockVersion();
 
-// Forbids this process all that `version` can forbid, except to open `allowedFile`, as for
-// dropRights(). With version 0 it does nothing. Throws std::system_error.
+// Forbids this process everything that `version` can forbid, except opening `allowedFile` (see
+// dropRights()). Version 0 forbids nothing. Throws std::system_error.
 void forbidPaths(int version, int allowedFile);
 
 }  // namespace orvaned

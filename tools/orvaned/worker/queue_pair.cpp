@@ -25,16 +25,16 @@ constexpr std::size_t kPage = 4096;
 constexpr unsigned kSuccessPriority = 0;
 constexpr unsigned kErrorPriority = 1;
 
-// As many answers as can be owed at once: to the messages that wait, to the one being stored, and a
-// farewell. A producer that takes one answer for each message that it sends never fills the queue.
-constexpr std::size_t kAnswersBeyondMessages = 2;
+// The most responses that can wait at once: one for each waiting message, one for the message being
+// stored, and a notice. A producer that receives one response per message never fills the queue.
+constexpr std::size_t kResponsesBeyondMessages = 2;
 
-// Boost's layout: a header, and for each message a pointer, a header and whole 8-byte words.
+// Boost's layout: a header, then for each message a pointer, a header and whole 8-byte words.
 std::size_t bytesOfQueue(std::size_t messages, std::size_t messageSize) {
   return 208 + messages * (24 + (messageSize + 7) / 8 * 8);
 }
 
-// Asked before anything is created: a queue that outgrows /dev/shm fails all its other users too.
+// Checked before anything is created: a queue that fills /dev/shm would harm all its other users.
 const Geometry& checkRoom(const Geometry& geometry) {
   const std::size_t needed = bytesOfPair(geometry);
   const auto available = std::filesystem::space(kShmFolder).available;
@@ -55,12 +55,12 @@ std::string pathOf(const std::string& name) {
                            std::generic_category().message(error));
 }
 
-// The group of a producer that is another user.
+// The group of a producer that runs as another user.
 std::optional<gid_t> readersOf(const std::optional<Owner>& owner) {
   return owner && owner->user != geteuid() ? std::optional(owner->group) : std::nullopt;
 }
 
-// By its group, where this process may not give files away.
+// If this process may not change the owner, the group gets the file.
 void giveTo(const Owner& owner, const std::string& name) {
   const std::string path = pathOf(name);
   if (owner.user == geteuid() || chown(path.c_str(), owner.user, owner.group) == 0) {
@@ -78,7 +78,7 @@ void giveTo(const Owner& owner, const std::string& name) {
 
 std::size_t bytesOfPair(const Geometry& geometry) {
   return bytesOfQueue(geometry.messages, geometry.messageSize) +
-         bytesOfQueue(geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t)) +
+         bytesOfQueue(geometry.messages + kResponsesBeyondMessages, sizeof(pvk_shm_response_t)) +
          kPage;  // for the totals
 }
 
@@ -100,7 +100,7 @@ void QueuePair::Queue::create(std::size_t messages, std::size_t messageSize, mod
                   ipc::permissions(mode));
   } catch (const ipc::interprocess_exception& e) {
     if (e.get_error_code() != ipc::already_exists_error) {
-      // Where the memory ran out, Boost leaves an empty file behind.
+      // When memory runs out, Boost leaves an empty file.
       ipc::message_queue::remove(privateName.c_str());
     }
     failToCreate(name, e.get_native_error());
@@ -111,7 +111,7 @@ void QueuePair::Queue::publish(std::optional<Owner> owner) {
   if (owner) {
     giveTo(*owner, privateName);
   }
-  // Unlike rename(), link() never replaces what somebody else has there.
+  // Unlike rename(), link() never replaces another program's file.
   if (link(pathOf(privateName).c_str(), pathOf(name).c_str()) != 0) {
     if (errno == EEXIST) {
       throw std::runtime_error("the queue " + name + " is in use: take another name, or remove " +
@@ -136,16 +136,16 @@ QueuePair::QueuePair(const std::string& name, const Geometry& geometry, std::opt
       responseBuffer(sizeof(pvk_shm_response_t)),
       published(name, geometry, readersOf(owner),
                 owner ? std::optional(owner->user) : std::nullopt),
-      response(orvane::getMessageQueueResponseName(name),
-               geometry.messages + kAnswersBeyondMessages, sizeof(pvk_shm_response_t),
-               geometry.mode, owner),
-      send(name, geometry.messages, geometry.messageSize, geometry.mode, owner) {}
+      responseQueue(orvane::getMessageQueueResponseName(name),
+                    geometry.messages + kResponsesBeyondMessages, sizeof(pvk_shm_response_t),
+                    geometry.mode, owner),
+      sendQueue(name, geometry.messages, geometry.messageSize, geometry.mode, owner) {}
 
 std::optional<std::span<const unsigned char>> QueuePair::receive() {
   ipc::message_queue::size_type size = 0;
   unsigned priority = 0;
   const QueueCall call(watched);
-  if (!send.queue->try_receive(buffer.data(), buffer.size(), size, priority)) {
+  if (!sendQueue.queue->try_receive(buffer.data(), buffer.size(), size, priority)) {
     return std::nullopt;
   }
   watched.messages.store(watched.messages.load(std::memory_order_relaxed) + 1,
@@ -154,23 +154,23 @@ std::optional<std::span<const unsigned char>> QueuePair::receive() {
 }
 
 void QueuePair::leaveNames() {
-  response.removesName = false;
-  send.removesName = false;
+  responseQueue.removesName = false;
+  sendQueue.removesName = false;
   published.leaveName();
 }
 
 std::size_t QueuePair::waiting() {
   const QueueCall call(watched);
-  return send.queue->get_num_msg();
+  return sendQueue.queue->get_num_msg();
 }
 
-void QueuePair::answer(const pvk_shm_response_t& answer) {
+void QueuePair::answer(const pvk_shm_response_t& response) {
   postPending();
   if (pending) {
     return;
   }
-  if (!post(answer) && answer.status != 0) {
-    pending = answer;
+  if (!post(response) && response.status != 0) {
+    pending = response;
   }
 }
 
@@ -180,24 +180,24 @@ void QueuePair::postPending() {
   }
 }
 
-void QueuePair::discardAnswers() {
+void QueuePair::discardResponses() {
   pending.reset();
   ipc::message_queue::size_type size = 0;
   unsigned priority = 0;
-  // Bounded: another producer may be posting into this queue what it likes.
-  for (std::size_t n = response.queue->get_max_msg(); n > 0; --n) {
+  // Bounded, because another producer may be posting into this queue all the time.
+  for (std::size_t n = responseQueue.queue->get_max_msg(); n > 0; --n) {
     const QueueCall call(watched);
-    if (!response.queue->try_receive(responseBuffer.data(), responseBuffer.size(), size,
-                                     priority)) {
+    if (!responseQueue.queue->try_receive(responseBuffer.data(), responseBuffer.size(), size,
+                                          priority)) {
       return;
     }
   }
 }
 
-bool QueuePair::post(const pvk_shm_response_t& answer) {
+bool QueuePair::post(const pvk_shm_response_t& response) {
   const QueueCall call(watched);
-  return response.queue->try_send(&answer, sizeof(answer),
-                                  answer.status == 0 ? kSuccessPriority : kErrorPriority);
+  return responseQueue.queue->try_send(&response, sizeof(response),
+                                       response.status == 0 ? kSuccessPriority : kErrorPriority);
 }
 
 }  // namespace orvaned

@@ -16,41 +16,41 @@
 
 namespace orvaned {
 
-// Whom a pair is given to.
+// The user and group that get a leased pair.
 struct Owner {
   uid_t user;
   gid_t group;
 };
 
-// Bytes of /dev/shm that a pair takes.
+// Bytes of /dev/shm that a pair needs.
 std::size_t bytesOfPair(const Geometry& geometry);
 
 // A send queue and its response queue in /dev/shm, and the file of its totals, created and removed
-// with this object. Nothing here waits inside a queue. What Boost throws passes through: the pair
-// is then of no more use.
+// with this object. Nothing here waits inside a queue. Exceptions of Boost pass through; after one,
+// the pair cannot be used any more.
 class QueuePair {
  public:
-  // Throws std::runtime_error, leaving nothing behind, when a name is taken, there is no room, or
-  // the pair cannot be given to `owner`. Without one it stays this process's user's. `heartbeat`
-  // is told of each call into the queues.
+  // Throws std::runtime_error, and leaves no file, when a name is in use, there is no room, or the
+  // pair cannot be given to `owner`. Without an owner it stays with this process's user.
+  // `heartbeat` counts each call into the queues.
   QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner = {},
             Heartbeat* heartbeat = nullptr);
 
-  // The next message, if one is there; valid until the next call.
+  // The next message, if there is one; valid until the next call.
   std::optional<std::span<const unsigned char>> receive();
 
   // Messages that wait in the send queue.
   std::size_t waiting();
 
-  // Posts an answer; errors overtake successes. While the response queue is full, successes are
+  // Posts a response; errors overtake successes. While the response queue is full, successes are
   // dropped, and the first error is kept until postPending() finds room for it.
   void answer(const orvane::pvk_shm_response_t& response);
   void postPending();
 
-  // Throws away the answers that nobody took.
-  void discardAnswers();
+  // Removes the responses that no producer has received.
+  void discardResponses();
 
-  // From now on somebody else removes the names: this process is about to lose the right to.
+  // From now on another process removes the names: this one is about to lose the right to do it.
   void leaveNames();
 
   // Messages that the send queue can hold.
@@ -82,10 +82,11 @@ class QueuePair {
   Heartbeat& watched;
   const std::size_t most;              // messages that the send queue holds
   const GuardedBuffer buffer;          // for a message
-  const GuardedBuffer responseBuffer;  // for an answer that nobody took
-  StatsFile published;                 // before the queues: there is none without it
-  Queue response;  // before the send queue: a producer that finds that one must find both
-  Queue send;
+  const GuardedBuffer responseBuffer;  // for a response that no producer received
+  StatsFile published;                 // created before the queues, which must not exist without it
+  Queue responseQueue;  // created before the send queue: a producer that finds the send queue
+                        // relies on it
+  Queue sendQueue;
   std::optional<orvane::pvk_shm_response_t> pending;
 };
 

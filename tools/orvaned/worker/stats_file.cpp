@@ -56,7 +56,7 @@ StatsFile::StatsFile(const std::string& queueName, const Geometry& geometry,
   publish(geometry, readers, user);
 }
 
-// A file with holes would do until /dev/shm is full, and then kill whoever writes into it.
+// A file with holes would work until /dev/shm is full; then a write into it would kill the worker.
 void StatsFile::allocate() {
   if (const int error = posix_fallocate(file.get(), 0, sizeof(QueueStats))) {
     fail(path, error);
@@ -72,7 +72,7 @@ void StatsFile::allocate() {
 void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
                         std::optional<uid_t> user) {
   lock(file.get());
-  // Where the group cannot be given, the queues cannot either, which is reported with them.
+  // If the group cannot be set here, it cannot be set for the queues, which report the error.
   const bool given = readers && fchown(file.get(), static_cast<uid_t>(-1), *readers) == 0;
   fchmod(file.get(), given ? kGroupReads : kOwnersMode | (geometry.mode & kAnyoneReads));
   mapped->version = tool::kStatsVersion;

@@ -25,17 +25,17 @@ void checkNoData(const pvk_shm_message_t& header) {
   }
 }
 
-void StreamState::takeOther(const pvk_shm_message_t& header) {
+void StreamState::checkOther(const pvk_shm_message_t& header) {
   if (header.type <= kRecordStop) {
-    takeNumber(header.seqNo);
+    checkNumber(header.seqNo);
   }
   if (header.type == kRecordSegmentData || header.type == kRecordEndOfSegment) {
-    takeSegment(header);
+    checkSegment(header);
   }
   fresh = false;
 }
 
-void StreamState::takeNumber(std::uint64_t seqNo) {
+void StreamState::checkNumber(std::uint64_t seqNo) {
   if (seqNo <= lastSeqNo) {
     throw Ox_ErrnoException(orvane::kOutOfOrder,
                             "sequence number out of order: expected above " +
@@ -44,14 +44,14 @@ void StreamState::takeNumber(std::uint64_t seqNo) {
   }
   std::uint64_t leftOut = seqNo - lastSeqNo - 1;
   if (!numberedSinceOpen && leftOut > 0) {
-    --leftOut;  // the writer's own gap behind its open record
+    --leftOut;  // the writer's own gap after its open record
   }
   skippedNumbers += leftOut;
   lastSeqNo = seqNo;
   numberedSinceOpen = true;
 }
 
-void StreamState::takeSegment(const pvk_shm_message_t& header) {
+void StreamState::checkSegment(const pvk_shm_message_t& header) {
   const std::uint64_t number = header.segmentNo;
   if (segmentInProgress && *segmentInProgress != number) {
     throwInvalid("a record of segment " + std::to_string(number) + " came before segment " +

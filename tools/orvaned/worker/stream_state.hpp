@@ -6,16 +6,16 @@
 
 namespace orvaned {
 
-// Throws Ox_ErrnoException (orvane::kInvalidRecord) when a record has data that its type has no use
-// for.
+// For types of records without data. Throws Ox_ErrnoException (orvane::kInvalidRecord) when a
+// record has data.
 void checkNoData(const orvane::pvk_shm_message_t& header);
 
-// Which record may come next in an open stream. Only the types that the writer numbers are checked
-// (0 to 4); records of other types are the producer's own affair.
+// Decides which record is valid next in an open stream. Only the types that the writer numbers
+// (0 to 4) are checked; records of other types may come in any order.
 //
 // Numbers: a writer's open record carries 0 and the next one 2, then it counts by one. A record
-// that the writer refused uses its number up, so forward gaps are valid; they are counted. Going
-// back or repeating is not: something was sent twice, or two producers share the queue.
+// that the writer refused uses its number up, so gaps are valid; they are counted. A number that
+// goes back or repeats is invalid: something was sent twice, or two producers share the queue.
 //
 // Segments: a segment's records come together, up to its end; its number is above that of every
 // segment with data before it. (An empty segment's number is used again.)
@@ -23,29 +23,29 @@ class StreamState {
  public:
   explicit StreamState(const orvane::pvk_shm_message_t& open) : lastSeqNo(open.seqNo) {}
 
-  // Throws Ox_ErrnoException (orvane::kOutOfOrder, orvane::kInvalidRecord), or takes the record as
-  // the last one.
-  void take(const orvane::pvk_shm_message_t& header) {
-    // Nearly all records go on with the segment, and small ones come 50 million times a second.
+  // Throws Ox_ErrnoException (orvane::kOutOfOrder, orvane::kInvalidRecord) if the record is invalid
+  // here; otherwise it counts as the last one.
+  void check(const orvane::pvk_shm_message_t& header) {
+    // Nearly all records continue the segment, and small ones come 50 million times a second.
     if (header.type == orvane::kRecordSegmentData && segmentHasData &&
         header.segmentNo == segmentInProgress && header.seqNo > lastSeqNo &&
         header.seqNo - lastSeqNo == 1) {
       ++lastSeqNo;
       return;
     }
-    takeOther(header);
+    checkOther(header);
   }
 
-  // Has nothing come since the open record?
+  // Has no record come since the open record?
   bool isFresh() const { return fresh; }
 
-  // How many sequence numbers were left out.
+  // How many sequence numbers were skipped.
   std::uint64_t skipped() const { return skippedNumbers; }
 
  private:
-  void takeOther(const orvane::pvk_shm_message_t& header);
-  void takeNumber(std::uint64_t seqNo);
-  void takeSegment(const orvane::pvk_shm_message_t& header);
+  void checkOther(const orvane::pvk_shm_message_t& header);
+  void checkNumber(std::uint64_t seqNo);
+  void checkSegment(const orvane::pvk_shm_message_t& header);
 
   std::uint64_t lastSeqNo;
   std::uint64_t skippedNumbers = 0;

@@ -23,7 +23,7 @@
 namespace orvaned {
 namespace {
 
-// The first letter of each line that comes from the child.
+// The first letter of each line from the child.
 constexpr char kInfo = 'i';
 constexpr char kWarning = 'w';
 constexpr char kError = 'e';
@@ -73,7 +73,7 @@ std::string aboutSeccomp(const Confinement& confinement, bool isOn) {
                                "have seccomp\n");
 }
 
-void say(int pipe, const std::string& lines) {
+void writeLines(int pipe, const std::string& lines) {
   if (write(pipe, lines.data(), lines.size()) < 0) {
     _exit(1);
   }
@@ -85,7 +85,7 @@ void confineAndReport(const Confinement& confinement, pid_t parent, std::atomic<
   std::string lines = aboutUser() + aboutCapabilities(confinement) +
                       aboutLandlock(confinement, confinement.landlock ? landlockVersion() : 0);
   lines += aboutSeccomp(confinement, restrictCalls(confinement, refusedCall));
-  say(pipe, lines);
+  writeLines(pipe, lines);
 }
 
 [[noreturn]] void runChild(const Confinement& confinement, pid_t parent,
@@ -93,7 +93,7 @@ void confineAndReport(const Confinement& confinement, pid_t parent, std::atomic<
   try {
     confineAndReport(confinement, parent, refusedCall, pipe);
   } catch (const std::exception& e) {
-    say(pipe, kError + std::string(e.what()) + "\n");
+    writeLines(pipe, kError + std::string(e.what()) + "\n");
   }
   _exit(0);
 }
@@ -168,7 +168,7 @@ std::vector<ConfinementLine> tryConfinement(const Confinement& confinement) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
-  // Some lines, for which a pipe has room.
+  // Waiting first is safe: a pipe has room for these few lines.
   std::vector<ConfinementLine> lines = linesOf(readAll(reading.get()));
   if (WIFSIGNALED(status)) {
     const int call = *refusedCall.get();

@@ -18,7 +18,7 @@ using orvane::server::LEVEL_WARNING;
 
 namespace {
 
-// For a producer that reads its receipts when the worker ends.
+// How long the worker waits at its end for the producer to read its receipts.
 constexpr std::chrono::seconds kTimeToRead{5};
 constexpr int kLookAgainMs = 100;
 
@@ -28,15 +28,15 @@ std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
 }
 
-Worker::Worker(std::string name, QueuePair& queuePair, Store& streamStore,
-               LeaseConnection* leaseConnection, Capture messageCapture)
-    : queueName(std::move(name)),
-      loggedName(doublePercent(queueName)),
-      queues(queuePair),
-      stats(queuePair.stats()),
-      store(streamStore),
-      lease(leaseConnection),
-      capture(std::move(messageCapture)) {}
+Worker::Worker(std::string queueName, QueuePair& queues, Store& store, LeaseConnection* lease,
+               Capture capture)
+    : queueName(std::move(queueName)),
+      loggedName(doublePercent(this->queueName)),
+      queues(queues),
+      stats(queues.stats()),
+      store(store),
+      lease(lease),
+      capture(std::move(capture)) {}
 
 const Ending& Worker::run(const EndWithin& endWithin) {
   try {
@@ -77,7 +77,7 @@ bool Worker::runOnce() {
 }
 
 void Worker::finish(const Ending& ending) {
-  // The count is the queue's own, which a hostile producer may have forged.
+  // A hostile producer may have forged the count, which is in the queue's memory.
   std::size_t count = std::min(queues.waiting(), queues.capacity());
   while (count-- > 0 && awaitReader(Unread::few)) {
     runOnce();
@@ -87,11 +87,11 @@ void Worker::finish(const Ending& ending) {
     log.log(LEVEL_WARNING, __func__, orvane::kBadBatch,
             "queue %s: %lu bad batches were refused in all", loggedName.c_str(), badBatches);
   }
-  farewell(ending.farewell);
+  postNotice(ending.notice);
   awaitReader(Unread::none);
 }
 
-// The receipts that nobody reads must not take all memory.
+// Unread receipts must not use up the memory.
 bool Worker::mayTake() {
   if (lease == nullptr) {
     return true;
@@ -107,7 +107,7 @@ bool Worker::mayTake() {
   return !awaited;
 }
 
-// A producer that does not read is waited for once.
+// Waits only once for a producer that does not read.
 bool Worker::awaitReader(Unread wanted) {
   if (lease == nullptr) {
     return true;
@@ -173,8 +173,8 @@ void Worker::take(const Entry& entry) {
 
 void Worker::open(const Header& header) {
   checkNoData(header);
-  // Otherwise this stream's producer would be thrown the errors of the one before.
-  queues.discardAnswers();
+  // Otherwise this stream's producer would get the errors of the previous one.
+  queues.discardResponses();
   broken.reset();
   if (stream && stream->state.isFresh()) {
     stream->state = StreamState(header);
@@ -186,7 +186,7 @@ void Worker::open(const Header& header) {
     stream = Stream{StreamState(header), store.createStream()};
   } catch (const Ox_ErrnoException& e) {
     broken = e;
-    tellFailure(e.status(), e.message());
+    reportFailure(e.status(), e.message());
     throw;
   }
   tool::add(stats.streams, 1);
@@ -203,9 +203,9 @@ void Worker::close(const Header& header, orvane::StreamEnd how) {
   }
   checkNoData(header);
   if (stream) {
-    stream->state.take(header);
+    stream->state.check(header);
     stream->folder->end(how, "", stream->state.skipped());
-    tell(concludeStream());
+    send(concludeStream());
   }
 }
 
@@ -218,7 +218,7 @@ void Worker::storeRecord(const Entry& entry) {
     store.storeOutside(entry);
     return countRecord(entry);
   }
-  stream->state.take(entry.header);
+  stream->state.check(entry.header);
   switch (entry.header.type) {
     case orvane::kRecordSegmentData:
       stream->folder->storeSegmentData(entry);
@@ -238,12 +238,12 @@ void Worker::countRecord(const Entry& entry) {
   tool::add(stats.bytes, entry.header.len);
 }
 
-// As receipts count: a segment without data is none.
+// Receipts do not count segments without data either.
 void Worker::countSegment() {
   tool::add(stats.segments, std::exchange(stream->segmentHasData, false) ? 1 : 0);
 }
 
-// At the end of each batch, so that its answer tells of a disk that is full.
+// At the end of each batch, so that its response reports a full disk.
 void Worker::flush() {
   try {
     if (stream) {
@@ -293,7 +293,7 @@ void Worker::fail(const char* function, const Ox_ErrnoException& error) {
   }
 }
 
-// Ends the stream, if there is one, where nobody asked for it: what fails then is only logged.
+// Ends an open stream without its producer's request, so a failure is only logged.
 void Worker::abandonStream(orvane::StreamEnd how, const std::string& reason, ox_status_t status) {
   if (!stream) {
     return;
@@ -305,9 +305,9 @@ void Worker::abandonStream(orvane::StreamEnd how, const std::string& reason, ox_
   }
   const orvane::Receipt receipt = concludeStream();
   if (status == 0) {
-    tell(receipt);
+    send(receipt);
   } else {
-    tellFailure(status, reason);
+    reportFailure(status, reason);
   }
 }
 
@@ -321,17 +321,17 @@ orvane::Receipt Worker::concludeStream() {
   return receipt;
 }
 
-void Worker::tellFailure(ox_status_t status, const std::string& reason) {
-  tell(orvane::StreamFailed{status, reason});
+void Worker::reportFailure(ox_status_t status, const std::string& reason) {
+  send(orvane::StreamFailed{status, reason});
 }
 
-void Worker::tell(const orvane::LeaseReply& reply) {
+void Worker::send(const orvane::LeaseReply& reply) {
   if (lease != nullptr) {
     lease->send(reply);
   }
 }
 
-void Worker::farewell(const std::string& reason) {
+void Worker::postNotice(const std::string& reason) {
   pvk_shm_response_t response;
   response.assign(orvane::kServerEnding, reason.c_str());
   queues.answer(response);
@@ -340,9 +340,9 @@ void Worker::farewell(const std::string& reason) {
 void Worker::giveUp(const std::string& reason) {
   abandonStream(orvane::StreamEnd::broken, reason, orvane::kServerEnding);
   try {
-    farewell(reason);
+    postNotice(reason);
   } catch (const interprocess_exception&) {
-    // The response queue is beyond use as well.
+    // The response queue cannot be used either.
   }
   throw PairFailed("queue " + queueName + ": " + reason);
 }

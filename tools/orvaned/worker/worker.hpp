@@ -31,59 +31,61 @@ class Pause {
   std::chrono::microseconds length = kShortest;
 };
 
-// The queues are of no more use: a process died or hangs inside one. The worker has ended its
-// stream and said so.
+// The queues cannot be used any more: a process died or hangs inside one. The worker has ended its
+// stream and posted a notice.
 class PairFailed : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Serves one queue pair: takes its batches, stores what they carry, answers each of them once.
+// Serves one queue pair: receives its batches, stores their records, answers each batch once.
 //
-// A stream begins with its open record and ends with close or stop. What refuses a record of it
-// breaks it: a message that is no batch, a record that may not come, a store that fails. Something
-// is lost then, so the stream ends there, as broken; its later records are dropped and answered
-// with the same error, up to its close or stop (answered so too) or the next open.
+// A stream begins with its open record and ends with close or stop. It breaks when something of it
+// is lost: a message is not a batch, a record is invalid, or the store fails. The stream then ends
+// as broken; its later records are dropped and answered with the same error, up to and including
+// its close or stop, or up to the next open.
 //
-// An open record while a stream is open cuts that stream off. But when nothing came since its own
-// open record it is taken for a repetition: a writer whose open() failed tries again, and that
-// should leave no empty folder behind. A close or stop without an open stream is a repetition as
-// well, and no error. Other records outside a stream are kept apart.
+// An open record while a stream is open cuts that stream off. But if no other record has come since
+// the stream's own open record, it counts as a repetition: a writer whose open() failed tries
+// again, and that should not leave an empty folder. A close or stop without an open stream is a
+// repetition as well, and not an error. Other records outside a stream are stored separately.
 //
-// A success is answered without text while a stream is open, else with the receipt of the last one.
-// A lease is told of each stream's end: its receipt, or "failed STATUS REASON" when it was not
-// stored whole. While its producer leaves too many of them unread, no batch is taken.
+// The response to a success has no text while a stream is open; after that, it is the receipt of
+// the last stream. A lease is sent the end of each stream: its receipt, or "failed STATUS REASON"
+// if it was not stored whole. While its producer leaves too many of these unread, no batch is
+// received.
 class Worker {
  public:
-  // A null pointer: the queue is no lease's.
+  // `lease` is null for a queue with a fixed name.
   Worker(std::string queueName, QueuePair& queues, Store& store, LeaseConnection* lease = nullptr,
          Capture capture = {});
 
-  // Takes one batch, if there is one. What Boost throws passes through.
+  // Receives one batch, if there is one. Exceptions of Boost pass through.
   bool runOnce();
 
   // The same; returns how long to wait before the next look.
   std::chrono::microseconds step();
 
-  // Takes batches until it is to end, then finishes; returns why it ended. When the queues fail,
-  // ends the open stream as broken, tells the producer if that is still possible, and throws
+  // Serves until the worker is to end, then finishes; returns why it ended. When the queues fail,
+  // it ends the open stream as broken, posts a notice if that is still possible, and throws
   // PairFailed.
   const Ending& run(const EndWithin& endWithin);
 
-  // Takes what waits in the send queue now, at most as many messages as it holds; cuts an open
-  // stream off; posts a notice; and gives a producer that reads its receipts some seconds to.
+  // Receives what waits in the send queue now, but not more messages than the queue can hold. Then
+  // it cuts an open stream off, posts a notice, and waits some seconds for the producer to read its
+  // receipts.
   void finish(const Ending& ending);
 
  private:
   using Entry = orvane::ShmBatch::Entry;
   using Header = orvane::pvk_shm_message_t;
 
-  // Of a lease's receipts.
+  // How many of a lease's receipts may still be unread.
   enum class Unread { few, none };
 
   struct Stream {
     StreamState state;
     std::unique_ptr<StreamFolder> folder;
-    bool segmentHasData = false;  // the one in progress
+    bool segmentHasData = false;  // the segment in progress
   };
 
   void takeBatch(std::span<const unsigned char> message);
@@ -103,27 +105,28 @@ class Worker {
   void fail(const char* function, const Ox_ErrnoException& error);
   void abandonStream(orvane::StreamEnd how, const std::string& reason, ox_status_t status = 0);
   orvane::Receipt concludeStream();
-  void tellFailure(ox_status_t status, const std::string& reason);
-  void tell(const orvane::LeaseReply& reply);
+  void reportFailure(ox_status_t status, const std::string& reason);
+  void send(const orvane::LeaseReply& reply);
   bool mayTake();
   bool awaitReader(Unread wanted);
   void publishUnread();
-  void farewell(const std::string& reason);
+  void postNotice(const std::string& reason);
   [[noreturn]] void giveUp(const std::string& reason);
 
   const orvane::server::Logger log{"worker"};
   const std::string queueName;
-  const std::string loggedName;  // of the queue, fit for a line of the log
+  const std::string loggedName;  // of the queue, with each % doubled
   QueuePair& queues;
   tool::QueueStats& stats;
   Store& store;
   LeaseConnection* const lease;
   Capture capture;
-  bool receiptsAwaited = false;  // no batch is taken until some were read
-  bool readerGivenUp = false;    // at the end: it does not read
+  bool receiptsAwaited = false;  // no batch is received until some are read
+  bool readerGivenUp = false;    // at the end: the producer does not read
   std::optional<Stream> stream;
-  std::optional<Ox_ErrnoException> broken;      // the error of a broken stream that is not over
-  std::optional<Ox_ErrnoException> batchError;  // the first one in the batch at hand
+  std::optional<Ox_ErrnoException>
+      broken;  // of a broken stream, until its close, stop or the next open
+  std::optional<Ox_ErrnoException> batchError;  // the first one in this batch
   std::uint64_t badBatches = 0;                 // refused since the start
   std::string lastReceipt;                      // empty while a stream is open
   Pause pause;
