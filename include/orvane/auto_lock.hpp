@@ -6,7 +6,7 @@ namespace orvane {
 
 // Holds a POSIX mutex while it is in scope:
 //   AutoLock lock(mutex);
-// The mutex must outlive it.
+// The mutex must outlive this object.
 class AutoLock {
  public:
   explicit AutoLock(pthread_mutex_t& lockedMutex) : mutex(lockedMutex) {

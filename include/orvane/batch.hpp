@@ -10,12 +10,13 @@
 
 namespace orvane {
 
-// A buffer that packs records for one queue message: 8 bytes of metadata, then each record's
+// A buffer that packs records into one message of a queue: 8 bytes of metadata, then each record's
 // 48-byte header and its data, without padding (docs/format.md draws it).
 //   ShmBatch batch(1024);
 //   batch.pushBack(ShmBatch::Entry(header, data));
 //   send(batch.getRaw(), batch.getRawSize());
-// Owns its buffer. One thread at a time. Errors are Ox_ErrnoException.
+// A batch owns its buffer. One thread uses it at a time. Errors are Ox_ErrnoException. No call
+// blocks.
 class ORVANE_API ShmBatch {
  public:
   // The block at the start of the buffer, big-endian:  0 magic 4   4 numEntries 4
@@ -25,27 +26,27 @@ class ORVANE_API ShmBatch {
 
     MetaData() {}  // NOLINT(modernize-use-equals-default): as pvk_shm_message_t
 
-    // kSerializedSize.
+    // Returns kSerializedSize.
     static unsigned long getSerializedSize();
 
     // Writes the 8-byte form at `p`; returns p + 8. Never fails.
     unsigned char* serializeToBuffer(unsigned char* p) const;
 
     // Reads the 8 bytes at `p`; returns p + 8. Throws kStatusCorruptMagic when the magic word is
-    // not kMagic; the record then holds what was read.
+    // not kMagic; the fields then hold what was read.
     const unsigned char* deserializeFromBuffer(const unsigned char* p);
 
     std::uint32_t magic = kMagic;
     std::uint32_t numEntries = 0;
   };
 
-  // A header and a pointer to its data. The data is not owned: it is the producer's on the way in
-  // and the batch buffer's on the way out.
+  // A header and a pointer to its data, which the entry does not own: the data belongs to the
+  // caller of pushBack, and to the buffer that an entry was read from.
   struct ORVANE_API Entry {
     Entry(const pvk_shm_message_t& entryHeader, const unsigned char* entryData)
         : header(entryHeader), data(entryData) {}
 
-    // All ten header fields are zero, the magic word too, so that nothing in an entry which is
+    // Sets all ten header fields to zero, also the magic word, so that nothing in an entry which is
     // about to be read looks valid. Callers convert.
     // NOLINTNEXTLINE(google-explicit-constructor)
     Entry(const unsigned char* entryData) : data(entryData) {
@@ -54,11 +55,11 @@ class ORVANE_API ShmBatch {
     }
 
     pvk_shm_message_t header;
-    const unsigned char* data;  // null in an entry that was read back without data
+    const unsigned char* data;  // null in an entry without data that was read from a batch
   };
 
-  // An empty batch with room for `bufferSize` bytes, metadata included. Throws
-  // kStatusInvalidArgument below 8.
+  // Makes an empty batch with room for `bufferSize` bytes, the metadata included. Throws
+  // kStatusInvalidArgument if that is less than 8.
   ShmBatch(unsigned long bufferSize);  // NOLINT(google-explicit-constructor): callers convert
   ~ShmBatch();
   ShmBatch(const ShmBatch&) = delete;
@@ -67,33 +68,33 @@ class ORVANE_API ShmBatch {
   // Throws kStatusInvalidArgument when `bufferSize` is less than the metadata's 8 bytes.
   static void validBufferSizeAssert(unsigned long bufferSize);
 
-  // The bytes to hand to a reader: the first getRawSize() at getRaw(), complete after every call.
-  // The pointer stays the same for the batch's life.
+  // The bytes to send are the first getRawSize() at getRaw(). They are a whole batch after every
+  // call, and the pointer stays the same for the batch's life.
   const unsigned char* getRaw() const;
-  unsigned long getRawSize() const;  // bytes in use, 8 when empty; not the capacity
+  unsigned long getRawSize() const;  // the bytes in use, 8 when empty; not the capacity
 
   unsigned int getNumEntries() const;
   bool empty() const;
 
-  // Would pushBack have room for this entry's header and header.len bytes?
+  // Returns true if pushBack has room for this entry's header and header.len bytes.
   bool canStore(const Entry& entry) const;
 
-  // Forgets the entries and keeps the capacity; the old bytes stay where they are.
+  // Removes all entries and keeps the capacity. The bytes of the entries are not overwritten.
   void clear();
 
   // Copies the header and header.len bytes of data into the batch. Throws kStatusNoRoom, or
-  // kStatusInvalidArgument for a null pointer with a len; the entries are then as before.
+  // kStatusInvalidArgument if the pointer is null and len is not 0; the entries are then as before.
   void pushBack(const Entry& entry);
 
-  // Entry `index`, found by walking the earlier ones; its data points into this batch and is valid
-  // until the batch changes. Throws kStatusInvalidArgument past the end.
+  // Returns entry `index`, which it finds by walking over the entries before it. The entry's data
+  // points into this batch and is valid until the batch changes. Throws kStatusInvalidArgument if
+  // there is no such entry.
   Entry getEntry(unsigned long index) const;
 
-  // Replaces `entries` by those of a received batch; their data points into `buffer`.
-  // Trusts its writer: only the magic words and the 8-byte minimum are checked, so it must not be
-  // used on bytes from a process that is not trusted (BatchView is for those). Throws
-  // kStatusInvalidArgument or kStatusCorruptMagic; `entries` is untouched when the metadata is bad,
-  // and holds the entries before the bad header otherwise.
+  // Replaces `entries` by those of a received batch; their data points into `buffer`. It checks
+  // only the magic words and that there are 8 bytes, so do not use it on bytes from a process that
+  // is not trusted: use BatchView. Throws kStatusInvalidArgument or kStatusCorruptMagic. If the
+  // metadata is bad, `entries` is unchanged; if a header is bad, it holds the entries before it.
   static void getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* buffer,
                                    unsigned long bufferSize);
 
@@ -111,16 +112,16 @@ class ORVANE_API ShmBatch {
   unsigned char* writePos;  // always buffer + used
 };
 
-// "type=T, len=L" and, when there is data, ", crc=C" with the data's Adler-32 (RFC 1950).
+// Writes "type=T, len=L" and, when there is data, ", crc=C" with the data's Adler-32 (RFC 1950).
 ORVANE_API std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry);
 
-// "ShmBatch: entries=N, bufferSize=B, used=U", then ", [i]: " and the text of each entry.
+// Writes "ShmBatch: entries=N, bufferSize=B, used=U", then ", [i]: " and the text of each entry.
 ORVANE_API std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);
 
 ORVANE_API bool operator==(const ShmBatch::MetaData& a, const ShmBatch::MetaData& b);
 ORVANE_API bool operator!=(const ShmBatch::MetaData& a, const ShmBatch::MetaData& b);
 
-// Equal headers and equal data bytes.
+// Two entries are equal if their headers and their data bytes are.
 ORVANE_API bool operator==(const ShmBatch::Entry& a, const ShmBatch::Entry& b);
 ORVANE_API bool operator!=(const ShmBatch::Entry& a, const ShmBatch::Entry& b);
 

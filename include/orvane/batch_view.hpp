@@ -10,28 +10,28 @@
 
 namespace orvane {
 
-// A received batch, checked: the reader for bytes from a process that is not trusted.
+// The reader of a received batch, for bytes from a process that is not trusted.
 //   for (const ShmBatch::Entry& entry : BatchView(message, size)) {
 //     store(entry.header, entry.data);
 //   }
-// All or nothing: the constructor checks the whole batch, reading it afterwards cannot fail. A view
-// owns nothing and allocates nothing; it is valid while the bytes are, and they must not change
-// meanwhile (so copy a batch out of shared memory first). Views and iterators are values; separate
-// threads may read through the same view.
+// The constructor checks the whole batch, so reading it afterwards cannot fail. A view owns nothing
+// and allocates nothing; it is valid as long as the bytes are there and do not change. So copy a
+// batch out of shared memory first. Views and iterators are values, and several threads may read
+// through the same view.
 class ORVANE_API BatchView {
  public:
   class Iterator;
   using iterator = Iterator;
   using const_iterator = Iterator;
 
-  // Checks the `size` bytes at `bytes`, all of one batch. Throws Ox_ErrnoException:
-  // kStatusCorruptMagic with the sentences of the trusting reader; kStatusInvalidArgument when a
-  // header, a record's data or the entry count does not fit the size, naming the entry, its offset,
-  // what it needs and what is there; and also when bytes are left over behind the last entry: a
-  // batch's size is exact, so a difference means that one of the two numbers is wrong.
+  // Checks the `size` bytes at `bytes`, which must be exactly one batch. Throws Ox_ErrnoException:
+  //   kStatusCorruptMagic, a magic word is wrong;
+  //   kStatusInvalidArgument, a header, a record's data or the number of entries does not fit into
+  //     `size`, or bytes are left over after the last entry. The text names the entry, its offset,
+  //     the bytes that it needs and the bytes that are there.
   BatchView(const unsigned char* bytes, std::size_t size);
 
-  std::size_t size() const { return count; }
+  std::size_t size() const { return count; }  // the number of entries
   bool empty() const { return count == 0; }
   Iterator begin() const;
   Iterator end() const;
@@ -44,12 +44,12 @@ class ORVANE_API BatchView {
   std::uint32_t count;
 };
 
-// How far it is from one header to the next.
+// The distance from one header to the next.
 //
-// Most batches hold runs of records of one length. The branch lets the processor guess that the
-// next length is the same and go on before it has been loaded; as plain arithmetic every header
-// would wait for the one before it (measured: 10 ns an entry instead of 5). The empty asm keeps the
-// compiler from turning the branch back into arithmetic.
+// In most batches, many records in a row have the same length. The branch lets the processor guess
+// that the next length is the same, and continue before it has been loaded. With plain arithmetic
+// every header would wait for the one before it (measured: 10 ns for each entry instead of 5). The
+// empty asm keeps the compiler from turning the branch into arithmetic.
 struct BatchView::Stride {
   static constexpr std::size_t kLenOffset = 4;
 
@@ -68,8 +68,8 @@ struct BatchView::Stride {
   std::size_t bytes = pvk_shm_message_t::kSerializedSize;
 };
 
-// Makes each entry as it is dereferenced, so in C++17's terms it is an input iterator; it is
-// multi-pass all the same, and a forward iterator in C++20's.
+// An iterator makes the entry when it is dereferenced. So it is an input iterator in C++17, and a
+// forward iterator in C++20: in both, a batch can be read several times.
 class ORVANE_API BatchView::Iterator {
  public:
   using iterator_concept = std::forward_iterator_tag;

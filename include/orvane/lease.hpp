@@ -8,34 +8,36 @@
 
 namespace orvane {
 
-// What a Lease throws besides kStatusInvalidArgument, kStatusTimedOut and what the server refuses
-// with (1000 and up).
-constexpr ox_status_t kLeaseNoServer = 900;  // there is no server to ask at this path
-constexpr ox_status_t kLeaseLost = 901;      // the server ended, or let go of the lease
+// The two statuses that only a Lease throws. It also throws kStatusInvalidArgument,
+// kStatusTimedOut, and the status of a server's refusal (1000 and up).
+constexpr ox_status_t kLeaseNoServer = 900;  // no server listens at this path
+constexpr ox_status_t kLeaseLost = 901;      // the server died, or it ended the lease
 
-// A queue pair of one's own, from the server's socket, for as long as this object lives.
+// A queue pair for this process only, which a server leases at its socket as long as this object
+// lives.
 //   Lease lease("/run/orvaned/orders/socket", 5);
 //   ShmWriter writer("backup", lease.queueName(), 30, 5, false);
 //   ... writer.close();
 //   Receipt stored = lease.receipt(30);  // the server says that the stream is stored
 //
-// The pair has a name that never repeats and is open to this process's user only. The connection
-// that this object holds is each side's sign of the other's life: when this process ends, however
-// it ends, the server stores what is queued and removes the pair; when the server ends, alive()
-// says so. So a writer on a lease is destroyed before its lease.
+// The pair's name is never used twice, and only this process's user may open the pair. Each side
+// notices through the connection when the other one ends. When this process ends in any way, the
+// server stores what is queued and removes the pair. When the server ends, alive() returns false.
+// So destroy a writer on a lease before the lease.
 //
-// Link orvane::lease. Owns a socket that is closed on exec. A forked child must not use it. One
-// thread at a time; no threads and no signals of its own, and signals do not shorten its waits.
-// Errors are Ox_ErrnoException; timeouts are in seconds, at most 86400 (else
-// kStatusInvalidArgument).
+// Link orvane::lease. A lease owns a socket that is closed on exec. A forked child must not use it.
+// One thread uses it at a time. It starts no threads, sends no signals, and signals do not shorten
+// its waits. Errors are Ox_ErrnoException. Timeouts are in seconds, at most 86400; a longer one
+// throws kStatusInvalidArgument.
 class ORVANE_API Lease {
  public:
-  // Asks the server that listens at `socketPath` for a pair, waiting at most `timeout`, 1 or more.
-  // Throws kLeaseNoServer, kStatusTimedOut, kLeaseLost when the server ended meanwhile or is
-  // another version's, or the status and reason of its refusal; nothing is leased then.
+  // Asks the server that listens at `socketPath` for a pair, and waits at most `timeout`, which is
+  // 1 or more. Throws kLeaseNoServer; kStatusTimedOut; kLeaseLost if the server ended meanwhile or
+  // has another version of the protocol; or the status and reason of the server's refusal. Nothing
+  // is leased then.
   Lease(const std::string& socketPath, unsigned int timeout);
 
-  // Gives the pair back; the server ends a stream that is still open as cut off.
+  // Gives the pair back. The server ends a stream that is still open as cut off.
   ~Lease();
   Lease(const Lease&) = delete;
   Lease& operator=(const Lease&) = delete;
@@ -43,15 +45,18 @@ class ORVANE_API Lease {
   // The name to give to a ShmWriter.
   const std::string& queueName() const;
 
-  // Is the server still there? Does not block. False from the server's end on, though receipts that
-  // it sent before may still be waiting, and false once kLeaseLost was thrown.
+  // Returns true as long as the server is there and kLeaseLost has not been thrown. Does not block.
+  // When it returns false, there may still be receipts that the server sent before.
   bool alive() const;
 
-  // The next receipt, waiting at most `timeout`; 0 only looks. There is one for each stream that
-  // ended on this pair, in their order, sent when the stream is in the store; one that its writer
-  // stopped ends as StreamEnd::stopped. Throws kStatusTimedOut, nothing is lost by
-  // calling again; the server's status and reason, in place of the receipt of a stream that could
-  // not be stored whole; or kLeaseLost, when every receipt that came is taken.
+  // Returns the next receipt, and waits for it at most `timeout`; with 0 it does not wait. There is
+  // one receipt for each stream that ended on this pair, in the order of the streams. The server
+  // sends it when the stream is in the store. A stream that its writer stopped has
+  // StreamEnd::stopped. Throws
+  //   kStatusTimedOut, nothing is lost: call again;
+  //   the server's status and reason, in place of the receipt of a stream that was not stored
+  //     whole;
+  //   kLeaseLost, after the last receipt that came.
   Receipt receipt(unsigned int timeout);
 
  private:

@@ -6,7 +6,8 @@
 
 namespace orvane::server {
 
-// Any int may be passed as a level; those without a name here are formatted and then dropped.
+// The level of a line, with the platform's function that writes it (ox/log.hpp). Any int may be
+// passed as a level: a line with another level than these is not written.
 enum OrvanServerLoglevel : int {
   LEVEL_INFO = 1,     // InfoA
   LEVEL_AUTH = 2,     // AuthA
@@ -14,17 +15,17 @@ enum OrvanServerLoglevel : int {
   LEVEL_ERROR = 4,    // ErrorA
 };
 
-// Writes a component's lines to the platform's log: "name::function: message".
+// Writes the log lines of one component of a server, as "name::function: message".
 //   Logger log("store");
 //   log.log(LEVEL_ERROR, __func__, errno, "no room for segment %u", number);
 //
-// The finished line is itself handed on as a printf format, so a percent sign that comes from
-// outside (a file name in an argument, say) must arrive doubled. The message is cut to 4095
-// characters. A value; any number of threads may log through one. Throws std::logic_error when
-// `function` is null, and std::bad_alloc.
+// The platform reads the finished line as a printf format again. So double each percent sign in an
+// argument that comes from outside, such as a file name. The message is cut to 4095 characters. A
+// Logger is a value, and any number of threads may log through the same one. Both log calls throw
+// std::logic_error when `function` is null, and std::bad_alloc.
 class ORVANE_API Logger {
  public:
-  // With an empty name the line is "function: message".
+  // `name` is the component's. If it is empty, lines are "function: message".
   Logger(const std::string& name);  // NOLINT(google-explicit-constructor): callers convert
   Logger(const Logger&) = default;
   Logger(Logger&&) = default;
@@ -32,15 +33,16 @@ class ORVANE_API Logger {
   Logger& operator=(Logger&&) = default;
   ~Logger();
 
-  // `code` reaches the log unchanged.
+  // Writes one line. `function` is usually __func__; `code` is a status or errno, which the line
+  // carries unchanged; `format` and the arguments are printf's.
   void log(OrvanServerLoglevel level, const char* function, int code, const char* format, ...) const
       __attribute__((format(printf, 5, 6)));
 
-  // Formats and writes only while TraceOn() answers true.
+  // Writes a trace line while TraceOn() returns true (ox/trace.hpp), and otherwise does nothing.
   void logTrace(const char* function, const char* format, ...) const
       __attribute__((format(printf, 3, 4)));
 
-  // The function's name as lines carry it: unchanged.
+  // The function's name as the lines show it. It is `function` itself.
   std::string trimFunctionName(const std::string& function) const;
 
   friend ORVANE_API bool operator==(const Logger& a, const Logger& b);

@@ -1,8 +1,8 @@
 #pragma once
 
-// Everything orvane offers. Read in this order, the headers follow the data: a record, the batch
-// that packs it, the reader that takes a batch apart, the writer that sends it, the lease that a
-// writer's queue comes from (link orvane::lease for it); then what a server needs besides.
+// All public headers. Their order follows the data: a record, the batch that packs it, the reader
+// of a received batch, the writer that sends it, and the lease that gives a writer its queue (link
+// orvane::lease for it). The headers after that are for servers.
 
 // clang-format off
 #include "orvane/export.hpp"

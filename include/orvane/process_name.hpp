@@ -2,8 +2,8 @@
 
 namespace orvane {
 
-// The server's name in messages. An array, because a string object could be destroyed before the
-// last writer that names it.
+// The server's name in the texts of exceptions. It is an array, because a string object could be
+// destroyed before the last writer that uses it.
 constexpr char OrvanedProcessName[] = "orvaned";
 
 }  // namespace orvane

@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// The name of the queue on which the server answers what arrives on `msgQueueName`: that name
-// followed by "Response". One rule for writer and server.
+// Returns the name of the response queue that belongs to the send queue `msgQueueName`: that name
+// followed by "Response". Writer and server both use it.
 ORVANE_API std::string getMessageQueueResponseName(const std::string& msgQueueName);
 
 }  // namespace orvane

@@ -9,22 +9,23 @@
 
 namespace orvane {
 
-// How a stream ended. Receipts and manifests use the words in quotes.
+// The way in which a stream ended. Receipts and manifests show the texts in quotes.
 enum class StreamEnd {
-  closed,   // "closed": by its producer; the stream is whole
-  stopped,  // "stopped": by its producer, which gave it up
-  cutOff,   // "cut-off": by another open record, or because its producer or its server ended
-  broken    // "broken": something of it was lost or could not be stored
+  closed,   // "closed": the producer closed it; the stream is whole
+  stopped,  // "stopped": the producer gave it up
+  cutOff,   // "cut-off": another open record came, or its producer or its server ended
+  broken    // "broken": a part of it was lost or could not be stored
 };
 
-// What a server stored of one stream. It is sent over a lease's connection, written into the
-// stream's manifest, and is the text of the response to the stream's last batch:
+// The server's report on what it stored of one stream. The server sends it over a lease's
+// connection, writes it into the stream's manifest, and puts it into the response to the stream's
+// last batch:
 //   receipt stream=20261121T023224-4711_0 records=12 bytes=1048576 segments=2 end=closed
 struct Receipt {
-  std::string stream;          // the server's id for the stream; no blanks
-  std::uint64_t records = 0;   // that were stored, of every type that carries data
-  std::uint64_t bytes = 0;     // of those records' data
-  std::uint64_t segments = 0;  // that have data
+  std::string stream;          // the id that the server gave to the stream; it has no blanks
+  std::uint64_t records = 0;   // the stored records, of every type that carries data
+  std::uint64_t bytes = 0;     // the bytes of those records' data
+  std::uint64_t segments = 0;  // the segments that have data
   StreamEnd end = StreamEnd::closed;
 };
 
@@ -36,7 +37,8 @@ inline bool operator!=(const Receipt& a, const Receipt& b) {
   return !(a == b);
 }
 
-// The text form and back. A text that is not exactly one receipt gives nothing. Link orvane::lease.
+// These write the text form and read it. parseReceipt returns nothing unless the text is exactly
+// one receipt. Link orvane::lease.
 ORVANE_API std::string textOf(const Receipt& receipt);
 ORVANE_API std::string textOf(StreamEnd end);
 ORVANE_API std::optional<Receipt> parseReceipt(std::string_view text);

@@ -8,51 +8,60 @@
 
 namespace orvane {
 
-// What a server knows of one connection: where to connect, as whom, and optional settings.
+// The settings of one connection of a server: seven strings that say where to connect and as which
+// user, and optional settings.
 //   ServerInfo info("host", "user", password, "agent.cfg", "routes", "routes.new", "/keys");
 //   info.setBandwidthLimit(1000);
 //   log << info;  // the password is never written
 //
-// A value. An optional setting is set when it differs from its sentinel (the constants below), so
-// setting it to the sentinel unsets it. Nothing is validated. Concurrent reads are safe.
+// The class only keeps the settings: it neither checks nor interprets them, and the library does
+// not use them. So the program that sets a number decides on its unit. An optional setting counts
+// as set while it differs from its sentinel (the constants below); set it to the sentinel to unset
+// it. A value: copies are independent. Several threads may read one object at a time.
 class ORVANE_API ServerInfo {
  public:
+  // The sentinels. A string counts as set while it is not empty.
   static constexpr std::uint32_t kNoFlags = 0;
   static constexpr std::int32_t kNoReconnectTimeout = -1;
   static constexpr std::int32_t kNoBandwidthLimit = 0;
   static constexpr std::uint8_t kNoFPType = 255;
   static constexpr std::uint32_t kNoClusterMode = 0xFFFFFFFF;
-  // A string is set when it is not empty.
 
+  // The seven strings stay as they are until another ServerInfo is assigned; each may be empty.
   ServerInfo(const std::string& serverName, const std::string& user, const std::string& passwd,
              const std::string& agentCfg, const std::string& currentRoutingTable,
              const std::string& recommendRoutingTable, const std::string& keyDir);
   ServerInfo(const ServerInfo&) = default;
   ServerInfo(ServerInfo&&) noexcept = default;
-  ServerInfo& operator=(const ServerInfo& other);  // all or nothing when memory runs out
+  ServerInfo& operator=(const ServerInfo& other);  // changes nothing when it throws
   ServerInfo& operator=(ServerInfo&&) noexcept = default;
   ~ServerInfo();
 
-  const std::string& getServerName() const;
-  const std::string& getUser() const;
-  const std::string& getPasswd() const;
-  const std::string& getAgentCfg() const;
+  const std::string& getServerName() const;  // the server to connect to
+  const std::string& getUser() const;        // the user to connect as
+  const std::string& getPasswd() const;      // that user's password, never printed
+  const std::string& getAgentCfg() const;    // the agent's configuration
   const std::string& getCurrentRoutingTable() const;
   const std::string& getRecommendRoutingTable() const;
-  const std::string& getKeyDir() const;
+  const std::string& getKeyDir() const;  // the folder of the keys
 
+  // A bit mask, printed in hexadecimal.
   unsigned int getFlags() const;
   void setFlags(unsigned int flags);
   bool hasFlags() const;
 
+  // 0 and any negative number but -1 count as set.
   int getReconnectTimeout() const;
   void setReconnectTimeout(int timeout);
   bool hasReconnectTimeout() const;
 
+  // A negative limit counts as set.
   int getBandwidthLimit() const;
   void setBandwidthLimit(int limit);
-  bool hasBandwidthLimit() const;  // a negative limit counts as set
+  bool hasBandwidthLimit() const;
 
+  // The local end of the connection: its address, and the address and name of the network
+  // interface.
   const std::string& getLocalIp() const;
   void setLocalIp(const std::string& ip);
   bool hasLocalIp() const;
@@ -65,7 +74,9 @@ class ORVANE_API ServerInfo {
   void setInterfaceName(const std::string& name);
   bool hasInterfaceName() const;
 
-  // The current fingerprint type is set from the start (1); the last one (3) cannot be queried.
+  // The type of the connection's fingerprint. A new record has the current type 1, which counts as
+  // set, and the last type 3. The last type is neither returned nor printed: only
+  // reuseMD5ForSHA256() uses it.
   unsigned char getFPType() const;
   void setFPType(unsigned char type);
   bool hasFPType() const;
@@ -79,7 +90,7 @@ class ORVANE_API ServerInfo {
   void setClusterName(const std::string& name);
   bool hasClusterName() const;
 
-  // True when the fingerprint type has just become 3: it is 3 now and was not before.
+  // True if the current fingerprint type is 3 (SHA-256) and the last type is not.
   bool reuseMD5ForSHA256() const;
 
   friend ORVANE_API bool operator==(const ServerInfo& a, const ServerInfo& b);
@@ -104,10 +115,12 @@ class ORVANE_API ServerInfo {
   std::string ClusterName;
 };
 
-// "ServerName=..., User=..., AgentCfg=..., CurrentRoute=..., RecommendedRoute=..., KeyDir=..." and
-// each optional setting that is set; never the password. The stream's flags are as before.
+// Writes "ServerName=..., User=..., AgentCfg=..., CurrentRoute=..., RecommendedRoute=...,
+// KeyDir=..." and each optional setting that is set, but never the password. The stream's flags are
+// the same afterwards.
 ORVANE_API std::ostream& operator<<(std::ostream& stream, const ServerInfo& info);
 
+// Two records are equal if all their settings are, also the password and the last fingerprint type.
 ORVANE_API bool operator==(const ServerInfo& a, const ServerInfo& b);
 ORVANE_API bool operator!=(const ServerInfo& a, const ServerInfo& b);
 

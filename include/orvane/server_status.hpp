@@ -4,8 +4,9 @@
 
 namespace orvane {
 
-// What the server answers with when something went wrong; --help lists them. They begin at 1000, so
-// that a producer can tell them from what its own library throws.
+// The statuses with which a server reports errors, in responses and over leases; `orvaned --help`
+// lists them. They begin at 1000, so that a producer can distinguish them from the statuses that
+// its own library throws. kStatusMeanings explains each of them.
 constexpr ox_status_t kBadBatch = 1000;
 constexpr ox_status_t kOutOfOrder = 1001;
 constexpr ox_status_t kInvalidRecord = 1002;
@@ -16,6 +17,7 @@ constexpr ox_status_t kNoPair = 1006;
 constexpr ox_status_t kBadRequest = 1007;
 constexpr ox_status_t kWorkerDied = 1008;
 
+// A status with its short name and its meaning, as texts for people.
 struct StatusMeaning {
   ox_status_t status;
   const char* name;

@@ -1,20 +1,41 @@
 #pragma once
 
-#include "ox/errno_exception.hpp"  // what carries them
+#include "ox/errno_exception.hpp"
 #include "ox/status.hpp"
 
 namespace orvane {
 
-// What the library itself throws in Ox_ErrnoException::status(). Two numbers stand for two causes
-// each; the message tells them apart. Any other status is one that the server answered with.
-constexpr ox_status_t kStatusNoRoom = 4;           // ShmBatch::pushBack: the batch is full
-constexpr ox_status_t kStatusInvalidArgument = 9;  // a size, index, data pointer or timeout
-constexpr ox_status_t kStatusTimedOut = 15;        // the send queue stayed full
-constexpr ox_status_t kStatusCorruptMagic = 32;    // these bytes are no header or no batch
-constexpr ox_status_t kStatusNotOpen = 44;         // segment operations need an open writer
-constexpr ox_status_t kStatusWrongAlgorithm = 44;  // writeSegment takes segment states 0 and 1
+// The statuses that the library throws itself, in Ox_ErrnoException::status(). 44 and 89 have two
+// causes each, which the exception's text distinguishes. ShmWriter also throws each status that the
+// server answers with (server_status.hpp has those of orvaned); Lease throws two more (lease.hpp).
+
+// ShmBatch::pushBack: the batch has no room for the entry. Send the batch, clear it, and repeat.
+constexpr ox_status_t kStatusNoRoom = 4;
+
+// A size, an index or a timeout is out of range, or a data pointer is null although there is data.
+constexpr ox_status_t kStatusInvalidArgument = 9;
+
+// ShmWriter: the send queue stayed full for the whole timeout; the batch is kept, so flush again.
+// Lease: the server did not reply in time; nothing is lost.
+constexpr ox_status_t kStatusTimedOut = 15;
+
+// The bytes are not a record's header, or not a batch.
+constexpr ox_status_t kStatusCorruptMagic = 32;
+
+// writeSegment or endSegment was called on a writer that is not open.
+constexpr ox_status_t kStatusNotOpen = 44;
+
+// writeSegment was called in a segment state other than 0 and 1; setSegmentAlg changes the state.
+constexpr ox_status_t kStatusWrongAlgorithm = 44;
+
+// The record has more than ShmWriter::getMaxSegmentSize() data bytes, and its segAlg is not
+// kOrvaneSegUnbounded.
 constexpr ox_status_t kStatusSegmentTooLarge = 85;
-constexpr ox_status_t kStatusDoesNotFit = 89;  // larger than an empty batch
+
+// The record is larger than an empty batch: send its data in parts.
+constexpr ox_status_t kStatusDoesNotFit = 89;
+
+// Reserved: no call throws it, because a stream may mix segment states.
 constexpr ox_status_t kStatusNotHomogeneous = 89;
 
 }  // namespace orvane

@@ -9,20 +9,20 @@
 
 namespace orvane {
 
-// Hands out ids that are unique within this process: a prefix, "_" and the next number.
+// Makes ids that are unique within this process: a prefix, "_" and the next number.
 //   std::string id = UniqueIdGenerator::getInstance().generateId("seg");  // "seg_0"
-// The numbers are shared by all prefixes and carry no time, process or host. Any thread may call
-// it.
+// All prefixes share one counter. An id contains no time, process or host. Any thread may call it.
 class ORVANE_API UniqueIdGenerator {
  public:
   // The process's one generator, built at the first call and destroyed at exit.
   static UniqueIdGenerator& getInstance();
 
-  // prefix + "_" + the counter in decimal, which then counts one; after 4294967295 comes 0. Blocks
-  // only while another thread draws an id.
+  // Returns prefix + "_" + the counter in decimal, and adds one to the counter; after 4294967295
+  // comes 0. Blocks only while another thread makes an id.
   std::string generateId(const std::string& prefix);
 
-  // A second, independent counter; what is meant to be unique uses getInstance().
+  // Makes a second generator with a counter of its own, so both may make the same id. For ids that
+  // are unique in the process, use getInstance().
   UniqueIdGenerator();
   ~UniqueIdGenerator();
   UniqueIdGenerator(const UniqueIdGenerator&) = delete;

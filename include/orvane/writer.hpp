@@ -19,86 +19,91 @@ namespace orvane {
 //   writer.endSegment();
 //   writer.close();                   // sends what is still in the batch
 //
-// The server owns the queue pair; the writer attaches to it by name and owns its batch, as large as
-// the queue's largest message. Records are copied into the batch before a call returns. A full
-// batch is sent by the call whose record no longer fits; that call waits, at most its timeout,
-// while the queue is full, and at most 2 s more for a lock that a stopped process holds. The
-// server's answers are picked up without waiting, one at each flush, so an error may surface at the
-// flush of a later batch, or never when no flush follows it.
+// The server owns the queue pair; the writer attaches to it by name. The writer owns its batch,
+// which is as large as the queue's largest message. Records are copied into the batch before a call
+// returns. When a record does not fit into the batch, the call sends the batch first. It waits
+// while the queue is full, at most its timeout, and at most 2 s more for a lock that a stopped
+// process holds. Each flush receives at most one of the server's responses and does not wait for
+// it. So the flush of a later batch may throw an error, and an error after the last flush is never
+// thrown.
 //
-// One thread at a time. A forked child must end with _exit or exec: ending with exit, it would
-// destroy its copy of the writer, which sends the pending records and a close a second time.
-// Errors are Ox_ErrnoException with the statuses of orvane/status.hpp or one of the server's own;
-// those of Boost.Interprocess pass through as they are.
+// One thread uses a writer at a time. A forked child must end with _exit or exec: if it ended with
+// exit, it would destroy its copy of the writer, and so send the pending records and a close record
+// a second time. Errors are Ox_ErrnoException with a status of orvane/status.hpp or of the server;
+// exceptions of Boost.Interprocess are not converted.
 class ORVANE_API ShmWriter : public ChannelWriter {
  public:
   // Attaches to the queues `msgQueueName` and getMessageQueueResponseName(msgQueueName); sends
-  // nothing. `name` is the stream's, used in messages, and may be empty. `timeout` is in seconds,
-  // 1 to 86400 (else kStatusInvalidArgument); `stopTimeout` is the one of stop(true) and may be
-  // anything. With `perfBenchmarkEnabled` records are dropped with a warning instead of sent.
-  // Throws boost::interprocess::interprocess_exception when a queue is missing, or after 5 s when
-  // its creator has not finished it.
+  // nothing. `name` is the stream's name in the texts of exceptions, and may be empty. `timeout` is
+  // in seconds, 1 to 86400; another one throws kStatusInvalidArgument. `stopTimeout`, in seconds,
+  // is for stop(true) and may have any value. With `perfBenchmarkEnabled`, records are dropped with
+  // a warning and not sent. Throws boost::interprocess::interprocess_exception when a queue is
+  // missing, or after 5 s when its creator has not finished it.
   ShmWriter(const std::string& name, const std::string& msgQueueName, unsigned int timeout,
             unsigned int stopTimeout, bool perfBenchmarkEnabled);
 
-  // Ends the stream and sends what is pending. No effect on a writer that is not open. When it
-  // throws, the writer is still open and the call may be repeated; after a time-out the batch holds
-  // both close records then, unless there was no room for the first one: when the flush that makes
-  // room fails, the record is not in the batch.
+  // Ends the stream and sends what is pending. Has no effect on a writer that is not open. When it
+  // throws, the writer is still open and the call may be repeated. After a timeout, the close
+  // record is in the batch, and a repeated call adds a second one. But if the batch had no room for
+  // the record, and the flush that makes room failed, the record is not in the batch.
   void close() override;
 
-  // Closes a writer that is still open, dropping every error, and detaches; the queues stay.
-  // Blocks as close() does.
+  // Closes a writer that is still open, ignores every error, and detaches from the queues, which
+  // stay. Blocks as close() does.
   ~ShmWriter() override;
 
-  // Starts a stream: sends an open record at once. No effect on an open writer. After close() it
-  // starts a new stream on the same queues. When it throws, the writer is not open and the call may
-  // be repeated; if the server's answer was the cause, the open record was sent, and after a
-  // time-out the batch holds both. When the flush that makes room for the record fails, it is
-  // neither sent nor in the batch.
+  // Starts a stream: sends an open record at once. Has no effect on an open writer. After close()
+  // it starts a new stream on the same queues. When it throws, the writer is not open and the call
+  // may be repeated. If the server's response was the cause, the open record was sent. After a
+  // timeout, the open record is in the batch, and a repeated call adds a second one. If the flush
+  // that makes room for the record failed, the record is neither sent nor in the batch.
   void open() override;
 
-  // Sets the segment state and its parameters for the records from the next one on. Any value is
-  // stored; only the parameters' low 32 bits travel.
+  // Sets the segment state and its parameters, which the following records carry. Any value is
+  // stored; records carry only the low 32 bits of the parameters.
   void setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
                      unsigned long param3) override;
 
-  // Appends one record with `length` bytes of the current segment; does not flush, but sends the
-  // batch first when the record does not fit any more. Throws kStatusNotOpen and
-  // kStatusWrongAlgorithm, nothing changed; and what write_data throws, which uses the record's
-  // sequence number up.
+  // Appends one record with `length` bytes of the current segment. Sends the batch first if the
+  // record does not fit; otherwise sends nothing. Throws kStatusNotOpen or kStatusWrongAlgorithm,
+  // and nothing has changed; or what write_data throws, and the record's sequence number is used
+  // up.
   void writeSegment(const unsigned char* data, unsigned long length) override;
 
-  // Ends the current segment, unless the last record was already an end; does not flush. Throws
-  // kStatusNotOpen and what write_data throws.
+  // Appends the record that ends the current segment, unless the last record already ended one.
+  // Sends as writeSegment does. Throws kStatusNotOpen, or what write_data throws.
   void endSegment() override;
 
-  // Aborts the stream: sends a stop record and what is pending, waiting `stopTimeout` or else
-  // `timeout` seconds. Neither asks whether the writer is open nor closes it: segments are still
-  // accepted and the destructor still sends a close.
+  // Aborts the stream: sends a stop record and what is pending, and waits at most `stopTimeout`
+  // seconds, or `timeout` seconds if `useStopTimeout` is false. The writer does not have to be
+  // open, and is not closed: it still accepts segments, and the destructor still sends a close.
   void stop(bool useStopTimeout) override;
 
-  // The largest data length of one record, unless its segAlg is kOrvaneSegUnbounded: 131072 bytes.
+  // Returns 131072, the largest number of data bytes in a record whose segAlg is not
+  // kOrvaneSegUnbounded.
   static unsigned long getMaxSegmentSize();
 
-  // Appends the caller's own record: `header` as it stands when the call begins and header->len
-  // bytes at `data` (may be null when len is 0). `timeout` (seconds) bounds each send that the call
-  // makes: one when the record does not fit, one more when `flush` asks for it. Throws
-  //   kStatusSegmentTooLarge, nothing changed;
-  //   kStatusInvalidArgument, null data with a len: not stored, earlier records may have been sent;
-  //   kStatusDoesNotFit, not stored, the earlier records were sent;
+  // Appends the caller's own record: `header` as it is when the call begins, and header->len bytes
+  // at `data`, which may be null if len is 0. If the record does not fit, the call sends the batch
+  // first; with `flush` it sends the batch also afterwards. Each of these waits at most `timeout`
+  // seconds. Throws
+  //   kStatusSegmentTooLarge, nothing has changed;
+  //   kStatusInvalidArgument, `data` is null and len is not 0: the record is not stored, and
+  //     earlier records may have been sent;
+  //   kStatusDoesNotFit, the record is not stored, and the earlier records were sent;
   //   kStatusTimedOut, the batch is kept;
   //   the server's status, the batch was sent.
   // Without `flush` the last two mean that this record is not stored: it may be written again,
-  // after a flush. With `flush` they may come from either send and do not tell which; who needs to
-  // know calls with `flush` false and then flush_shm_buffer().
+  // after a flush. With `flush` either send may have failed, and the exception does not show which
+  // one. A caller that needs to know passes false and then calls flush_shm_buffer().
   void write_data(const pvk_shm_message_t* header, const unsigned char* data, unsigned int timeout,
                   bool flush);
 
-  // Sends the batch, an empty one too, waiting at most `timeout` seconds for room; empties it; then
-  // takes at most one waiting answer. Throws kStatusTimedOut, the batch is kept; or the answer's
-  // status and text, the batch was sent. The deadline is taken from the wall clock in whole
-  // seconds, so the wait may end up to a second early.
+  // Sends the batch, also an empty one, and waits at most `timeout` seconds for room in the queue.
+  // Then empties the batch and receives at most one response, without waiting for it. Throws
+  // kStatusTimedOut, and the batch is kept; or the response's status and text, and the batch was
+  // sent. The deadline is in whole seconds of the wall clock, so the wait may end up to a second
+  // early.
   void flush_shm_buffer(unsigned int timeout);
 
  private:
@@ -111,14 +116,14 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   unsigned int timeout;
   unsigned int stopTimeout;
   bool perfBenchmarkEnabled;
-  pvk_shm_message_t header;
+  pvk_shm_message_t header;  // of the last record; each record changes some of its fields
   pvk_shm_response_t response;
   std::unique_ptr<boost::interprocess::message_queue> sendQueue;
   std::unique_ptr<boost::interprocess::message_queue> responseQueue;
   std::unique_ptr<ShmBatch> batch;
-  std::uint32_t lastMessageType;
-  bool segmentFirstWrite;
-  orvane_seg_state_t lastSegmentState;
+  std::uint32_t lastMessageType;        // the type of the last record in the batch or sent
+  bool segmentFirstWrite;               // always true: see writeSegment in segments.cpp
+  orvane_seg_state_t lastSegmentState;  // the state that a stream's records would have to share
   orvane_seg_state_t segAlg;
   std::uint64_t segParam1;
   std::uint64_t segParam2;
