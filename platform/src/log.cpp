@@ -15,18 +15,20 @@ std::atomic<bool> ox::detail::tracing{false};
 
 namespace {
 
-// Logging must not be seen by the code that logs: errno stays as it was, and a thread is not
-// cancelled in the middle of a line (a write is a cancellation point, and the unwinding that starts
-// there would end a process whose destructors log).
-class Unseen {
+// Logging must have no effect on the code that logs: errno does not change, and a thread is not
+// cancelled while it writes a line. (A write is a cancellation point. The unwinding that starts
+// there would end a process whose destructors log.)
+class KeepThreadState {
  public:
-  Unseen() : savedErrno_(errno) { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_); }
-  ~Unseen() {
+  KeepThreadState() : savedErrno_(errno) {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState_);
+  }
+  ~KeepThreadState() {
     pthread_setcancelstate(cancelState_, nullptr);
     errno = savedErrno_;
   }
-  Unseen(const Unseen&) = delete;
-  Unseen& operator=(const Unseen&) = delete;
+  KeepThreadState(const KeepThreadState&) = delete;
+  KeepThreadState& operator=(const KeepThreadState&) = delete;
 
  private:
   int savedErrno_;
@@ -42,7 +44,7 @@ std::string lineFor(ox::Kind kind, int code, const char* text) {
   return line + ": " + text + "\n";
 }
 
-// One write for the whole line, so that the lines of several processes do not interleave.
+// Writes the whole line at once, so that the lines of several processes do not mix.
 void writeToStandardError(ox::Kind kind, int code, const char* text) {
   const std::string line = lineFor(kind, code, text);
   while (write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {
@@ -63,7 +65,7 @@ constexpr char kUnformattable[] = "(this format could not be filled in) ";
 
 [[gnu::format(printf, 3, 0)]] void format(ox::Kind kind, int code, const char* format,
                                           va_list arguments) noexcept {
-  const Unseen unseen;
+  const KeepThreadState keep;
   char text[1024];
   va_list again;
   va_copy(again, arguments);
@@ -95,12 +97,12 @@ void ox::setTracing(bool on) {
 }
 
 void ox::detail::enter(const char* operation) noexcept {
-  const Unseen unseen;
+  const KeepThreadState keep;
   deliver(Kind::enter, 0, operation);
 }
 
 void ox::detail::leave(const char* operation) noexcept {
-  const Unseen unseen;
+  const KeepThreadState keep;
   deliver(Kind::leave, 0, operation);
 }
 

@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// No packet holds one: what a peer sends is put into messages, which may be shown on a terminal.
+// A packet has no control characters, because its text may be shown on a terminal.
 inline bool isControlCharacter(char c) {
   return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
 }

@@ -35,7 +35,7 @@ std::string reasonOf(int error) {
   return std::generic_category().message(error);
 }
 
-// The shutdown is what alive() sees when it is not the server that ended the connection.
+// The shutdown makes alive() return false if the server did not end the connection itself.
 [[noreturn]] void failLost(int connection, const std::string& message) {
   shutdown(connection, SHUT_RDWR);
   fail(kLeaseLost, message);
@@ -52,7 +52,7 @@ class Deadline {
   explicit Deadline(unsigned int seconds)
       : timeout(seconds), end(Clock::now() + std::chrono::seconds(seconds)) {}
 
-  // Never negative, and zero only when it has passed.
+  // Never negative, and zero only after the deadline.
   template <typename Duration>
   Duration left() const {
     return std::max(std::chrono::ceil<Duration>(end - Clock::now()), Duration(0));
@@ -91,7 +91,7 @@ sockaddr_un addressOf(const std::string& path) {
 }
 
 void limitSending(int connection, std::chrono::microseconds limit) {
-  // No time at all would mean no limit.
+  // A limit of zero would mean no limit.
   const auto count = std::max<std::chrono::microseconds::rep>(limit.count(), 1);
   const timeval value{count / 1'000'000, count % 1'000'000};
   if (setsockopt(connection, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value) != 0) {
@@ -99,7 +99,7 @@ void limitSending(int connection, std::chrono::microseconds limit) {
   }
 }
 
-// Waits while the server has as many clients as it lets wait.
+// Blocks while the server's queue of waiting connections is full.
 void connectTo(const std::string& path, int connection, const Deadline& deadline) {
   const sockaddr_un address = addressOf(path);
   do {
@@ -138,8 +138,8 @@ LeaseReply receiveReply(int connection, const Deadline& deadline) {
   do {
     waitToReceive(connection, deadline);
     received = recv(connection, packet, sizeof packet, MSG_DONTWAIT | MSG_TRUNC);
-    // A server that left without reading the request resets the connection: reported once, before
-    // what it had said.
+    // If the server left without reading the request, the first call reports a reset connection,
+    // and the next one returns the packet that the server had sent.
   } while (received < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNRESET));
   if (received < 0) {
     failLost(connection, "Cannot hear the server: " + reasonOf(errno));
@@ -162,7 +162,7 @@ LeaseReply receiveReply(int connection, const Deadline& deadline) {
 void sendRequest(int connection) {
   if (send(connection, kLeaseRequest.data(), kLeaseRequest.size(), MSG_NOSIGNAL) < 0 &&
       errno != EPIPE &&
-      errno != ECONNRESET) {  // after these two, what the server said before it left is still there
+      errno != ECONNRESET) {  // after these two, the packet that the server sent can still be read
     failLost(connection, "Cannot ask the server for a lease: " + reasonOf(errno));
   }
 }
@@ -212,7 +212,7 @@ bool Lease::alive() const {
   return end.revents == 0;
 }
 
-// Not const: what it returns is gone from the connection.
+// Not const, because it removes the receipt from the connection.
 // NOLINTNEXTLINE(readability-make-member-function-const)
 Receipt Lease::receipt(unsigned int timeout) {
   if (timeout != 0) {

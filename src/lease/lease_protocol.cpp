@@ -9,9 +9,9 @@
 namespace orvane {
 namespace {
 
-constexpr ox_status_t kLowestServerStatus = 1000;  // below are those that the libraries throw
+constexpr ox_status_t kLowestServerStatus = 1000;  // the libraries throw lower ones
 
-// Removes `word` from the front of `text`, if it is there.
+// Removes `word` from the begin of `text` and returns true, if it is there.
 bool parseWord(std::string_view& text, std::string_view word) {
   if (text.substr(0, word.size()) != word) {
     return false;
@@ -20,7 +20,7 @@ bool parseWord(std::string_view& text, std::string_view word) {
   return true;
 }
 
-// "1003 no room on disk".
+// Parses "1003 no room on disk".
 template <typename Failure>
 std::optional<LeaseReply> parseFailure(std::string_view text) {
   ox_status_t status = 0;
@@ -32,7 +32,7 @@ std::optional<LeaseReply> parseFailure(std::string_view text) {
   return std::nullopt;
 }
 
-// May it be the name of a queue, which is that of a file in a folder?
+// A queue's name is the name of a file in a folder, so it has no slash.
 bool isQueueName(std::string_view text) {
   return !text.empty() && text.find_first_of(" /") == std::string_view::npos;
 }

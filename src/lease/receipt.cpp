@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::string_view kEnds[] = {"closed", "stopped", "cut-off", "broken"};  // as StreamEnd
 
-// Removes `word`, and what follows it up to the next blank, from the front of `text`.
+// Removes `word` and the value up to the next blank from the begin of `text`; returns the value.
 std::optional<std::string_view> parseField(std::string_view& text, std::string_view word) {
   if (text.substr(0, word.size()) != word) {
     return std::nullopt;

@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// Adler-32 (RFC 1950). 5552 is the most bytes whose sums cannot overflow 32 bits, so the modulo is
-// due only that often.
+// Adler-32 (RFC 1950). The sums of up to 5552 bytes cannot overflow 32 bits, so the modulo is only
+// needed after each 5552 bytes.
 inline std::uint32_t adler32(const unsigned char* data, std::size_t length) {
   constexpr std::uint32_t kModulus = 65521;
   constexpr std::size_t kDeferral = 5552;

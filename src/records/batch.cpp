@@ -107,7 +107,7 @@ void ShmBatch::pushBack(const Entry& entry) {
 
 namespace {
 
-// The entry whose header is at `position`, which moves on behind its data.
+// Returns the entry whose header is at `position`, and moves `position` to the end of its data.
 ShmBatch::Entry readEntry(const unsigned char*& position) {
   ShmBatch::Entry entry(nullptr);
   position = entry.header.deserializeFromBuffer(position);
@@ -132,8 +132,8 @@ ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {
   return readEntry(position);
 }
 
-// Trusts the entry count and the lengths: it is for a batch of one's own, and programs that read
-// such batches rely on its taking any size of 8 and more. BatchView is the reader for all others.
+// It trusts the number of entries and their lengths, because it is for batches from a trusted
+// process; programs rely on it to accept every size of 8 and more. BatchView is for all others.
 void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* bytes,
                                     unsigned long size) {
   validBufferSizeAssert(size);

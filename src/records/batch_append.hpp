@@ -6,9 +6,9 @@
 #include "records/batch_layout.hpp"
 #include "records/failure.hpp"
 
-// The two members of ShmBatch that every record passes through, here so that the writer's data path
-// has them inline: an Entry made for pushBack would be one more copy of the header, and one that
-// waits for the stores which have just filled it.
+// The two members of ShmBatch that every record uses. They are here so that the writer's data path
+// has them inline. An Entry for pushBack would copy the header once more, and the copy would wait
+// for the stores that have just filled the header.
 namespace orvane {
 
 inline bool ShmBatch::hasRoomFor(std::uint32_t len) const {
@@ -22,7 +22,7 @@ inline bool ShmBatch::hasRoomFor(std::uint32_t len) const {
     fail(kStatusNoRoom,
          "Could not add new batch entry because there is no room for it in the buffer");
   }
-  // The header goes first, even if the data is then refused: readers never look past `used`, and
+  // The header is written even if the data is then refused: readers never read beyond `used`, and
   // the next entry overwrites it.
   layout::writeHeader(writePos, entryHeader);
   if (len > 0) {
@@ -32,7 +32,7 @@ inline bool ShmBatch::hasRoomFor(std::uint32_t len) const {
     }
     std::memcpy(writePos + layout::kHeaderSize, data, len);
   }
-  // What is read again here need not be kept over the call before, which has too few registers.
+  // Computed again, because the call before has too few registers to keep it.
   const std::uint64_t size = std::uint64_t{len} + layout::kHeaderSize;
   used += size;
   metaData.numEntries += 1;

@@ -12,8 +12,8 @@
 //       56   len  data of entry 0
 //   56+len    48  header of entry 1, and so on
 //
-// A batch carries neither its size nor a checksum: the size travels beside it, and the magic words
-// are all that tells a reader whether bytes are a batch.
+// A batch contains neither its size nor a checksum. The size is that of the queue's message, and
+// only the magic words show a reader that bytes are a batch.
 namespace orvane::layout {
 
 // Metadata: 8 bytes.
@@ -41,8 +41,8 @@ inline void writeMetaData(unsigned char* p, const ShmBatch::MetaData& metaData) 
   storeBig32(p + kNumEntries, metaData.numEntries);
 }
 
-// Field by field: the header was often filled a moment ago, and a load wider than the stores before
-// it would wait for them (5 to 9 ns a record, measured).
+// Copies field by field: the header was often filled just before, and a load that is wider than
+// those stores would wait for them (5 to 9 ns for each record, measured).
 inline void writeHeader(unsigned char* p, const pvk_shm_message_t& header) {
   storeBig32(p + kType, header.type);
   storeBig32(p + kLen, header.len);
@@ -56,7 +56,7 @@ inline void writeHeader(unsigned char* p, const pvk_shm_message_t& header) {
   storeBig32(p + kHeaderMagic, header.magic);
 }
 
-// What every reader throws when the magic word is another one.
+// Every reader calls it when a header's magic word is wrong.
 [[noreturn]] void failCorruptHeader(std::uint32_t magic);
 
 inline void readHeader(pvk_shm_message_t& header, const unsigned char* p) {

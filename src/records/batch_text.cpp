@@ -9,7 +9,7 @@ std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry) {
   const std::uint32_t len = entry.header.len;
   stream << "type=" << entry.header.type << ", len=" << len;
   if (len > 0) {
-    // Without a pointer there is nothing to sum: the check value of no bytes, which is 1.
+    // Without a pointer there are no bytes to sum, and their checksum is 1.
     stream << ", crc=" << adler32(entry.data, entry.data != nullptr ? len : 0);
   }
   return stream;

@@ -18,7 +18,8 @@ namespace {
 
 }  // namespace
 
-// Every length is compared with what is left before it is used, so no position can overflow.
+// Every length is compared with the bytes that are left before it is used, so no position can
+// overflow.
 BatchView::BatchView(const unsigned char* batch, std::size_t size) : bytes(batch), byteSize(size) {
   static_assert(Stride::kLenOffset == layout::kLen);
   ShmBatch::validBufferSizeAssert(size);

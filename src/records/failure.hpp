@@ -8,9 +8,9 @@
 
 namespace orvane {
 
-// Throws the message that the pieces make, numbers in plain decimal whatever the global locale is.
-// Cold and out of line, so that the code in front of a failure stays small; the pieces by value, so
-// that a caller's numbers can stay in registers.
+// Joins the pieces to a message and throws it; numbers are plain decimals in every global locale.
+// The function is cold and not inline, so that its callers stay small. The pieces are passed by
+// value, so that a caller's numbers can stay in registers.
 template <typename... Pieces>
 [[noreturn, gnu::cold, gnu::noinline]] void fail(ox_status_t status, Pieces... pieces) {
   std::ostringstream message;

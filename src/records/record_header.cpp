@@ -29,7 +29,8 @@ const unsigned char* pvk_shm_message_t::deserializeFromBuffer(const unsigned cha
   return p + layout::kHeaderSize;
 }
 
-// The sequence number first: a reader of these lines looks for it, and tools match this order.
+// The sequence number is first, because readers of these lines look for it; tools rely on this
+// order.
 std::ostream& operator<<(std::ostream& stream, const pvk_shm_message_t& header) {
   return stream << "(" << header.seqNo << "," << header.type << "," << header.len << ","
                 << header.segAlg << "," << header.segmentNo << "," << header.segmentDone << ","

@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// The record travels as it lies in memory.
+// A response is sent as its bytes in memory.
 static_assert(sizeof(pvk_shm_response_t) == 132);
 static_assert(offsetof(pvk_shm_response_t, status) == 0);
 static_assert(offsetof(pvk_shm_response_t, text) == 4);

@@ -27,7 +27,7 @@ bool operator!=(const Logger& a, const Logger& b) {
 
 std::string Logger::line(const char* function, const char* message) const {
   std::ostringstream text;
-  text.exceptions(std::ios_base::badbit);  // running out of memory is the caller's to know
+  text.exceptions(std::ios_base::badbit);  // so that running out of memory throws
   if (!name.empty()) {
     text << name << "::";
   }
@@ -35,8 +35,8 @@ std::string Logger::line(const char* function, const char* message) const {
   return text.str();
 }
 
-// The line goes out as a format with nothing to fill in: logs of deployed servers rely on percent
-// signs being read a second time (callers double those that come from outside).
+// The line is passed as a format without arguments: deployed servers rely on percent signs being
+// read a second time (callers double those that come from outside).
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -70,7 +70,7 @@ void Logger::logTrace(const char* function, const char* format, ...) const {
   std::vsnprintf(message, sizeof message, format, arguments);
   va_end(arguments);
   const std::string text = line(function, message);
-  // Asked again, because formatting took time: a line is not written after tracing went off.
+  // Checked again, because tracing may have been switched off while the line was formatted.
   if (TraceOn()) {
     __Trace(text.c_str());
   }

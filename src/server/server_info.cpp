@@ -147,7 +147,7 @@ bool ServerInfo::reuseMD5ForSHA256() const {
 
 namespace {
 
-// The number as 0x and lower-case digits; the stream's flags come back even if writing throws.
+// Writes lower-case hexadecimal digits. The stream's flags are restored even if writing throws.
 void writeHex(std::ostream& stream, unsigned int number) {
   struct Restore {
     std::ostream& stream;
@@ -185,7 +185,7 @@ std::ostream& operator<<(std::ostream& stream, const ServerInfo& info) {
   if (info.hasInterfaceName()) {
     stream << ", InterfaceName=" << info.getInterfaceName();
   }
-  // A small-letter key, unlike the others: log readers match it so.
+  // Unlike the others, this key is in lower case, because programs that read logs rely on it.
   if (info.hasFPType()) {
     stream << ", fptype=" << static_cast<unsigned int>(info.getFPType());
   }

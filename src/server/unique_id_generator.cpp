@@ -15,8 +15,8 @@ UniqueIdGenerator::~UniqueIdGenerator() {
 }
 
 UniqueIdGenerator& UniqueIdGenerator::getInstance() {
-  // Besides the compiler's own guard for `instance`: that one is lost when this library is built
-  // with -fno-threadsafe-statics.
+  // The compiler's own guard for `instance` is missing when this library is built with
+  // -fno-threadsafe-statics.
   static pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
   const AutoLock lock(singletonLock);
   static UniqueIdGenerator instance;

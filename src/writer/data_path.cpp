@@ -13,9 +13,9 @@
 
 namespace orvane {
 
-// Every record passes here. With tracing off it costs one call outside this library (TraceOn, which
-// a program may replace): AutoTrace tests a flag inline, failures are out of line, and the record
-// goes into the batch without an Entry in between.
+// Every record uses this function. With tracing off it makes only one call outside this library
+// (TraceOn, which a program may replace): AutoTrace tests a flag inline, failures are not inline,
+// and the record is copied to the batch without an Entry.
 void ShmWriter::write_data(const pvk_shm_message_t* record, const unsigned char* data,
                            unsigned int sendTimeout, bool flush) {
   const AutoTrace scope("write_data");
@@ -25,7 +25,7 @@ void ShmWriter::write_data(const pvk_shm_message_t* record, const unsigned char*
   }
   const std::uint32_t len = record->len;
   if (len > kMaxSegmentSize && record->segAlg != kOrvaneSegUnbounded) {
-    // The double blank is kept: programs that watch for this text have always matched it.
+    // The double blank is kept, because programs that watch for this text rely on it.
     fail(kStatusSegmentTooLarge, "Segment too large error.  Received segment of size ", len,
          " bytes, but the maximum allowed segment size is ", kMaxSegmentSize, " bytes");
   }
@@ -46,9 +46,9 @@ void ShmWriter::write_data(const pvk_shm_message_t* record, const unsigned char*
   }
 }
 
-// The header is the caller's to change once the flush has begun: what is stored is the entry's
-// copy. Only this path pays for one, since copying a header that was filled a moment ago costs 5 to
-// 9 ns; and it uses nothing of write_data's own, which would no longer be inline there.
+// The caller may change its header while the flush waits, so the entry's copy is stored. Only this
+// path makes a copy, since copying a header that was filled just before costs 5 to 9 ns. It uses
+// none of the functions that write_data has inline, which would then not be inline there.
 [[gnu::noinline, gnu::cold]] void ShmWriter::appendAfterFlush(const pvk_shm_message_t& record,
                                                               const unsigned char* data,
                                                               unsigned int sendTimeout) {

@@ -67,8 +67,7 @@ void ShmWriter::endSegment() {
   endWith(kRecordEndOfSegment, timeout, false);
 }
 
-// An end of segment, a close or a stop. A segment that holds data is over once the record is
-// stored.
+// Appends an end of segment, a close or a stop. Each of them also ends a segment that holds data.
 void ShmWriter::endWith(std::uint32_t type, unsigned int sendTimeout, bool flush) {
   header.seqNo += 1;
   header.type = type;

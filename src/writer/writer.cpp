@@ -15,7 +15,7 @@ ShmWriter::ShmWriter(const std::string& streamName, const std::string& sendQueue
     : ChannelWriter(streamName),
       msgQueueName(sendQueueName),
       timeout(timeoutSeconds),
-      stopTimeout(stopTimeoutSeconds),  // any value, 0 too: a stop may be sent without waiting
+      stopTimeout(stopTimeoutSeconds),  // may be 0, to send a stop without waiting
       perfBenchmarkEnabled(benchmark),
       lastMessageType(kRecordStop),
       segmentFirstWrite(true),
@@ -38,7 +38,7 @@ ShmWriter::ShmWriter(const std::string& streamName, const std::string& sendQueue
   if (TraceOn()) {
     __Trace("%s: creating shm batch buffer", "ShmWriter");
   }
-  // As large as the largest message, so that a full batch always fits one.
+  // As large as the queue's largest message, so that a full batch fits into one.
   batch = std::make_unique<ShmBatch>(sendQueue->get_max_msg_size());
 }
 
@@ -47,8 +47,8 @@ void ShmWriter::open() {
   if (isOpen) {
     return;
   }
-  // segParam1 and segParam3 keep what the last record left there: deployed servers have always seen
-  // them in a second stream's open record, and every later record sets all four fields anew.
+  // segParam1 and segParam3 keep the values of the last record: deployed servers rely on them in a
+  // second stream's open record, and every later record sets all four fields again.
   header.seqNo = 0;
   header.type = kRecordOpen;
   header.len = 0;
@@ -73,8 +73,8 @@ void ShmWriter::close() {
   isOpen = false;
 }
 
-// Neither asks whether the writer is open nor closes it: an abort must be possible at any moment,
-// and the close that the destructor sends afterwards still frees the stream at the server.
+// It does not require an open writer and does not close it: an abort must be possible at any time,
+// and the destructor's close afterwards still frees the stream at the server.
 void ShmWriter::stop(bool useStopTimeout) {
   const AutoTrace scope("stop");
   endWith(kRecordStop, useStopTimeout ? stopTimeout : timeout, true);
@@ -83,19 +83,19 @@ void ShmWriter::stop(bool useStopTimeout) {
 ShmWriter::~ShmWriter() {
   const AutoTrace scope("~ShmWriter");
   if (isOpen) {
-    // A thread cancelled while it waits in here would unwind through a destructor, which ends the
-    // process.
+    // If the thread were cancelled while it waits here, it would unwind through a destructor, which
+    // ends the process.
     int cancelState = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     try {
       close();
     } catch (...) {
-      // Nobody is left to tell.
+      // A destructor cannot report errors.
     }
     pthread_setcancelstate(cancelState, nullptr);
   }
-  // The members go in reverse order: the batch, then the response queue, then the send queue. Both
-  // queues are only detached from; they are the server's.
+  // The members are destroyed in reverse order: the batch, the response queue, the send queue. The
+  // writer only detaches from the queues, which belong to the server.
 }
 
 }  // namespace orvane

@@ -7,9 +7,9 @@
 #include "ox/export.hpp"
 #include "ox/status.hpp"
 
-// A failure with a status, a message for people and an optional detail text.
+// A failure with a status, a message for people and a detail text, which may be empty.
 //   try { ... } catch (const Ox_ErrnoException& e) { std::cerr << e.status() << ": " << e.what(); }
-// Copies share their texts, so copying one, as throwing and catching may, cannot fail.
+// Copies share their texts, so copying, which throwing and catching may do, cannot fail.
 class OX_API Ox_ErrnoException : public std::exception {
  public:
   Ox_ErrnoException(ox_status_t status, std::string message, std::string detail);
@@ -21,7 +21,7 @@ class OX_API Ox_ErrnoException : public std::exception {
   const std::string& message() const noexcept;
   const std::string& detail() const noexcept;
 
-  // The message, as a C string that lives as long as this object.
+  // Returns the message as a C string, which is valid as long as this object.
   const char* what() const noexcept override;
 
  private:

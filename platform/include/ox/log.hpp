@@ -2,8 +2,8 @@
 
 #include "ox/export.hpp"
 
-// One message at a severity. `format` is a printf format; `code` reaches the sink unchanged.
-// Any thread may call them; they never throw and leave errno as it was.
+// Each writes one line at its level. `format` is a printf format; the sink receives `code`
+// unchanged. Any thread may call them; they never throw and do not change errno.
 // A program that defines these functions itself (C linkage) replaces the platform's.
 extern "C" {
 

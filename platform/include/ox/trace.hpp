@@ -6,10 +6,10 @@
 
 extern "C" {
 
-// Is tracing on now? A program that defines it (C linkage) replaces the platform's.
+// Returns true while tracing is on. A program that defines it (C linkage) replaces the platform's.
 OX_API bool TraceOn();
 
-// One trace line, written whether or not TraceOn() would answer true: callers ask first.
+// Writes one trace line, also while tracing is off: callers ask TraceOn() first.
 OX_API void __Trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
 }
 
@@ -24,10 +24,10 @@ OX_API void leave(const char* operation) noexcept;
 
 }  // namespace ox::detail
 
-// Marks entry to and exit from an operation while it is in scope:
+// Writes a line when an operation begins and a line when it ends:
 //   AutoTrace scope("open");
-// Follows the platform's own flag, not a replaced TraceOn(). A scope that was entered untraced is
-// not marked when it is left. `operation` must outlive the scope.
+// It uses the platform's own flag, not a replaced TraceOn(). If the flag was off at the begin,
+// neither line is written. `operation` must outlive the scope.
 class AutoTrace {
  public:
   explicit AutoTrace(const char* operation)

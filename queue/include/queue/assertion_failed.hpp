@@ -9,11 +9,10 @@
 
 namespace boost {
 
-// When a peer dies inside the queue, the next wait on the queue's condition variable fails, and
-// Boost only asserts that it does not: without the assertion it would spin for ever, past its
-// deadline, and with the usual one it would abort the process. The wait is the one place that may
-// throw. Elsewhere the failed expression is in an unlock, which runs in destructors, so it must
-// stay silent.
+// When a peer dies inside the queue, the next wait on the queue's condition variable fails. Boost
+// only asserts that it does not: without the assertion it would spin for ever, past its deadline,
+// and with the usual assertion it would abort the process. Only the wait may throw. In all other
+// places the failed expression is in an unlock, which runs in destructors, so they do nothing.
 inline void assertion_failed(char const*, char const* function, char const*, long) {
   if (std::strstr(function, "posix_condition::") != nullptr &&
       std::strstr(function, "wait") != nullptr) {

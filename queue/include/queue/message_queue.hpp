@@ -1,16 +1,16 @@
 #pragma once
 
-// Boost's message queue as orvane's peers use it, with its waits bounded as far as they can be. For
-// servers, and for programs that look at a queue; a producer needs ShmWriter only.
+// Boost's message queue, with limits for its waits where Boost allows them. It is for servers, and
+// for programs that look at a queue; a producer only needs ShmWriter.
 //
 // The settings are macros, and every binary that uses a queue must see the same ones. They come
 // from the build: the CMake target orvane::queue, or `pkg-config --cflags orvane-queue`.
-//   - A lock held by a stopped process is given up after 2 s instead of never.
-//   - Attaching to a queue that its creator never finished is given up after 5 s instead of 300.
-//   - A failed wait on a condition variable throws (assertion_failed.hpp) instead of spinning.
-// No setting bounds a wait for a peer that was stopped inside its copy, or any wait on a queue on
+//   - A wait for a lock that a stopped process holds fails after 2 s, not never.
+//   - Attaching to a queue that its creator never finished fails after 5 s, not 300.
+//   - A failed wait on a condition variable throws (assertion_failed.hpp) and does not spin.
+// Two waits have no limit: for a peer that was stopped while it copies a message, and on a queue on
 // which a process was killed while it waited. So a server polls with try_receive() and try_send(),
-// and after an unclean end nobody uses that queue again.
+// and after an unclean end no process uses that queue again.
 #if !defined(BOOST_ENABLE_ASSERT_HANDLER) ||                       \
     !defined(BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING) ||    \
     BOOST_INTERPROCESS_TIMEOUT_WHEN_LOCKING_DURATION_MS != 2000 || \
