@@ -1,5 +1,5 @@
-// The library's log lines, taken by the program itself. A program that wants whole lines only, and
-// all kinds in one place, gives ox::setSink() a function instead.
+// This program writes the library's log lines itself. A program that only needs whole lines passes
+// a function to ox::setSink() instead.
 
 #include <cstdarg>
 #include <cstdio>
@@ -23,7 +23,8 @@ void write(const char* level, int code, const char* format, va_list arguments) {
     va_end(arguments);                               \
   }
 
-// Defined in the program, they are found before the platform's, by the library too.
+// The library also uses these functions, because the loader finds the program's definitions before
+// the platform's.
 OWN_LEVEL(InfoA, "info")
 OWN_LEVEL(AuthA, "auth")
 OWN_LEVEL(WarningA, "warning")

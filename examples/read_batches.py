@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Prints a capture's batches: read_batches.py FILE. Made from docs/format.md alone. Exits with 1 when
-a message is no batch, or bytes belong to no message."""
+"""Prints a capture's batches: read_batches.py FILE. It follows docs/format.md and uses no library of
+orvane. Exits with 1 if a message is not a batch, or if bytes belong to no message."""
 import sys
 from zlib import adler32
 
@@ -14,7 +14,7 @@ def number(data, offset, size):
 
 
 def header(data, at):
-    """(queue, start, end) of the message that may begin at `at`, or None."""
+    """Returns (queue, start, end) of the message that may begin at `at`, or None."""
     name = at + 16
     start = name + number(data, at + 4, 4)
     end = start + number(data, at + 8, 8)
@@ -26,7 +26,7 @@ def header(data, at):
 
 
 def next_header(data, at):
-    """Where the next message may begin, from `at` on; the end of the data if nowhere."""
+    """Returns the first offset from `at` on where a message may begin, or the end of the data."""
     at = data.find(CAPTURE_MAGIC, at)
     while at >= 0 and header(data, at) is None:
         at = data.find(CAPTURE_MAGIC, at + 1)
@@ -41,9 +41,9 @@ def is_batch(message):
 
 
 def messages(data):
-    """Yields (queue, message, offset); no queue: bytes between two messages. A message of which only a
-    part was written costs no other one: it is no batch, no other message follows where it should end,
-    but one begins inside it."""
+    """Yields (queue, message, offset), or (None, bytes, offset) for bytes between two messages. If only
+    a part of a message was written, the other messages are still found: the part is not a batch, no
+    message or end of the data follows at its end, and another message begins inside it."""
     at = 0
     while at < len(data):
         queue, start, end = header(data, at) or (None, at, len(data) + 1)
@@ -57,7 +57,7 @@ def messages(data):
 
 
 def records(batch):
-    """The records as text. Everything is compared with the batch's size before it is used."""
+    """Yields the records as text. It compares each length with the batch's size before it uses it."""
     if len(batch) < 8 or number(batch, 0, 4) != BATCH_MAGIC:
         raise ValueError("it does not begin as a batch")
     at = 8

@@ -1,4 +1,4 @@
-// receiver NAME: a server of one stream, which prints what comes and answers with a receipt.
+// receiver NAME: a server for one stream. It prints the records and answers with a receipt.
 
 #include <chrono>
 #include <iostream>
@@ -10,7 +10,7 @@ namespace {
 
 namespace ipc = boost::interprocess;
 
-// A queue that exists while this object does. Only this user may open it.
+// A queue that exists as long as this object. Only this user may open it.
 struct Queue {
   Queue(const std::string& queueName, std::size_t messages, std::size_t messageSize)
       : name(queueName),
@@ -20,7 +20,8 @@ struct Queue {
   ipc::message_queue queue;
 };
 
-// Counts and prints; returns whether the stream has ended. Throws when the message is no batch.
+// Prints and counts the records of a message, and returns true if the stream has ended. Throws if
+// the message is not a batch.
 bool print(const unsigned char* message, std::size_t size, orvane::Receipt& receipt) {
   bool ended = false;
   for (const orvane::ShmBatch::Entry& entry : orvane::BatchView(message, size)) {
@@ -38,30 +39,32 @@ bool print(const unsigned char* message, std::size_t size, orvane::Receipt& rece
 int main(int argc, char** argv) try {
   const std::string name = argc > 1 ? argv[1] : "orders";
   static unsigned char message[1048968];
-  // Room for one answer to each message that waits, the one at hand, and a notice.
-  Queue answers(orvane::getMessageQueueResponseName(name), 10, sizeof(orvane::pvk_shm_response_t));
-  Queue batches(name, 8, sizeof message);  // last: a producer that finds it finds both
+  // Room for responses to the 8 messages and to the one that is being printed, and for a notice.
+  Queue responses(orvane::getMessageQueueResponseName(name), 10,
+                  sizeof(orvane::pvk_shm_response_t));
+  // Created last: a producer that finds the send queue can rely on the response queue.
+  Queue batches(name, 8, sizeof message);
   orvane::Receipt receipt{name};
   bool ended = false;
-  // A producer may ask once more for the answer with the receipt, so the end is not at once.
+  // After the stream's end it stays for 200 ms, as a producer may ask for the receipt again.
   for (int idle = 0; !ended || idle < 200; ++idle) {
     std::size_t size = 0;
     unsigned priority = 0;
-    // Never a blocking receive: a producer that is killed while it waits on the same queue may
-    // leave the other side asleep for ever. One that looks again and again needs nobody to wake it.
+    // A blocking receive might never return after a producer was killed while it waited on the same
+    // queue. A server that polls does not depend on a producer to wake it.
     if (!batches.queue.try_receive(message, sizeof message, size, priority)) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       continue;
     }
     idle = 0;
-    orvane::pvk_shm_response_t answer;
+    orvane::pvk_shm_response_t response;
     try {
       ended = print(message, size, receipt) || ended;
-      answer.assign(0, ended ? textOf(receipt).c_str() : "");
+      response.assign(0, ended ? textOf(receipt).c_str() : "");
     } catch (const Ox_ErrnoException& e) {
-      answer.assign(orvane::kBadBatch, e.what());
+      response.assign(orvane::kBadBatch, e.what());
     }
-    answers.queue.try_send(&answer, sizeof answer, answer.status == 0 ? 0 : 1);
+    responses.queue.try_send(&response, sizeof response, response.status == 0 ? 0 : 1);
   }
 } catch (const std::exception& e) {
   std::cerr << "receiver: " << e.what() << "\n";

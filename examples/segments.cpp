@@ -1,4 +1,4 @@
-// segments SOCKET FILE...: one stream, a segment for each file.
+// segments SOCKET FILE...: sends one stream with a segment for each file.
 
 #include <fstream>
 #include <iostream>
@@ -10,12 +10,12 @@ using orvane::ShmWriter;
 
 namespace {
 
-constexpr unsigned kSeconds = 2;         // of one wait for room in the queue, up to 1 s less
-constexpr int kWaits = 15;               // then the server is taken for dead
-constexpr unsigned kServerSeconds = 30;  // for a lease, and for the receipt
+constexpr unsigned kSeconds = 2;         // limit of one wait for room in the queue
+constexpr int kWaits = 15;               // after this many waits the server is considered dead
+constexpr unsigned kServerSeconds = 30;  // limit of the waits for a lease and for the receipt
 
-// Sends what is in the batch. After a time-out the batch is as it was, so this may be repeated.
-// Any other failure is the server's word on an earlier batch: the stream is lost.
+// Sends the batch. After a timeout the batch is unchanged, so the call is repeated. Any other
+// failure means that the stream is lost: for example, the server refused an earlier batch.
 void flush(ShmWriter& writer) {
   for (int wait = 1;; ++wait) {
     try {
@@ -29,8 +29,8 @@ void flush(ShmWriter& writer) {
   }
 }
 
-// Makes a call that only adds to the batch. Where it timed out, the batch was full and could not be
-// sent, so the record is not in it: it has to be sent first.
+// Makes a call that adds a record to the batch. If the call timed out, the batch was full and could
+// not be sent, so the record is not in it: send the batch, and then make the call again.
 template <typename Call>
 void add(ShmWriter& writer, Call call) {
   try {
@@ -57,8 +57,8 @@ void sendSegment(ShmWriter& writer, const std::string& path) {
   add(writer, [&] { writer.endSegment(); });
 }
 
-// In an empty batch there is room for the close record. So where close() times out, the record
-// waits in the batch, and is sent from there; a second close() would add a second one.
+// An empty batch has room for the close record. So if close() times out, the record is in the batch
+// and a flush sends it; another close() would add a second one.
 void close(ShmWriter& writer) {
   flush(writer);
   try {
@@ -71,7 +71,8 @@ void close(ShmWriter& writer) {
   }
 }
 
-// So that nobody takes half a stream for a whole one. It failed already: what fails now is no news.
+// Stops the stream, so that half a stream is not taken for a whole one. Another failure is ignored,
+// because the first one is reported.
 void stop(ShmWriter& writer) noexcept {
   try {
     writer.stop(true);
@@ -98,8 +99,7 @@ int main(int argc, char** argv) try {
     stop(writer);
     throw;
   }
-  // The last answers are not awaited by the writer. This is: without it, nothing is known to be
-  // stored.
+  // The writer does not wait for the last responses. The receipt shows that the stream is stored.
   std::cout << textOf(lease.receipt(kServerSeconds)) << "\n";
 } catch (const std::exception& e) {
   std::cerr << "producer: " << e.what() << "\n";
