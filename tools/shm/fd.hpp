@@ -7,8 +7,8 @@
 
 namespace tool {
 
-// Owns a file descriptor; -1 is none. Closing one leaves errno as it is: the reason why a call
-// failed is often looked at after the descriptors of its function are gone.
+// Owns a file descriptor; -1 stands for none. Closing it does not change errno, because the reason
+// why a call failed is often read after the function's descriptors were closed.
 class Fd {
  public:
   explicit Fd(int descriptor = -1) : number(descriptor) {}
@@ -21,7 +21,7 @@ class Fd {
 
   int get() const { return number; }
 
-  // Gives it up: whoever calls this closes it.
+  // The caller owns the descriptor from now on, and closes it.
   int release() { return std::exchange(number, -1); }
 
   void reset() {

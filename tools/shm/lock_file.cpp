@@ -14,6 +14,8 @@
 #include <thread>
 #include <utility>
 
+#include "shm/shm_names.hpp"
+
 namespace tool {
 namespace {
 
@@ -34,7 +36,7 @@ Fd openFile(const std::string& path, int flags) {
   return fd;
 }
 
-// Not the file that was opened, if its owner removed it in between.
+// Returns false if the owner removed the file after it was opened here.
 bool isAt(const std::string& path, const Fd& fd) {
   struct stat opened = {};
   struct stat named = {};
@@ -123,7 +125,7 @@ LockFile::~LockFile() {
 }
 
 std::string lockPathOf(const std::string& name) {
-  return "/dev/shm/." + name + ".lock";
+  return std::string(kShmFolder) + "." + name + ".lock";
 }
 
 }  // namespace tool

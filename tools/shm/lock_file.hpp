@@ -10,24 +10,25 @@
 
 namespace tool {
 
-// A file that is locked while its owner lives: the system lets go of the lock when the process and
-// all that it forked have ended, however they ended. It holds the owner's process number. Removed
-// with this object.
+// A file that is locked while its owner lives. The system releases the lock when the owner and all
+// processes that it forked have ended in any way. The file holds the owner's process number, and is
+// removed with this object.
 class LockFile {
  public:
-  // Throws std::runtime_error when somebody else holds it, or the file is another user's. When the
-  // owner is dead and only its forked children still hold it, waits some seconds for their end.
+  // Throws std::runtime_error if another process holds the lock, or if the file belongs to another
+  // user. If the owner is dead and only processes that it forked hold the lock, it waits some
+  // seconds for their end.
   explicit LockFile(std::string path);
 
-  // The lock of an owner that is dead; the file names none from then on. Nothing when there is no
-  // such file, when it is held, or when it is not this user's. Throws std::runtime_error when the
-  // file cannot be opened, as ownerOf does.
+  // Locks the file of a dead owner; the file then holds no process number. Returns nothing if there
+  // is no such file, if it is locked, or if it does not belong to `user`. Throws std::runtime_error
+  // if the file cannot be opened, as ownerOf does.
   static std::optional<LockFile> takeOver(const std::string& path, uid_t user = geteuid());
 
   enum class Owner {
-    alive,  // or not this user's, which is not for us to say
-    dying,  // dead, but not all that it forked
-    dead    // with all that it forked; somebody may clean up after it
+    alive,  // also if the file belongs to another user, so that its owner is not known
+    dying,  // dead, but a process that it forked is alive
+    dead    // dead with all processes that it forked, so that another one may clean up
   };
   static Owner ownerOf(const std::string& path, uid_t user = geteuid());
 
@@ -35,7 +36,7 @@ class LockFile {
   LockFile& operator=(LockFile&&) = delete;
   ~LockFile();
 
-  // Its descriptor: whoever inherits it keeps the lock as well.
+  // Returns the descriptor; each process that inherits it holds the lock, too.
   int file() const { return fd.get(); }
 
  private:
@@ -45,8 +46,8 @@ class LockFile {
   Fd fd;
 };
 
-// The lock of a fixed queue name, or of all leases of one server. A leading dot keeps it apart from
-// the queues, whose names have none.
+// Returns the path of the lock of a fixed queue name, or of all leases of one server. The name of
+// the file begins with a dot, which no queue's name does.
 std::string lockPathOf(const std::string& name);
 
 }  // namespace tool

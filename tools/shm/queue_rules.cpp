@@ -8,8 +8,6 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t kMaxNameBytes = 200;
-
 // Written out, because std::isalnum depends on the locale.
 constexpr char kAllowed[] =
     "abcdefghijklmnopqrstuvwxyz"
@@ -27,11 +25,11 @@ void checkQueueName(const std::string& name) {
   if (name.empty()) {
     throw std::invalid_argument("the queue name is empty");
   }
-  if (name.size() > kMaxNameBytes) {
+  if (name.size() > kMaxQueueName) {
     throw std::invalid_argument("the queue name is " + std::to_string(name.size()) +
-                                " bytes long: use at most " + std::to_string(kMaxNameBytes));
+                                " bytes long: use at most " + std::to_string(kMaxQueueName));
   }
-  // Without the name: what is not allowed in it may not be fit for a terminal either.
+  // The messages do not show the name, because it may hold characters that a terminal interprets.
   if (name.front() == '.') {
     throw std::invalid_argument("the queue name begins with a dot");
   }

@@ -5,20 +5,23 @@
 
 namespace tool {
 
-// Throws std::invalid_argument, saying what is wrong with the name, unless it is a name for a queue
-// pair: letters, digits and _.- without a leading dot, at most 200 bytes, and not another pair's
-// response queue's. So it is a plain file name in /dev/shm, with room for what is added to it.
+constexpr std::size_t kMaxQueueName = 200;                     // bytes of a queue's name
+constexpr std::size_t kMaxMessageSize = std::size_t{1} << 30;  // bytes of a queue's message
+
+// Throws std::invalid_argument with the reason unless `name` is valid for a queue pair: it has
+// letters, digits and _.- but no leading dot, at most kMaxQueueName bytes, and it is not the name
+// of a response queue. So it is a plain file name in /dev/shm, with room for what is added to it.
 void checkQueueName(const std::string& name);
 
-// The same for a name that its users choose: nobody's queue may look as if a server had leased it,
-// since other servers finish the streams of a lease whose server is dead.
+// Checks a name that a user chooses. It must not look like the name of a leased queue either, since
+// other servers finish the streams of a lease whose server is dead.
 void checkFixedQueueName(const std::string& name);
 
-// The size of a queue message that holds `count` records of the largest size, with nothing to
-// spare.
+// Returns the smallest size of a queue's message that holds `count` records of the largest size.
 std::size_t messageSizeFor(std::size_t count);
 
-// The size of a queue message that holds one record without data: below it, none can pass.
+// Returns the size of a queue's message that holds one record without data. A record does not fit
+// into a smaller one.
 std::size_t smallestMessageSize();
 
 }  // namespace tool

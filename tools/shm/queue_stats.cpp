@@ -15,7 +15,7 @@ using Text = std::array<char, sizeof(QueueStats::stream)>;
 
 }  // namespace
 
-// A reader that sees any of the new words sees the odd number too: each word is released after it.
+// A reader that sees a new word also sees the odd number, because each word is released after it.
 void setStream(QueueStats& stats, const std::string& id) {
   Text text = {};
   std::copy_n(id.data(), std::min(id.size(), text.size()), text.data());

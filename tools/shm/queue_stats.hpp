@@ -8,33 +8,33 @@
 
 namespace tool {
 
-// The totals that the server publishes for a queue pair, in a file of their own beside it. Whoever
-// may read the file maps it and looks whenever it likes: there is nothing to lock or to ask.
+// The totals that the server publishes for a queue pair, in a file of their own in the same folder.
+// A process that may read the file maps it, and reads it at any time without a lock.
 //
 //   offset  bytes
-//     0      8    "orvstats", written last: what comes before is whole then
+//     0      8    "orvstats", written last, when the other fields are filled
 //     8      8    version of this layout, 1
 //    16      8    process of the server
 //    24      8    process of the worker that serves the pair
 //    32      8    messages that the send queue holds
 //    40      8    bytes of a message
-//    48      8    when the pair was made: ns since 1970
-//    56      8    the same: ns of CLOCK_MONOTONIC
-//    64      8    batches taken, good or bad
+//    48      8    time at which the pair was created: ns since 1970
+//    56      8    the same time: ns of CLOCK_MONOTONIC
+//    64      8    batches received, valid or not
 //    72      8    records stored, of every type that carries data
 //    80      8    bytes of their data
 //    88      8    segments with data that have ended
 //    96      8    streams begun
-//   104      8    batches that were refused as no batch
-//   112      8    batches that were answered with an error, those included
-//   120      8    when the last batch came: ns of CLOCK_MONOTONIC; 0 before the first
-//   128      8    changes of the id behind it: odd while one is on its way
+//   104      8    messages that were refused because they are not a batch
+//   112      8    batches that were answered with an error, these messages included
+//   120      8    time at which the last batch came: ns of CLOCK_MONOTONIC; 0 before the first
+//   128      8    counter of changes of the next field; odd while the worker changes it
 //   136     48    id of the open stream, filled up with zeros; all zeros while none is open
 //   184      8    the lease's user id, plus 1; 0 for a queue with a fixed name
-//   192      8    receipts that the lease's producer has not read; at 4096 no batch is taken
+//   192      8    receipts that the lease's producer has not read; at 4096 no batch is received
 //
-// Numbers are in the machine's own order. The worker holds a lock of the file's first byte
-// (F_OFD_SETLK) while it lives: F_OFD_GETLK tells whether it does, and takes nothing.
+// Numbers are in the machine's byte order. The worker locks the file's first byte (F_OFD_SETLK)
+// while it lives; F_OFD_GETLK shows whether it does, and does not lock the byte.
 struct QueueStats {
   using Number = std::atomic<std::uint64_t>;
 
@@ -68,24 +68,26 @@ static_assert(offsetof(QueueStats, stream) == 136);
 constexpr std::uint64_t kStatsMagic = 0x737461747376726f;  // "orvstats"
 constexpr std::uint64_t kStatsVersion = 1;
 
-// A worker takes no more batches of a lease while so many receipts wait to be read.
+// While a lease has this many unread receipts, its worker receives no batch.
 constexpr std::uint64_t kMostUnreadReceipts = 4096;
 
-// For the worker, which alone writes: not fetch_add, which is a locked instruction.
+// Adds to a total. Only the worker writes, so it does not need fetch_add, a locked instruction.
 inline void add(QueueStats::Number& total, std::uint64_t count) {
   total.store(total.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
 }
 
-// Of a stream's begin, or its end: "". An id that is too long is cut.
+// Publishes the id of the stream that begins, or "" when a stream ends. An id that is too long is
+// cut.
 void setStream(QueueStats& stats, const std::string& id);
 
-// Nothing while it changes.
+// Returns the id of the open stream, "" if none is open, or nothing while the worker changes it.
 std::optional<std::string> streamOf(const QueueStats& stats);
 
-// CLOCK_MONOTONIC, in nanoseconds.
+// Returns the time of CLOCK_MONOTONIC, in nanoseconds.
 std::uint64_t monotonicNow();
 
-// Is the lock of this file of totals held? Nothing where the system does not say.
+// Returns whether the worker holds the lock of this file of totals, or nothing if the system does
+// not support the question.
 std::optional<bool> isWorkerAlive(int statsFile);
 
 }  // namespace tool

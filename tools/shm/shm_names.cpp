@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 
 constexpr char kRun[] = "orvane-[0-9]{8}T[0-9]{6}-[0-9]+";
 
-// Behind a run's name: 16 random hexadecimal digits, or the number that earlier servers gave.
+// A run's name is followed by 16 random hexadecimal digits, or by a number from an earlier server.
 constexpr char kQueueOfRun[] = "_(?:[0-9a-f]{16}|[0-9]+)";
 
 std::optional<std::string> withoutDotAnd(std::string_view end, const std::string& name) {

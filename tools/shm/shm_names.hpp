@@ -8,39 +8,39 @@
 
 namespace tool {
 
-// Where POSIX shared memory, and so every queue, has its names. Besides a pair's two queues the
-// server has names of its own there. They begin with a dot, which no queue's name does.
+// The folder of POSIX shared memory, and so of all queues. The server also has files of its own
+// there. Their names begin with a dot, which no queue's name does.
 constexpr char kShmFolder[] = "/dev/shm/";
 
-// What is there now; nothing where the folder cannot be read.
+// Returns the names of all files there, or none if the folder cannot be read.
 std::set<std::string> namesInShm();
 
-// Under this name a queue is created, before it gets the name under which a producer finds it:
-// nobody ever sees one that is half made or open to the wrong user.
+// Returns the name under which a queue is created. It gets the name that producers know only when
+// it is complete, so no process finds a queue that is incomplete or open to the wrong user.
 std::string privateNameOf(const std::string& queueName);
 
-// The file of a pair's totals (queue_stats.hpp): its name, and its path.
+// The name and the path of the file with a pair's totals (queue_stats.hpp).
 std::string statsNameOf(const std::string& queueName);
 std::string statsPathOf(const std::string& queueName);
 
-// All that a pair may have there, in the order in which it goes: the send queue first, since a
-// producer that finds it expects to find the other.
+// Returns the paths of all files that a pair may have, in the order in which they are removed. The
+// send queue is the first, since a producer that finds it expects to find the response queue.
 std::array<std::string, 5> pathsOfPair(const std::string& queueName);
 
-// Leased queues are named RUN_RANDOM, where RUN is "orvane-" and the server's start time and
-// process, and RANDOM are 16 random hexadecimal digits: nobody can foretell a lease's name, and
-// take it first. Earlier servers counted: RUN_NUMBER. Is this such a RUN? Which one is a queue
-// named after, if any?
+// A leased queue is named RUN_RANDOM. RUN is "orvane-" with the server's start time and process;
+// RANDOM are 16 random hexadecimal digits, so that no process can guess a lease's name and use it
+// first. Earlier servers used RUN_NUMBER. isRun() checks a RUN; runOf() returns the RUN of a leased
+// queue, and nothing for another queue.
 bool isRun(const std::string& name);
 std::optional<std::string> runOf(const std::string& queueName);
 
-// May this name not be given to a queue, since it, or a file of its, could be taken for a lease's?
+// Returns true if a queue of this name, or a file of that queue, could be mistaken for a lease's.
 bool beginsAsLeased(const std::string& name);
 
-// The queues that are named after a run; also those of which only a part is left.
+// Returns the leased queues of a run, also those of which only some files are left.
 std::vector<std::string> queuesOf(const std::string& run, const std::set<std::string>& names);
 
-// The NAME in the name of a lock file, ".NAME.lock", or of a file of totals, ".NAME.stats".
+// Return the NAME in the name of a lock file, ".NAME.lock", or of a file of totals, ".NAME.stats".
 std::optional<std::string> lockedBy(const std::string& fileName);
 std::optional<std::string> countedBy(const std::string& fileName);
 

@@ -8,7 +8,8 @@ std::string lockPathOfSocket(const std::string& path) {
   return path + ".lock";
 }
 
-// Not longer than what the address of a socket in /proc has room for.
+// The name is cut, because the server binds it through a path in /proc, and a socket's address has
+// little room.
 std::string newPathOfSocket(const std::string& path) {
   constexpr std::size_t kLongest = 64;
   const std::filesystem::path whole(path);

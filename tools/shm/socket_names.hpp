@@ -4,8 +4,8 @@
 
 namespace tool {
 
-// The files beside the socket at which a server leases queues: the lock of its server, and the name
-// under which the socket is made, before anybody can find it.
+// Two paths beside the socket at which a server leases queues: the server's lock file, and the path
+// at which the socket is created before it gets its own path.
 std::string lockPathOfSocket(const std::string& path);
 std::string newPathOfSocket(const std::string& path);
 

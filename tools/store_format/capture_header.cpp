@@ -2,14 +2,13 @@
 
 #include <algorithm>
 
+#include "shm/queue_rules.hpp"
+
 namespace tool {
 namespace {
 
-// The limits of orvaned's own options.
-constexpr std::uint32_t kMaxQueueSize = 200;
-constexpr std::uint64_t kMaxMessageSize = std::uint64_t{1} << 30;
-
-std::uint64_t numberAt(const unsigned char* bytes, int size) {
+// The one place of this layer that knows the byte order; the library's own helper is private.
+std::uint64_t loadBig(const unsigned char* bytes, int size) {
   std::uint64_t number = 0;
   for (int i = 0; i < size; ++i) {
     number = number << 8 | bytes[i];
@@ -17,7 +16,7 @@ std::uint64_t numberAt(const unsigned char* bytes, int size) {
   return number;
 }
 
-void putNumber(unsigned char* bytes, int size, std::uint64_t number) {
+void storeBig(unsigned char* bytes, int size, std::uint64_t number) {
   for (int i = size - 1; i >= 0; --i) {
     bytes[i] = static_cast<unsigned char>(number);
     number >>= 8;
@@ -29,18 +28,18 @@ void putNumber(unsigned char* bytes, int size, std::uint64_t number) {
 std::array<unsigned char, CaptureHeader::kSize> bytesOf(const CaptureHeader& header) {
   std::array<unsigned char, CaptureHeader::kSize> bytes = {};
   std::copy(CaptureHeader::kMagic.begin(), CaptureHeader::kMagic.end(), bytes.begin());
-  putNumber(&bytes[4], 4, header.queueSize);
-  putNumber(&bytes[8], 8, header.messageSize);
+  storeBig(&bytes[4], 4, header.queueSize);
+  storeBig(&bytes[8], 8, header.messageSize);
   return bytes;
 }
 
 std::optional<CaptureHeader> parseCaptureHeader(const unsigned char* bytes) {
   CaptureHeader header;
-  header.queueSize = static_cast<std::uint32_t>(numberAt(bytes + 4, 4));
-  header.messageSize = numberAt(bytes + 8, 8);
+  header.queueSize = static_cast<std::uint32_t>(loadBig(bytes + 4, 4));
+  header.messageSize = loadBig(bytes + 8, 8);
   const bool isOne =
       std::equal(CaptureHeader::kMagic.begin(), CaptureHeader::kMagic.end(), bytes) &&
-      header.queueSize <= kMaxQueueSize && header.messageSize <= kMaxMessageSize;
+      header.queueSize <= kMaxQueueName && header.messageSize <= kMaxMessageSize;
   return isOne ? std::optional(header) : std::nullopt;
 }
 

@@ -11,8 +11,7 @@ constexpr char kNoFile[] = "-";
 
 }  // namespace
 
-// Six digits at least, so that a listing shows the segments of all but the longest streams in
-// order.
+// The name has at least six digits, so that listings show up to a million segments in order.
 std::string segmentName(std::uint64_t number) {
   const std::string digits = std::to_string(number);
   return "segment-" + std::string(6 - std::min<std::size_t>(digits.size(), 6), '0') + digits;
@@ -44,8 +43,8 @@ std::string textOf(const UnfinishedFile& unfinished) {
          " crc32=" + checksumText(unfinished.checksum);
 }
 
-// scanf() is lenient, and says nothing of numbers that are too large. So the line is one exactly
-// when it is written the same again.
+// scanf() accepts too much, and does not report numbers that are too large. So a line is valid
+// exactly if writing what was read gives the same line.
 std::optional<SegmentSummary> parseSegment(const std::string& line) {
   SegmentSummary segment;
   auto& parameters = segment.parameters;

@@ -6,7 +6,7 @@
 
 namespace tool {
 
-// What is kept of one segment. The algorithm and its parameters are those of its first record.
+// One stored segment. The algorithm and its parameters are those of the segment's first record.
 struct SegmentSummary {
   std::uint64_t number = 0;
   std::uint64_t records = 0;
@@ -19,15 +19,15 @@ struct SegmentSummary {
   bool operator==(const SegmentSummary&) const = default;
 };
 
-// What a file has behind its name while it is not finished.
+// The ending of a file's name while the file is not finished.
 constexpr char kUnfinished[] = ".part";
 
-// The name of a segment's file.
+// Returns the name of a segment's file.
 std::string segmentName(std::uint64_t number);
 
 constexpr char kOtherRecords[] = "other-records";
 
-// The records of other types, in the file of that name.
+// The records of other types, which are stored in the file of this name.
 struct OtherRecords {
   std::uint64_t records = 0;
   std::uint64_t bytes = 0;     // of their data
@@ -36,7 +36,7 @@ struct OtherRecords {
   bool operator==(const OtherRecords&) const = default;
 };
 
-// A file that a server left behind which had not listed it before it died.
+// A file that the manifest did not list yet when its server died.
 struct UnfinishedFile {
   std::string file;
   std::uint64_t bytes = 0;
@@ -45,7 +45,8 @@ struct UnfinishedFile {
   bool operator==(const UnfinishedFile&) const = default;
 };
 
-// A line of the manifest and back; nothing when the line is not exactly one.
+// These write a line of the manifest and read it. The parsers return nothing unless the line is
+// exactly what textOf() writes.
 std::string textOf(const SegmentSummary& segment);
 std::string textOf(const OtherRecords& others);
 std::string textOf(const UnfinishedFile& unfinished);

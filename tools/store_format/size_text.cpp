@@ -9,7 +9,8 @@ namespace {
 
 constexpr std::string_view kUnits = "kmgtpe";
 
-// The power of two that a unit stands for: K, KB and KiB, in any case, and so on; nothing or B.
+// Returns the exponent of two for a unit: 10 for K, KB and KiB in upper or lower case, and so on,
+// and 0 for B or no unit.
 std::optional<unsigned int> shiftOf(std::string unit) {
   std::transform(unit.begin(), unit.end(), unit.begin(), [](char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;

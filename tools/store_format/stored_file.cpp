@@ -23,7 +23,7 @@ constexpr std::size_t kBlock = 1 << 20;
 
 }  // namespace
 
-// O_NONBLOCK: a FIFO that somebody put there must not block its opener.
+// O_NONBLOCK, because opening a FIFO that another program put there must not block.
 Fd openStored(const std::string& path) {
   Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};

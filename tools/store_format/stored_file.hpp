@@ -12,21 +12,21 @@ struct Content {
   std::uint32_t checksum = 0;
 };
 
-// Opens a file of the store for reading. Throws std::runtime_error; so it does for a symbolic link
-// and for what is no regular file, which no server puts there.
+// Opens a file of the store for reading. Throws std::runtime_error, also for a symbolic link or
+// another file that is not regular, because a server creates only regular files.
 Fd openStored(const std::string& path);
 
-// The text of a file of the store that people read, such as a manifest. Throws the same.
+// Returns the text of a file of the store, such as a manifest. Throws std::runtime_error.
 std::string textOfStored(const std::string& path);
 
-// Reads the whole file, which `path` names for messages. Throws std::runtime_error.
+// Reads the whole file. Error messages name it by `path`. Throws std::runtime_error.
 Content contentOf(const Fd& file, const std::string& path);
 Content contentOf(const std::string& path);
 
-// Why the content is not what was listed; empty when it is.
+// Returns how the content differs from what the manifest lists, or "" if it does not.
 std::string faultOf(const Content& found, const Content& listed);
 
-// The same of a file, also when it cannot be read.
+// Reads a file and does the same; a file that cannot be read differs, too.
 std::string faultOf(const std::string& path, const Content& listed);
 
 }  // namespace tool

@@ -19,7 +19,6 @@ using orvane::pvk_shm_response_t;
 
 namespace {
 
-constexpr char kShmFolder[] = "/dev/shm";
 constexpr mode_t kGroupMode = 0660;
 constexpr std::size_t kPage = 4096;
 constexpr unsigned kSuccessPriority = 0;
@@ -37,17 +36,18 @@ std::size_t bytesOfQueue(std::size_t messages, std::size_t messageSize) {
 // Checked before anything is created: a queue that fills /dev/shm would harm all its other users.
 const Geometry& checkRoom(const Geometry& geometry) {
   const std::size_t needed = bytesOfPair(geometry);
-  const auto available = std::filesystem::space(kShmFolder).available;
+  const std::filesystem::path folder = std::filesystem::path(tool::kShmFolder).parent_path();
+  const auto available = std::filesystem::space(folder).available;
   if (needed > available) {
     throw std::runtime_error("the queues need " + std::to_string(needed) + " bytes of " +
-                             kShmFolder + ", which has " + std::to_string(available) +
+                             folder.string() + ", which has " + std::to_string(available) +
                              ": use fewer or smaller messages, or enlarge it");
   }
   return geometry;
 }
 
 std::string pathOf(const std::string& name) {
-  return std::string(kShmFolder) + "/" + name;
+  return tool::kShmFolder + name;
 }
 
 [[noreturn]] void failToCreate(const std::string& name, int error) {
