@@ -15,7 +15,7 @@ void requireOutput() {
   if (std::fflush(stdout) == 0 && !failedBefore) {
     return;
   }
-  // Why an earlier write failed, only the next one tells.
+  // Only the next write shows why an earlier one failed.
   const bool stillFails = write(STDOUT_FILENO, "\n", 1) < 0;
   throw Failure(kFailed,
                 "cannot write all of it: " + (stillFails ? std::generic_category().message(errno)

@@ -5,8 +5,8 @@
 
 namespace tool {
 
-// What `orvane send` exits with; its --help lists them. 2, a wrong command line, is main's own. The
-// other commands fail with 1 only.
+// The exit codes of `orvane send`, which its --help explains. main() itself returns 2 for a wrong
+// command line. The other commands fail only with 1.
 enum ExitCode {
   kStored = 0,
   kNothingSent = 1,
@@ -27,12 +27,12 @@ class Failure : public std::runtime_error {
   const ExitCode code;
 };
 
-// Writes what standard output still holds. Throws Failure unless all of it was written.
+// Flushes standard output. Throws Failure if a part of it could not be written.
 void requireOutput();
 
-// Where a standard file was closed, the first file that the command opens would take its number,
-// and its output, or what it reads, would be another file's. Such a number is given to one that can
-// be neither read (0) nor written (1, 2).
+// If standard input, output or error is closed, the first file that the command opens would get its
+// number, and the command would read or write that file by mistake. So each such number gets a file
+// that cannot be read (0) or cannot be written (1, 2).
 void occupyStandardFiles();
 
 }  // namespace tool

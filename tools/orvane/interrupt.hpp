@@ -7,15 +7,15 @@
 
 namespace tool {
 
-// A signal asked the command to end. Thrown only where it may be, so that everything is cleaned up
-// on the way out; main then dies of the same signal.
+// The exception for a signal that asks the command to end. Only calls that expect it throw it, so
+// that everything is cleaned up; main then dies of the same signal.
 struct Interrupted {
   int signal;
-  std::string during;  // what it ended, for the user; may be empty
+  std::string during;  // the work that it ended, as a text for the user; may be empty
 };
 
-// While one exists, SIGINT, SIGTERM and SIGHUP wait until they are asked for, and so does one more
-// signal if one is given. Those of the three that were ignored (nohup) stay ignored.
+// While an object exists, SIGINT, SIGTERM, SIGHUP and one more signal, if one is given, are held
+// back until a call asks for them. Those of the three that were ignored (nohup) stay ignored.
 class Interrupt {
  public:
   explicit Interrupt(int oneMore = 0);
@@ -23,7 +23,7 @@ class Interrupt {
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
 
-  // Each throws Interrupted when a signal is there or arrives meanwhile.
+  // Each call throws Interrupted if a signal is held back or arrives meanwhile.
   void check() { pause(std::chrono::nanoseconds(0)); }
   void pause(std::chrono::nanoseconds duration);
   void waitReadable(int fd);

@@ -1,4 +1,4 @@
-// orvane, the command.
+// The command orvane.
 
 #include <signal.h>
 
@@ -43,12 +43,12 @@ int run(const tool::Command& command) {
                  interrupted.during.empty() ? "" : " ", interrupted.during.c_str());
     signal(interrupted.signal, SIG_DFL);
     raise(interrupted.signal);
-    return 128 + interrupted.signal;  // for a parent that had it blocked
+    return 128 + interrupted.signal;  // reached if the parent had blocked the signal
   }
 }
 
 int parseAndRun(int argc, char** argv) {
-  CLI::App app("Streams of records to a local server, over shared memory", "orvane");
+  CLI::App app("Send streams of records to a local server, and look at its queues", "orvane");
   app.set_version_flag("--version", tool::kVersion);
   app.require_subcommand(1);
   app.failure_message([](const CLI::App*, const CLI::Error& error) {

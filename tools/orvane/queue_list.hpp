@@ -5,13 +5,13 @@
 
 namespace tool {
 
-// The queues of this machine that have a response queue beside them, sorted.
+// Returns the names of this machine's queues that have a response queue, sorted.
 std::vector<std::string> queuesHere();
 
-// Is it a name that a server can give a pair? Only such names are fit for a terminal.
+// Returns true if a server can give the name to a pair. Only such names are safe on a terminal.
 bool mayBeQueue(const std::string& name);
 
-// What to tell somebody who asks for a queue that is not there.
+// Returns the error message for a queue that does not exist.
 std::string noSuchQueue(const std::string& name);
 
 }  // namespace tool

@@ -31,10 +31,10 @@ namespace fs = std::filesystem;
 constexpr char kSocketFolder[] = "/run/orvaned";
 constexpr auto kSkipDenied = fs::directory_options::skip_permission_denied;
 
-// That the files of a name are orvaned's: its lock file, or its totals, say so.
-struct Proof {
+// The server that made the files of a name, as its lock file or its totals show.
+struct Server {
   uid_t user;
-  std::string server;  // its process; empty when nothing tells it any more
+  std::string process;  // empty when it is not known
 };
 
 std::optional<struct stat> plainFile(const std::string& path) {
@@ -43,7 +43,7 @@ std::optional<struct stat> plainFile(const std::string& path) {
                                                                       : std::nullopt;
 }
 
-// The process number in a lock file; empty when it holds none.
+// Returns the process number in a lock file, or "" if it holds none.
 std::string holderIn(const std::string& path) {
   const Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   char text[32] = {};
@@ -58,9 +58,9 @@ bool isGone(const std::string& process) {
   return kill(std::atoi(process.c_str()), 0) != 0 && errno == ESRCH;
 }
 
-// A run's name can be nobody else's. Others' lock files may be called ".NAME.lock" too, and hold a
-// number: a process of that number must not be there then, even if it is another one by now.
-std::optional<Proof> proofByLock(const std::string& name) {
+// Only orvaned uses the name of a run. Another program may also have a file ".NAME.lock" that holds
+// a number, so no process of that number may be there: not even a later one that has it again.
+std::optional<Server> serverByLock(const std::string& name) {
   const std::string path = lockPathOf(name);
   const auto file = plainFile(path);
   if (!file) {
@@ -68,14 +68,14 @@ std::optional<Proof> proofByLock(const std::string& name) {
   }
   const std::string holder = holderIn(path);
   const bool isOurs = isRun(name) || (!holder.empty() && isGone(holder));
-  return isOurs ? std::optional(Proof{file->st_uid, holder}) : std::nullopt;
+  return isOurs ? std::optional(Server{file->st_uid, holder}) : std::nullopt;
 }
 
-std::optional<Proof> proofByTotals(const std::string& queue) {
+std::optional<Server> serverByTotals(const std::string& queue) {
   try {
-    const std::string server = std::to_string(Published(queue).server());
+    const std::string process = std::to_string(Published(queue).server());
     const auto file = plainFile(statsPathOf(queue));
-    return file ? std::optional(Proof{file->st_uid, server}) : std::nullopt;
+    return file ? std::optional(Server{file->st_uid, process}) : std::nullopt;
   } catch (const Failure&) {
     return std::nullopt;
   }
@@ -86,21 +86,21 @@ bool isSocket(const std::string& path) {
   return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-// A fixed name has one pair, a run as many as it leased.
+// A fixed name has one pair; a run has all pairs that it leased.
 std::vector<std::string> queuesOfName(const std::string& name) {
   return isRun(name) ? queuesOf(name, namesInShm()) : std::vector<std::string>{name};
 }
 
-// Nothing when another user's is not for this one to touch.
-std::optional<Proof> proofOf(const std::string& name) {
-  auto proof = proofByLock(name);
+// Returns nothing also if the server was another user's, unless root asks.
+std::optional<Server> serverOf(const std::string& name) {
+  auto server = serverByLock(name);
   for (const std::string& queue : queuesOfName(name)) {
-    proof = proof ? proof : proofByTotals(queue);
+    server = server ? server : serverByTotals(queue);
   }
-  return proof && (proof->user == geteuid() || geteuid() == 0) ? proof : std::nullopt;
+  return server && (server->user == geteuid() || geteuid() == 0) ? server : std::nullopt;
 }
 
-// The fixed names and runs that may have left something.
+// Returns the fixed names and the runs that may have left files.
 std::set<std::string> namesInUse(const std::vector<std::string>& queues) {
   std::set<std::string> names(queues.begin(), queues.end());
   if (queues.empty()) {
@@ -118,9 +118,9 @@ std::set<std::string> namesInUse(const std::vector<std::string>& queues) {
   return found;
 }
 
-// A socket, its server's lock, and the name under which a server that starts makes it. The lock is
-// orvaned's if it says so, a process that is gone, and stands beside a socket.
-std::optional<Proof> proofOfSocket(const std::string& path) {
+// The lock file is orvaned's if it holds the number of a process that is gone, and the socket is
+// there under its own name or under the name that it has while a server starts.
+std::optional<Server> serverOfSocket(const std::string& path) {
   const std::string lock = lockPathOfSocket(path);
   const auto file = plainFile(lock);
   if (!file || !(isSocket(path) || isSocket(newPathOfSocket(path)))) {
@@ -128,11 +128,11 @@ std::optional<Proof> proofOfSocket(const std::string& path) {
   }
   const std::string holder = holderIn(lock);
   const bool isOurs = file->st_uid == geteuid() || geteuid() == 0;
-  return isOurs && !holder.empty() && isGone(holder) ? std::optional(Proof{file->st_uid, holder})
+  return isOurs && !holder.empty() && isGone(holder) ? std::optional(Server{file->st_uid, holder})
                                                      : std::nullopt;
 }
 
-// At a path, or anywhere below a folder.
+// Returns the path itself or, if it is a folder, the paths of all sockets below it.
 std::vector<std::string> socketsAt(const std::string& path) {
   if (!fs::is_directory(fs::symlink_status(path))) {
     return {path};
@@ -150,19 +150,19 @@ std::vector<std::string> socketsAt(const std::string& path) {
   return sockets;
 }
 
-// As a server that starts takes it; nothing when somebody has it. A server that starts meanwhile
-// waits, since the file names nobody.
-std::optional<LockFile> takeLock(const std::string& name, const Proof& proof) {
+// Locks the name as a server that starts does; returns nothing if a process holds the lock. The
+// file then holds no process number, so a server that starts meanwhile waits.
+std::optional<LockFile> lockName(const std::string& name, const Server& server) {
   const std::string path = lockPathOf(name);
   const Fd missing(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  if (missing.get() >= 0 && fchown(missing.get(), proof.user, static_cast<gid_t>(-1)) != 0) {
+  if (missing.get() >= 0 && fchown(missing.get(), server.user, static_cast<gid_t>(-1)) != 0) {
     return std::nullopt;
   }
-  return LockFile::takeOver(path, proof.user);
+  return LockFile::takeOver(path, server.user);
 }
 
-// The lock alone does not tell: its file may have been removed, and made again, since a server took
-// it.
+// A free lock is not enough: its file may have been removed and created again while a server held
+// the lock.
 bool isServed(const std::string& queue) {
   try {
     return Published(queue).isServed();
@@ -171,107 +171,108 @@ bool isServed(const std::string& queue) {
   }
 }
 
-class Broom {
+// Removes the files of dead servers and prints the path of each; in a dry run it only prints.
+class Cleaner {
  public:
-  explicit Broom(bool onlyTell) : dryRun(onlyTell) {}
+  explicit Cleaner(bool onlyReport) : dryRun(onlyReport) {}
 
   void clean(const std::string& name) {
-    const auto proof = proofOf(name);
-    if (!proof) {
+    const auto server = serverOf(name);
+    if (!server) {
       return;
     }
     const bool hadLock = plainFile(lockPathOf(name)).has_value();
-    const auto lock = dryRun ? std::nullopt : takeLock(name, *proof);
+    const auto lock = dryRun ? std::nullopt : lockName(name, *server);
     const bool isFree =
-        dryRun ? LockFile::ownerOf(lockPathOf(name), proof->user) == LockFile::Owner::dead
+        dryRun ? LockFile::ownerOf(lockPathOf(name), server->user) == LockFile::Owner::dead
                : lock.has_value();
     if (!isFree) {
       return;
     }
-    // Looked for only now: until its end the server may have made more.
+    // Not listed before the lock: until its end the server may have created more.
     for (const std::string& queue : queuesOfName(name)) {
       if (!isServed(queue)) {
-        removePair(queue, *proof);
+        removePair(queue, *server);
       }
     }
     if (hadLock) {
-      tell(lockPathOf(name), *proof);  // goes with `lock`
+      report(lockPathOf(name), *server);  // `lock` removes the file
     }
   }
 
   void cleanSocket(const std::string& path) {
-    const auto proof = proofOfSocket(path);
-    if (!proof) {
+    const auto server = serverOfSocket(path);
+    if (!server) {
       return;
     }
     const std::string lockPath = lockPathOfSocket(path);
-    const auto lock = dryRun ? std::nullopt : LockFile::takeOver(lockPath, proof->user);
-    const bool isFree = dryRun ? LockFile::ownerOf(lockPath, proof->user) == LockFile::Owner::dead
+    const auto lock = dryRun ? std::nullopt : LockFile::takeOver(lockPath, server->user);
+    const bool isFree = dryRun ? LockFile::ownerOf(lockPath, server->user) == LockFile::Owner::dead
                                : lock.has_value();
     if (!isFree) {
       return;
     }
     for (const std::string& file : {path, newPathOfSocket(path)}) {
       if (isSocket(file)) {
-        remove(file, *proof);
+        remove(file, *server);
       }
     }
-    tell(lockPath, *proof);  // goes with `lock`
+    report(lockPath, *server);  // `lock` removes the file
   }
 
-  bool isIdle() const { return told == 0; }
+  bool foundNothing() const { return reported == 0; }
 
  private:
-  // A producer's own, where root gave it away; else whoever made the lock made the queues.
-  void removePair(const std::string& queue, const Proof& proof) {
+  // The queues belong to the server's user or, if that is root, maybe to a producer's user, to whom
+  // root gave them.
+  void removePair(const std::string& queue, const Server& server) {
     for (const std::string& path : pathsOfPair(queue)) {
       const auto file = plainFile(path);
-      if (!file || (file->st_uid != proof.user && proof.user != 0)) {
+      if (!file || (file->st_uid != server.user && server.user != 0)) {
         continue;
       }
-      remove(path, proof);
+      remove(path, server);
     }
   }
 
-  void remove(const std::string& path, const Proof& proof) {
+  void remove(const std::string& path, const Server& server) {
     if (!dryRun && unlink(path.c_str()) != 0) {
       throw Failure(kFailed,
                     "cannot remove " + path + ": " + std::generic_category().message(errno));
     }
-    tell(path, proof);
+    report(path, server);
   }
 
-  void tell(const std::string& path, const Proof& proof) {
-    ++told;
+  void report(const std::string& path, const Server& server) {
+    ++reported;
     std::printf("%s %s: its server%s is gone\n", dryRun ? "would remove" : "removed", path.c_str(),
-                proof.server.empty() ? "" : (", process " + proof.server + ",").c_str());
+                server.process.empty() ? "" : (", process " + server.process + ",").c_str());
   }
 
   const bool dryRun;
-  std::size_t told = 0;
+  std::size_t reported = 0;
 };
 
-// Removes what servers that are gone left in /dev/shm, and their sockets below /run/orvaned, and
-// prints what; only of these queues and sockets (a folder stands for all below it), unless there
-// are none. With `dryRun`, prints what it would remove.
+// Cleans up after dead servers: only these queues and sockets or, if there are none, all in
+// /dev/shm and below /run/orvaned. A folder among the sockets stands for all sockets below it.
 void cleanUp(const std::vector<std::string>& queues, const std::vector<std::string>& sockets,
              bool dryRun) {
   const bool everything = queues.empty() && sockets.empty();
-  Broom broom(dryRun);
+  Cleaner cleaner(dryRun);
   try {
     for (const std::string& name :
          everything || !queues.empty() ? namesInUse(queues) : std::set<std::string>()) {
-      broom.clean(name);
+      cleaner.clean(name);
     }
     for (const std::string& path : everything ? std::vector<std::string>{kSocketFolder} : sockets) {
       for (const std::string& socket : socketsAt(path)) {
-        broom.cleanSocket(socket);
+        cleaner.cleanSocket(socket);
       }
     }
   } catch (const std::runtime_error& e) {
     throw Failure(kFailed, e.what());
   }
-  if (broom.isIdle()) {
+  if (cleaner.foundNothing()) {
     std::puts("nothing to remove: no server that is gone left anything");
   }
 }
@@ -294,19 +295,22 @@ void cleanNamed(const std::vector<std::string>& names, bool dryRun) {
 
 Command addClean(CLI::App& app) {
   CLI::App* clean = app.add_subcommand(
-      "clean", "Remove what servers that are gone left in /dev/shm and /run/orvaned");
+      "clean", "Remove the files that dead servers left in /dev/shm and /run/orvaned");
   const auto names = std::make_shared<std::vector<std::string>>();
   const auto dryRun = std::make_shared<bool>(false);
   clean->set_version_flag("--version", kVersion);
   clean
       ->add_option("NAME", *names,
-                   "Only of these queues, with a leased one of all that its server leased; with a "
-                   "slash in it: of the server whose socket it is, or of all below this folder")
+                   "Clean up only after the server of this queue or, if NAME has a\n"
+                   "slash, of this socket, or of all sockets below this folder.\n"
+                   "A leased queue stands for all queues that its server leased.\n"
+                   "Without NAME: clean up after all servers")
       ->type_name("");
-  clean->add_flag("--dry-run", *dryRun, "Only tell what would be removed");
+  clean->add_flag("--dry-run", *dryRun, "Only print what would be removed");
   clean->footer(
-      std::string("A server that starts does the same for its own queue and for leases. "
-                  "Root cleans up after\neverybody's servers, others after their own.\n") +
+      std::string("A server that starts does the same for its own queue and for leases.\n"
+                  "Root cleans up after the servers of all users, other users only after their "
+                  "own.\n") +
       kExitCodes);
   return {clean, [names, dryRun] { cleanNamed(*names, *dryRun); }};
 }

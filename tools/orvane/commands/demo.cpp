@@ -37,7 +37,7 @@ fs::path parentFolder() {
 void requireSpace(const fs::path& parent, std::uint64_t needed) {
   struct statvfs space = {};
   if (statvfs(parent.c_str(), &space) != 0) {
-    return;  // making the folder will tell the reason
+    return;  // mkdtemp() will fail and give the reason
   }
   const std::uint64_t available = std::uint64_t{space.f_bavail} * space.f_frsize;
   if (available < needed) {
@@ -48,7 +48,7 @@ void requireSpace(const fs::path& parent, std::uint64_t needed) {
   }
 }
 
-// A private folder under TMPDIR, or /tmp; removed with all that is in it.
+// A private folder in TMPDIR, or in /tmp, which is removed with everything in it.
 class TempFolder {
  public:
   // Throws Failure when it cannot be made or when `needed` bytes would not fit into it.
@@ -90,7 +90,7 @@ std::vector<fs::path> segmentFiles(const fs::path& streamFolder) {
   std::vector<fs::path> files;
   for (std::string line; std::getline(manifest, line);) {
     const std::size_t name = line.rfind(" file=");
-    // A segment without data has no file: "-".
+    // "-" stands for a segment without data, which has no file.
     if (line.starts_with("segment ") && name != std::string::npos && !line.ends_with(" file=-")) {
       files.push_back(streamFolder / line.substr(name + 6));
     }
@@ -144,9 +144,9 @@ Sent sendTo(const std::string& queueName, DemoSource& source, const fs::path& sp
   return sendStream(writer, source.readFirst(spool, interrupt), options, progress, interrupt);
 }
 
-// Sends a file, standard input ("-"), or 256 MiB of its own making (an empty path) through a
-// private server, and compares what was stored with the source. Returns the line to print, when
-// nothing is left behind any more. Throws Failure, Interrupted.
+// Sends a file, standard input ("-"), or 256 MiB of generated data (an empty path) through a
+// private server, and compares what was stored with the source. Returns the line to print, after it
+// has removed all files. Throws Failure, Interrupted.
 std::string runDemo(const std::string& path) {
   DemoSource source(path);
   Interrupt interrupt(SIGCHLD);  // so that a server that dies is noticed at once
@@ -178,14 +178,15 @@ std::string runDemo(const std::string& path) {
 
 Command addDemo(CLI::App& app) {
   CLI::App* demo = app.add_subcommand(
-      "demo", "Try it: send a file through a private orvaned, compare what it stored");
+      "demo", "Send a file through a private orvaned, and compare what it stored");
   const auto file = std::make_shared<std::string>();
   demo->set_version_flag("--version", kVersion);
   demo->add_option("FILE", *file,
-                   "What to send; - is standard input. Without it: 256 MiB made for the purpose")
+                   "The file to send; - is standard input. Without FILE: 256 MiB of\n"
+                   "generated data")
       ->type_name("");
   demo->footer(
-      "The store is a temporary folder under TMPDIR, or /tmp; nothing is left behind.\n"
+      "The store is a temporary folder in TMPDIR, or in /tmp; demo removes it at the end.\n"
       "Exit codes: 0 when every byte is the same, 2 for wrong use of the command, else 1.");
   return {demo, [file] {
             try {

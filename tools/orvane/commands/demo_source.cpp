@@ -42,7 +42,7 @@ Reader generatedBytes() {
   };
 }
 
-// Reads, and copies what was read to `path`.
+// Reads from `source` and copies what was read to the file `path`.
 Reader copying(const Reader& source, const std::filesystem::path& path) {
   const std::shared_ptr<std::FILE> file(std::fopen(path.c_str(), "wbe"), [](std::FILE* opened) {
     if (opened != nullptr) {

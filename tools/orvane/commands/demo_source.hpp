@@ -10,8 +10,9 @@
 
 namespace tool {
 
-// What the demo sends, read once to send it and once more to compare: a file, or standard input for
-// "-", or, for an empty path, bytes that look random and follow from their place.
+// The data that the demo sends. It is read once to send it, and once more to compare it. It is a
+// file; or standard input for "-"; or, for an empty path, bytes that look random and depend only on
+// their offset.
 class DemoSource {
  public:
   // Throws Failure (kNothingSent).
@@ -19,11 +20,11 @@ class DemoSource {
 
   std::optional<std::uint64_t> size() const;
 
-  // What cannot be read again, such as a pipe, is kept in the file `spool` meanwhile. Valid while
-  // this object is.
+  // Input that cannot be read again, such as a pipe, is copied to the file `spool`. The reader is
+  // valid as long as this object.
   Reader readFirst(const std::filesystem::path& spool, Interrupt& interrupt);
 
-  // After the first reader has come to its end.
+  // To be called after the first reader has reached its end.
   Reader readAgain(Interrupt& interrupt);
 
  private:

@@ -36,7 +36,7 @@ std::string hex(Bytes bytes) {
   return text;
 }
 
-// As docs/format.md draws them.
+// Prints the bytes in the form that docs/format.md uses.
 void printHex(Bytes bytes) {
   for (std::size_t at = 0; at < bytes.size(); at += 16) {
     std::cout.width(6);
@@ -49,7 +49,7 @@ void printHex(Bytes bytes) {
   }
 }
 
-// The library tells it in its text only.
+// The library shows the check value in an entry's text only.
 std::uint32_t checkValueOf(const ShmBatch::Entry& entry) {
   std::ostringstream text;
   text << entry;
@@ -62,7 +62,7 @@ class TextPrinter {
     std::cout << "message " << number << (queue.empty() ? "" : ", queue ") << queue << ", "
               << counted(bytes.size(), "byte") << "\n";
   }
-  // The library's text of a batch, each record on a line of its own and with its header.
+  // Prints the library's text of a batch, but each record on its own line and with its header.
   void batch(const BatchView& batch, Bytes bytes) {
     std::cout << "ShmBatch: entries=" << batch.size() << ", bufferSize=" << bytes.size()
               << ", used=" << bytes.size() << "\n";
@@ -127,7 +127,7 @@ class JsonPrinter {
   Json line;
 };
 
-// Returns how many messages are broken.
+// Returns the number of broken messages.
 template <typename Printer>
 std::uint64_t dumpMessages(CaptureReader& capture, Printer print) {
   std::uint64_t broken = 0;
@@ -162,9 +162,9 @@ std::uint64_t dumpFile(const std::string& path, bool json) {
 }
 
 // Prints what a capture, a file with one batch, or a stored stream's folder holds; "-" is a capture
-// or a batch on standard input. Throws Failure after the last line when something in it is broken.
+// or a batch on standard input. Throws Failure after the last line if something in it is broken.
 void printDump(const std::string& path, bool json) {
-  signal(SIGPIPE, SIG_DFL);  // whoever reads on has seen enough, and needs no message
+  signal(SIGPIPE, SIG_DFL);  // a reader of the output that ends has seen enough: print no message
   const bool isFolder = std::filesystem::is_directory(path);
   const std::uint64_t broken = isFolder ? dumpStream(path, json) : dumpFile(path, json);
   requireOutput();
@@ -183,18 +183,18 @@ Command addDump(CLI::App& app) {
   const auto json = std::make_shared<bool>(false);
   dump->set_version_flag("--version", kVersion);
   dump->add_option("FILE", *path,
-                   "A capture (orvaned --capture), one batch, or a stored stream's folder; - is "
-                   "standard input")
+                   "A capture (orvaned --capture), a file with one batch, or the folder of\n"
+                   "a stored stream; - is a capture or a batch on standard input")
       ->required()
       ->type_name("");
-  dump->add_flag("--json", *json, "Print JSON, one object a line");
+  dump->add_flag("--json", *json, "Print JSON, one object on each line");
   dump->footer(
-      std::string("Of each record, its data's length and Adler-32 are shown, and its header:\n"
+      std::string("For each record, dump shows the type, the length and Adler-32 of the data, and "
+                  "the header:\n"
                   "(seqNo,type,len,segAlg,segmentNo,segmentDone,segParam1,segParam2,segParam3,"
                   "magic).\n"
-                  "Of a stored stream, the manifest, and whether each file is as it says. What is "
-                  "broken is shown\n"
-                  "with the reason; then it is 1 that the command exits with.\n") +
+                  "For a stored stream, it shows the manifest, and whether each file matches it.\n"
+                  "If something is broken, it shows the reason and fails.\n") +
       kExitCodes);
   return {dump, [path, json] { printDump(*path, *json); }};
 }

@@ -23,11 +23,11 @@
 namespace tool {
 namespace {
 
-// What only the server's totals tell.
+// The facts that only the server's totals show.
 struct Served {
   std::uint64_t messages;
   std::uint64_t messageSize;
-  std::uint64_t server;  // 0: nobody
+  std::uint64_t server;  // its process; 0 if it is dead
 };
 
 struct Facts {
@@ -53,7 +53,7 @@ std::optional<Served> servedFacts(const std::string& queue) {
   }
 }
 
-// Nothing when the queue went away meanwhile.
+// Returns nothing if the queue was removed meanwhile.
 std::optional<Facts> factsOf(const std::string& queue) {
   struct stat send = {};
   struct stat response = {};
@@ -120,8 +120,8 @@ void printJson(const std::vector<Facts>& queues) {
   printLine(list);
 }
 
-// Prints the queues of this machine, as a table or as JSON. What this user may not know is "-", or
-// null.
+// Prints the queues of this machine, as a table or as JSON. A fact that this user may not read is
+// "-" or null.
 void listQueues(bool json) {
   std::vector<Facts> queues;
   for (const std::string& name : queuesHere()) {
@@ -145,9 +145,10 @@ Command addLs(CLI::App& app) {
   const auto json = std::make_shared<bool>(false);
   ls->set_version_flag("--version", kVersion);
   ls->add_flag("--json", *json, "Print JSON");
-  ls->footer(std::string("A - stands for what this user may not know, or orvaned did not publish.\n"
-                         "SERVER is the process that serves the queue.\n") +
-             kExitCodes);
+  ls->footer(
+      std::string("SERVER is the process that serves the queue, or nobody if it is dead.\n"
+                  "- stands for what this user may not read, or orvaned did not publish.\n") +
+      kExitCodes);
   return {ls, [json] { listQueues(*json); }};
 }
 

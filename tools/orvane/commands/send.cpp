@@ -20,7 +20,7 @@
 namespace tool {
 namespace {
 
-// Where to send: to a queue known by its name, or to one that is leased at a socket.
+// The queue to send to: one that is known by its name, or one that is leased at a socket.
 struct Destination {
   std::string queue;
   std::optional<std::string> socket;
@@ -45,7 +45,7 @@ std::optional<orvane::Lease> leaseFrom(const Destination& destination, unsigned 
   }
 }
 
-// All of them before anything is sent, so that a misspelt name costs nothing.
+// Opens all files before anything is sent, so that nothing is sent if a name is misspelt.
 std::vector<Input> openAll(const std::vector<std::string>& paths) {
   std::vector<Input> inputs;
   for (const std::string& path : paths) {
@@ -126,9 +126,9 @@ void sendFiles(const Destination& destination, const std::vector<std::string>& p
   if (!destination.socket) {
     requireFixedQueueName(destination.queue);
   }
-  signal(SIGPIPE, SIG_IGN);  // nobody who reads the summary is no reason to end before it
+  signal(SIGPIPE, SIG_IGN);  // sending goes on even if no process reads the summary
   std::vector<Input> inputs = openAll(paths);
-  // Before signals are kept for later: there is nothing to tidy up yet.
+  // Asked before signals are held back: a signal may end the process here, as nothing was sent yet.
   std::optional<orvane::Lease> lease = leaseFrom(destination, options.timeoutSeconds);
   orvane::Lease* const leased = lease ? &*lease : nullptr;
   Interrupt interrupt;
@@ -145,7 +145,8 @@ struct Arguments {
   SendOptions options;
 };
 
-// A size with a unit, or none; `text` then holds the bytes.
+// Checks a size with or without a unit, and replaces `text` by the number of bytes. Returns what is
+// wrong with it, or "".
 std::string toSegmentSize(std::string& text) {
   const auto bytes = bytesIn(text);
   if (!bytes) {
@@ -155,31 +156,48 @@ std::string toSegmentSize(std::string& text) {
   return *bytes == 0 ? "must be at least 1" : "";
 }
 
+// The library's own usage line does not show that --queue or --socket is required, and it shows the
+// group of the two with its internal name.
+class SendHelp : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "Usage: orvane send [OPTIONS] (--queue NAME | --socket PATH) FILE...\n";
+  }
+  std::string make_expanded(const CLI::App* group) const override {
+    return make_groups(group, CLI::AppFormatMode::Sub);
+  }
+};
+
 }  // namespace
 
 Command addSend(CLI::App& app) {
-  CLI::App* send = app.add_subcommand("send", "Store files as streams of a running orvaned");
+  CLI::App* send = app.add_subcommand("send", "Store each file as a stream of a running orvaned");
   const auto arguments = std::make_shared<Arguments>();
   send->set_version_flag("--version", kVersion);
+  send->formatter(std::make_shared<SendHelp>());
   CLI::Option_group* where = send->add_option_group("+Where");
-  where->add_option("--queue", arguments->destination.queue, "The queue that orvaned serves, or")
-      ->type_name("NAME");
+  where->add_option("--queue", arguments->destination.queue, "The queue that orvaned serves")
+      ->type_name("NAME")
+      ->group("Destination, exactly one of");
   where
       ->add_option("--socket", arguments->destination.socket,
                    "The socket at which orvaned leases queues")
-      ->type_name("PATH");
+      ->type_name("PATH")
+      ->group("Destination, exactly one of");
   where->require_option(1);
   send->add_option("--segment-size", arguments->options.segmentSize,
-                   "Start a new segment after so many bytes, such as 512KiB")
+                   "Start a new segment after this many bytes, such as 512KiB")
       ->transform(CLI::Validator(toSegmentSize, ""))
       ->type_name("SIZE")
       ->default_str("64MiB");
   send->add_option("--timeout", arguments->options.timeoutSeconds,
-                   "Seconds to wait for room in the queue, and for the receipt, up to a day")
+                   "Wait at most this many seconds for room in the queue, and for the\n"
+                   "receipt; 1 to 86400")
       ->check(CLI::Range(orvane::kMinTimeoutSeconds, orvane::kMaxTimeoutSeconds).description(""))
       ->type_name("SECONDS")
       ->capture_default_str();
-  send->add_option("FILE", arguments->files, "Files to send, one stream each; - is standard input")
+  send->add_option("FILE", arguments->files,
+                   "The files to send, one stream each; - is standard input")
       ->required()
       ->type_name("");
   send->footer(

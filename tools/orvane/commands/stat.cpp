@@ -21,7 +21,7 @@ namespace {
 
 struct StatOptions {
   std::string queue;
-  double interval = 1;  // seconds between the two looks that the rates come from; 0: no rates
+  double interval = 1;  // seconds over which the rates are measured; 0: no rates
   bool json = false;
 };
 
@@ -45,15 +45,14 @@ struct Look {
   std::array<std::uint64_t, std::size(kTotals)> totals;
   std::uint64_t lastBatch;
   std::uint64_t unreadReceipts;
-  std::optional<std::string> stream;  // nothing while it changes
+  std::optional<std::string> stream;  // none while the server changes it
   std::uint64_t at;
 };
 
-// All that there is to say.
 struct Stat {
   bool served;
   Look look;
-  double seconds = 0;  // between two looks; 0: there was one
+  double seconds = 0;  // between two looks; 0 if there was only one
   std::array<double, std::size(kTotals)> rates = {};
 };
 
@@ -64,11 +63,11 @@ Look lookAt(const QueueStats& stats) {
   for (std::size_t i = 0; i < look.totals.size(); ++i) {
     look.totals[i] = (stats.*kTotals[i].number).load(std::memory_order_relaxed);
   }
-  look.at = monotonicNow();  // not before the last batch
+  look.at = monotonicNow();  // read last, so that the last batch is never later
   return look;
 }
 
-// Of a server that is gone the totals stand still, and one look will do.
+// One look is enough if the server is dead: its totals do not change any more.
 Stat statOf(const Published& published, double interval) {
   Stat stat = {published.isServed(), lookAt(published.stats())};
   if (interval <= 0 || !stat.served) {
@@ -125,7 +124,7 @@ std::string streamText(const Look& look) {
   return look.stream->empty() ? "none" : *look.stream;
 }
 
-// Of a producer that reads them there are none.
+// Prints nothing for a producer that reads its receipts.
 void printUnreadReceipts(const Look& look) {
   if (look.unreadReceipts > 0) {
     std::printf(
@@ -213,18 +212,18 @@ std::string checkInterval(const std::string& text) {
 }  // namespace
 
 Command addStat(CLI::App& app) {
-  CLI::App* stat = app.add_subcommand("stat", "Show what a queue has carried so far, and how fast");
+  CLI::App* stat = app.add_subcommand("stat", "Show how much a queue has carried, and how fast");
   const auto options = std::make_shared<StatOptions>();
   stat->set_version_flag("--version", kVersion);
-  stat->add_option("NAME", options->queue, "The queue")->required()->type_name("");
+  stat->add_option("NAME", options->queue, "The queue's name")->required()->type_name("");
   stat->add_option("--interval", options->interval,
-                   "Seconds between the two looks that the rates come from; 0: no rates")
+                   "Measure the rates over this many seconds; 0 shows no rates")
       ->check(checkInterval)
       ->type_name("SECONDS")
       ->capture_default_str();
   stat->add_flag("--json", options->json, "Print JSON");
   stat->footer(
-      std::string("The totals count from when the pair was made. Looking at them disturbs no "
+      std::string("The totals count from the time when the pair was created. stat disturbs no "
                   "stream.\n") +
       kExitCodes);
   return {stat, [options] {

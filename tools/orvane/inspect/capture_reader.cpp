@@ -45,7 +45,7 @@ std::optional<CaptureReader::Piece> CaptureReader::next() {
   return header && isWhole(*header) ? message(header->queueSize, header->messageSize) : stray();
 }
 
-// Makes at least so many bytes wait. False: there are not so many.
+// Reads on until `size` bytes are waiting. Returns false if the file has fewer.
 bool CaptureReader::fill(std::size_t size) {
   if (waiting().size() >= size) {
     return true;
@@ -62,7 +62,7 @@ bool CaptureReader::fill(std::size_t size) {
   return window.size() >= size;
 }
 
-// What may begin a message: the header, and the name that it announces.
+// Returns the header if a message may begin here: a header and a queue's name.
 std::optional<CaptureHeader> CaptureReader::headerAt(std::size_t position) {
   if (!fill(position + CaptureHeader::kSize)) {
     return std::nullopt;
@@ -99,7 +99,7 @@ CaptureReader::Piece CaptureReader::message(std::size_t queueSize, std::size_t m
   return piece;
 }
 
-// All up to where the next message may begin.
+// Takes all bytes before the next place where a message may begin.
 CaptureReader::Piece CaptureReader::stray() {
   std::size_t size = 1;
   while (fill(size + 1) && !headerAt(size)) {

@@ -12,22 +12,22 @@
 
 namespace tool {
 
-// Takes a capture apart, or the one batch that a file holds; reads no further than it has to.
-// A message of which only a part was written costs no other one: where what is said to be a message
-// is no batch, does not end before another one or at the end of the file, and holds what may begin
-// a message, it is taken for such a part. Throws what Input does.
+// Splits a capture into its messages, or reads a file that holds one batch. It reads no further
+// than it has to. If only a part of a message was written, the other messages are still found. A
+// message is taken for such a part if it is not a batch, neither another message nor the end of the
+// file follows it, and another message may begin inside it. Throws what Input throws.
 class CaptureReader {
  public:
   struct Piece {
-    std::span<const unsigned char> bytes;  // until the next call
+    std::span<const unsigned char> bytes;  // valid until the next call
     std::uint64_t offset;                  // in the file
-    bool isMessage = true;   // or else bytes between two messages, as a full disk leaves them
-    std::string queue = {};  // empty: the file is a batch
+    bool isMessage = true;   // false for bytes between two messages, as a full disk leaves them
+    std::string queue = {};  // empty if the file is a batch
   };
 
   CaptureReader(Input& input, Interrupt& interrupt);
 
-  // Nothing at the end.
+  // Returns nothing at the end of the file.
   std::optional<Piece> next();
 
  private:
@@ -42,8 +42,8 @@ class CaptureReader {
   Input& input;
   Interrupt& interrupt;
   std::vector<unsigned char> window;
-  std::size_t begin = 0;     // of what was not taken yet, in the window
-  std::uint64_t offset = 0;  // the same, in the file
+  std::size_t begin = 0;     // position in the window of the first byte that was not taken yet
+  std::uint64_t offset = 0;  // position of that byte in the file
   bool ended = false;
   bool isCapture;
 };

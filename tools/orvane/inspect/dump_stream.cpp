@@ -19,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct ListedFile {
-  std::string name;  // empty: the line makes no sense
+  std::string name;  // empty if the line is invalid
   Content content;
 };
 
@@ -36,7 +36,7 @@ ListedFile fileOf(const UnfinishedFile& unfinished) {
   return {unfinished.file, {unfinished.bytes, unfinished.checksum}};
 }
 
-// The file that a line lists, if it is a line that does.
+// Returns the file that a line of the manifest lists, or nothing if the line lists none.
 std::optional<ListedFile> fileIn(const std::string& line) {
   const auto listed = [](const auto& parsed) { return parsed ? fileOf(*parsed) : ListedFile(); };
   if (line.starts_with("segment ") && !line.ends_with(" file=-")) {

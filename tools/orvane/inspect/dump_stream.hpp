@@ -5,8 +5,8 @@
 
 namespace tool {
 
-// Prints the manifest of a stored stream and compares every file that it lists with what is there.
-// Returns how many of them are damaged. Throws Failure when the folder holds no manifest.
+// Prints the manifest of a stored stream, and compares it with every file that it lists. Returns
+// the number of damaged files. Throws Failure if the folder holds no manifest.
 std::uint64_t dumpStream(const std::string& folder, bool json);
 
 }  // namespace tool

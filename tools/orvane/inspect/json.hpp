@@ -4,14 +4,14 @@
 
 namespace tool {
 
-// Its members stay in the order in which they were added.
+// Members stay in the order in which they were added.
 using Json = nlohmann::ordered_json;
 
-// Prints it on a line of its own. What is no UTF-8 in a text becomes U+FFFD: the line is valid JSON
-// whatever a manifest holds.
+// Prints one line. Bytes of a text that are not UTF-8 become U+FFFD, so the line is valid JSON for
+// every manifest.
 void printLine(const Json& json);
 
-// Rounded to thousandths.
+// Rounds to thousandths.
 double rounded(double number);
 
 }  // namespace tool

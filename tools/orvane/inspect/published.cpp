@@ -13,7 +13,7 @@
 namespace tool {
 namespace {
 
-// Whatever a stranger has there is not followed, and not waited for.
+// Another program may have put a symbolic link or a FIFO there: do not follow it or wait for it.
 Fd openStats(const std::string& queue) {
   const std::string path = statsPathOf(queue);
   Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -58,7 +58,8 @@ Published::~Published() {
   munmap(const_cast<QueueStats*>(mapped), sizeof(QueueStats));
 }
 
-// Where the system does not say, the file speaks for its server: an orderly end removes it.
+// If the system does not support the question, the file is a sign that the server is there: a
+// server that ends in order removes it.
 bool Published::isServed() const {
   return isWorkerAlive(file.get()).value_or(true);
 }

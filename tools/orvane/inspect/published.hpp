@@ -8,17 +8,16 @@
 
 namespace tool {
 
-// What its server publishes about a queue. Looking at it takes no lock and waits for nobody.
+// The facts that a server publishes about its queue. Reading them needs no lock and does not block.
 class Published {
  public:
-  // Throws Failure when the server publishes nothing, or nothing that this user or this version can
-  // read.
+  // Throws Failure if the server publishes nothing, or if this user or this version cannot read it.
   explicit Published(const std::string& queue);
   ~Published();
   Published(const Published&) = delete;
   Published& operator=(const Published&) = delete;
 
-  // Is there still a process that serves the queue?
+  // Returns true if there is a process that serves the queue.
   bool isServed() const;
 
   std::uint64_t server() const { return mapped->server; }

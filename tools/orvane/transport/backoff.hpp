@@ -7,7 +7,7 @@
 
 namespace tool {
 
-// The pause between two looks at something: short at first, longer while nothing comes.
+// The pause between two attempts: short at first, and then longer each time.
 class Backoff {
  public:
   explicit Backoff(Interrupt& endsIt) : interrupt(endsIt) {}

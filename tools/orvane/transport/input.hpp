@@ -10,10 +10,10 @@
 
 namespace tool {
 
-// Fills `buffer` as far as the data reaches: fewer bytes than asked for mean its end.
+// Fills `buffer` and returns the number of bytes; fewer than `size` mean the end of the data.
 using Reader = std::function<std::size_t(unsigned char* buffer, std::size_t size)>;
 
-// An open file, or standard input for "-". Movable, one owner.
+// An open file, or standard input for "-". It has one owner and is movable.
 class Input {
  public:
   // Throws Failure (kNothingSent).
@@ -23,18 +23,18 @@ class Input {
   Input(const Input&) = delete;
   Input& operator=(const Input&) = delete;
 
-  // For messages.
+  // The name in messages.
   const std::string& name() const { return displayName; }
 
-  // The bytes ahead, when that is known. A regular file can be read a second time.
+  // Returns the number of bytes to read, if it is known. A regular file can be read a second time.
   std::optional<std::uint64_t> size() const;
   bool isRegular() const { return regular; }
   void rewind();
 
-  // As a Reader. Throws Failure (kInputFailed), Interrupted.
+  // Reads as a Reader does. Throws Failure (kInputFailed), Interrupted.
   std::size_t read(unsigned char* buffer, std::size_t size, Interrupt& interrupt);
 
-  // Valid while this object is.
+  // The reader is valid as long as this object.
   Reader reader(Interrupt& interrupt);
 
  private:

@@ -42,7 +42,7 @@ ipc::message_queue attach(const std::string& queueName, const std::string& part)
   }
 }
 
-// The server may have removed the queues since they were attached to above.
+// The server may have removed the queues after attach() has attached to them.
 std::unique_ptr<orvane::ShmWriter> newWriter(const std::string& queueName) {
   try {
     return std::make_unique<orvane::ShmWriter>("", queueName, orvane::kMinTimeoutSeconds,
@@ -52,7 +52,7 @@ std::unique_ptr<orvane::ShmWriter> newWriter(const std::string& queueName) {
   }
 }
 
-// 0 when there is no such queue.
+// Returns 0 if there is no such queue.
 ino_t inodeOf(const std::string& queueName) {
   struct stat status = {};
   return stat((kShmFolder + queueName).c_str(), &status) == 0 ? status.st_ino : 0;
@@ -84,7 +84,7 @@ PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTi
       batchSize(kEmptyBatch) {}
 
 void PolledWriter::open() {
-  takeAnswers();  // to an earlier stream: the writer would take the first one for its own
+  receiveResponses();  // to an earlier stream: the writer would take the first for this stream's
   waitForRoom(timeout);
   ++batches;
   writer->open();
@@ -140,7 +140,7 @@ void PolledWriter::waitForRoom(std::chrono::seconds limit) {
        backoff.pause()) {
     if (serverLeft()) {
       if (lease != nullptr) {
-        lease->receipt(0);  // throws why it ended, if the server could still say so
+        lease->receipt(0);  // throws the reason for the lease's end, if the server sent one
       }
       failToSend("was removed before orvaned had taken everything");
     }
@@ -154,24 +154,24 @@ void PolledWriter::failToSend(const std::string& why) const {
   throw Failure(batches == 0 ? kNothingSent : kUnknown, "the queue " + queueName + " " + why);
 }
 
-std::vector<orvane::pvk_shm_response_t> PolledWriter::takeAnswers() {
-  std::vector<orvane::pvk_shm_response_t> answers(responseQueue.get_num_msg());
+std::vector<orvane::pvk_shm_response_t> PolledWriter::receiveResponses() {
+  std::vector<orvane::pvk_shm_response_t> responses(responseQueue.get_num_msg());
   ipc::message_queue::size_type size = 0;
   unsigned int priority = 0;
-  for (orvane::pvk_shm_response_t& answer : answers) {
-    responseQueue.try_receive(&answer, sizeof answer, size, priority);
-    answer.text[sizeof answer.text - 1] = '\0';
+  for (orvane::pvk_shm_response_t& response : responses) {
+    responseQueue.try_receive(&response, sizeof response, size, priority);
+    response.text[sizeof response.text - 1] = '\0';
   }
-  return answers;
+  return responses;
 }
 
-bool PolledWriter::allTaken() {
+bool PolledWriter::allReceived() {
   return sendQueue.get_num_msg() == 0;
 }
 
 bool PolledWriter::serverLeft() const {
   if (lease != nullptr) {
-    return !lease->alive();  // after the queue's removal, and with the server's last word before it
+    return !lease->alive();  // it ends after the server's last packet and the queue's removal
   }
   const ino_t now = inodeOf(queueName);
   return now == 0 || now != inode;

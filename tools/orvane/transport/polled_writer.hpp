@@ -14,21 +14,21 @@
 
 namespace tool {
 
-// A ShmWriter that never has to wait inside the queue: the wait for room is done here, by polling.
-// So it can be interrupted, and a command that is killed while it waits leaves the queue usable; a
-// process that dies inside the queue's own wait wedges it for every later one.
+// A ShmWriter that never waits inside the queue, because this class polls until there is room. So
+// the wait can be interrupted, and the queue stays usable when the command is killed while it
+// waits. A process that dies inside the queue's own wait blocks the queue for all later processes.
 //
-// What ShmWriter throws passes through, and so do the queue's exceptions. Besides, each call throws
-// Failure when the queue stays full or its server is gone, what Lease::receipt() throws when the
-// lease has ended, and Interrupted.
+// Exceptions of ShmWriter and of the queue pass through. Each call also throws Failure if the queue
+// stays full or its server is gone, what Lease::receipt() throws if the lease has ended, and
+// Interrupted.
 class PolledWriter {
  public:
-  // Attaches to the pair. `roomTimeout` bounds each wait for room. A null pointer stands for a
+  // Attaches to the pair. `roomTimeout` limits each wait for room. `queuesLease` is null for a
   // queue that is not leased.
   PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout, Interrupt& endsIt,
                orvane::Lease* queuesLease = nullptr);
 
-  // The most data that one record can carry here.
+  // Returns the largest number of data bytes that a record on this queue can carry.
   std::size_t recordSize() const { return maxData; }
 
   void open();
@@ -36,24 +36,24 @@ class PolledWriter {
   void endSegment();
   void close();
 
-  // Tells the server that the stream ends here, unfinished. If that cannot be told within seconds,
-  // nothing more is: not even by the writer's own end, which would close the stream as a whole one.
+  // Stops the stream. If the stop record cannot be sent within seconds, nothing more is sent: not
+  // even by the writer's destructor, which would close the stream as if it were whole.
   void abort() noexcept;
 
-  // Messages sent so far, whatever the stream.
+  // Returns the number of batches sent so far, in all streams.
   std::uint64_t batchesSent() const { return batches; }
 
-  // Sends an empty batch, for the sake of its answer.
+  // Sends an empty batch, so that the server sends a response.
   void probe() { flush(); }
 
-  // The answers that are there, errors first, but for those that the writer picked up itself.
-  std::vector<orvane::pvk_shm_response_t> takeAnswers();
+  // Receives the responses that are waiting, errors first. The writer may have received others.
+  std::vector<orvane::pvk_shm_response_t> receiveResponses();
 
-  // Has the server taken every batch? It has then answered all but the last one.
-  bool allTaken();
+  // Returns true if the server has received every batch. It has then answered all but the last one.
+  bool allReceived();
 
-  // Has the server removed the queue, or ended its lease? What it answered before can still be
-  // taken.
+  // Returns true if the server has removed the queue or ended its lease. Responses that it sent
+  // before can still be received.
   bool serverLeft() const;
 
  private:

@@ -26,7 +26,7 @@ std::string clockText(double seconds) {
   return text;
 }
 
-// https://no-color.org: who sets it wants plain text.
+// https://no-color.org: a user who sets it wants plain text.
 bool isPlain() {
   const char* noColor = std::getenv("NO_COLOR");
   return noColor != nullptr && *noColor != '\0';
@@ -62,7 +62,7 @@ void Progress::draw(Clock::time_point now) {
   const double rate =
       static_cast<double>(done) / std::chrono::duration<double>(now - start).count();
   std::string line = bytesText(static_cast<double>(done));
-  // A file that grows meanwhile passes its total; what is left is unknown then.
+  // If a file grows meanwhile, more than the total is sent, and the rest is unknown.
   if (total.has_value() && *total >= done && done > 0) {
     line += " of " + bytesText(static_cast<double>(*total));
     line += ", " + bytesText(rate) + "/s, ";

@@ -6,11 +6,11 @@
 
 namespace tool {
 
-// A line on standard error that says how far the bytes have come: only on a terminal, redrawn at
-// most ten times a second, gone when it is destroyed.
+// A line on standard error that shows how many bytes are sent. It is shown only on a terminal,
+// drawn at most ten times a second, and removed with this object.
 class Progress {
  public:
-  // `expected` bytes in all, when that is known.
+  // `expected` is the total number of bytes, if it is known.
   explicit Progress(std::optional<std::uint64_t> expected);
   ~Progress();
   Progress(const Progress&) = delete;

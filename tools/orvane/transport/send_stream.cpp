@@ -68,22 +68,22 @@ void writeSegments(PolledWriter& writer, const Reader& read, std::uint64_t segme
   } while (got == asked);
 }
 
-// The receipt among the answers that are there. Only when the server has taken everything do they
-// count: what is there before may still be meant for an earlier stream.
-std::optional<Receipt> takeReceipt(PolledWriter& writer) {
-  if (!writer.allTaken()) {
+// Returns the receipt if one of the waiting responses carries it. Responses count only when the
+// server has received all batches: before that, they may belong to an earlier stream.
+std::optional<Receipt> receiveReceipt(PolledWriter& writer) {
+  if (!writer.allReceived()) {
     return std::nullopt;
   }
   std::optional<Receipt> receipt;
   std::optional<Ox_ErrnoException> error;
-  for (const orvane::pvk_shm_response_t& answer : writer.takeAnswers()) {
-    if (answer.status != 0) {
-      error.emplace(answer.status, answer.text, "");
-    } else if (const auto found = parseReceipt(answer.text)) {
+  for (const orvane::pvk_shm_response_t& response : writer.receiveResponses()) {
+    if (response.status != 0) {
+      error.emplace(response.status, response.text, "");
+    } else if (const auto found = parseReceipt(response.text)) {
       receipt = found;
     }
   }
-  // A whole stream is stored whatever came later, such as the end of the server.
+  // A stream that is closed is stored, also if an error such as the server's end followed.
   if (error && (!receipt || receipt->end != orvane::StreamEnd::closed)) {
     throw Ox_ErrnoException(*error);
   }
@@ -95,7 +95,7 @@ std::optional<Receipt> takeReceipt(PolledWriter& writer) {
                               " s: is it still running?");
 }
 
-std::optional<Receipt> takeReceipt(orvane::Lease& lease) {
+std::optional<Receipt> receiveReceipt(orvane::Lease& lease) {
   try {
     return lease.receipt(0);
   } catch (const Ox_ErrnoException& e) {
@@ -106,16 +106,16 @@ std::optional<Receipt> takeReceipt(orvane::Lease& lease) {
   }
 }
 
-// Waits for the receipt of the stream that `writer` just closed. The writer itself may have taken
-// the answer that carries it, so after a while an empty batch asks again. Throws Failure when the
-// server left or nothing came in time, Ox_ErrnoException when it refused, Interrupted.
+// Waits for the receipt of the stream that `writer` just closed. The writer itself may have
+// received the response that carries it, so after a while an empty batch asks for it again. Throws
+// Failure if the server left or nothing came in time, Ox_ErrnoException if it refused, Interrupted.
 Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt) {
   const auto start = Clock::now();
   auto nextProbe = start + kProbeAfter;
   for (Backoff backoff(interrupt);; backoff.pause()) {
-    // In this order: what the server answered before it left counts.
+    // In this order, because a receipt that the server sent before it left counts.
     const bool serverLeft = writer.serverLeft();
-    if (const auto receipt = takeReceipt(writer)) {
+    if (const auto receipt = receiveReceipt(writer)) {
       return *receipt;
     }
     if (serverLeft) {
@@ -125,19 +125,19 @@ Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interru
     if (now - start >= timeout) {
       failWithoutReceipt(timeout);
     }
-    if (now >= nextProbe && writer.allTaken()) {
+    if (now >= nextProbe && writer.allReceived()) {
       writer.probe();
       nextProbe = now + kProbeAfter;
     }
   }
 }
 
-// The same over a lease's connection, which nobody else reads; kLeaseLost says that the server
-// left.
+// Waits for the receipt on a lease's connection, which only this function reads. kLeaseLost is
+// thrown if the server left.
 Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt) {
   const auto start = Clock::now();
   for (Backoff backoff(interrupt);; backoff.pause()) {
-    if (const auto receipt = takeReceipt(lease)) {
+    if (const auto receipt = receiveReceipt(lease)) {
       return *receipt;
     }
     if (Clock::now() - start >= timeout) {

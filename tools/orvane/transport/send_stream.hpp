@@ -17,16 +17,16 @@ struct SendOptions {
 
 // A stream that was stored.
 struct Sent {
-  std::string stream;  // the server's name for it
+  std::string stream;  // the id that the server gave to it
   std::uint64_t bytes = 0;
   std::uint64_t segments = 0;
   std::uint64_t batches = 0;
   double seconds = 0;  // from the open record to the receipt
 };
 
-// Sends everything that `read` delivers as one stream, and waits for the server's word that it is
-// stored: over the lease's connection where the queue is leased, else in its answers. When this
-// throws, the stream was aborted: Failure, Interrupted, or what `read` threw.
+// Sends all data of `read` as one stream, and waits for the receipt: on the lease's connection if
+// the queue is leased, otherwise in the responses. Throws Failure, Interrupted, or what `read`
+// throws, after it has stopped an unfinished stream.
 Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
                 Progress& progress, Interrupt& interrupt, orvane::Lease* lease = nullptr);
 

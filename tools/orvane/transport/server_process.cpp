@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kReadyTime(10);
 constexpr std::chrono::seconds kEndTime(10);
 
-// A plain name is looked for in PATH.
+// A name without a folder is searched in PATH.
 std::string serverProgram() {
   const fs::path folder = fs::read_symlink("/proc/self/exe").parent_path();
   for (const fs::path& candidate : {folder / "orvaned", folder / "../bin/orvaned"}) {
@@ -39,11 +39,11 @@ std::string serverProgram() {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  // A group of its own: a Ctrl-C is for the command alone, which ends the server in order.
+  // It gets its own process group, so that Ctrl-C ends only the command, which then stops it.
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) {
-    _exit(1);  // the parent was gone before the line above
+    _exit(1);  // the parent had ended before the line above
   }
   const int input = open("/dev/null", O_RDONLY);
   const int output = open(log, O_WRONLY | O_CREAT | O_APPEND, 0600);
@@ -67,7 +67,7 @@ std::string lastLine(const fs::path& file) {
   return last;
 }
 
-// By the part of the name that is only ours, so that half-made queues are found too.
+// Finds the files by the unique part of their names, so that incomplete queues are removed, too.
 void removeQueues(const std::string& queueName) {
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(kShmFolder, ignored)) {
@@ -104,7 +104,7 @@ ServerProcess::~ServerProcess() {
       waitForEnd(kEndTime);
     }
   }
-  // What works for it, if it died itself.
+  // Its workers are still there if it died.
   kill(-group, SIGKILL);
   removeQueues(queueName);
 }

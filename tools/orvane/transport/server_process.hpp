@@ -10,25 +10,24 @@
 
 namespace tool {
 
-// An orvaned of one's own: the one beside this program, or else the one in PATH. It ends with this
-// process, however that ends; destroying this object ends it and removes what it may have left of
-// its queues.
+// A private orvaned: the program in the folder of this one, or else the one in PATH. It ends with
+// this process. The destructor ends it and removes all files that are left of its queues.
 class ServerProcess {
  public:
-  // Starts it; what it says goes to `logFile`. Throws Failure.
+  // Starts it; its output goes to `logFile`. Throws Failure.
   ServerProcess(const std::string& queue, const std::filesystem::path& store,
                 const std::filesystem::path& logFile);
   ~ServerProcess();
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
 
-  // Returns when its queues can be used. Throws Failure when that takes too long; Interrupted.
+  // Returns when its queues can be used. Throws Failure if that takes too long; Interrupted.
   void waitUntilReady(Interrupt& interrupt);
 
-  // To be called when it ended unasked (SIGCHLD): throws Failure, saying how.
+  // To be called when it ended by itself (SIGCHLD). Throws Failure with the reason.
   [[noreturn]] void throwEnded();
 
-  // Asks it to end. Throws Failure when it does not, or not well.
+  // Ends it with SIGTERM. Throws Failure if it does not end in time, or ends with an error.
   void stop();
 
  private:
@@ -37,7 +36,7 @@ class ServerProcess {
 
   const std::string queueName;
   const std::filesystem::path log;
-  pid_t pid = -1;  // -1: there is no process to end
+  pid_t pid = -1;  // -1 if there is no process to end
   pid_t group = -1;
   int endStatus = 0;
 };
