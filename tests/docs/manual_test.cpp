@@ -16,8 +16,8 @@ namespace {
 
 using Options = std::map<std::string, std::string>;
 
-// The options that a help text lists, and what each is unless told: nothing for most.
-//   --messages UINT:UINT in [1 - 4096]=8
+// The options that a help text lists, and the default of each: nothing for most.
+//   --messages COUNT=8
 Options optionsOf(const std::vector<std::string>& command) {
   const std::regex option(" +(?:-h,)?--([a-z-]+)(.*)");
   std::istringstream help(run(command).out);

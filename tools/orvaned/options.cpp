@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
+#include <memory>
 #include <orvane/orvane.hpp>
 #include <orvane/server_status.hpp>
 #include <stdexcept>
@@ -22,42 +23,48 @@ constexpr mode_t kMinMode = 0600;
 constexpr int kCannotShow = 1;
 
 constexpr char kDescription[] =
-    "Takes streams of records from queues in shared memory and stores them.\n"
-    "Runs until SIGTERM, SIGINT or SIGHUP; then takes what is queued and removes the queues, "
-    "within\n15 seconds.";
+    "Receives streams of records through queues in shared memory and stores them.\n"
+    "Runs until SIGTERM, SIGINT or SIGHUP. Then it stores what is queued and removes the queues,\n"
+    "within 15 seconds.";
+
+// CLI11's own usage line does not show the required options.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App* /*app*/, std::string /*name*/) const override {
+    return "\nUsage: orvaned --store FOLDER --queue NAME [OPTIONS]\n"
+           "       orvaned --store FOLDER --socket PATH [OPTIONS]\n";
+  }
+};
 
 std::string footer() {
   std::string text =
-      "Each stream becomes a folder of the store, QUEUE-ID: a file for each segment with data, "
-      "and\n"
-      "a manifest that lists them and says how the stream ended. Records that belong to no stream\n"
-      "are kept in QUEUE-outside-records. What a server that was killed left unfinished is "
-      "checked\n"
-      "and finished at the next start with the same queue and store.\n"
-      "\n"
-      "What is stored is on the disk itself, and survives a power cut, with --sync\n"
-      "  always   before its batch is answered\n"
-      "  segment  at the end of each segment and each stream\n"
-      "  none     when the system sees fit\n"
-      "A killed server loses nothing that was answered, with any of them.\n"
-      "\n"
-      "Answers to a producer, besides 0 for success:\n";
+      R"(Each stream becomes a folder QUEUE-ID in the store: a file for each segment with data, and a
+manifest that lists them and shows how the stream ended. Records outside a stream are kept in
+QUEUE-outside-records. If a server was killed, the next start with the same queue and store
+checks and finishes its streams.
+
+--sync decides when stored data is on the disk itself, where it survives a power cut:
+  always   before its batch is answered
+  segment  at the end of each segment and each stream
+  none     when the system decides to
+If the server is killed, nothing that was answered is lost, with any of the three.
+
+Statuses of responses to a producer, apart from 0 for success:
+)";
   for (const orvane::StatusMeaning& status : orvane::kStatusMeanings) {
     text +=
         "  " + std::to_string(status.status) + "  " + status.name + ": " + status.meaning + "\n";
   }
-  return text +
-         "\n"
-         "Log lines go to standard error: TIME KIND CODE COMPONENT::FUNCTION: MESSAGE. TIME is\n"
-         "UTC, to the millisecond. KIND is info, auth, warning or error, of which --log-level\n"
-         "drops those before the one it names; --trace adds trace, enter and leave. CODE is 0\n"
-         "unless something failed.\n"
-         "\n"
-         "Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed;\n"
-         "2 wrong usage, or too low a limit on open files.";
+  return text + R"(
+Log lines go to standard error: TIME KIND CODE COMPONENT::FUNCTION: MESSAGE. TIME is UTC, with
+milliseconds. KIND is info, auth, warning or error, and --log-level drops those before the one
+that it names; --trace adds trace, enter and leave. CODE is 0 if nothing failed.
+
+Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed;
+2 wrong usage, or too low a limit on open files.)";
 }
 
-// A size with a unit, or none; `text` then holds the bytes.
+// Replaces a size, with or without a unit, by the number of bytes. Returns an error, or nothing.
 std::string toBytes(std::string& text) {
   const auto bytes = tool::bytesIn(text);
   text = bytes ? std::to_string(*bytes) : text;
@@ -78,7 +85,7 @@ std::string checkMode(const std::string& text) {
   return "";
 }
 
-// The help or the version, on standard output.
+// Writes the help or the version to standard output.
 int show(const CLI::App& app, const CLI::Success& what) {
   app.exit(what);
   std::cout.flush();
@@ -103,7 +110,7 @@ std::string checkSync(const std::string& text) {
   return syncNamed(text) ? "" : "must be always, segment or none";
 }
 
-// True, so that a part stays, unless --without names it.
+// Is the part in use, because --without does not name it?
 bool keeps(const std::vector<std::string>& without, const char* part) {
   return std::find(without.begin(), without.end(), part) == without.end();
 }
@@ -125,51 +132,72 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   CLI::App app(kDescription, "orvaned");
   app.footer(footer());
   app.set_version_flag("--version", "orvaned " ORVANE_VERSION);
+  app.formatter(std::make_shared<HelpFormatter>());
   app.add_option("--queue", options.queue,
-                 "Name of a queue for one producer at a time: letters, digits, _.-, no leading "
-                 "dot, at most 200 bytes");
+                 "Name of a queue for one producer at a time: letters, digits and _.-,\n"
+                 "at most 200 bytes, without a dot at the beginning")
+      ->type_name("NAME");
   app.add_option("--socket", options.socket,
-                 "Unix socket at which each producer gets a queue of its own");
+                 "Unix socket at which each producer gets its own pair of queues")
+      ->type_name("PATH");
   app.add_option("--store", options.store,
-                 "Folder to store into; it must exist. /dev/null: check, count and keep nothing")
+                 "Folder to store into; it must exist. /dev/null: check and count the\n"
+                 "records, and keep nothing")
+      ->type_name("FOLDER")
       ->required();
-  app.add_option("--messages", geometry.messages, "Messages that the queue holds, 1 to 4096")
-      ->check(CLI::Range(std::size_t{1}, kMaxMessages))
+  app.add_option("--messages", geometry.messages, "Messages that a queue can hold, 1 to 4096")
+      ->type_name("COUNT")
+      ->check(CLI::Range(std::size_t{1}, kMaxMessages).description(""))
       ->capture_default_str();
   app.add_option("--message-size", geometry.messageSize,
-                 "Bytes of one message; the largest record needs 131128")
+                 "Size of one message, in bytes or such as 2MiB; the largest record\n"
+                 "needs 131128 bytes")
+      ->type_name("SIZE")
       ->transform(CLI::Validator(toBytes, ""))
       ->capture_default_str();
-  app.add_option("--mode", mode, "Who may use the queue and the socket, as chmod's octal number")
+  app.add_option("--mode", mode,
+                 "Permissions of the queue and the socket: the octal number of chmod")
+      ->type_name("MODE")
       ->check(checkMode)
       ->capture_default_str();
-  app.add_option("--sync", sync, "What survives a power cut: always, segment or none (see below)")
+  app.add_option("--sync", sync,
+                 "When stored data survives a power cut: always, segment or none (see\n"
+                 "below)")
+      ->type_name("WHEN")
       ->check(checkSync)
       ->capture_default_str();
   app.add_option("--pairs-per-user", options.pairsPerUser,
-                 "Leases that one user may have at a time, 1 to 4096")
-      ->check(CLI::Range(std::size_t{1}, kMaxPairs))
+                 "Leases that one user may have at the same time, 1 to 4096")
+      ->type_name("COUNT")
+      ->check(CLI::Range(std::size_t{1}, kMaxPairs).description(""))
       ->capture_default_str();
   app.add_option("--shm-limit", options.shmLimit,
-                 "Bytes of /dev/shm that all leases may take, such as 512MiB; half of it otherwise")
+                 "Bytes of /dev/shm for all leases together, such as 512MiB; by default\n"
+                 "half of /dev/shm")
+      ->type_name("SIZE")
       ->transform(CLI::Validator(toBytes, ""));
   app.add_option("--idle-limit", options.idleLimit,
-                 "Seconds without a record after which a queue that was used is made anew; its "
-                 "producer died, maybe. 0: never")
-      ->check(CLI::Range(0U, kMaxIdleLimit))
+                 "Recreate a used fixed queue after this many seconds without a record\n"
+                 "(0: never); its producer may have died")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0U, kMaxIdleLimit).description(""))
       ->capture_default_str();
   app.add_option("--log-level", level, "Lowest level to log: info, auth, warning or error")
+      ->type_name("LEVEL")
       ->check(checkLevel)
       ->capture_default_str();
-  app.add_flag("--trace", options.trace, "Log each batch and each answer too");
+  app.add_flag("--trace", options.trace, "Log each batch and each response, too");
   app.add_option("--capture", options.capture,
-                 "Append every message that comes, good or bad, to this file, for orvane dump");
-  app.add_option(
-      "--worker-user", options.workerUser,
-      "User that the workers of a server run as that runs as root; by default orvaned, or "
-      "65534 where there is no such user. root: the server's own");
+                 "Append every message, valid or not, to this file, for orvane dump")
+      ->type_name("FILE");
+  app.add_option("--worker-user", options.workerUser,
+                 "User that the workers run as, if the server runs as root; by default\n"
+                 "orvaned, or 65534 if there is no such user. root: the server's user")
+      ->type_name("USER");
   app.add_option("--without", without,
-                 "Do not confine workers by this: capset, landlock or seccomp. May be repeated")
+                 "Do not confine workers by this part: capset, landlock or seccomp. May\n"
+                 "be repeated")
+      ->type_name("PART")
       ->check(checkPart)
       ->expected(1)
       ->take_all();
@@ -181,7 +209,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
     checkOptions(options);
   } catch (const CLI::Success& e) {
     return show(app, e);
-  } catch (const std::exception& e) {  // CLI::ParseError, or of checkOptions
+  } catch (const std::exception& e) {  // CLI::ParseError, or an exception of checkOptions()
     std::cerr << "orvaned: " << e.what() << " (orvaned --help shows the usage)\n";
     return kUsageError;
   }
