@@ -17,8 +17,7 @@
 
 // A reader is stopped at each byte of a batch in turn while another reads a whole batch. What the
 // first one then gives back is its own.
-namespace orvane::test {
-namespace batch_threads {
+namespace orvane::test::batch_threads {
 namespace {
 
 using Entry = ShmBatch::Entry;
@@ -216,5 +215,4 @@ INSTANTIATE_TEST_SUITE_P(Each, StoppedReader,
                          [](const auto& reading) { return std::string(reading.param.name); });
 
 }  // namespace
-}  // namespace batch_threads
-}  // namespace orvane::test
+}  // namespace orvane::test::batch_threads

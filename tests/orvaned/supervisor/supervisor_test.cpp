@@ -24,8 +24,8 @@ namespace fs = std::filesystem;
 
 struct ChildProcess {
   std::string name;
-  pid_t parent;
-  pid_t group;
+  pid_t parent = 0;
+  pid_t group = 0;
 };
 
 std::map<pid_t, ChildProcess> processes() {
@@ -40,7 +40,7 @@ std::map<pid_t, ChildProcess> processes() {
     const std::size_t nameEnd = stat.rfind(')');
     std::istringstream fields(stat.substr(nameEnd + 1));
     char state = 0;
-    ChildProcess process = {};
+    ChildProcess process;
     process.name = stat.substr(stat.find('(') + 1, nameEnd - stat.find('(') - 1);
     fields >> state >> process.parent >> process.group;
     found[std::stoi(name)] = process;

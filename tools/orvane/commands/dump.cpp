@@ -124,7 +124,7 @@ class JsonPrinter {
             {"crc", header.len == 0 ? Json() : Json(checkValueOf(entry))}};
   }
 
-  Json line;
+  Json line = Json::object();
 };
 
 // Returns the number of broken messages.
