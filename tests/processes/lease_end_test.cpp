@@ -110,7 +110,7 @@ TEST_F(LeaseEndTest, AStoppedServerTellsItsProducersAndLeavesNothing) {
   EXPECT_EQ(producer.client.next(), "failed 1004 the server was stopped");
   EXPECT_EQ(producer.client.next(), kEnd);
   EXPECT_EQ(silent.next(), kEnd);
-  EXPECT_EQ(producer.queues.answer(), (Answer{1004, kFarewell}));
+  EXPECT_EQ(producer.queues.answer(), (Answer{1004, kStoppedNotice}));
   EXPECT_EQ(server->wait(), 0);
   EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=the server was stopped\n");
   EXPECT_EQ(namesIn(folder.path()), Words{});

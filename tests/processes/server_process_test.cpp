@@ -29,7 +29,7 @@ using orvane::test::BatchBytes;
 using orvane::test::Bytes;
 using orvane::test::bytesOf;
 using orvane::test::eventually;
-using orvane::test::kFarewell;
+using orvane::test::kStoppedNotice;
 using orvane::test::namesIn;
 using orvane::test::QueueName;
 using orvane::test::readFile;
@@ -130,7 +130,7 @@ TEST_F(ServerProcessTest, CutsAnOpenStreamOffAndSendsItsNoticeWhenItIsStopped) {
   writer.flush_shm_buffer(20);
   server.signal(SIGTERM);
   EXPECT_EQ(server.wait(), 0);
-  EXPECT_EQ(takeAnswers(answers).at(0), (Answer{1004, kFarewell}));
+  EXPECT_EQ(takeAnswers(answers).at(0), (Answer{1004, kStoppedNotice}));
   const std::string manifest = readFile(streamFolder() + "/manifest");
   EXPECT_TRUE(manifest.ends_with("end=cut-off\nreason=the server was stopped\n")) << manifest;
 }

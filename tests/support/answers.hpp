@@ -21,7 +21,7 @@ std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 std::vector<Answer> takeAnswers(boost::interprocess::message_queue& responseQueue);
 
 // The last answer of a server that is stopped.
-constexpr char kFarewell[] = "the server was stopped: send again what it did not acknowledge";
+constexpr char kStoppedNotice[] = "the server was stopped: send again what it did not acknowledge";
 
 // The next answer.
 Answer awaitAnswer(boost::interprocess::message_queue& answers);

@@ -18,7 +18,7 @@
 namespace orvane::test {
 
 // How a worker ends whose server is stopped.
-inline const orvaned::Ending kStopped = {"the server was stopped", kFarewell};
+inline const orvaned::Ending kStopped = {"the server was stopped", kStoppedNotice};
 
 // A server in this process, one step at a time: a queue pair, a worker and an empty store.
 //

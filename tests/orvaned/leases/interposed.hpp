@@ -4,7 +4,7 @@
 #include <functional>
 #include <vector>
 
-// System calls that this executable replaces; each does what the system does unless told otherwise.
+// System calls that this executable replaces; by default each does what the system does.
 namespace orvane::test::interposed {
 
 // What SO_PEERPIDFD fails with, as where the kernel does not have it; 0: it does not fail.

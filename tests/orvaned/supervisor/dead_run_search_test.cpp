@@ -170,7 +170,7 @@ TEST_F(LeaseRecoveryTest, AServerThatIsKilledAloneIsSurvivedByItsWorkersOrderlyE
   server->signal(SIGKILL);
   EXPECT_EQ(producer.client.next(), "failed 1004 the server was stopped");
   EXPECT_EQ(producer.client.next(), kEnd);
-  EXPECT_EQ(producer.queues.answer(), (Answer{1004, kFarewell}));
+  EXPECT_EQ(producer.queues.answer(), (Answer{1004, kStoppedNotice}));
   EXPECT_EQ(server->wait(), -SIGKILL);
   EXPECT_EQ(sharedMemoryOf(producer.name), Words{});
   EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=the server was stopped\n");

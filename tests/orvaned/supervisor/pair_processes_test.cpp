@@ -129,7 +129,7 @@ TEST_F(WorkerDeathTest, IsNotTheServersDeathWhichItsWorkerOutlivesInOrder) {
   EXPECT_TRUE(
       server->output().ends_with("stopped serving queue " + name + ": the server was stopped\n"))
       << server->output();
-  EXPECT_EQ(producer.answer(), (Answer{1004, kFarewell}));
+  EXPECT_EQ(producer.answer(), (Answer{1004, kStoppedNotice}));
   EXPECT_TRUE(eventually([&] { return sharedMemoryOf(name) == Words{"." + name + ".lock"}; }));
   EXPECT_EQ(endingOf(name), "end=cut-off\nreason=the server was stopped\n");
   EXPECT_EQ(readFile(folderOf(name) + "/segment-000000.part"), "hello");

@@ -11,8 +11,8 @@ using orvane::ShmWriter;
 using orvane::test::Answer;
 using orvane::test::bytesOf;
 using orvane::test::hex;
-using orvane::test::kFarewell;
 using orvane::test::kStopped;
+using orvane::test::kStoppedNotice;
 using orvane::test::Record;
 using orvane::test::Served;
 
@@ -179,14 +179,14 @@ TEST_F(StreamEndTest, FinishingTakesWhatIsQueuedAndCutsTheStreamOff) {
   served.send({kData});
   served.send({kMoreData});
   served.worker().finish(kStopped);
-  EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}, {0, ""}, {0, ""}}));
+  EXPECT_EQ(served.answers(), (Answers{{1004, kStoppedNotice}, {0, ""}, {0, ""}, {0, ""}}));
   EXPECT_EQ(served.file(0, "segment-000000.part"), "datamore");
   EXPECT_EQ(endOf(0), "end=cut-off\nreason=the server was stopped\n");
 }
 
 TEST_F(StreamEndTest, FinishingWithoutAStreamSendsTheNoticeToo) {
   served.worker().finish(kStopped);
-  EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}}));
+  EXPECT_EQ(served.answers(), (Answers{{1004, kStoppedNotice}}));
 }
 
 }  // namespace

@@ -179,7 +179,7 @@ TEST_F(WorkerLease, IsWaitedForAtItsEndFor5SecondsOnce) {
   EXPECT_EQ(time.polled.at(0).fd, lease->fd());
   EXPECT_EQ(time.polled.at(0).events, POLLOUT);
   EXPECT_EQ(sendQueue.get_num_msg(), 2U);
-  EXPECT_EQ(takeAnswers(responseQueue), (Answers{{1004, kFarewell}}));
+  EXPECT_EQ(takeAnswers(responseQueue), (Answers{{1004, kStoppedNotice}}));
   EXPECT_EQ(lease->waiting(), 4097U);
   EXPECT_EQ(unread(), 4097U);
 }

@@ -14,8 +14,8 @@ using orvane::test::Answer;
 using orvane::test::BatchBytes;
 using orvane::test::Bytes;
 using orvane::test::bytesOf;
-using orvane::test::kFarewell;
 using orvane::test::kStopped;
+using orvane::test::kStoppedNotice;
 using orvane::test::Line;
 using orvane::test::Record;
 using orvane::test::Served;
@@ -265,7 +265,7 @@ TEST(Run, EndsWhenItIsToStop) {
   Served served;
   served.send({kOpen, kData});
   EXPECT_EQ(&served.worker().run([](std::chrono::microseconds) { return &kStopped; }), &kStopped);
-  EXPECT_EQ(served.answers(), (Answers{{1004, kFarewell}, {0, ""}}));
+  EXPECT_EQ(served.answers(), (Answers{{1004, kStoppedNotice}, {0, ""}}));
 }
 
 TEST(WorkersLog, DoesNotTakeItsQueuesNameForAFormat) {
