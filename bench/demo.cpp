@@ -2,7 +2,6 @@
 // is stored. Beside it, with a store that keeps nothing, the same records to a reader that decodes
 // them; and with a store on a disk, dd of as many bytes. Prints a line of JSON for each
 // measurement.
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include <functional>
 #include <utility>
 
+#include "command_line.hpp"
 #include "forms.hpp"
 #include "served.hpp"
 
@@ -127,22 +127,14 @@ void runAll(const Setup& setup) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) try {
+int main(int argc, char** argv) {
   bench::Setup setup;
-  CLI::App app("Measures the way through orvaned and its store.", "bench_demo");
-  app.add_option("--orvaned", setup.orvaned, "The server")->required();
-  app.add_option("--store", setup.store, "Folder on the disk to store to")->capture_default_str();
-  app.add_option("--size", setup.sizes, "Data bytes of a record")->capture_default_str();
-  app.add_option("--bytes", setup.bytes, "Bytes stored at a time; 4 times as many without a store")
-      ->transform(CLI::AsSizeValue(false).description(""));
-  app.add_option("--rounds", setup.rounds, "How often everything is measured, in turn")
-      ->capture_default_str();
-  app.add_option("--seconds", setup.seconds, "How long each time, without orvaned")
-      ->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
-  bench::runAll(setup);
-  return 0;
-} catch (const std::exception& e) {
-  std::fprintf(stderr, "bench_demo: %s\n", e.what());
-  return 1;
+  bench::CommandLine line("bench_demo", "Measures the way through orvaned and its store.");
+  line.addRequired("--orvaned", setup.orvaned, "The server");
+  line.add("--store", setup.store, "Folder on the disk to store to");
+  line.add("--size", setup.sizes, "Data bytes of a record");
+  line.addBytes("--bytes", setup.bytes, "Bytes stored at a time; 4 times as many without a store");
+  line.add("--rounds", setup.rounds, "How often everything is measured, in turn");
+  line.add("--seconds", setup.seconds, "How long each time, without orvaned");
+  return line.run(argc, argv, [&] { bench::runAll(setup); });
 }

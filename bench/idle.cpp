@@ -1,7 +1,6 @@
 // What orvaned burns while nobody sends anything. Prints a line of JSON for each measurement.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,11 +9,19 @@
 #include <orvane/orvane.hpp>
 #include <thread>
 
+#include "command_line.hpp"
 #include "queue_link.hpp"
 #include "served.hpp"
 
 namespace bench {
 namespace {
+
+struct Setup {
+  std::string orvaned;
+  std::vector<std::size_t> pairs = {1, 4, 16};
+  std::vector<std::string> pauses;
+  double seconds = 10;
+};
 
 using Clock = std::chrono::steady_clock;
 
@@ -48,34 +55,30 @@ double shareOfPolling(const std::string& pauses, double seconds) {
   return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC / seconds;
 }
 
+void runAll(const Setup& setup) {
+  for (const std::size_t count : setup.pairs) {
+    std::printf(R"({"question":"idle","pairs":%zu,"seconds":%g,"cpu_percent":%.2f})"
+                "\n",
+                count, setup.seconds, 100 * share(setup.orvaned, count, setup.seconds));
+    std::fflush(stdout);
+  }
+  for (const std::string& one : setup.pauses) {
+    std::printf(R"({"question":"idle","pauses":"%s","seconds":%g,"cpu_percent":%.2f})"
+                "\n",
+                one.c_str(), setup.seconds, 100 * shareOfPolling(one, setup.seconds));
+  }
+}
+
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) try {
-  std::string orvaned;
-  std::vector<std::size_t> pairs = {1, 4, 16};
-  std::vector<std::string> pauses;
-  double seconds = 10;
-  CLI::App app("Measures what an idle orvaned costs.", "bench_idle");
-  app.add_option("--orvaned", orvaned, "The server")->required();
-  app.add_option("--pairs", pairs, "Pairs of queues that it serves")->capture_default_str();
-  app.add_option("--pause", pauses,
-                 "SHORTEST-LONGEST pause of a reader, in us, to measure as well");
-  app.add_option("--seconds", seconds, "How long each time")->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
-  for (const std::size_t count : pairs) {
-    std::printf(R"({"question":"idle","pairs":%zu,"seconds":%g,"cpu_percent":%.2f})"
-                "\n",
-                count, seconds, 100 * bench::share(orvaned, count, seconds));
-    std::fflush(stdout);
-  }
-  for (const std::string& one : pauses) {
-    std::printf(R"({"question":"idle","pauses":"%s","seconds":%g,"cpu_percent":%.2f})"
-                "\n",
-                one.c_str(), seconds, 100 * bench::shareOfPolling(one, seconds));
-  }
-  return 0;
-} catch (const std::exception& e) {
-  std::fprintf(stderr, "bench_idle: %s\n", e.what());
-  return 1;
+int main(int argc, char** argv) {
+  bench::Setup setup;
+  bench::CommandLine line("bench_idle", "Measures what an idle orvaned costs.");
+  line.addRequired("--orvaned", setup.orvaned, "The server");
+  line.add("--pairs", setup.pairs, "Pairs of queues that it serves");
+  line.add("--pause", setup.pauses,
+           "SHORTEST-LONGEST pause of a reader, in us, to measure as well");
+  line.add("--seconds", setup.seconds, "How long each time");
+  return line.run(argc, argv, [&] { bench::runAll(setup); });
 }

@@ -1,12 +1,12 @@
 // How long one record and its answer take, there and back: over each mechanism, with a reader that
 // waits in it, and through orvaned, which polls. Prints a line of JSON for each measurement.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <random>
 #include <thread>
 
+#include "command_line.hpp"
 #include "load.hpp"
 #include "queue_link.hpp"
 #include "served.hpp"
@@ -214,21 +214,14 @@ void runAll(const Setup& setup) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) try {
+int main(int argc, char** argv) {
   bench::Setup setup;
-  CLI::App app("Measures how long a record and its answer take.", "bench_round_trip");
-  app.add_option("--orvaned", setup.orvaned, "The server to measure as well");
-  app.add_option("--form", setup.forms, "Which forms; all without it");
-  app.add_option("--think", setup.thinks, "Microseconds between two trips")->capture_default_str();
-  app.add_option("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us")
-      ->capture_default_str();
-  app.add_option("--rounds", setup.rounds, "How often everything is measured, in turn")
-      ->capture_default_str();
-  app.add_option("--seconds", setup.seconds, "How long each time")->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
-  bench::runAll(setup);
-  return 0;
-} catch (const std::exception& e) {
-  std::fprintf(stderr, "bench_round_trip: %s\n", e.what());
-  return 1;
+  bench::CommandLine line("bench_round_trip", "Measures how long a record and its response take.");
+  line.add("--orvaned", setup.orvaned, "The server to measure as well");
+  line.add("--form", setup.forms, "Which forms; all without it");
+  line.add("--think", setup.thinks, "Microseconds between two trips");
+  line.add("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us");
+  line.add("--rounds", setup.rounds, "How often everything is measured, in turn");
+  line.add("--seconds", setup.seconds, "How long each time");
+  return line.run(argc, argv, [&] { bench::runAll(setup); });
 }

@@ -1,11 +1,11 @@
 // How fast records go from one process to another: through orvane, through the queue under it, and
 // through everything else that a user might take. Prints a line of JSON for each measurement.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <random>
 #include <stdexcept>
 
+#include "command_line.hpp"
 #include "forms.hpp"
 
 namespace bench {
@@ -95,25 +95,17 @@ void runAll(const Setup& setup) {
 }  // namespace
 }  // namespace bench
 
-int main(int argc, char** argv) try {
+int main(int argc, char** argv) {
   bench::Setup setup;
-  CLI::App app("Measures how fast records go from one process to another.", "bench_stream");
-  app.add_option("--size", setup.sizes, "Data bytes of a record")->capture_default_str();
-  app.add_option("--work", setup.works, "What the consumer does: headers decodes, bytes also sums")
-      ->check(CLI::IsMember({"headers", "bytes"}))
-      ->capture_default_str();
-  app.add_option("--form", setup.forms, "Which forms; all without it");
-  app.add_option("--geometry", setup.geometries, "MESSAGESxBYTES of orvane's queue")
-      ->capture_default_str();
-  app.add_option("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us")
-      ->capture_default_str();
-  app.add_option("--rounds", setup.rounds, "How often everything is measured, in turn")
-      ->capture_default_str();
-  app.add_option("--seconds", setup.seconds, "How long each time")->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
-  bench::runAll(setup);
-  return 0;
-} catch (const std::exception& e) {
-  std::fprintf(stderr, "bench_stream: %s\n", e.what());
-  return 1;
+  bench::CommandLine line("bench_stream",
+                          "Measures how fast records go from one process to another.");
+  line.add("--size", setup.sizes, "Data bytes of a record");
+  line.addChoices("--work", setup.works, {"headers", "bytes"},
+                  "What the consumer does: headers decodes, bytes also sums");
+  line.add("--form", setup.forms, "Which forms; all without it");
+  line.add("--geometry", setup.geometries, "MESSAGESxBYTES of orvane's queue");
+  line.add("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us");
+  line.add("--rounds", setup.rounds, "How often everything is measured, in turn");
+  line.add("--seconds", setup.seconds, "How long each time");
+  return line.run(argc, argv, [&] { bench::runAll(setup); });
 }
