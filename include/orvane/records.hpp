@@ -75,9 +75,9 @@ ORVANE_API bool operator!=(const pvk_shm_message_t& a, const pvk_shm_message_t& 
 struct ORVANE_API pvk_shm_response_t {
   pvk_shm_response_t() {}  // NOLINT(modernize-use-equals-default): as above
 
-  // Stores `status`, and the string `text` cut to 127 characters. `text` is not null; it may point
-  // into this response's own text.
-  void assign(ox_status_t status, const char* text);
+  // Stores `newStatus`, and the string `newText` cut to 127 characters. `newText` is not null; it
+  // may point into this response's own text.
+  void assign(ox_status_t newStatus, const char* newText);
 
   ox_status_t status = 0;  // 0 means success; orvaned's others are in server_status.hpp
   char text[128] = {};     // the reason of an error, or a receipt, or nothing

@@ -83,10 +83,10 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   // kOrvaneSegUnbounded.
   static unsigned long getMaxSegmentSize();
 
-  // Appends the caller's own record: `header` as it is when the call begins, and header->len bytes
+  // Appends the caller's own record: `*record` as it is when the call begins, and record->len bytes
   // at `data`, which may be null if len is 0. If the record does not fit, the call sends the batch
-  // first; with `flush` it sends the batch also afterwards. Each of these waits at most `timeout`
-  // seconds. Throws
+  // first; with `flush` it sends the batch also afterwards. Each of these waits at most
+  // `sendTimeout` seconds. Throws
   //   kStatusSegmentTooLarge, nothing has changed;
   //   kStatusInvalidArgument, `data` is null and len is not 0: the record is not stored, and
   //     earlier records may have been sent;
@@ -96,15 +96,15 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   // Without `flush` the last two mean that this record is not stored: it may be written again,
   // after a flush. With `flush` either send may have failed, and the exception does not show which
   // one. A caller that needs to know passes false and then calls flush_shm_buffer().
-  void write_data(const pvk_shm_message_t* header, const unsigned char* data, unsigned int timeout,
-                  bool flush);
+  void write_data(const pvk_shm_message_t* record, const unsigned char* data,
+                  unsigned int sendTimeout, bool flush);
 
-  // Sends the batch, also an empty one, and waits at most `timeout` seconds for room in the queue.
-  // Then empties the batch and receives at most one response, without waiting for it. Throws
+  // Sends the batch, also an empty one, and waits at most `sendTimeout` seconds for room in the
+  // queue. Then empties the batch and receives at most one response, without waiting for it. Throws
   // kStatusTimedOut, and the batch is kept; or the response's status and text, and the batch was
   // sent. The deadline is in whole seconds of the wall clock, so the wait may end up to a second
   // early.
-  void flush_shm_buffer(unsigned int timeout);
+  void flush_shm_buffer(unsigned int sendTimeout);
 
  private:
   ORVANE_LOCAL void fillSegmentFields();

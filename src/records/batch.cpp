@@ -59,8 +59,8 @@ bool operator!=(const ShmBatch::Entry& a, const ShmBatch::Entry& b) {
   return !(a == b);
 }
 
-ShmBatch::ShmBatch(unsigned long size)
-    : bufferSize(size), used(layout::kMetaDataSize), writePos(nullptr) {
+ShmBatch::ShmBatch(unsigned long bufferSize)
+    : bufferSize(bufferSize), used(layout::kMetaDataSize), writePos(nullptr) {
   if (TraceOn()) {
     __Trace("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(bufferSize));
   }
@@ -71,9 +71,9 @@ ShmBatch::ShmBatch(unsigned long size)
 
 ShmBatch::~ShmBatch() = default;
 
-void ShmBatch::validBufferSizeAssert(unsigned long size) {
-  if (size < layout::kMetaDataSize) {
-    fail(kStatusInvalidArgument, "Buffer size ", size,
+void ShmBatch::validBufferSizeAssert(unsigned long bufferSize) {
+  if (bufferSize < layout::kMetaDataSize) {
+    fail(kStatusInvalidArgument, "Buffer size ", bufferSize,
          " is invalid because it is smaller than the minimum required buffer size of ",
          layout::kMetaDataSize);
   }
@@ -134,11 +134,11 @@ ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {
 
 // It trusts the number of entries and their lengths, because it is for batches from a trusted
 // process; programs rely on it to accept every size of 8 and more. BatchView is for all others.
-void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* bytes,
-                                    unsigned long size) {
-  validBufferSizeAssert(size);
+void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* buffer,
+                                    unsigned long bufferSize) {
+  validBufferSizeAssert(bufferSize);
   MetaData metaData;
-  const unsigned char* position = metaData.deserializeFromBuffer(bytes);
+  const unsigned char* position = metaData.deserializeFromBuffer(buffer);
   entries = std::queue<Entry>();
   for (std::uint32_t i = 0; i < metaData.numEntries; ++i) {
     entries.push(readEntry(position));

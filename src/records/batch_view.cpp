@@ -20,11 +20,11 @@ namespace {
 
 // Every length is compared with the bytes that are left before it is used, so no position can
 // overflow.
-BatchView::BatchView(const unsigned char* batch, std::size_t size) : bytes(batch), byteSize(size) {
+BatchView::BatchView(const unsigned char* bytes, std::size_t size) : bytes(bytes), byteSize(size) {
   static_assert(Stride::kLenOffset == layout::kLen);
   ShmBatch::validBufferSizeAssert(size);
   ShmBatch::MetaData metaData;
-  const unsigned char* header = metaData.deserializeFromBuffer(batch);
+  const unsigned char* header = metaData.deserializeFromBuffer(bytes);
   count = metaData.numEntries;
   std::size_t left = size - kMetaDataSize;
   if (count > left / kHeaderSize) {

@@ -15,7 +15,7 @@ constexpr std::size_t kMessageSize = 4096;
 
 }  // namespace
 
-Logger::Logger(const std::string& componentName) : name(componentName) {}
+Logger::Logger(const std::string& name) : name(name) {}
 Logger::~Logger() = default;
 
 bool operator==(const Logger& a, const Logger& b) {

@@ -2,10 +2,10 @@
 
 namespace orvane {
 
-Channel::Channel(const std::string& channelName) : isOpen(false), name(channelName) {}
+Channel::Channel(const std::string& name) : isOpen(false), name(name) {}
 Channel::~Channel() = default;
 
-ChannelWriter::ChannelWriter(const std::string& channelName) : Channel(channelName) {}
+ChannelWriter::ChannelWriter(const std::string& name) : Channel(name) {}
 ChannelWriter::~ChannelWriter() = default;
 
 }  // namespace orvane

@@ -10,13 +10,13 @@ namespace orvane {
 
 namespace ipc = boost::interprocess;
 
-ShmWriter::ShmWriter(const std::string& streamName, const std::string& sendQueueName,
-                     unsigned int timeoutSeconds, unsigned int stopTimeoutSeconds, bool benchmark)
-    : ChannelWriter(streamName),
-      msgQueueName(sendQueueName),
-      timeout(timeoutSeconds),
-      stopTimeout(stopTimeoutSeconds),  // may be 0, to send a stop without waiting
-      perfBenchmarkEnabled(benchmark),
+ShmWriter::ShmWriter(const std::string& name, const std::string& msgQueueName, unsigned int timeout,
+                     unsigned int stopTimeout, bool perfBenchmarkEnabled)
+    : ChannelWriter(name),
+      msgQueueName(msgQueueName),
+      timeout(timeout),
+      stopTimeout(stopTimeout),  // may be 0, to send a stop without waiting
+      perfBenchmarkEnabled(perfBenchmarkEnabled),
       lastMessageType(kRecordStop),
       segmentFirstWrite(true),
       lastSegmentState(kOrvaneSegBounded),

@@ -31,19 +31,19 @@ OX_API void leave(const char* operation) noexcept;
 class AutoTrace {
  public:
   explicit AutoTrace(const char* operation)
-      : operation_(ox::detail::tracing.load(std::memory_order_relaxed) ? operation : nullptr) {
-    if (__builtin_expect(operation_ != nullptr, 0)) {
-      ox::detail::enter(operation_);
+      : marked(ox::detail::tracing.load(std::memory_order_relaxed) ? operation : nullptr) {
+    if (__builtin_expect(marked != nullptr, 0)) {
+      ox::detail::enter(marked);
     }
   }
   ~AutoTrace() {
-    if (__builtin_expect(operation_ != nullptr, 0)) {
-      ox::detail::leave(operation_);
+    if (__builtin_expect(marked != nullptr, 0)) {
+      ox::detail::leave(marked);
     }
   }
   AutoTrace(const AutoTrace&) = delete;
   AutoTrace& operator=(const AutoTrace&) = delete;
 
  private:
-  const char* operation_;
+  const char* marked;
 };
