@@ -11,7 +11,14 @@ namespace orvane::server {
 
 namespace {
 
-constexpr std::size_t kMessageSize = 4096;
+// The caller's format and arguments as text, cut to 4095 characters.
+struct Message {
+  [[gnu::format(printf, 2, 0)]] Message(const char* format, va_list arguments) {
+    std::vsnprintf(text, sizeof text, format, arguments);
+  }
+
+  char text[4096] = {};
+};
 
 }  // namespace
 
@@ -39,16 +46,14 @@ std::string Logger::line(const char* function, const char* message) const {
 // read a second time (callers double those that come from outside).
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 void Logger::log(OrvanServerLoglevel level, const char* function, int code, const char* format,
                  ...) const {
-  char message[kMessageSize] = {};
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(message, sizeof message, format, arguments);
+  const Message message(format, arguments);
   va_end(arguments);
-  const std::string text = line(function, message);
+  const std::string text = line(function, message.text);
   if (level == LEVEL_INFO) {
     InfoA(code, text.c_str());
   } else if (level == LEVEL_AUTH) {
@@ -64,12 +69,11 @@ void Logger::logTrace(const char* function, const char* format, ...) const {
   if (!TraceOn()) {
     return;
   }
-  char message[kMessageSize] = {};
   va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(message, sizeof message, format, arguments);
+  const Message message(format, arguments);
   va_end(arguments);
-  const std::string text = line(function, message);
+  const std::string text = line(function, message.text);
   // Checked again, because tracing may have been switched off while the line was formatted.
   if (TraceOn()) {
     __Trace(text.c_str());
