@@ -1,0 +1,149 @@
+// Damaged files and torn manifests of a stream whose server died.
+
+#include "recovery_fixture.hpp"
+
+namespace orvane::test {
+namespace {
+
+TEST_F(RecoveryTest, AFlippedByteIsFound) {
+  writeHello(kOne);
+  file("segment-000001", "onf");
+  recover();
+  EXPECT_EQ(manifest(), kFirst + kHello + kOne +
+                            "damaged file=segment-000001 reason=its checksum is e365d74b instead "
+                            "of 7a6c86f1\n" +
+                            kHelloButDamage);
+  EXPECT_EQ(readFile(folder + "/segment-000001"), "onf");
+  expectLogged(ox::Kind::warning, 1003,
+               "finished what a dead server left: receipt stream=20261121T023224-4711_0 records=2 "
+               "bytes=5 segments=1 end=broken; damaged files: 1, see its manifest");
+}
+
+TEST_F(RecoveryTest, ASegmentOfAnotherSizeIsFound) {
+  writeHello(kOne);
+  file("segment-000001", "on");
+  recover();
+  EXPECT_EQ(manifest(), kFirst + kHello + kOne +
+                            "damaged file=segment-000001 reason=it has 2 bytes instead of 3\n" +
+                            kHelloButDamage);
+}
+
+TEST_F(RecoveryTest, AListedSegmentThatIsNotWholeDoesNotGetItsName) {
+  file("manifest.part", kFirst + kHello);
+  file("segment-000000.part", "hell");
+  recover();
+  EXPECT_EQ(files(), (Names{"manifest", "segment-000000.part"}));
+  EXPECT_EQ(manifest(), kFirst + kHello +
+                            "damaged file=segment-000000 reason=it has 4 bytes instead of 5\n" +
+                            kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, AMissingSegmentIsFound) {
+  file("manifest.part", kFirst + kHello);
+  recover();
+  EXPECT_EQ(manifest(), kFirst + kHello +
+                            "damaged file=segment-000000 reason=No such file or directory: cannot "
+                            "read " +
+                            folder + "/segment-000000\n" + kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, ATornLineEndsTheManifest) {
+  for (const std::size_t size : {std::size_t{1}, kOne.size() / 2, kOne.size() - 1}) {
+    std::filesystem::remove(folder + "/manifest");
+    writeHello(kOne.substr(0, size));
+    file("segment-000001.part", "one");
+    recover();
+    EXPECT_EQ(manifest(), kFirst + kHello +
+                              "unfinished file=segment-000001.part bytes=3 crc32=7a6c86f1\n" +
+                              kHelloWhole)
+        << size;
+  }
+}
+
+TEST_F(RecoveryTest, ALineThatMakesNoSenseEndsTheManifest) {
+  writeHello(std::string(40, '\0') + "\n" + kOne);
+  file("segment-000001", "one");
+  recover();
+  EXPECT_EQ(manifest(), kFirst + kHello + "damaged file=segment-000001 reason=it is not listed\n" +
+                            kHelloButDamage);
+}
+
+TEST_F(RecoveryTest, AManifestWithoutItsFirstLinesIsBegunAgain) {
+  for (const std::string& start :
+       {std::string(), std::string("format=1\nqueue=q\nstr"),
+        std::string("format=2\nqueue=q\nstream=20261121T023224-4711_0\n"), std::string(50, '\0')}) {
+    std::filesystem::remove(folder + "/manifest");
+    file("manifest.part", start);
+    file("segment-000000.part", "hello");
+    recover();
+    EXPECT_EQ(manifest(), kFirst + "unfinished file=segment-000000.part bytes=5 crc32=3610a686\n" +
+                              kNothingWhole)
+        << start;
+  }
+}
+
+TEST_F(RecoveryTest, AnEndingThatIsTornIsNone) {
+  for (std::size_t size = 0; size < kClosed.size(); ++size) {
+    std::filesystem::remove(folder + "/manifest");
+    writeHello(kClosed.substr(0, size));
+    recover();
+    EXPECT_EQ(manifest(), kFirst + kHello + kHelloWhole) << size;
+  }
+}
+
+TEST_F(RecoveryTest, AStreamThatHadEndedIsBrokenByDamage) {
+  file("manifest.part", kFirst + kHello + kClosed);
+  file("segment-000000", "hellp");
+  recover();
+  EXPECT_EQ(manifest(), kFirst + kHello +
+                            "damaged file=segment-000000 reason=its checksum is bb18ab73 instead "
+                            "of 3610a686\n" +
+                            kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, OtherRecordsOfAStreamThatHadEndedAreChecked) {
+  const std::string ending =
+      "other-records=1 bytes=2 crc32=39119811\n"
+      "skipped=0\n"
+      "receipt stream=20261121T023224-4711_0 records=1 bytes=2 segments=0 end=stopped\n"
+      "records=1\nbytes=2\nend=stopped\nreason=\n";
+  file("manifest.part", kFirst + ending);
+  file("other-records", std::string(48, 'h') + "hi");
+  recover();
+  EXPECT_EQ(manifest(), kFirst + ending);
+
+  std::filesystem::remove(folder + "/manifest");
+  file("manifest.part", kFirst + ending);
+  file("other-records", std::string(48, 'h') + "ho");
+  recover();
+  EXPECT_EQ(manifest(), kFirst +
+                            "damaged file=other-records reason=its checksum is d0723d24 instead "
+                            "of 39119811\n" +
+                            kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, OtherRecordsAreListedWithMoreThan4GiBOfHeaders) {
+  file("manifest.part",
+       kFirst +
+           "other-records=89478486 bytes=5 crc32=39119811\n"
+           "skipped=0\n"
+           "receipt stream=20261121T023224-4711_0 records=89478486 bytes=5 segments=0 end=closed\n"
+           "records=89478486\nbytes=5\nend=closed\nreason=\n");
+  file("other-records", "rec");
+  recover();
+  EXPECT_EQ(manifest(), kFirst +
+                            "damaged file=other-records reason=it has 3 bytes instead of "
+                            "4294967333\n" +
+                            kNothingButDamage);
+}
+
+TEST_F(RecoveryTest, AnUnlistedSegmentThatCannotBeReadIsDamaged) {
+  std::filesystem::create_directory(folder + "/segment-000000.part");
+  recover();
+  EXPECT_EQ(manifest(),
+            kFirst + "damaged file=segment-000000.part reason=Invalid argument: cannot read " +
+                folder + "/segment-000000.part\n" + kNothingButDamage);
+}
+
+}  // namespace
+}  // namespace orvane::test
