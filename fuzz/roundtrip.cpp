@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "require.hpp"
+#include "some_header.hpp"
 
 using orvane::BatchView;
 using orvane::pvk_shm_message_t;
@@ -22,19 +23,6 @@ struct Model {
   pvk_shm_message_t header;
   std::vector<unsigned char> data;
 };
-
-pvk_shm_message_t someHeader(FuzzedDataProvider& input) {
-  pvk_shm_message_t header;
-  header.type = input.ConsumeIntegral<std::uint32_t>();
-  header.seqNo = input.ConsumeIntegral<std::uint64_t>();
-  header.segmentNo = input.ConsumeIntegral<std::uint64_t>();
-  header.segmentDone = input.ConsumeIntegral<std::uint32_t>();
-  header.segAlg = input.ConsumeIntegral<std::uint32_t>();
-  header.segParam1 = input.ConsumeIntegral<std::uint32_t>();
-  header.segParam2 = input.ConsumeIntegral<std::uint32_t>();
-  header.segParam3 = input.ConsumeIntegral<std::uint32_t>();
-  return header;
-}
 
 void requireSame(const ShmBatch::Entry& entry, const Model& model) {
   REQUIRE(entry.header == model.header);

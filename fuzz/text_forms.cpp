@@ -12,6 +12,7 @@
 #include <string>
 
 #include "require.hpp"
+#include "some_header.hpp"
 
 using namespace orvane;
 
@@ -21,19 +22,6 @@ struct Grouping : std::numpunct<char> {
   char do_thousands_sep() const override { return ','; }
   std::string do_grouping() const override { return "\3"; }
 };
-
-pvk_shm_message_t someHeader(FuzzedDataProvider& input) {
-  pvk_shm_message_t header;
-  header.type = input.ConsumeIntegral<std::uint32_t>();
-  header.seqNo = input.ConsumeIntegral<std::uint64_t>();
-  header.segmentNo = input.ConsumeIntegral<std::uint64_t>();
-  header.segmentDone = input.ConsumeIntegral<std::uint32_t>();
-  header.segAlg = input.ConsumeIntegral<std::uint32_t>();
-  header.segParam1 = input.ConsumeIntegral<std::uint32_t>();
-  header.segParam2 = input.ConsumeIntegral<std::uint32_t>();
-  header.segParam3 = input.ConsumeIntegral<std::uint32_t>();
-  return header;
-}
 
 void headerReadsBack(const pvk_shm_message_t& header) {
   std::ostringstream text;

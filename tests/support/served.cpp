@@ -97,6 +97,11 @@ std::string Served::manifest(std::size_t stream) const {
   return masked(file(stream, "manifest"));
 }
 
+std::string Served::endOf(std::size_t stream) const {
+  const std::string text = manifest(stream);
+  return text.substr(text.find("\nend=") + 1);
+}
+
 std::string Served::pathOf(std::size_t stream) const {
   const std::string ending = "_" + std::to_string(firstStream + stream);
   for (const std::string& folder : namesIn(store())) {

@@ -52,6 +52,7 @@ class Served {
   std::vector<std::string> filesOf(std::size_t stream) const;
   std::string file(std::size_t stream, const std::string& fileName) const;
   std::string manifest(std::size_t stream) const;
+  std::string endOf(std::size_t stream) const;  // the manifest's lines from "end=" on
   std::string pathOf(std::size_t stream) const;
 
   // What was logged since the last call.

@@ -31,11 +31,6 @@ constexpr char kEmptyReceipt[] = "receipt stream=RUN_0 records=0 bytes=0 segment
 
 class StreamEndTest : public testing::Test {
  protected:
-  std::string endOf(std::size_t stream) const {
-    const std::string text = served.manifest(stream);
-    return text.substr(text.find("\nend=") + 1);
-  }
-
   Served served;
 };
 
@@ -69,7 +64,7 @@ TEST_F(StreamEndTest, AStoppedStreamKeepsItsLastSegmentMarkedAsUnfinished) {
 TEST_F(StreamEndTest, AnotherOpenCutsTheStreamOff) {
   served.ask({kOpen, kData});
   EXPECT_EQ(served.ask({kOpen}), (Answers{{0, ""}}));
-  EXPECT_EQ(endOf(0), "end=cut-off\nreason=another stream was opened\n");
+  EXPECT_EQ(served.endOf(0), "end=cut-off\nreason=another stream was opened\n");
   EXPECT_EQ(served.filesOf(0), (Names{"manifest", "segment-000000.part"}));
   EXPECT_EQ(served.ask({kData, kEnd, kClose}),
             (Answers{{0, "receipt stream=RUN_1 records=1 bytes=4 segments=1 end=closed"}}));
@@ -104,7 +99,7 @@ TEST_F(StreamEndTest, AnOpenWriterThatFailsToOpenTriesAgainOnTheSameStream) {
   writer.close();
   served.serve();
   EXPECT_EQ(served.stored(), Names{"QUEUE-RUN_0"});
-  EXPECT_EQ(endOf(0), "end=closed\nreason=\n");
+  EXPECT_EQ(served.endOf(0), "end=closed\nreason=\n");
 }
 
 TEST_F(StreamEndTest, ARepeatedCloseIsAnsweredWithTheReceipt) {
@@ -119,7 +114,7 @@ TEST_F(StreamEndTest, ACloseAfterAStopIsValid) {
   const Answers stopped = {{0, "receipt stream=RUN_0 records=0 bytes=0 segments=0 end=stopped"}};
   EXPECT_EQ(served.ask({kStop}), stopped);
   EXPECT_EQ(served.ask({kClose}), stopped);
-  EXPECT_EQ(endOf(0), "end=stopped\nreason=\n");
+  EXPECT_EQ(served.endOf(0), "end=stopped\nreason=\n");
 }
 
 TEST_F(StreamEndTest, AStopWithoutAnOpenIsValid) {
@@ -181,7 +176,7 @@ TEST_F(StreamEndTest, FinishingTakesWhatIsQueuedAndCutsTheStreamOff) {
   served.worker().finish(kStopped);
   EXPECT_EQ(served.answers(), (Answers{{1004, kStoppedNotice}, {0, ""}, {0, ""}, {0, ""}}));
   EXPECT_EQ(served.file(0, "segment-000000.part"), "datamore");
-  EXPECT_EQ(endOf(0), "end=cut-off\nreason=the server was stopped\n");
+  EXPECT_EQ(served.endOf(0), "end=cut-off\nreason=the server was stopped\n");
 }
 
 TEST_F(StreamEndTest, FinishingWithoutAStreamSendsTheNoticeToo) {

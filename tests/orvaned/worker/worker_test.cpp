@@ -38,10 +38,6 @@ const Answer kRepeated{1001, "sequence number out of order: expected above 2, go
 
 class RefusalTest : public testing::Test {
  protected:
-  std::string endOf(std::size_t stream) const {
-    const std::string text = served.manifest(stream);
-    return text.substr(text.find("\nend=") + 1);
-  }
   void breakStream() { EXPECT_EQ(served.ask({kOpen, kData, kData}), Answers{kRepeated}); }
 
   Served served;
@@ -93,7 +89,7 @@ TEST_F(RefusalTest, ABatchThatClaimsMoreThanItHoldsIsRefused) {
 TEST_F(RefusalTest, ABadBatchBreaksTheOpenStream) {
   served.ask({kOpen, kData});
   EXPECT_EQ(served.ask(bytesOf("rubbish!")), (Answers{{1000, kBadMagic}}));
-  EXPECT_EQ(endOf(0),
+  EXPECT_EQ(served.endOf(0),
             "end=broken\nreason=Could not deserialize ShmBatch::MetaData from buffer "
             "because the magic value 1920295522 is corrupt (expected=4278251025)\n");
   EXPECT_EQ(served.file(0, "segment-000000.part"), "data");
@@ -209,7 +205,8 @@ TEST_F(RefusalTest, ACloseWithDataBreaksTheStream) {
   served.ask({kOpen, kData});
   EXPECT_EQ(served.ask({{.type = 3, .seqNo = 3, .data = bytesOf("data")}}),
             (Answers{{1002, "a record of type 3 has 4 data bytes; it may have none"}}));
-  EXPECT_EQ(endOf(0), "end=broken\nreason=a record of type 3 has 4 data bytes; it may have none\n");
+  EXPECT_EQ(served.endOf(0),
+            "end=broken\nreason=a record of type 3 has 4 data bytes; it may have none\n");
 }
 
 TEST_F(RefusalTest, ACloseWithDataEndsABrokenStreamAsAnyCloseDoes) {
@@ -223,7 +220,8 @@ TEST_F(RefusalTest, ACloseOutOfOrderBreaksTheStream) {
   served.ask({kOpen, kData});
   EXPECT_EQ(served.ask({{.type = 3, .seqNo = 1}}),
             (Answers{{1001, "sequence number out of order: expected above 2, got 1"}}));
-  EXPECT_EQ(endOf(0), "end=broken\nreason=sequence number out of order: expected above 2, got 1\n");
+  EXPECT_EQ(served.endOf(0),
+            "end=broken\nreason=sequence number out of order: expected above 2, got 1\n");
 }
 
 TEST_F(RefusalTest, AFullResponseQueueCostsNoError) {
