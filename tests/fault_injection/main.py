@@ -57,7 +57,7 @@ def run_case(number, seed, programs, folder):
         result.failure = str(broken)
     except Interrupted:
         raise
-    except Exception:  # the harness's own fault, to be told as one
+    except Exception:  # a fault of the harness itself, which is reported as such
         result.failure = traceback.format_exc()
     finally:
         if result.failure:

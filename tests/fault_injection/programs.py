@@ -53,7 +53,7 @@ def living_processes(session):
         if not entry.isdigit():
             continue
         try:
-            # The name, in brackets, may hold anything: what counts comes behind it.
+            # The name, in brackets, may hold anything: what counts comes after it.
             fields = Path("/proc", entry, "stat").read_text().rpartition(")")[2].split()
         except (FileNotFoundError, ProcessLookupError):
             continue
@@ -85,7 +85,7 @@ def signal_to(pid, number):
 
 
 class Program:
-    """One process, in a session of its own: whatever it leaves behind can be found."""
+    """One process in its own session, by which the processes that it leaves can be found."""
 
     bound = STOP_BOUND  # for its end, when it is asked to or has nothing more to do
 

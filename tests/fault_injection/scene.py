@@ -56,7 +56,7 @@ class Scene:
         self.moment = "missed"
         self.may_fail = 0
         self.dead_runs = []  # the processes of servers that the case only pretends to have been
-        self.strangers = False  # somebody else sends to the fixed name, too
+        self.strangers = False  # another program also sends to the fixed name
         self.undo = lambda: None  # what an administrator would mend after the fault
         self.needs_recovery = False  # what the store refused, only the next start can finish
 
@@ -146,7 +146,7 @@ class Scene:
         self.note_moment()
 
     def finish(self):
-        """Everybody comes to an end in time, and the place is as good as new."""
+        """All programs end in time and leave nothing."""
         for send in self.sends:
             send.wait()
         self.outcomes = [send.check_end() for send in self.sends]
@@ -192,7 +192,7 @@ class Scene:
              START_BOUND, f"{SHM} was not cleaned up after a dead server")
 
     def check_new_producer(self, way):
-        """It is served: on a queue that strangers use, when what they sent has been answered."""
+        """A new producer is served, if other programs use its queue after the answers to their messages."""
         for _ in range(50 if self.strangers and way == "fixed" else 1):
             probe = self.start_send(way, [self.new_file(3000)])
             if probe.wait() == 0:
@@ -208,7 +208,7 @@ class Scene:
     def stop(self, server):
         server.process.send_signal(signal.SIGTERM)
         if server.wait() != 0:
-            raise Broken(f"{server.name} ended with {server.process.returncode} when told to end: "
+            raise Broken(f"{server.name} ended with {server.process.returncode} after SIGTERM: "
                          f"{server.errors.strip()[-400:]}")
 
     def is_leased_from(self, pids, name):
@@ -230,16 +230,16 @@ class Scene:
         left = [path.name for path in self.our_shm_files()]
         left += [path.name for path in self.folder.glob("socket*")]
         if left:
-            raise Broken(f"left behind: {', '.join(sorted(left))}")
+            raise Broken(f"still there: {', '.join(sorted(left))}")
 
     def clear_away(self):
         for program in [*self.servers, *self.sends, *self.others]:
             program.clear_away()
-        self.root = Path("/")  # mounts of their own are gone
+        self.root = Path("/")  # the programs' own mounts are gone
         for path in self.our_shm_files():
             remove(path)
 
     def keep_store(self):
-        """Where mounts of its own hide it, a copy, to look at after a failure."""
+        """Copies the store out of the programs' own mounts, so that it can be examined after a failure."""
         subprocess.run(["cp", "-a", f"{self.seen(self.store)}/.", self.store], check=False,
                        capture_output=True)

@@ -4,7 +4,7 @@ from collections import Counter
 
 from cases import cases
 
-HEAD = ["fault", "what is done", "runs", "before", "during", "after", "missed", "stored", "told",
+HEAD = ["fault", "what is done", "runs", "before", "during", "after", "missed", "stored", "failed",
         "killed", "wrong"]
 
 
@@ -12,10 +12,10 @@ def row(case, results):
     ran = [result for result in results if not result.not_run]
     moments = Counter(result.moment for result in ran)
     outcomes = Counter(outcome for result in ran for outcome in result.outcomes)
-    told = outcomes.total() - outcomes["stored"] - outcomes["killed"]
+    failed = outcomes.total() - outcomes["stored"] - outcomes["killed"]
     return [case.name, case.text, len(ran),
             *(moments[moment] for moment in ("before", "during", "after", "missed")),
-            outcomes["stored"], told, outcomes["killed"],
+            outcomes["stored"], failed, outcomes["killed"],
             sum(bool(result.failure) for result in ran)]
 
 
@@ -24,8 +24,8 @@ def show(results, seed, seconds):
             if (own := [result for result in results if result.case == case])]
     total = ["all", "", *(sum(row[n] for row in rows) for n in range(2, len(HEAD)))]
     print(f"Faults with seed {seed}, {seconds:.0f} s. Columns: when the fault came, seen from the "
-          "streams; what the\nproducers told: everything stored, a failure with its cause, or "
-          "nothing, because killed.\n")
+          "streams; what the\nproducers reported: everything stored, a failure with its cause, or "
+          "nothing, because they were killed.\n")
     show_rows([HEAD, *rows, total])
     ways = Counter(result.way for result in results if result.way)
     print("\nstreams: " + ", ".join(f"{way} {count}" for way, count in sorted(ways.items())))

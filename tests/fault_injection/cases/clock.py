@@ -24,7 +24,7 @@ def producer_clock_stepped(scene):
     step()
 
 
-@case("the clock of everybody stepped")
+@case("the clocks of the server and the producers stepped")
 def clock_stepped(scene):
     step = step_of_clock(scene)
     scene.serve(environment=stepped_clock(scene))

@@ -53,22 +53,23 @@ def queue_cut(scene):
     scene.undo = lambda: give_up_queue(scene)
 
 
-@case("clients of the socket that send garbage, too much, nothing, or leave at once", often=3)
+@case("clients of the socket that send garbage, too much or nothing, or disconnect at once", often=3)
 def hostile_clients(scene):
     scene.serve(options=MANY_LEASES)
     scene.send()
-    talks = [scene.rng.choice([b"", b"orvane 1 leas", b"orvane 2 lease", b"orvane 1 lease\n",
-                               scene.rng.randbytes(scene.rng.randrange(1, 600)), bytes(100_000)])
-             for _ in range(scene.rng.randrange(1, 60))]
+    packets = [scene.rng.choice([b"", b"orvane 1 leas", b"orvane 2 lease", b"orvane 1 lease\n",
+                                 scene.rng.randbytes(scene.rng.randrange(1, 600)),
+                                 bytes(100_000)])
+               for _ in range(scene.rng.randrange(1, 60))]
     stay = scene.rng.uniform(0, 0.05)
     scene.until_an_instant()
-    clients = [client for talk in talks if (client := connect(scene, talk))]
+    clients = [client for packet in packets if (client := connect(scene, packet))]
     time.sleep(stay)
     for client in clients:
         client.close()
 
 
-@case("clients of the socket that lease and leave, at once or without a word to the queue")
+@case("clients of the socket that take a lease and disconnect, at once or without a record")
 def fleeting_leases(scene):
     scene.serve(options=MANY_LEASES)
     scene.send()
@@ -83,7 +84,7 @@ def fleeting_leases(scene):
             client.close()
 
 
-@case("all leases that a user may have taken by one client")
+@case("all leases that a user may have, taken by one client")
 def leases_used_up(scene):
     server = scene.serve(options=["--pairs-per-user", 4])
     clients = [connect(scene, b"orvane 1 lease") for _ in range(4)]
@@ -91,14 +92,14 @@ def leases_used_up(scene):
         client.recv(ANSWER)
     for send in scene.send(may_fail=8):
         if send.wait() != 0 and "--pairs-per-user" not in send.errors:
-            raise Broken(f"{send.name} was not told of the limit: {send.errors.strip()}")
+            raise Broken(f"{send.name} did not report the limit: {send.errors.strip()}")
     scene.note_moment()
     for client in clients:
         client.close()
     poll(lambda: len(server.workers()) == 1, STOP_BOUND, "the leases did not end with their client")
 
 
-@case("a producer that never reads its receipts until the server is told to end", often=2)
+@case("a producer that reads no receipts until SIGTERM to the server", often=2)
 def receipts_unread(scene):
     server = scene.serve()
     scene.contents.append(b"")  # its streams
@@ -120,11 +121,11 @@ def receipts_unread(scene):
     while packet := client.recv(ANSWER):
         receipts.append(packet.decode())
     server.wait()
-    told = sum(" end=closed" in receipt for receipt in receipts)
+    received = sum(" end=closed" in receipt for receipt in receipts)
     kept = sum("\nend=closed\n" in (path / "manifest").read_text()
                for path in scene.store.glob(f"{queue}-*"))
-    if told != kept:
-        raise Broken(f"{kept} streams were stored whole, and {told} receipts came")
+    if received != kept:
+        raise Broken(f"{kept} streams were stored whole, and {received} receipts came")
 
 
 @case("a producer that ends at once, while a forked child of it holds the connection")
@@ -169,13 +170,13 @@ def attack_beside_leases(scene):
     scene.until_an_instant()
 
 
-def connect(scene, talk):
+def connect(scene, packet):
     client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
     client.settimeout(1)
     try:
         client.connect(str(scene.socket))
-        if talk:
-            client.send(talk)
+        if packet:
+            client.send(packet)
     except OSError:  # the server may refuse: too many, too long, already at an end
         client.close()
         return None

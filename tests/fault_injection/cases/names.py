@@ -20,7 +20,7 @@ SQUATTERS = {
 }
 
 
-@case("a name that the server needs is taken by a stranger before it starts", often=3)
+@case("a name that the server needs, taken by another program before it starts", often=3)
 def names_taken(scene):
     path = scene.rng.choice(places(scene))
     kind = scene.rng.choice(list(SQUATTERS))
@@ -47,7 +47,7 @@ def second_server(scene):
         raise Broken(f"the second server ended with {second.process.returncode}: {second.errors}")
 
 
-@case("names that leases could get taken by a stranger, who sees the run and counts on", often=2)
+@case("the names that leases would get next, taken by another program", often=2)
 def lease_names_taken(scene):
     server = scene.serve()
     shm = scene.seen("/dev/shm")
@@ -73,7 +73,7 @@ def lease_names_taken(scene):
     scene.undo = lambda: [remove(path) for path in taken]
 
 
-@case("the names in /dev/shm removed at a random instant, by a tidy administrator")
+@case("the names in /dev/shm removed at a random instant")
 def names_removed(scene):
     server = scene.serve()
     scene.send(may_fail=EVERYBODY)

@@ -73,7 +73,7 @@ def mount(scene, folder, size):
 
 
 def resize(scene, folder, size):
-    # Told everything: what it reads about the mount itself, a user namespace may not repeat.
+    # With the type and the source: a user namespace may not repeat what mount would read itself.
     command = [*scene.prefix, "mount", "-t", "tmpfs", "-o", f"remount,size={size}", "tmpfs", folder]
     subprocess.run([str(word) for word in command], check=True, capture_output=True)
 

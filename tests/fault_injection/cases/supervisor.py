@@ -14,7 +14,7 @@ from scene import SHM
 IN_USE = 4  # the numbers of files that the supervisor never gives back: the standard ones, and one
 
 
-@case("the store renamed away while a worker is killed, and brought back", often=2)
+@case("the store renamed while a worker is killed, and renamed back", often=2)
 def store_away(scene):
     server = scene.serve()
     of_fixed_queue = server.workers()[0]
@@ -41,7 +41,7 @@ def store_away(scene):
              f"{server.name} had processes that were not its supervisor's children"))
 
 
-@case("no file left to the supervisor, while what a dead server leased lingers", often=2)
+@case("no free descriptor in the supervisor, while leases of a dead server exist", often=2)
 def no_file_left(scene):
     lock = dead_run(scene)  # before the start, so that it is seen
     server = scene.serve()

@@ -38,7 +38,7 @@ def server_dies_in_call(scene):
     scene.undo = lambda: (note_moment(scene, "killed by SIGKILL"), scene.end_if_running(server))
 
 
-@case("a system call of the server fails, once or from then on", needs=("strace",), often=4)
+@case("a system call of the server that fails, once or from then on", needs=("strace",), often=4)
 def server_call_fails(scene):
     call = scene.rng.choice(list(STORE_CALLS))
     error = scene.rng.choice(STORE_CALLS[call])
