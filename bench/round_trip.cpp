@@ -38,7 +38,7 @@ struct Trips {
   std::array<float, kMostTrips> microseconds = {};
 };
 
-// One record in a batch of its own; the answer, whatever it says.
+// One record in its own batch, and any answer to it.
 void makeTrips(const Setup& setup, unsigned think, Link& there, Link& back, Trips& trips) {
   const Load load(kDataSize);
   const auto end = Clock::now() + std::chrono::duration<double>(setup.seconds);

@@ -48,7 +48,7 @@ class Meeting {
   std::atomic<unsigned> missing;
 };
 
-// Runs both at once, each in a process of its own. Throws when one of them fails, or takes longer
+// Runs both at once, each in a separate process. Throws when one of them fails, or takes longer
 // than 20 s; the other is killed then.
 void runTogether(const std::string& name, const std::function<void()>& first,
                  const std::function<void()>& second);

@@ -3,7 +3,7 @@
 
 int main(int argc, char** argv) try {
   const unsigned char order[] = "14 crates of oranges";
-  // A queue of one's own, for as long as the lease lives; 5 seconds to get it.
+  // A queue pair for this process only, while the lease lives; the server has 5 seconds to answer.
   orvane::Lease lease(argc > 1 ? argv[1] : "/run/orvaned/orders/socket", 5);
   orvane::ShmWriter writer("orders", lease.queueName(), 30, 5, false);
   writer.open();

@@ -1,7 +1,7 @@
 // Hostile bytes into the checked reader, and whatever it accepts into the trusting one.
 //
 // Reaches what no writer produces: counts, lengths and magic words that do not fit the size. The
-// input lies at the end of a heap block of its own, so a read past it is seen.
+// input lies at the end of its own heap block, so a read past it is seen.
 
 #include <orvane/orvane.hpp>
 

@@ -50,7 +50,7 @@ class ORVANE_API ChannelWriter : public Channel {
   // Ends the current segment; the next data starts a new one.
   virtual void endSegment() = 0;
 
-  // Aborts the stream. The wait is limited by a timeout of its own if `useStopTimeout` is true.
+  // Aborts the stream. A separate timeout limits the wait if `useStopTimeout` is true.
   virtual void stop(bool useStopTimeout) = 0;
 };
 

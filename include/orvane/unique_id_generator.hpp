@@ -21,7 +21,7 @@ class ORVANE_API UniqueIdGenerator {
   // comes 0. Blocks only while another thread makes an id.
   std::string generateId(const std::string& prefix);
 
-  // Makes a second generator with a counter of its own, so both may make the same id. For ids that
+  // Makes a second generator with its own counter, so both may make the same id. For ids that
   // are unique in the process, use getInstance().
   UniqueIdGenerator();
   ~UniqueIdGenerator();

@@ -59,7 +59,7 @@ std::string comparable(std::string text) {
   return replaced(text, " +", " ");
 }
 
-// Types a document's commands, in a folder and with a queue of its own.
+// Types a document's commands, in its own folder and with its own queue.
 class Session {
  public:
   Session() { writeFile(path("app.log"), std::string(588895, 'x')); }

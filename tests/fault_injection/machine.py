@@ -14,7 +14,7 @@ def works(*command):
 
 @functools.cache
 def unshare():
-    """The command that gives a process mounts of its own: as root, or in a user namespace."""
+    """The command that gives a process its own mounts: as root, or in a user namespace."""
     mount = ["sh", "-c", "mount -t tmpfs none /dev/shm"]
     for command in (["unshare", "-m"], ["unshare", "-rm"]):
         if works(*command, *mount):

@@ -39,7 +39,7 @@ class Result:
 
 
 def run_case(number, seed, programs, folder):
-    """Runs one case in a folder of its own, which stays when it fails."""
+    """Runs one case in its own folder, which stays when the case fails."""
     result = Result(number)
     if interrupted.is_set():
         raise Interrupted

@@ -1,4 +1,4 @@
-"""One case's world: a server, its producers, a store and names of their own."""
+"""One case's world: a server, its producers, and their own store and names."""
 
 import contextlib
 import os
@@ -61,7 +61,7 @@ class Scene:
         self.needs_recovery = False  # what the store refused, only the next start can finish
 
     def seen(self, path):
-        """A path as this process finds it, when the programs have mounts of their own."""
+        """A path as this process finds it, when the programs have their own mounts."""
         return self.root / str(path).lstrip("/")
 
     def program(self, kind, name, command, **options):

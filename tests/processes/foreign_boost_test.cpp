@@ -1,4 +1,4 @@
-// An application may use Boost.Interprocess with settings of its own. Its inline code has the names
+// An application may use Boost.Interprocess with its own settings. Its inline code has the names
 // that the library's has, and at load time an executable's copy would come first.
 #include <dlfcn.h>
 #include <gtest/gtest.h>

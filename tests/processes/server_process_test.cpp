@@ -1,4 +1,4 @@
-// The real server: signals, its end, and faults that only a process of its own can show.
+// The real server: signals, its end, and faults that only a separate process can show.
 
 #include "support/server_process.hpp"
 

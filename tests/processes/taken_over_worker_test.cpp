@@ -80,7 +80,8 @@ class TakenOverWorker : public LeaseTest {
     ASSERT_TRUE(server->says("serving leases at ")) << server->output();
   }
 
-  // A producer that the server can give a queue to: one of its own user, unless it has the rights.
+  // A producer that the server can give a queue to: one of the server's user, unless it has the
+  // rights.
   LeasedProducer producerFor(Rights rights) const {
     if (geteuid() != 0 || rights != Rights::user) {
       return LeasedProducer(socket);

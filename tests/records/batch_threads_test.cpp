@@ -63,7 +63,7 @@ const Bytes kSecond = BatchBytes()
                                      .data = bytesOf("other")}})
                           .bytes();
 
-// kFirst, where whoever first reads a byte from the `gate`-th on waits for open().
+// kFirst, where the first thread that reads a byte from the `gate`-th on waits for open().
 class GatedBytes {
  public:
   explicit GatedBytes(std::size_t gate) {

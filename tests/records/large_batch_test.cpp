@@ -25,7 +25,7 @@ using Entry = ShmBatch::Entry;
 constexpr std::size_t kCapacity = 0x100000000 + 4096;
 constexpr std::size_t kPiece = 2 << 20;
 
-// Addresses for a batch of kCapacity bytes. Their first and last 2 MiB are memory of their own; all
+// Addresses for a batch of kCapacity bytes. Their first and last 2 MiB are separate memory; all
 // between is one file of 2 MiB, mapped again and again.
 class RepeatedMemory {
  public:

@@ -53,7 +53,7 @@ namespace {
 
 using test::plain;
 
-// Callers copy and move the record with code of their own, compiled with this order.
+// Callers copy and move the record with their own code, compiled with this order.
 TEST(ServerInfoFields, StandInDeclaredOrder) {
   const ServerInfo info("s", "u", "p", "a", "c", "r", "k");
   const auto* const start = reinterpret_cast<const char*>(&info);
@@ -80,7 +80,7 @@ TEST(ServerInfoFields, HaveTheSentinelsThatCallersCompareWith) {
   EXPECT_EQ(ServerInfo::kNoClusterMode, 4294967295U);
 }
 
-// Each of its seventeen fields has a value of its own.
+// Each of its seventeen fields has a different value.
 ServerInfo full() {
   ServerInfo info = plain();
   info.setFlags(0xABCDE);

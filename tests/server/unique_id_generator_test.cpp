@@ -42,7 +42,7 @@ void inThreads(Work work) {
 }
 
 TEST(UniqueIdGeneratorTest, FirstIdsOfAProcessShareOneCounterAcrossPrefixes) {
-  // In a process of its own, where nothing has drawn an id yet.
+  // In a separate process, where nothing has drawn an id yet.
   EXPECT_EXIT(
       {
         UniqueIdGenerator& ids = UniqueIdGenerator::getInstance();

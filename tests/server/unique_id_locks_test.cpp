@@ -139,7 +139,7 @@ Steps stepsOf(Call call) {
   _exit(steps == expected && written >= 0 ? 0 : 1);
 }
 
-// Each in a process of its own, where nothing has asked for the instance yet.
+// Each in a separate process, where nothing has asked for the instance yet.
 TEST(UniqueIdInstance, IsMadeUnderALockAndAGuard) {
   EXPECT_EXIT(exitUnlessEqual(stepsOf([] { UniqueIdGenerator::getInstance(); }),
                               {"lock", "guard", "make the default mutex", "unlock"}),

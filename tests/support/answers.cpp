@@ -31,7 +31,7 @@ Answer awaitAnswer(boost::interprocess::message_queue& answers) {
   pvk_shm_response_t response;
   boost::interprocess::message_queue::size_type size = 0;
   unsigned priority = 0;
-  // Not timed_receive(): the other side may be killed, and whoever waits then waits for ever.
+  // Not timed_receive(): a process that waits when the other side is killed waits for ever.
   const auto came = [&] {
     return answers.try_receive(&response, sizeof(response), size, priority);
   };

@@ -53,7 +53,7 @@ struct Outcome {
 
 constexpr int kThrew = 99;  // the exit code after an exception
 
-// Runs `body` in a child process of its own, which exits with what it returns.
+// Runs `body` in a separate child process, which exits with what it returns.
 std::string runInChild(const std::function<int()>& body);
 
 // The same, in a child with these rights that has confined itself as a worker does.

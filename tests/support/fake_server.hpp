@@ -9,7 +9,7 @@
 
 namespace orvane::test {
 
-// The server's end of one lease, without a server: listens at a path of its own, and says what it
+// The server's end of one lease, without a server: listens at its own path, and says what it
 // is told to say.
 class FakeServer {
  public:
@@ -26,7 +26,7 @@ class FakeServer {
 
   const std::string& path() const { return socketPath; }
 
-  // Takes the next client as the script says, in a thread of its own.
+  // Takes the next client as the script says, in a separate thread.
   void serve(Script script);
 
   // All of these first wait until the script is through.

@@ -33,7 +33,7 @@ class LeaseTest : public testing::Test {
   // The command line of a server.
   Words arguments(const Words& more = {}) const;
 
-  // Starts `server`, anew if there is one, and waits until it leases.
+  // Starts `server`, again if there is one, and waits until it leases.
   void start(const Words& more = {});
 
   // The only stream of a queue: its folder, its id, and how its manifest ends, once it does.

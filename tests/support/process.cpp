@@ -49,7 +49,7 @@ Process::Process(const std::vector<std::string>& command, const ProcessSetup& ar
     become(command, around, pipeEnds[0], terminalName);
     _exit(126);
   }
-  setpgid(child, child);  // here too: whoever is first
+  setpgid(child, child);  // both processes do this, as either may be first
   close(pipeEnds[0]);
 }
 

@@ -10,7 +10,7 @@
 
 namespace orvane::test {
 
-// A real orvaned on a queue of its own, storing into a folder of its own.
+// A real orvaned with its own queue and store.
 class Server {
  public:
   explicit Server(const std::vector<std::string>& options = {},

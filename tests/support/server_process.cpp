@@ -68,7 +68,7 @@ ServerProcess::ServerProcess(const std::vector<std::string>& arguments, const Se
   if (pid == 0) {
     become(arguments, ends[1], setup);
   }
-  setpgid(pid, pid);  // here too: whoever is first
+  setpgid(pid, pid);  // both processes do this, as either may be first
   close(ends[1]);
   fd = ends[0];
 }

@@ -7,7 +7,7 @@
 
 namespace orvane::test {
 
-// A writer on a queue pair of its own.
+// A writer on its own queue pair.
 struct Stream {
   struct Options {
     QueuePair::Geometry geometry = {};

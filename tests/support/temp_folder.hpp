@@ -5,7 +5,7 @@
 
 namespace orvane::test {
 
-// An empty folder of one's own, removed with all that is in it.
+// An empty temporary folder, removed with all that is in it.
 class TempFolder {
  public:
   TempFolder();

@@ -5,7 +5,7 @@
 namespace orvane::test {
 namespace {
 
-// The state and the parameters of segments are the writer's until they are set anew.
+// The state and the parameters of segments are the writer's until they are set again.
 class SegmentSettings : public testing::Test {
  protected:
   SegmentSettings() {

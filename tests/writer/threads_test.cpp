@@ -33,7 +33,7 @@ TEST(Threads, UseSeparateWritersIndependently) {
   EXPECT_EQ(secondRecords, kRecords + 1U);
 }
 
-// What several producers may do: each a writer of its own on the server's one queue.
+// What several producers may do: each with its own writer on the server's one queue.
 TEST(Threads, MayWriteToOneQueueThroughWritersOfTheirOwn) {
   QueuePair pair({.depth = 100});
   const auto produce = [&pair](std::uint32_t type) {

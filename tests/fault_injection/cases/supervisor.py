@@ -1,4 +1,4 @@
-"""What the supervisor looks at is away for a moment: the store, or files of its own."""
+"""Something that the supervisor needs is missing for a moment: the store, or its own files."""
 
 import fcntl
 import resource

@@ -16,7 +16,7 @@ namespace {
 const std::vector<std::string> kNothingLeft;
 const char kTimeAndRate[] = "[0-9]+\\.[0-9][0-9] s, [0-9.]+ [kMG]?B/s, identical\n";
 
-// `orvane demo` with a folder of its own for its temporary files.
+// `orvane demo` with its own folder for temporary files.
 class Demo : public testing::Test {
  protected:
   std::vector<std::string> command(const std::vector<std::string>& arguments) const {

@@ -250,8 +250,8 @@ TEST(SendFailure, RemovedQueueIsNoticedBeforeTheTimeout) {
                 queues.name() + " was removed before orvaned had taken everything\n");
 }
 
-// The first word of a queue's file: 1 while its creator is at work, for which whoever attaches
-// waits up to 5 seconds; 2 from then on.
+// Sets the first word of a queue's file: 1 while the queue is being created, for which a process
+// that attaches waits up to 5 seconds, and 2 afterwards.
 void setState(const std::string& queueName, std::int32_t state) {
   std::fstream file("/dev/shm/" + queueName, std::ios::in | std::ios::out | std::ios::binary);
   file.write(reinterpret_cast<const char*>(&state), sizeof state);

@@ -11,7 +11,7 @@ namespace orvane::test::interposed {
 void failPeerPidfd(int error);
 
 // SO_PEERCRED gives the process number 0, and SO_PEERPIDFD no process: what a server sees of a
-// producer in a pid namespace of its own.
+// producer in its own pid namespace.
 void hideProducers(bool hidden);
 
 // The next results of getrandom.

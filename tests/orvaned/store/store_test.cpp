@@ -74,7 +74,7 @@ TEST_F(StreamIdTest, PassesOverAFolderThatExists) {
   EXPECT_EQ(numberOf(store.createStream()->stream()), number + 2);
 }
 
-// Opens and closes a stream at a server of its own.
+// Opens and closes a stream at its own server.
 void runOnce(const std::string& queue, const std::string& store) {
   ServerProcess server({"--queue", queue, "--store", store});
   const auto send = attach(queue);

@@ -40,7 +40,7 @@ TEST_F(LeaseRecoveryTest, APairIsRemovedAndItsProducerToldBefore) {
   EXPECT_TRUE(eventually([&] { return sharedMemoryOf(runOf(producer.name)).empty(); }));
 }
 
-// The answers that nobody took do not keep the last word from whoever comes back for them.
+// The unread responses do not keep the notice from a producer that reads them later.
 TEST_F(LeaseRecoveryTest, OneAnswerGivesWayWhenThereIsNoRoomForTheNotice) {
   start();
   LeasedProducer producer(socket);

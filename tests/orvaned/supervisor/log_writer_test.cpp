@@ -64,7 +64,7 @@ class LogWriterTest : public testing::Test {
     });
   }
 
-  // In a process of its own, which has ended then.
+  // In a separate process, which has ended then.
   static void inAChild(const std::function<void()>& task) {
     const pid_t child = fork();
     if (child == 0) {

@@ -1,5 +1,5 @@
-// A fixed name whose worker dies, hangs or is left idle: the pair is made anew, and its producer is
-// told.
+// A fixed name whose worker dies, hangs or is left idle: the pair is created again, and its
+// producer is told.
 
 #include <sys/syscall.h>
 

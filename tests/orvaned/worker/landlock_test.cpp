@@ -42,7 +42,7 @@ int open(const std::string& path, int flags) {
   return fd < 0 ? errno : 0;
 }
 
-// The rules of a version, in a process of its own.
+// The rules of a version, in a separate process.
 std::string runUnder(int version, int allowedFile, const std::function<int()>& body) {
   return runInChild([&] {
     prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);

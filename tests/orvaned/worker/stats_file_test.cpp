@@ -87,7 +87,7 @@ TEST_F(StatsFileTest, MayBeReadByWhoeverMayUseThePairAndWrittenByNobodyElse) {
   umask(before);
 }
 
-// It stays the server's own: whoever owned it could cut it while the server writes.
+// The server stays its owner, because an owner could cut the file while the server writes.
 TEST_F(StatsFileTest, OfALeasedPairMayBeReadByItsProducersGroup) {
   if (geteuid() != 0) {  // who may not give the pair to anybody gets none
     EXPECT_THROW(QueuePair(name, {2, 100, 0600}, Owner{65534, 65533}), std::runtime_error);

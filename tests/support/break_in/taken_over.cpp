@@ -1,4 +1,4 @@
-// The shipped server, whose worker is taken over: linked into a program of its own. TraceOn() is
+// The shipped server, whose worker is taken over: linked into a separate program. TraceOn() is
 // called for each message that a worker takes, after it has confined itself; here it runs the
 // attack that the test asks for.
 
