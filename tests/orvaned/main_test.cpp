@@ -212,25 +212,23 @@ TEST_F(ServerStartTest, RefusesMoreThanSharedMemoryHolds) {
 
 TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
   const std::string hint = " (orvaned --help shows the usage)\n";
+  const auto refused = [&](const std::string& option, const std::string& value,
+                           const std::string& reason) {
+    expectEnd({"--queue", name, "--store", folder.path(), option, value}, 2,
+              "orvaned: " + option + ": " + reason + hint);
+  };
   expectEnd({}, 2, "orvaned: --store is required" + hint);
   expectEnd({"--store", folder.path()}, 2, "orvaned: --queue or --socket is required" + hint);
   expectEnd({"--queue", name}, 2, "orvaned: --store is required" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--messages", "0"}, 2,
-            "orvaned: --messages: Value 0 not in range 1 to 4096" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--messages", "4097"}, 2,
-            "orvaned: --messages: Value 4097 not in range 1 to 4096" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "-5"}, 2,
-            "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--message-size", "large"}, 2,
-            "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--shm-limit", "1MX"}, 2,
-            "orvaned: --shm-limit: must be a number of bytes, such as 512KiB" + hint);
+  refused("--messages", "0", "Value 0 not in range 1 to 4096");
+  refused("--messages", "4097", "Value 4097 not in range 1 to 4096");
+  refused("--message-size", "-5", "must be a number of bytes, such as 512KiB");
+  refused("--message-size", "large", "must be a number of bytes, such as 512KiB");
+  refused("--shm-limit", "1MX", "must be a number of bytes, such as 512KiB");
   for (const char* size : {"18446744073709551616", "99999999999999999999", "16EiB", "-1", "", " ",
                            "1.5GiB", "0x10", "64MiB!", "+5", "5 5"}) {
-    expectEnd({"--queue", name, "--store", folder.path(), "--shm-limit", size}, 2,
-              "orvaned: --shm-limit: must be a number of bytes, such as 512KiB" + hint);
-    expectEnd({"--queue", name, "--store", folder.path(), "--message-size", size}, 2,
-              "orvaned: --message-size: must be a number of bytes, such as 512KiB" + hint);
+    refused("--shm-limit", size, "must be a number of bytes, such as 512KiB");
+    refused("--message-size", size, "must be a number of bytes, such as 512KiB");
   }
   for (const char* option : {"--messages", "--pairs-per-user", "--idle-limit"}) {
     for (const char* number : {"-1", "18446744073709551617", "4294967297", "many"}) {
@@ -242,14 +240,10 @@ TEST_F(ServerStartTest, WrongUsageExitsWithTwoAndOneLine) {
       EXPECT_TRUE(server.output().ends_with(hint)) << server.output();
     }
   }
-  expectEnd({"--queue", name, "--store", folder.path(), "--log-level", "loud"}, 2,
-            "orvaned: --log-level: must be info, auth, warning or error" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--sync", "off"}, 2,
-            "orvaned: --sync: must be always, segment or none" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--pairs-per-user", "0"}, 2,
-            "orvaned: --pairs-per-user: Value 0 not in range 1 to 4096" + hint);
-  expectEnd({"--queue", name, "--store", folder.path(), "--idle-limit", "86401"}, 2,
-            "orvaned: --idle-limit: Value 86401 not in range 0 to 86400" + hint);
+  refused("--log-level", "loud", "must be info, auth, warning or error");
+  refused("--sync", "off", "must be always, segment or none");
+  refused("--pairs-per-user", "0", "Value 0 not in range 1 to 4096");
+  refused("--idle-limit", "86401", "Value 86401 not in range 0 to 86400");
   expectEnd({"--queue", name, "--store", folder.path(), "more"}, 2,
             "orvaned: The following argument was not expected: more" + hint);
 }

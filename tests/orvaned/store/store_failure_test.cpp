@@ -7,19 +7,8 @@
 #include "support/limits.hpp"
 #include "support/served.hpp"
 
-namespace store_failure {
+namespace orvane::test::store_failure {
 namespace {
-
-using orvane::ShmWriter;
-using orvane::test::Answer;
-using orvane::test::bytesOf;
-using orvane::test::FileSizeLimit;
-using orvane::test::Line;
-using orvane::test::readFile;
-using orvane::test::Record;
-using orvane::test::Served;
-using orvane::test::WithoutPrivileges;
-using orvane::test::writeFile;
 
 using Answers = std::vector<Answer>;
 using Names = std::vector<std::string>;
@@ -300,4 +289,4 @@ TEST_F(StoreFailureTest, AnEarlierStreamThatCannotBeCutOffIsLoggedNotAnswered) {
 }
 
 }  // namespace
-}  // namespace store_failure
+}  // namespace orvane::test::store_failure

@@ -4,17 +4,8 @@
 
 #include "support/served.hpp"
 
-namespace stream_end {
+namespace orvane::test::stream_end {
 namespace {
-
-using orvane::ShmWriter;
-using orvane::test::Answer;
-using orvane::test::bytesOf;
-using orvane::test::hex;
-using orvane::test::kStopped;
-using orvane::test::kStoppedNotice;
-using orvane::test::Record;
-using orvane::test::Served;
 
 using Answers = std::vector<Answer>;
 using Names = std::vector<std::string>;
@@ -185,4 +176,4 @@ TEST_F(StreamEndTest, FinishingWithoutAStreamSendsTheNoticeToo) {
 }
 
 }  // namespace
-}  // namespace stream_end
+}  // namespace orvane::test::stream_end

@@ -6,19 +6,9 @@
 
 #include "support/served.hpp"
 
-namespace worker {
+namespace orvane::test::worker {
 namespace {
 
-using orvane::ShmWriter;
-using orvane::test::Answer;
-using orvane::test::BatchBytes;
-using orvane::test::Bytes;
-using orvane::test::bytesOf;
-using orvane::test::kStopped;
-using orvane::test::kStoppedNotice;
-using orvane::test::Line;
-using orvane::test::Record;
-using orvane::test::Served;
 using std::chrono::microseconds;
 
 using Answers = std::vector<Answer>;
@@ -283,4 +273,4 @@ TEST(WorkersLog, DoesNotTakeItsQueuesNameForAFormat) {
 }
 
 }  // namespace
-}  // namespace worker
+}  // namespace orvane::test::worker
