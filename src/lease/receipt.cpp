@@ -1,6 +1,8 @@
 #include "orvane/receipt.hpp"
 
+#include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <system_error>
 
 namespace orvane {
@@ -37,12 +39,9 @@ std::optional<std::uint64_t> parseNumber(std::string_view& text, std::string_vie
 
 std::optional<StreamEnd> parseEnd(std::string_view& text) {
   const auto word = parseField(text, " end=");
-  for (int i = 0; word && i < 4; ++i) {
-    if (*word == kEnds[i]) {
-      return static_cast<StreamEnd>(i);
-    }
-  }
-  return std::nullopt;
+  const auto* const found = std::find(std::begin(kEnds), std::end(kEnds), word.value_or(""));
+  return found != std::end(kEnds) ? std::optional(static_cast<StreamEnd>(found - kEnds))
+                                  : std::nullopt;
 }
 
 }  // namespace

@@ -190,14 +190,23 @@ TEST(LeaseTaking, ReportsAServerThatEndsInsteadOfAnswering) {
 }
 
 TEST(LeaseTaking, ReportsAnAnswerOfAnotherVersion) {
-  const Names answers = {"hello",          "lease",
-                         "lease ",         "lease a/b",
-                         "lease a b",      "leaseq",
-                         "refused",        "refused ",
-                         "refused full",   "refused 1005",
-                         "refused 999 no", "refused 0 no",
-                         "refused -1 x",   "refused 99999999999 large",
-                         "refused 1005no"};
+  const Names answers = {"hello",
+                         "lease",
+                         "lease ",
+                         "lease a/b",
+                         "lease a b",
+                         "leaseq",
+                         "refused",
+                         "refused ",
+                         "refused full",
+                         "refused 1005",
+                         "refused 999 no",
+                         "refused 0 no",
+                         "refused -1 x",
+                         "refused 99999999999 large",
+                         "refused 1005no",
+                         "failed 1003 no room",
+                         "receipt stream=s records=1 bytes=2 segments=1 end=closed"};
   for (const std::string& answer : answers) {
     FakeServer server;
     server.serve({.says = {answer}});
