@@ -19,6 +19,9 @@ struct SegmentSummary {
   bool operator==(const SegmentSummary&) const = default;
 };
 
+// The name of the manifest in a stream's folder.
+constexpr char kManifest[] = "manifest";
+
 // The ending of a file's name while the file is not finished.
 constexpr char kUnfinished[] = ".part";
 

@@ -17,11 +17,11 @@ namespace {
 
 constexpr std::size_t kBlock = 1 << 20;
 
-[[noreturn]] void failToRead(const std::string& path, int error) {
+}  // namespace
+
+void failToRead(const std::string& path, int error) {
   throw std::runtime_error(std::generic_category().message(error) + ": cannot read " + path);
 }
-
-}  // namespace
 
 // O_NONBLOCK, because opening a FIFO that another program put there must not block.
 Fd openStored(const std::string& path) {
@@ -34,20 +34,6 @@ Fd openStored(const std::string& path) {
     failToRead(path, EINVAL);
   }
   return file;
-}
-
-std::string textOfStored(const std::string& path) {
-  const Fd file = openStored(path);
-  std::string text;
-  std::vector<char> block(kBlock);
-  ssize_t size = 0;
-  while ((size = read(file.get(), block.data(), block.size())) > 0) {
-    text.append(block.data(), static_cast<std::size_t>(size));
-  }
-  if (size < 0) {
-    failToRead(path, errno);
-  }
-  return text;
 }
 
 Content contentOf(const Fd& file, const std::string& path) {

@@ -16,8 +16,8 @@ struct Content {
 // another file that is not regular, because a server creates only regular files.
 Fd openStored(const std::string& path);
 
-// Returns the text of a file of the store, such as a manifest. Throws std::runtime_error.
-std::string textOfStored(const std::string& path);
+// Throws std::runtime_error with the text of `error`, an errno value.
+[[noreturn]] void failToRead(const std::string& path, int error);
 
 // Reads the whole file. Error messages name it by `path`. Throws std::runtime_error.
 Content contentOf(const Fd& file, const std::string& path);

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -18,6 +17,7 @@
 #include "commands/commands.hpp"
 #include "commands/demo_source.hpp"
 #include "exit.hpp"
+#include "store_format/manifest_reader.hpp"
 #include "transport/polled_writer.hpp"
 #include "transport/progress.hpp"
 #include "transport/send_stream.hpp"
@@ -83,16 +83,15 @@ TempFolder::~TempFolder() {
 constexpr std::size_t kBlock = 1 << 20;
 
 std::vector<fs::path> segmentFiles(const fs::path& streamFolder) {
-  std::ifstream manifest(streamFolder / "manifest");
-  if (!manifest) {
+  const fs::path manifest = streamFolder / kManifest;
+  if (!fs::exists(manifest)) {
     throw Failure(kUnknown, "the stored stream has no manifest in " + streamFolder.string());
   }
   std::vector<fs::path> files;
-  for (std::string line; std::getline(manifest, line);) {
-    const std::size_t name = line.rfind(" file=");
-    // "-" stands for a segment without data, which has no file.
-    if (line.starts_with("segment ") && name != std::string::npos && !line.ends_with(" file=-")) {
-      files.push_back(streamFolder / line.substr(name + 6));
+  for (const std::string& line : linesOfManifest(manifest.string())) {
+    const auto segment = parseSegment(line);
+    if (segment && !segment->file.empty()) {
+      files.push_back(streamFolder / segment->file);
     }
   }
   return files;

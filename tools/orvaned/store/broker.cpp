@@ -21,7 +21,6 @@
 namespace orvaned {
 namespace {
 
-constexpr std::string_view kManifest = "manifest";
 constexpr std::string_view kSegment = "segment-";
 constexpr std::size_t kMostDigits = 20;
 
@@ -39,7 +38,7 @@ bool isSegment(std::string_view name) {
 }
 
 bool isFinalName(std::string_view name) {
-  return name == kManifest || isSegment(name);
+  return name == tool::kManifest || isSegment(name);
 }
 
 // A file that is not finished yet, or that is never renamed.
@@ -156,7 +155,7 @@ void Broker::performOnFile(const BrokerRequest& request, BrokerReply& reply) {
       return folder.remove(request.name);
     case BrokerCall::rename:
       folder.rename(request.name, request.other);
-      isConcluded = isConcluded || request.other == kManifest;
+      isConcluded = isConcluded || request.other == tool::kManifest;
       return;
     case BrokerCall::sync:
       return folder.sync();

@@ -10,6 +10,7 @@
 namespace orvaned {
 
 using tool::checksumText;
+using tool::kManifest;
 using tool::kOtherRecords;
 using tool::kUnfinished;
 using tool::OtherRecords;
@@ -59,7 +60,8 @@ void count(orvane::Receipt& receipt, const SegmentSummary& segment);
 // (orvane::kStoreFailed).
 class Manifest {
  public:
-  Manifest(StreamDirectory* folder, Sync sync) : file(folder, "manifest.part", sync) {}
+  Manifest(StreamDirectory* folder, Sync sync)
+      : file(folder, std::string(kManifest) + kUnfinished, sync) {}
 
   // Begins with the first lines, or after the first `size` bytes of an existing file.
   void begin(const std::string& queue, const std::string& stream);
@@ -76,7 +78,7 @@ class Manifest {
   // none.
   void finish(const StreamSummary& stream);
   void finish(const orvane::Receipt& receipt, const std::string& reason);
-  void finish() { file.finish("manifest"); }
+  void finish() { file.finish(kManifest); }
 
  private:
   void line(const std::string& text);

@@ -16,14 +16,12 @@
 
 #include "log.hpp"
 #include "store/manifest_file.hpp"
-#include "store_format/stored_file.hpp"
+#include "store_format/manifest_reader.hpp"
 
 namespace orvaned {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr char kManifest[] = "manifest";
 
 // The valid lines of a manifest, up to the first one that is incomplete or invalid.
 struct ManifestContent {
@@ -34,64 +32,37 @@ struct ManifestContent {
   std::uint64_t allBytes = 0;              // if there is a receipt
 };
 
-// The lines of a file, without their ends. There are none if there is no file; a line without an
-// end is incomplete, and does not count.
-class Lines {
- public:
-  explicit Lines(tool::Fd file) : file(std::move(file)) {}
-
-  bool next(std::string& line) {
-    while (buffered.find('\n') == std::string::npos) {
-      const ssize_t size = read(file.get(), block.data(), block.size());
-      if (size <= 0) {
-        return false;
-      }
-      buffered.append(block.data(), static_cast<std::size_t>(size));
-    }
-    const std::size_t end = buffered.find('\n');
-    line = buffered.substr(0, end);
-    buffered.erase(0, end + 1);
-    return true;
-  }
-
- private:
-  const tool::Fd file;
-  std::vector<char> block = std::vector<char>(65536);
-  std::string buffered;
-};
-
-ManifestContent readListed(tool::Fd manifest, const std::string& queue, const std::string& stream) {
-  Lines lines(std::move(manifest));
-  std::string line;
+ManifestContent readListed(tool::Fd file, const std::string& queue, const std::string& stream) {
+  tool::ManifestReader manifest(std::move(file));
   ManifestContent listed;
   for (const std::string& first : {std::string("format=1"), "queue=" + queue, "stream=" + stream}) {
-    if (!lines.next(line) || line != first) {
+    if (manifest.next() != first) {
       return {};
     }
-    listed.bytes += line.size() + 1;
   }
-  while (lines.next(line)) {
-    const auto segment = parseSegment(line);
+  listed.bytes = manifest.bytes();
+  std::optional<std::string> line = manifest.next();
+  for (; line; line = manifest.next()) {
+    const auto segment = parseSegment(*line);
     if (!segment) {
       break;
     }
     listed.segments.push_back(*segment);
-    listed.bytes += line.size() + 1;
+    listed.bytes = manifest.bytes();
   }
-  listed.allBytes = listed.bytes + line.size() + 1;
-  if (const auto others = parseOthers(line)) {
+  if (const auto others = parseOthers(line.value_or(""))) {
     listed.others = *others;
   }
   std::optional<orvane::Receipt> receipt;
-  while (lines.next(line)) {
-    listed.allBytes += line.size() + 1;
-    if (const auto found = orvane::parseReceipt(line)) {
+  while ((line = manifest.next())) {
+    if (const auto found = orvane::parseReceipt(*line)) {
       receipt = found;
     }
-    if (line.starts_with("reason=")) {
+    if (line->starts_with("reason=")) {
       listed.receipt = receipt;
     }
   }
+  listed.allBytes = manifest.bytes();
   return listed;
 }
 
@@ -182,8 +153,7 @@ void UnfinishedStreamFolder::check(const SegmentSummary& segment) {
   const std::string part = segment.file + kUnfinished;
   const bool renamed = has(segment.file) || !has(part);
   listed.insert({segment.file, part});
-  const std::string fault =
-      faultOf(renamed ? segment.file : part, {segment.bytes, segment.checksum});
+  const std::string fault = faultOf(renamed ? segment.file : part, tool::fileOf(segment).content);
   if (!fault.empty()) {
     damaged.push_back({segment.file, fault});
     return;
@@ -200,8 +170,7 @@ void UnfinishedStreamFolder::checkOthers(const OtherRecords& others) {
   if (others.records == 0) {
     return;
   }
-  const std::uint64_t headers = others.records * orvane::pvk_shm_message_t::getSerializedSize();
-  const std::string fault = faultOf(kOtherRecords, {headers + others.bytes, others.checksum});
+  const std::string fault = faultOf(kOtherRecords, tool::fileOf(others).content);
   if (!fault.empty()) {
     listed.insert(kOtherRecords);
     damaged.push_back({kOtherRecords, fault});
