@@ -6,8 +6,9 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <utility>
+
+#include "shm/utc.hpp"
 
 namespace orvaned {
 namespace {
@@ -98,14 +99,7 @@ std::string oneLine(std::string_view text) {
 }
 
 std::string logLine(ox::Kind kind, int code, const char* text, const std::timespec& time) {
-  std::tm utc = {};
-  gmtime_r(&time.tv_sec, &utc);
-  char date[sizeof("2026-11-21T02:32:24")] = {};
-  std::strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &utc);
-  char milliseconds[sizeof(".123Z")] = {};
-  std::snprintf(milliseconds, sizeof(milliseconds), ".%03uZ",
-                static_cast<unsigned>(time.tv_nsec / 1000000) % 1000);
-  return std::string(date) + milliseconds + " " + kKindNames[static_cast<std::size_t>(kind)] + " " +
+  return tool::utcText(time) + " " + kKindNames[static_cast<std::size_t>(kind)] + " " +
          std::to_string(code) + " " + text + "\n";
 }
 

@@ -2,7 +2,6 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -15,6 +14,7 @@
 #include "inspect/json.hpp"
 #include "inspect/published.hpp"
 #include "queue_list.hpp"
+#include "shm/utc.hpp"
 
 namespace tool {
 namespace {
@@ -84,12 +84,7 @@ Stat statOf(const Published& published, double interval) {
 }
 
 std::string timeText(std::uint64_t nanoseconds) {
-  const auto seconds = static_cast<std::time_t>(nanoseconds / 1000000000);
-  std::tm utc = {};
-  gmtime_r(&seconds, &utc);
-  char text[sizeof("2026-11-21T02:32:24Z") + 16] = {};
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
+  return utcText(static_cast<std::time_t>(nanoseconds / 1000000000));
 }
 
 std::string decimal(double number, int decimals) {

@@ -11,8 +11,8 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "process_name.hpp"
 #include "shm/shm_names.hpp"
+#include "shm/utc.hpp"
 
 namespace orvaned {
 namespace {
@@ -69,7 +69,7 @@ tool::LockFile::Owner ownerOf(const std::string& run) {
 
 }  // namespace
 
-LeaseRun::LeaseRun() : name("orvane-" + timeAndProcess()), lock(tool::lockPathOf(name)) {}
+LeaseRun::LeaseRun() : name("orvane-" + tool::timeAndProcess()), lock(tool::lockPathOf(name)) {}
 
 std::string LeaseRun::newQueueName() const {
   std::string queue;

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "process_name.hpp"
+#include "shm/utc.hpp"
 
 namespace orvaned {
 
@@ -40,7 +40,7 @@ LocalAccess::LocalAccess(std::string directory, std::string queue, Sync sync)
     : directory(std::move(directory)),
       queue(std::move(queue)),
       sync(sync),
-      idPrefix(timeAndProcess()) {}
+      idPrefix(tool::timeAndProcess()) {}
 
 StoreAccess::NewStream LocalAccess::createStream() {
   for (;;) {
