@@ -20,7 +20,6 @@
 #include "queue_list.hpp"
 #include "shm/lock_file.hpp"
 #include "shm/shm_names.hpp"
-#include "shm/socket_names.hpp"
 
 namespace tool {
 namespace {

@@ -12,8 +12,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "shm/socket_names.hpp"
-
 namespace orvaned {
 namespace {
 
