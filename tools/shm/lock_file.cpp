@@ -71,7 +71,7 @@ bool isDead(pid_t process) {
 
 }  // namespace
 
-LockFile::LockFile(std::string lockPath) : path(std::move(lockPath)) {
+LockFile::LockFile(const std::string& path) : path(path) {
   const auto deadline = Clock::now() + kPatience;
   for (;;) {
     fd = openFile(path, O_CREAT);

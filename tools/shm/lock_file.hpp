@@ -18,7 +18,7 @@ class LockFile {
   // Throws std::runtime_error if another process holds the lock, or if the file belongs to another
   // user. If the owner is dead and only processes that it forked hold the lock, it waits some
   // seconds for their end.
-  explicit LockFile(std::string path);
+  explicit LockFile(const std::string& path);
 
   // Locks the file of a dead owner; the file then holds no process number. Returns nothing if there
   // is no such file, if it is locked, or if it does not belong to `user`. Throws std::runtime_error
@@ -40,7 +40,7 @@ class LockFile {
   int file() const { return fd.get(); }
 
  private:
-  LockFile(std::string lockPath, Fd lockFd) : path(std::move(lockPath)), fd(std::move(lockFd)) {}
+  LockFile(const std::string& path, Fd fd) : path(path), fd(std::move(fd)) {}
 
   std::string path;
   Fd fd;

@@ -173,7 +173,7 @@ bool isServed(const std::string& queue) {
 // Removes the files of dead servers and prints the path of each; in a dry run it only prints.
 class Cleaner {
  public:
-  explicit Cleaner(bool onlyReport) : dryRun(onlyReport) {}
+  explicit Cleaner(bool dryRun) : dryRun(dryRun) {}
 
   void clean(const std::string& name) {
     const auto server = serverOf(name);

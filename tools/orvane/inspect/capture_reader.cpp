@@ -28,7 +28,8 @@ std::size_t sizeOf(const CaptureHeader& header) {
 
 }  // namespace
 
-CaptureReader::CaptureReader(Input& file, Interrupt& endsIt) : input(file), interrupt(endsIt) {
+CaptureReader::CaptureReader(Input& input, Interrupt& interrupt)
+    : input(input), interrupt(interrupt) {
   isCapture = fill(kMagic.size()) && std::equal(kMagic.begin(), kMagic.end(), window.begin());
 }
 

@@ -10,7 +10,7 @@ namespace tool {
 // The pause between two attempts: short at first, and then longer each time.
 class Backoff {
  public:
-  explicit Backoff(Interrupt& endsIt) : interrupt(endsIt) {}
+  explicit Backoff(Interrupt& interrupt) : interrupt(interrupt) {}
 
   // Throws Interrupted.
   void pause() {

@@ -70,12 +70,12 @@ std::size_t dataPerRecord(std::size_t messageSize) {
 
 }  // namespace
 
-PolledWriter::PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout,
-                           Interrupt& endsIt, orvane::Lease* queuesLease)
-    : queueName(queue),
-      timeout(roomTimeout),
-      interrupt(endsIt),
-      lease(queuesLease),
+PolledWriter::PolledWriter(const std::string& queueName, std::chrono::seconds timeout,
+                           Interrupt& interrupt, orvane::Lease* lease)
+    : queueName(queueName),
+      timeout(timeout),
+      interrupt(interrupt),
+      lease(lease),
       sendQueue(attach(queueName, queueName)),
       responseQueue(attach(queueName, orvane::getMessageQueueResponseName(queueName))),
       inode(inodeOf(queueName)),

@@ -23,10 +23,10 @@ namespace tool {
 // Interrupted.
 class PolledWriter {
  public:
-  // Attaches to the pair. `roomTimeout` limits each wait for room. `queuesLease` is null for a
-  // queue that is not leased.
-  PolledWriter(const std::string& queue, std::chrono::seconds roomTimeout, Interrupt& endsIt,
-               orvane::Lease* queuesLease = nullptr);
+  // Attaches to the pair. `timeout` limits each wait for room. `lease` is null for a queue that is
+  // not leased.
+  PolledWriter(const std::string& queueName, std::chrono::seconds timeout, Interrupt& interrupt,
+               orvane::Lease* lease = nullptr);
 
   // Returns the largest number of data bytes that a record on this queue can carry.
   std::size_t recordSize() const { return maxData; }

@@ -79,10 +79,10 @@ void removeQueues(const std::string& queueName) {
 
 }  // namespace
 
-ServerProcess::ServerProcess(const std::string& queue, const fs::path& store,
-                             const fs::path& logFile)
-    : queueName(queue), log(logFile) {
-  std::string words[] = {serverProgram(), "--queue", queue, "--store", store};
+ServerProcess::ServerProcess(const std::string& queueName, const fs::path& store,
+                             const fs::path& log)
+    : queueName(queueName), log(log) {
+  std::string words[] = {serverProgram(), "--queue", queueName, "--store", store};
   char* arguments[] = {words[0].data(), words[1].data(), words[2].data(),
                        words[3].data(), words[4].data(), nullptr};
   const pid_t parent = getpid();

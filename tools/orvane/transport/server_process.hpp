@@ -14,9 +14,9 @@ namespace tool {
 // this process. The destructor ends it and removes all files that are left of its queues.
 class ServerProcess {
  public:
-  // Starts it; its output goes to `logFile`. Throws Failure.
-  ServerProcess(const std::string& queue, const std::filesystem::path& store,
-                const std::filesystem::path& logFile);
+  // Starts it; its output goes to the file `log`. Throws Failure.
+  ServerProcess(const std::string& queueName, const std::filesystem::path& store,
+                const std::filesystem::path& log);
   ~ServerProcess();
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
