@@ -16,7 +16,6 @@ namespace orvaned {
 namespace {
 
 constexpr std::size_t kMaxMessages = 4096;
-constexpr std::size_t kMaxMessageSize = std::size_t{1} << 30;
 constexpr std::size_t kMaxPairs = 4096;
 constexpr std::uint32_t kMaxIdleLimit = 86400;
 constexpr mode_t kMinMode = 0600;
@@ -135,7 +134,8 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.formatter(std::make_shared<HelpFormatter>());
   app.add_option("--queue", options.queue,
                  "Name of a queue for one producer at a time: letters, digits and _.-,\n"
-                 "at most 200 bytes, without a dot at the beginning")
+                 "at most " +
+                     std::to_string(tool::kMaxQueueName) + " bytes, without a dot at the beginning")
       ->type_name("NAME");
   app.add_option("--socket", options.socket,
                  "Unix socket at which each producer gets its own pair of queues")
@@ -232,9 +232,10 @@ void checkOptions(const Options& options) {
                                 " is too small: a record needs " +
                                 std::to_string(tool::smallestMessageSize()) + " and its data");
   }
-  if (size > kMaxMessageSize) {
+  if (size > tool::kMaxMessageSize) {
     throw std::invalid_argument("--message-size " + std::to_string(size) +
-                                " is too large: use at most " + std::to_string(kMaxMessageSize));
+                                " is too large: use at most " +
+                                std::to_string(tool::kMaxMessageSize));
   }
 }
 
