@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "log.hpp"
+#include "worker/confinement.hpp"
 
 namespace orvaned {
 namespace {
@@ -71,10 +72,7 @@ Child::Child(const Task& task, Orphaned orphaned) : heartbeat(sharedHeartbeat())
   pid = fork();
   if (pid == 0) {
     if (orphaned == Orphaned::ends) {
-      prctl(PR_SET_PDEATHSIG, SIGTERM);
-      if (getppid() != parent) {
-        raise(SIGTERM);  // the parent was gone before the line above
-      }
+      endWith(parent, SIGTERM);
     }
     _exit(run(task, *heartbeat));
   }

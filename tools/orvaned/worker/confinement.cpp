@@ -42,16 +42,6 @@ void becomeUser(const WorkerUser& to) {
   }
 }
 
-void endWith(pid_t parent, int signal) {
-  if (signal == 0) {
-    return;
-  }
-  prctl(PR_SET_PDEATHSIG, signal);
-  if (getppid() != parent) {
-    raise(signal);  // the parent was gone before the line above
-  }
-}
-
 // The kernel removes the ambient ones as well: they are always a part of the permitted ones.
 void dropCapabilities() {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
@@ -160,6 +150,13 @@ class Filter {
 
 }  // namespace
 
+void endWith(pid_t parent, int signal) {
+  prctl(PR_SET_PDEATHSIG, signal);
+  if (getppid() != parent) {
+    raise(signal);  // the parent was gone before the line above
+  }
+}
+
 void closeAllBut(std::vector<int> kept) {
   kept.push_back(STDERR_FILENO);
   std::sort(kept.begin(), kept.end());
@@ -188,7 +185,9 @@ void dropRights(const Confinement& confinement, pid_t parent, int allowedFile) {
   if (confinement.capabilities) {
     dropCapabilities();
   }
-  endWith(parent, deathSignal);
+  if (deathSignal != 0) {
+    endWith(parent, deathSignal);
+  }
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
     fail(errno, "prctl");
   }

@@ -41,6 +41,10 @@ bool restrictCalls(const Confinement& confinement, std::atomic<int>* refusedCall
 // connection could send in its name. Call it before dropRights(). Throws std::system_error.
 void closeAllBut(std::vector<int> kept);
 
+// From now on the end of `parent` sends this new process `signal`, also if `parent` has already
+// ended.
+void endWith(pid_t parent, int signal);
+
 static_assert(std::atomic<int>::is_always_lock_free, "it is shared between processes");
 
 // The name of a refused call, such as "socket", or its number if it has no name.
