@@ -15,7 +15,6 @@ namespace tool {
 // Reads a manifest line by line, because a stream may have more segments than fit in memory.
 class ManifestReader {
  public:
-  // A file that is not open has no lines.
   explicit ManifestReader(Fd file) : file(std::move(file)) {}
 
   // Returns the next line without its end. Returns nothing at the end of the file, and when reading

@@ -145,5 +145,40 @@ TEST_F(RecoveryTest, AnUnlistedSegmentThatCannotBeReadIsDamaged) {
                 folder + "/segment-000000.part\n" + kNothingButDamage);
 }
 
+// A folder whose manifest can be opened but not read.
+class UnreadableManifest : public orvaned::LocalDirectory {
+ public:
+  using LocalDirectory::LocalDirectory;
+  tool::Fd read(const std::string& name) override {
+    return name == "manifest.part" ? append(name) : LocalDirectory::read(name);
+  }
+};
+
+class OneStream : public orvaned::UnfinishedStreams {
+ public:
+  explicit OneStream(const std::string& path)
+      : stream{"q", "20261121T023224-4711_0", std::make_unique<UnreadableManifest>(path)} {}
+  std::optional<orvaned::UnfinishedStream> next() override {
+    return stream.folder ? std::optional(std::move(stream)) : std::nullopt;
+  }
+
+ private:
+  orvaned::UnfinishedStream stream;
+};
+
+TEST_F(RecoveryTest, AManifestThatCannotBeReadIsLeftToTheNextStart) {
+  writeHello();
+  OneStream streams(folder);
+
+  orvaned::recoverStreams(streams, orvaned::Sync::segment, "the server");
+
+  EXPECT_EQ(readFile(folder + "/manifest.part"), kFirst + kHello);
+  EXPECT_EQ(files(), (Names{"manifest.part", "segment-000000"}));
+  expectLogged(ox::Kind::error, 1003,
+               "cannot finish what a dead server left, the next start tries again: Bad file "
+               "descriptor: cannot read " +
+                   folder + "/manifest.part");
+}
+
 }  // namespace
 }  // namespace orvane::test

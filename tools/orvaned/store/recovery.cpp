@@ -32,8 +32,8 @@ struct ManifestContent {
   std::uint64_t allBytes = 0;              // if there is a receipt
 };
 
-ManifestContent readListed(tool::Fd file, const std::string& queue, const std::string& stream) {
-  tool::ManifestReader manifest(std::move(file));
+ManifestContent readListed(tool::ManifestReader& manifest, const std::string& queue,
+                           const std::string& stream) {
   ManifestContent listed;
   for (const std::string& first : {std::string("format=1"), "queue=" + queue, "stream=" + stream}) {
     if (manifest.next() != first) {
@@ -88,7 +88,7 @@ class UnfinishedStreamFolder {
   };
 
   bool has(const std::string& name) const { return names.contains(name); }
-  tool::Fd readManifest();
+  ManifestContent readManifest(const std::string& queue, const std::string& stream);
   void check(const SegmentSummary& segment);
   void checkOthers(const OtherRecords& others);
   std::string faultOf(const std::string& name, const tool::Content& listedContent);
@@ -115,7 +115,7 @@ bool UnfinishedStreamFolder::isFinished() {
 
 orvane::Receipt UnfinishedStreamFolder::finish(const std::string& queue, const std::string& stream,
                                                const std::string& reason) {
-  const ManifestContent found = readListed(readManifest(), queue, stream);
+  const ManifestContent found = readManifest(queue, stream);
   for (const SegmentSummary& segment : found.segments) {
     check(segment);
   }
@@ -141,9 +141,19 @@ orvane::Receipt UnfinishedStreamFolder::finish(const std::string& queue, const s
   return receipt;
 }
 
-tool::Fd UnfinishedStreamFolder::readManifest() {
+// Lines that cannot be read now must not count as missing: the manifest would be cut before them.
+ManifestContent UnfinishedStreamFolder::readManifest(const std::string& queue,
+                                                     const std::string& stream) {
   const std::string part = std::string(kManifest) + kUnfinished;
-  return has(part) ? folder.read(part) : tool::Fd();
+  if (!has(part)) {
+    return {};
+  }
+  tool::ManifestReader reader(folder.read(part));
+  ManifestContent content = readListed(reader, queue, stream);
+  if (reader.error() != 0) {
+    throwStoreFailed(reader.error(), "read", folder.pathOf(part));
+  }
+  return content;
 }
 
 void UnfinishedStreamFolder::check(const SegmentSummary& segment) {
