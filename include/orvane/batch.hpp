@@ -19,7 +19,7 @@ namespace orvane {
 // blocks.
 class ORVANE_API ShmBatch {
  public:
-  // The block at the start of the buffer, big-endian:  0 magic 4   4 numEntries 4
+  // The first 8 bytes of a batch, big-endian:  0 magic 4   4 numEntries 4
   struct ORVANE_API MetaData {
     static constexpr std::uint32_t kMagic = 0xFF00EE11;
     static constexpr unsigned long kSerializedSize = 8;
@@ -46,8 +46,8 @@ class ORVANE_API ShmBatch {
     Entry(const pvk_shm_message_t& entryHeader, const unsigned char* entryData)
         : header(entryHeader), data(entryData) {}
 
-    // Sets all ten header fields to zero, also the magic word, so that nothing in an entry which is
-    // about to be read looks valid. Callers convert.
+    // Sets all ten header fields to zero, also the magic word, so that an entry does not look valid
+    // before its header is read. It is not explicit, because callers convert.
     // NOLINTNEXTLINE(google-explicit-constructor)
     Entry(const unsigned char* entryData) : data(entryData) {
       header.segmentDone = 0;
@@ -58,7 +58,7 @@ class ORVANE_API ShmBatch {
     const unsigned char* data;  // null in an entry without data that was read from a batch
   };
 
-  // Makes an empty batch with room for `bufferSize` bytes, the metadata included. Throws
+  // Makes an empty batch with room for `bufferSize` bytes, including the metadata. Throws
   // kStatusInvalidArgument if that is less than 8.
   ShmBatch(unsigned long bufferSize);  // NOLINT(google-explicit-constructor): callers convert
   ~ShmBatch();
@@ -83,7 +83,7 @@ class ORVANE_API ShmBatch {
   void clear();
 
   // Copies the header and header.len bytes of data into the batch. Throws kStatusNoRoom, or
-  // kStatusInvalidArgument if the pointer is null and len is not 0; the entries are then as before.
+  // kStatusInvalidArgument if the pointer is null and len is not 0; the entries are unchanged.
   void pushBack(const Entry& entry);
 
   // Returns entry `index`, which it finds by walking over the entries before it. The entry's data

@@ -28,7 +28,7 @@ class ORVANE_API Channel {
   std::string name;
 };
 
-// The end of a stream that writes. The comments in writer.hpp say how ShmWriter implements each
+// The writing end of a stream. The comments in writer.hpp describe how ShmWriter implements each
 // call: what it throws, and how long it may block.
 class ORVANE_API ChannelWriter : public Channel {
  public:
@@ -40,7 +40,7 @@ class ORVANE_API ChannelWriter : public Channel {
   // Starts a stream; has no effect on an open channel.
   virtual void open() = 0;
 
-  // Sets the state and the three parameters that the following records carry.
+  // Sets the segment state and the three parameters of the following records.
   virtual void setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
                              unsigned long param3) = 0;
 

@@ -18,12 +18,13 @@ constexpr ox_status_t kLeaseLost = 901;      // the server died, or it ended the
 //   Lease lease("/run/orvaned/orders/socket", 5);
 //   ShmWriter writer("backup", lease.queueName(), 30, 5, false);
 //   ... writer.close();
-//   Receipt stored = lease.receipt(30);  // the server says that the stream is stored
+//   Receipt stored = lease.receipt(30);  // the server states what it has stored
 //
-// The pair's name is never used twice, and only this process's user may open the pair. Each side
-// notices through the connection when the other one ends. When this process ends in any way, the
-// server stores what is queued and removes the pair. When the server ends, alive() returns false.
-// So destroy a writer on a lease before the lease.
+// The pair's name is never used twice, and only this process's user may open the pair (or this
+// user's group, if the server may not change owners). Each side notices when the other one ends.
+// When this process ends in any way, the server stores what is queued and removes the pair. When
+// the server ends, alive() returns false. Destroy a writer before its lease, because the writer's
+// destructor may still send.
 //
 // Link orvane::lease. A lease owns a socket that is closed on exec. A forked child must not use it.
 // One thread uses it at a time. It starts no threads, sends no signals, and signals do not shorten
@@ -46,7 +47,7 @@ class ORVANE_API Lease {
   const std::string& queueName() const;
 
   // Returns true as long as the server is there and kLeaseLost has not been thrown. Does not block.
-  // When it returns false, there may still be receipts that the server sent before.
+  // When it returns false, receipt() may still return receipts that the server sent before.
   bool alive() const;
 
   // Returns the next receipt, and waits for it at most `timeout`; with 0 it does not wait. There is
@@ -56,7 +57,7 @@ class ORVANE_API Lease {
   //   kStatusTimedOut, nothing is lost: call again;
   //   the server's status and reason, in place of the receipt of a stream that was not stored
   //     whole;
-  //   kLeaseLost, after the last receipt that came.
+  //   kLeaseLost, after receipt() has returned every receipt that came.
   Receipt receipt(unsigned int timeout);
 
  private:

@@ -33,8 +33,8 @@ class ORVANE_API Logger {
   Logger& operator=(Logger&&) = default;
   ~Logger();
 
-  // Writes one line. `function` is usually __func__; `code` is a status or errno, which the line
-  // carries unchanged; `format` and the arguments are printf's.
+  // Writes one line. `function` is usually __func__; `code` is a status or errno, which is
+  // passed on unchanged; `format` and the arguments are printf's.
   void log(OrvanServerLoglevel level, const char* function, int code, const char* format, ...) const
       __attribute__((format(printf, 5, 6)));
 
@@ -42,7 +42,7 @@ class ORVANE_API Logger {
   void logTrace(const char* function, const char* format, ...) const
       __attribute__((format(printf, 3, 4)));
 
-  // The function's name as the lines show it. It is `function` itself.
+  // Returns the function's name as the lines show it, which is `function` itself.
   std::string trimFunctionName(const std::string& function) const;
 
   friend ORVANE_API bool operator==(const Logger& a, const Logger& b);

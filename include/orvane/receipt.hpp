@@ -23,7 +23,7 @@ enum class StreamEnd {
 //   receipt stream=20261121T023224-4711_0 records=12 bytes=1048576 segments=2 end=closed
 struct Receipt {
   std::string stream;          // the id that the server gave to the stream; it has no blanks
-  std::uint64_t records = 0;   // the stored records, of every type that carries data
+  std::uint64_t records = 0;   // the stored records of segment data and of the producer's types
   std::uint64_t bytes = 0;     // the bytes of those records' data
   std::uint64_t segments = 0;  // the segments that have data
   StreamEnd end = StreamEnd::closed;
@@ -37,8 +37,8 @@ inline bool operator!=(const Receipt& a, const Receipt& b) {
   return !(a == b);
 }
 
-// These write the text form and read it. parseReceipt returns nothing unless the text is exactly
-// one receipt. Link orvane::lease.
+// These functions write the text form and read it. parseReceipt returns nothing unless the text is
+// exactly one receipt. Link orvane::lease.
 ORVANE_API std::string textOf(const Receipt& receipt);
 ORVANE_API std::string textOf(StreamEnd end);
 ORVANE_API std::optional<Receipt> parseReceipt(std::string_view text);

@@ -17,8 +17,8 @@ namespace orvane {
 
 using ::orvane_seg_state_t;
 
-// The kinds of records, in pvk_shm_message_t::type. A producer may use other values for its own
-// kinds.
+// The types of records, in pvk_shm_message_t::type. A producer may use other values for its own
+// types.
 constexpr std::uint32_t kRecordOpen = 0;
 constexpr std::uint32_t kRecordSegmentData = 1;
 constexpr std::uint32_t kRecordEndOfSegment = 2;
@@ -38,7 +38,7 @@ struct ORVANE_API pvk_shm_message_t {
   static constexpr std::uint32_t kMagic = 0xAABBCCDD;
   static constexpr unsigned long kSerializedSize = 48;
 
-  // Not defaulted: C++17 would make an aggregate of the record, and C++20 not.
+  // It is not defaulted, because the record would then be an aggregate in C++17, but not in C++20.
   pvk_shm_message_t() {}  // NOLINT(modernize-use-equals-default)
 
   // Returns kSerializedSize.
@@ -51,11 +51,11 @@ struct ORVANE_API pvk_shm_message_t {
   // magic word is not kMagic; the fields then hold what was read.
   const unsigned char* deserializeFromBuffer(const unsigned char* p);
 
-  std::uint32_t type = 0;         // one of the kRecord constants, or a kind of the producer's
+  std::uint32_t type = 0;         // one of the kRecord constants, or a type of the producer's own
   std::uint32_t len = 0;          // the number of data bytes after the header
   std::uint64_t seqNo = 0;        // the record's number within its stream; it only increases
   std::uint64_t segmentNo = 0;    // the segment's number within its stream, from 0
-  std::uint32_t segmentDone = 1;  // 0 while a segment holds data and has not been ended
+  std::uint32_t segmentDone = 1;  // 0 while a segment has data and has not ended
   std::uint32_t segAlg = 0;       // an orvane_seg_state_t; the next three are its parameters
   std::uint32_t segParam1 = 0;
   std::uint32_t segParam2 = 0;
@@ -79,7 +79,7 @@ struct ORVANE_API pvk_shm_response_t {
   // may point into this response's own text.
   void assign(ox_status_t newStatus, const char* newText);
 
-  ox_status_t status = 0;  // 0 means success; orvaned's others are in server_status.hpp
+  ox_status_t status = 0;  // 0 means success; server_status.hpp has orvaned's errors
   char text[128] = {};     // the reason of an error, or a receipt, or nothing
 };
 

@@ -8,8 +8,8 @@
 
 namespace orvane {
 
-// The settings of one connection of a server: seven strings that say where to connect and as which
-// user, and optional settings.
+// The settings of one connection of a server: seven strings, such as the host and the user, and
+// optional settings.
 //   ServerInfo info("host", "user", password, "agent.cfg", "routes", "routes.new", "/keys");
 //   info.setBandwidthLimit(1000);
 //   log << info;  // the password is never written
@@ -17,7 +17,7 @@ namespace orvane {
 // The class only keeps the settings: it neither checks nor interprets them, and the library does
 // not use them. So the program that sets a number decides on its unit. An optional setting counts
 // as set while it differs from its sentinel (the constants below); set it to the sentinel to unset
-// it. A value: copies are independent. Several threads may read one object at a time.
+// it. It is a value: copies are independent. Several threads may read one object at a time.
 class ORVANE_API ServerInfo {
  public:
   // The sentinels. A string counts as set while it is not empty.

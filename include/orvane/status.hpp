@@ -16,7 +16,7 @@ constexpr ox_status_t kStatusNoRoom = 4;
 constexpr ox_status_t kStatusInvalidArgument = 9;
 
 // ShmWriter: the send queue stayed full for the whole timeout; the batch is kept, so flush again.
-// Lease: the server did not reply in time; nothing is lost.
+// Lease: the server did not answer in time; nothing is lost.
 constexpr ox_status_t kStatusTimedOut = 15;
 
 // The bytes are not a record's header, or not a batch.

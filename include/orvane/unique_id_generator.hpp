@@ -14,11 +14,11 @@ namespace orvane {
 // All prefixes share one counter. An id contains no time, process or host. Any thread may call it.
 class ORVANE_API UniqueIdGenerator {
  public:
-  // The process's one generator, built at the first call and destroyed at exit.
+  // Returns the process's only generator, which is made at the first call and destroyed at exit.
   static UniqueIdGenerator& getInstance();
 
-  // Returns prefix + "_" + the counter in decimal, and adds one to the counter; after 4294967295
-  // comes 0. Blocks only while another thread makes an id.
+  // Returns prefix + "_" + the counter in decimal, and adds one to the counter, which
+  // continues with 0 after 4294967295. Blocks only while another thread makes an id.
   std::string generateId(const std::string& prefix);
 
   // Makes a second generator with its own counter, so both may make the same id. For ids that

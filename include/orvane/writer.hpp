@@ -65,9 +65,9 @@ class ORVANE_API ShmWriter : public ChannelWriter {
                      unsigned long param3) override;
 
   // Appends one record with `length` bytes of the current segment. Sends the batch first if the
-  // record does not fit; otherwise sends nothing. Throws kStatusNotOpen or kStatusWrongAlgorithm,
-  // and nothing has changed; or what write_data throws, and the record's sequence number is used
-  // up.
+  // record does not fit; otherwise sends nothing. If it throws kStatusNotOpen or
+  // kStatusWrongAlgorithm, nothing has changed. It also throws what write_data throws; then the
+  // record's sequence number is used up.
   void writeSegment(const unsigned char* data, unsigned long length) override;
 
   // Appends the record that ends the current segment, unless the last record already ended one.
@@ -76,7 +76,8 @@ class ORVANE_API ShmWriter : public ChannelWriter {
 
   // Aborts the stream: sends a stop record and what is pending, and waits at most `stopTimeout`
   // seconds, or `timeout` seconds if `useStopTimeout` is false. The writer does not have to be
-  // open, and is not closed: it still accepts segments, and the destructor still sends a close.
+  // open. An open writer stays open: it still accepts segments, and its destructor still sends a
+  // close record.
   void stop(bool useStopTimeout) override;
 
   // Returns 131072, the largest number of data bytes in a record whose segAlg is not
@@ -85,7 +86,7 @@ class ORVANE_API ShmWriter : public ChannelWriter {
 
   // Appends the caller's own record: `*record` as it is when the call begins, and record->len bytes
   // at `data`, which may be null if len is 0. If the record does not fit, the call sends the batch
-  // first; with `flush` it sends the batch also afterwards. Each of these waits at most
+  // first; with `flush` it also sends the batch afterwards. Each of these waits at most
   // `sendTimeout` seconds. Throws
   //   kStatusSegmentTooLarge, nothing has changed;
   //   kStatusInvalidArgument, `data` is null and len is not 0: the record is not stored, and
@@ -93,15 +94,15 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   //   kStatusDoesNotFit, the record is not stored, and the earlier records were sent;
   //   kStatusTimedOut, the batch is kept;
   //   the server's status, the batch was sent.
-  // Without `flush` the last two mean that this record is not stored: it may be written again,
-  // after a flush. With `flush` either send may have failed, and the exception does not show which
-  // one. A caller that needs to know passes false and then calls flush_shm_buffer().
+  // Without `flush` the last two mean that this record is not stored: flush, and write it again.
+  // With `flush` either send may have failed, and the exception does not show which one. A caller
+  // that needs to know passes false and then calls flush_shm_buffer().
   void write_data(const pvk_shm_message_t* record, const unsigned char* data,
                   unsigned int sendTimeout, bool flush);
 
   // Sends the batch, also an empty one, and waits at most `sendTimeout` seconds for room in the
   // queue. Then empties the batch and receives at most one response, without waiting for it. Throws
-  // kStatusTimedOut, and the batch is kept; or the response's status and text, and the batch was
+  // kStatusTimedOut, and keeps the batch; or the response's status and text, after the batch was
   // sent. The deadline is in whole seconds of the wall clock, so the wait may end up to a second
   // early.
   void flush_shm_buffer(unsigned int sendTimeout);
@@ -116,7 +117,7 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   unsigned int timeout;
   unsigned int stopTimeout;
   bool perfBenchmarkEnabled;
-  pvk_shm_message_t header;  // of the last record; each record changes some of its fields
+  pvk_shm_message_t header;  // the last record's; each record changes some of its fields
   pvk_shm_response_t response;
   std::unique_ptr<boost::interprocess::message_queue> sendQueue;
   std::unique_ptr<boost::interprocess::message_queue> responseQueue;

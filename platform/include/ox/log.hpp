@@ -2,7 +2,7 @@
 
 #include "ox/export.hpp"
 
-// Each writes one line at its level. `format` is a printf format; the sink receives `code`
+// Each function writes one line at its level. `format` is a printf format; the sink receives `code`
 // unchanged. Any thread may call them; they never throw and do not change errno.
 // A program that defines these functions itself (C linkage) replaces the platform's.
 extern "C" {

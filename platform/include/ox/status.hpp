@@ -2,5 +2,5 @@
 
 #include <cstdint>
 
-// A result code; 0 means success. Signed, because a server may answer with its own codes.
+// The number of an error; 0 means success. It is signed, because servers may define any number.
 using ox_status_t = std::int32_t;

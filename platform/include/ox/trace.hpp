@@ -9,14 +9,14 @@ extern "C" {
 // Returns true while tracing is on. A program that defines it (C linkage) replaces the platform's.
 OX_API bool TraceOn();
 
-// Writes one trace line, also while tracing is off: callers ask TraceOn() first.
+// Writes one trace line, even while tracing is off: callers check TraceOn() first.
 OX_API void __Trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
 }
 
 namespace ox::detail {
 
-// The platform's own flag, set by ox::setTracing(). A data symbol, not a function, so that an
-// AutoTrace costs one load and one branch while tracing is off.
+// The platform's own flag, set by ox::setTracing(). It is a data symbol, not a function, so that
+// an AutoTrace costs one load and one branch while tracing is off.
 extern OX_API std::atomic<bool> tracing;
 
 OX_API void enter(const char* operation) noexcept;
@@ -26,8 +26,8 @@ OX_API void leave(const char* operation) noexcept;
 
 // Writes a line when an operation begins and a line when it ends:
 //   AutoTrace scope("open");
-// It uses the platform's own flag, not a replaced TraceOn(). If the flag was off at the begin,
-// neither line is written. `operation` must outlive the scope.
+// It uses the platform's own flag, not a replaced TraceOn(). If the flag was off at the
+// beginning, neither line is written. `operation` must outlive the scope.
 class AutoTrace {
  public:
   explicit AutoTrace(const char* operation)

@@ -5,12 +5,12 @@
 //
 // The settings are macros, and every binary that uses a queue must see the same ones. They come
 // from the build: the CMake target orvane::queue, or `pkg-config --cflags orvane-queue`.
-//   - A wait for a lock that a stopped process holds fails after 2 s, not never.
-//   - Attaching to a queue that its creator never finished fails after 5 s, not 300.
+//   - A wait for a lock that a stopped process holds fails after 2 s; by default it never ends.
+//   - Attaching to a queue that its creator never finished fails after 5 s; by default after 300.
 //   - A failed wait on a condition variable throws (assertion_failed.hpp) and does not spin.
-// Two waits have no limit: for a peer that was stopped while it copies a message, and on a queue on
-// which a process was killed while it waited. So a server polls with try_receive() and try_send(),
-// and after an unclean end no process uses that queue again.
+// Two waits have no limit: the wait for a peer that was stopped while it copies a message, and the
+// wait on a queue in which a process was killed while it waited. So a server polls with
+// try_receive() and try_send(), and after an unclean end no process uses that queue again.
 #if !defined(BOOST_ENABLE_ASSERT_HANDLER) ||                       \
     !defined(BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING) ||    \
     BOOST_INTERPROCESS_TIMEOUT_WHEN_LOCKING_DURATION_MS != 2000 || \
