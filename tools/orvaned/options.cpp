@@ -60,7 +60,7 @@ milliseconds. KIND is info, auth, warning or error, and --log-level drops those 
 that it names; --trace adds trace, enter and leave. CODE is 0 if nothing failed.
 
 Exit codes: 0 stopped by a signal; 1 could not start, or the queue failed;
-2 wrong usage, or too low a limit on open files.)";
+2 wrong usage, or the limit on open files is too low.)";
 }
 
 // Replaces a size, with or without a unit, by the number of bytes. Returns an error, or nothing.
@@ -186,17 +186,17 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->type_name("LEVEL")
       ->check(checkLevel)
       ->capture_default_str();
-  app.add_flag("--trace", options.trace, "Log each batch and each response, too");
+  app.add_flag("--trace", options.trace, "Also log each batch and each response");
   app.add_option("--capture", options.capture,
                  "Append every message, valid or not, to this file, for orvane dump")
       ->type_name("FILE");
   app.add_option("--worker-user", options.workerUser,
                  "User that the workers run as, if the server runs as root; by default\n"
-                 "orvaned, or 65534 if there is no such user. root: the server's user")
+                 "orvaned, or 65534 if there is no such user. root: workers stay root")
       ->type_name("USER");
   app.add_option("--without", without,
-                 "Do not confine workers by this part: capset, landlock or seccomp. May\n"
-                 "be repeated")
+                 "Do not confine workers by this part: capset, landlock or seccomp. The\n"
+                 "option may be repeated")
       ->type_name("PART")
       ->check(checkPart)
       ->expected(1)

@@ -308,8 +308,8 @@ Command addClean(CLI::App& app) {
   clean->add_flag("--dry-run", *dryRun, "Only print what would be removed");
   clean->footer(
       std::string("A server that starts does the same for its own queue and for leases.\n"
-                  "Root cleans up after the servers of all users, other users only after their "
-                  "own.\n") +
+                  "Root cleans up after the servers of all users, other users clean up only "
+                  "after their own.\n") +
       kExitCodes);
   return {clean, [names, dryRun] { cleanNamed(*names, *dryRun); }};
 }

@@ -147,7 +147,8 @@ Command addLs(CLI::App& app) {
   ls->add_flag("--json", *json, "Print JSON");
   ls->footer(
       std::string("SERVER is the process that serves the queue, or nobody if it is dead.\n"
-                  "- stands for what this user may not read, or orvaned did not publish.\n") +
+                  "- means that this user may not read the value, or that orvaned did not publish "
+                  "it.\n") +
       kExitCodes);
   return {ls, [json] { listQueues(*json); }};
 }
