@@ -1,20 +1,27 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <string>
 
 #include "orvane/export.hpp"
 #include "orvane/receipt.hpp"
+#include "orvane/ring_reader.hpp"
+#include "orvane/ring_writer.hpp"
 #include "orvane/status.hpp"
 
 namespace orvane {
 
-// The two statuses that only a Lease throws. It also throws kStatusInvalidArgument,
-// kStatusTimedOut, and the status of a server's refusal (1000 and up).
-constexpr ox_status_t kLeaseNoServer = 900;  // no server listens at this path
-constexpr ox_status_t kLeaseLost = 901;      // the server died, or it ended the lease
+// How a lease's records reach the server. Every server has queues. A ring is faster, and nothing of
+// it is in /dev/shm.
+enum class Transport {
+  queue,
+  ring,
+  automatic  // a ring, or a queue where the server has no rings
+};
 
-// A queue pair for this process only, which a server leases at its socket as long as this object
-// lives.
+// A queue pair or a ring for this process only, which a server leases at its socket as long as this
+// object lives.
 //   Lease lease("/run/orvaned/orders/socket", 5);
 //   ShmWriter writer("backup", lease.queueName(), 30, 5, false);
 //   ... writer.close();
@@ -32,19 +39,31 @@ constexpr ox_status_t kLeaseLost = 901;      // the server died, or it ended the
 // throws kStatusInvalidArgument.
 class ORVANE_API Lease {
  public:
-  // Asks the server that listens at `socketPath` for a pair, and waits at most `timeout`, which is
-  // 1 or more. Throws kLeaseNoServer; kStatusTimedOut; kLeaseLost if the server ended meanwhile or
-  // has another version of the protocol; or the status and reason of the server's refusal. Nothing
-  // is leased then.
-  Lease(const std::string& socketPath, unsigned int timeout);
+  // Asks the server that listens at `socketPath` for a pair or a ring, and waits at most `timeout`,
+  // which is 1 or more. A ring has `ringBytes` bytes, as ring_reader.hpp describes. Throws
+  // kLeaseNoServer; kStatusTimedOut; kLeaseLost if the server ended meanwhile or has another
+  // version of the protocol; or the status and reason of the server's refusal. Nothing is leased
+  // then.
+  Lease(const std::string& socketPath, unsigned int timeout, Transport transport = Transport::queue,
+        std::uint64_t ringBytes = kDefaultRing);
 
   // Gives the pair back. The server ends a stream that is still open as cut off.
   ~Lease();
   Lease(const Lease&) = delete;
   Lease& operator=(const Lease&) = delete;
 
-  // The name to give to a ShmWriter.
+  // What this lease has: queue or ring.
+  Transport transport() const;
+
+  // The name to give to a ShmWriter. A ring's lease has a name as well, but no queue.
   const std::string& queueName() const;
+
+  // What to give to a RingWriter; null if this lease has a queue.
+  const std::shared_ptr<ring::Producer>& ring() const;
+
+  // The connection, for poll() and epoll: it is readable when there is a receipt or the lease has
+  // ended. Nothing else may be done with it.
+  int fd() const;
 
   // Returns true as long as the server is there and kLeaseLost has not been thrown. Does not block.
   // When it returns false, receipt() may still return receipts that the server sent before.
@@ -63,6 +82,13 @@ class ORVANE_API Lease {
  private:
   int connection;
   std::string name;
+  std::shared_ptr<ring::Producer> producer;
 };
+
+// Returns a ShmWriter or a RingWriter for a lease, so that a program does not have to know which.
+// The parameters are those of both. Throws what their constructors throw.
+ORVANE_API std::unique_ptr<ChannelWriter> makeWriter(const std::string& name, const Lease& lease,
+                                                     unsigned int timeout,
+                                                     unsigned int stopTimeout);
 
 }  // namespace orvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,19 +17,35 @@ namespace orvane {
 // kLongestLeasePacket bytes without control characters.
 //
 //   producer  "orvane 1 lease"               1 is the version of the protocol
+//          or "orvane 1 ring BYTES"          asks for a ring of BYTES bytes in place of queues
 //   server    "lease NAME"                   NAME is the send queue's; the pair exists now
+//          or "ring NAME BYTES"              with two files (SCM_RIGHTS): the producer's, the
+//                                            server's; ring_reader.hpp makes them
 //          or "refused STATUS REASON"        STATUS is 1000 or more; then the connection ends
 //   server    "receipt stream=..."           after each stream that is stored (receipt.hpp)
 //          or "failed STATUS REASON"         after each stream that is not stored whole
 //
-// The producer sends nothing after its request. The lease ends when either side closes the
-// connection.
+// Words of the form KEY=VALUE may follow a request; a server ignores keys that it does not know. A
+// server without rings refuses a request for one with kBadRequest, and the producer may ask again
+// for queues. The producer sends nothing after its request. The lease ends when either side closes
+// the connection.
 constexpr std::size_t kLongestLeasePacket = 512;
 constexpr std::string_view kLeaseRequest = "orvane 1 lease";
+
+// "orvane 1 lease" or "orvane 1 ring BYTES".
+struct LeaseRequest {
+  std::uint64_t ringBytes = 0;  // 0: queues
+};
 
 // "lease NAME".
 struct LeaseGranted {
   std::string queue;  // the send queue's name
+};
+
+// "ring NAME BYTES".
+struct RingGranted {
+  std::string name;  // of the lease
+  std::uint64_t bytes;
 };
 
 // "refused STATUS REASON". The reason is a text for people.
@@ -43,7 +60,13 @@ struct StreamFailed {
   std::string reason;
 };
 
-using LeaseReply = std::variant<LeaseGranted, LeaseRefused, Receipt, StreamFailed>;
+using LeaseReply = std::variant<LeaseGranted, RingGranted, LeaseRefused, Receipt, StreamFailed>;
+
+// Returns the packet of a request.
+ORVANE_API std::string packetOf(const LeaseRequest& request);
+
+// Returns the request in a packet, or nothing if the packet does not follow this protocol.
+ORVANE_API std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet);
 
 // Returns the packet of a reply. Each control character becomes "?", and a packet that is too long
 // is cut.

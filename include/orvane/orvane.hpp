@@ -1,8 +1,8 @@
 #pragma once
 
 // All public headers. Their order follows the data: a record, the batch that packs it, the reader
-// of a received batch, the writer that sends it, and the lease that gives a writer its queue (link
-// orvane::lease for it). The headers after that are for servers.
+// of a received batch, the writer that sends it, and the lease that gives a writer its queue or its
+// ring (link orvane::lease for these). The headers after that are for servers.
 
 // clang-format off
 #include "orvane/export.hpp"
@@ -16,9 +16,11 @@
 #include "orvane/timeout.hpp"
 #include "orvane/receipt.hpp"
 #include "orvane/lease.hpp"
+#include "orvane/ring_writer.hpp"
 #include "orvane/process_name.hpp"
 
 #include "orvane/lease_protocol.hpp"
+#include "orvane/ring_reader.hpp"
 #include "orvane/server_status.hpp"
 #include "orvane/logger.hpp"
 #include "orvane/server_info.hpp"

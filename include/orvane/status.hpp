@@ -6,8 +6,8 @@
 namespace orvane {
 
 // The statuses that the library throws itself, in Ox_ErrnoException::status(). 44 and 89 have two
-// causes each, which the exception's text distinguishes. ShmWriter also throws each status that the
-// server answers with (server_status.hpp has those of orvaned); Lease throws two more (lease.hpp).
+// causes each, which the exception's text distinguishes. Writers and leases also throw each status
+// that the server answers with (server_status.hpp has those of orvaned).
 
 // ShmBatch::pushBack: the batch has no room for the entry. Send the batch, clear it, and repeat.
 constexpr ox_status_t kStatusNoRoom = 4;
@@ -37,5 +37,12 @@ constexpr ox_status_t kStatusDoesNotFit = 89;
 
 // Reserved: no call throws it, because a stream may mix segment states.
 constexpr ox_status_t kStatusNotHomogeneous = 89;
+
+// Lease: no server listens at this path.
+constexpr ox_status_t kLeaseNoServer = 900;
+
+// Lease and RingWriter: the server died, or it ended the lease. RingReader: there is no memory for
+// a ring.
+constexpr ox_status_t kLeaseLost = 901;
 
 }  // namespace orvane

@@ -108,10 +108,10 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   void flush_shm_buffer(unsigned int sendTimeout);
 
  private:
-  ORVANE_LOCAL void fillSegmentFields();
+  friend struct RecordSteps;
+
   ORVANE_LOCAL void appendAfterFlush(const pvk_shm_message_t& record, const unsigned char* data,
                                      unsigned int sendTimeout);
-  ORVANE_LOCAL void endWith(std::uint32_t type, unsigned int sendTimeout, bool flush);
 
   std::string msgQueueName;
   unsigned int timeout;

@@ -10,16 +10,22 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <string_view>
 #include <system_error>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "lease/control_character.hpp"
 #include "orvane/lease_protocol.hpp"
+#include "orvane/server_status.hpp"
 #include "orvane/status.hpp"
 #include "orvane/timeout.hpp"
+#include "orvane/writer.hpp"
 #include "ox/errno_exception.hpp"
+#include "ring/memory.hpp"
+#include "ring/producer.hpp"
 
 namespace orvane {
 
@@ -132,26 +138,70 @@ void waitToReceive(int connection, const Deadline& deadline) {
   }
 }
 
-LeaseReply receiveReply(int connection, const Deadline& deadline) {
-  char packet[kLongestLeasePacket];
+// A packet's text and the files that came with it.
+struct Packet {
+  std::string text;
+  std::vector<ring::File> files;
+};
+
+// Takes the files out of all control messages, so that none stays open.
+std::vector<ring::File> filesOf(msghdr& message) {
+  std::vector<ring::File> files;
+  for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
+       part = CMSG_NXTHDR(&message, part)) {
+    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
+      continue;
+    }
+    const unsigned char* const end = reinterpret_cast<unsigned char*>(part) + part->cmsg_len;
+    for (const unsigned char* at = CMSG_DATA(part); at + sizeof(int) <= end; at += sizeof(int)) {
+      int fd = -1;
+      std::memcpy(&fd, at, sizeof fd);
+      files.emplace_back(fd);
+    }
+  }
+  return files;
+}
+
+Packet receivePacket(int connection, const Deadline& deadline) {
+  char text[kLongestLeasePacket];
+  // As many files as Linux passes with one packet, so that a server cannot make this process lose
+  // one that it does not see.
+  constexpr std::size_t kMostFiles = 253;
+  alignas(cmsghdr) unsigned char control[CMSG_SPACE(kMostFiles * sizeof(int))];
+  iovec bytes = {text, sizeof text};
+  msghdr message = {};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
   ssize_t received = 0;
   do {
     waitToReceive(connection, deadline);
-    received = recv(connection, packet, sizeof packet, MSG_DONTWAIT | MSG_TRUNC);
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    received = recvmsg(connection, &message, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
     // If the server left without reading the request, the first call reports a reset connection,
     // and the next one returns the packet that the server had sent.
   } while (received < 0 && (errno == EAGAIN || errno == EINTR || errno == ECONNRESET));
   if (received < 0) {
     failLost(connection, "Cannot hear the server: " + reasonOf(errno));
   }
+  std::vector<ring::File> files = filesOf(message);
   const auto size = static_cast<std::size_t>(received);
   if (size == 0) {
     failLost(connection, "The server ended the lease without a reason: it died or was stopped");
   }
-  const std::string_view text(packet, std::min(size, sizeof packet));
-  if (size > sizeof packet || std::any_of(text.begin(), text.end(), isControlCharacter)) {
+  if ((message.msg_flags & MSG_CTRUNC) != 0) {
+    failLost(connection,
+             "The server sent files that this process has no room for: raise its limit "
+             "of open files");
+  }
+  const std::string_view whole(text, std::min(size, sizeof text));
+  if (size > sizeof text || std::any_of(whole.begin(), whole.end(), isControlCharacter)) {
     failUnexpected(connection, std::to_string(size) + " bytes");
   }
+  return {std::string(whole), std::move(files)};
+}
+
+LeaseReply replyIn(int connection, const std::string& text) {
   auto reply = parseLeaseReply(text);
   if (!reply) {
     failUnexpected(connection, text);
@@ -159,39 +209,75 @@ LeaseReply receiveReply(int connection, const Deadline& deadline) {
   return std::move(*reply);
 }
 
-void sendRequest(int connection) {
-  if (send(connection, kLeaseRequest.data(), kLeaseRequest.size(), MSG_NOSIGNAL) < 0 &&
-      errno != EPIPE &&
+void sendRequest(int connection, const LeaseRequest& request) {
+  const std::string packet = packetOf(request);
+  if (send(connection, packet.data(), packet.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE &&
       errno != ECONNRESET) {  // after these two, the packet that the server sent can still be read
     failLost(connection, "Cannot ask the server for a lease: " + reasonOf(errno));
   }
 }
 
-std::string askForPair(int connection, const Deadline& deadline) {
-  sendRequest(connection);
-  LeaseReply reply = receiveReply(connection, deadline);
+bool hasEnded(int connection) {
+  pollfd end{connection, POLLRDHUP, 0};
+  poll(&end, 1, 0);
+  return end.revents != 0;
+}
+
+// What a server has granted.
+struct Granted {
+  ring::File connection;
+  std::string name;
+  std::shared_ptr<ring::Producer> ring;
+};
+
+Granted askFor(const LeaseRequest& request, const std::string& path, const Deadline& deadline) {
+  ring::File connection(newSocket());
+  const int fd = connection.get();
+  connectTo(path, fd, deadline);
+  sendRequest(fd, request);
+  const Packet packet = receivePacket(fd, deadline);
+  LeaseReply reply = replyIn(fd, packet.text);
   if (const auto* refused = std::get_if<LeaseRefused>(&reply)) {
     fail(refused->status, refused->reason);
   }
-  if (auto* granted = std::get_if<LeaseGranted>(&reply)) {
-    return std::move(granted->queue);
+  if (auto* queues = std::get_if<LeaseGranted>(&reply);
+      queues != nullptr && request.ringBytes == 0) {
+    return {std::move(connection), std::move(queues->queue), nullptr};
   }
-  failUnexpected(connection, packetOf(reply));
+  if (auto* granted = std::get_if<RingGranted>(&reply);
+      granted != nullptr && granted->bytes == request.ringBytes && packet.files.size() == 2) {
+    auto ring = std::make_shared<ring::Producer>(packet.files[0], packet.files[1], granted->bytes,
+                                                 [fd] { return hasEnded(fd); });
+    return {std::move(connection), std::move(granted->name), std::move(ring)};
+  }
+  failUnexpected(fd, packet.text);
+}
+
+// A server of a release before rings refuses the request for one.
+Granted askFor(Transport transport, std::uint64_t ringBytes, const std::string& path,
+               const Deadline& deadline) {
+  if (transport != Transport::queue) {
+    try {
+      return askFor(LeaseRequest{ringBytes}, path, deadline);
+    } catch (const Ox_ErrnoException& e) {
+      if (transport == Transport::ring || e.status() != kBadRequest) {
+        throw;
+      }
+    }
+  }
+  return askFor(LeaseRequest{}, path, deadline);
 }
 
 }  // namespace
 
-Lease::Lease(const std::string& socketPath, unsigned int timeout) : connection(-1) {
+Lease::Lease(const std::string& socketPath, unsigned int timeout, Transport transport,
+             std::uint64_t ringBytes)
+    : connection(-1) {
   validateTimeout(timeout);
-  const Deadline deadline(timeout);
-  connection = newSocket();
-  try {
-    connectTo(socketPath, connection, deadline);
-    name = askForPair(connection, deadline);
-  } catch (...) {
-    close(connection);
-    throw;
-  }
+  Granted granted = askFor(transport, ringBytes, socketPath, Deadline(timeout));
+  name = std::move(granted.name);
+  producer = std::move(granted.ring);
+  connection = granted.connection.release();
 }
 
 Lease::~Lease() {
@@ -206,10 +292,20 @@ const std::string& Lease::queueName() const {
   return name;
 }
 
+Transport Lease::transport() const {
+  return producer ? Transport::ring : Transport::queue;
+}
+
+const std::shared_ptr<ring::Producer>& Lease::ring() const {
+  return producer;
+}
+
+int Lease::fd() const {
+  return connection;
+}
+
 bool Lease::alive() const {
-  pollfd end{connection, POLLRDHUP, 0};
-  poll(&end, 1, 0);
-  return end.revents == 0;
+  return !hasEnded(connection);
 }
 
 // Not const, because it removes the receipt from the connection.
@@ -218,14 +314,23 @@ Receipt Lease::receipt(unsigned int timeout) {
   if (timeout != 0) {
     validateTimeout(timeout);
   }
-  LeaseReply reply = receiveReply(connection, Deadline(timeout));
+  const Packet packet = receivePacket(connection, Deadline(timeout));
+  LeaseReply reply = replyIn(connection, packet.text);
   if (const auto* failed = std::get_if<StreamFailed>(&reply)) {
     fail(failed->status, failed->reason);
   }
   if (auto* receipt = std::get_if<Receipt>(&reply)) {
     return std::move(*receipt);
   }
-  failUnexpected(connection, packetOf(reply));
+  failUnexpected(connection, packet.text);
+}
+
+std::unique_ptr<ChannelWriter> makeWriter(const std::string& name, const Lease& lease,
+                                          unsigned int timeout, unsigned int stopTimeout) {
+  if (lease.ring() != nullptr) {
+    return std::make_unique<RingWriter>(name, lease.ring(), timeout, stopTimeout, false);
+  }
+  return std::make_unique<ShmWriter>(name, lease.queueName(), timeout, stopTimeout, false);
 }
 
 }  // namespace orvane

@@ -32,6 +32,32 @@ std::optional<LeaseReply> parseFailure(std::string_view text) {
   return std::nullopt;
 }
 
+// Removes the word at the begin of `text` and the blank after it, and returns the word.
+std::string_view nextWord(std::string_view& text) {
+  const std::string_view word = text.substr(0, text.find(' '));
+  text.remove_prefix(std::min(text.size(), word.size() + 1));
+  return word;
+}
+
+// Parses a number without a sign or other characters.
+std::optional<std::uint64_t> parseNumber(std::string_view text) {
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isWhole = error == std::errc() && end == text.data() + text.size();
+  return isWhole ? std::optional(number) : std::nullopt;
+}
+
+// Parses "KEY=VALUE KEY=VALUE". No key is known yet.
+bool areOptions(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t equals = nextWord(text).find('=');
+    if (equals == 0 || equals == std::string_view::npos) {
+      return false;
+    }
+  }
+  return true;
+}
+
 // A queue's name is the name of a file in a folder, so it has no slash.
 bool isQueueName(std::string_view text) {
   return !text.empty() && text.find_first_of(" /") == std::string_view::npos;
@@ -39,6 +65,9 @@ bool isQueueName(std::string_view text) {
 
 std::string textOfReply(const LeaseGranted& reply) {
   return "lease " + reply.queue;
+}
+std::string textOfReply(const RingGranted& reply) {
+  return "ring " + reply.name + " " + std::to_string(reply.bytes);
 }
 std::string textOfReply(const LeaseRefused& reply) {
   return "refused " + std::to_string(reply.status) + " " + reply.reason;
@@ -59,6 +88,30 @@ std::string packetOf(const LeaseReply& reply) {
   return packet;
 }
 
+std::string packetOf(const LeaseRequest& request) {
+  return request.ringBytes == 0 ? std::string(kLeaseRequest)
+                                : "orvane 1 ring " + std::to_string(request.ringBytes);
+}
+
+std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet) {
+  if (std::any_of(packet.begin(), packet.end(), isControlCharacter) ||
+      nextWord(packet) != "orvane" || nextWord(packet) != "1") {
+    return std::nullopt;
+  }
+  const std::string_view what = nextWord(packet);
+  LeaseRequest request;
+  if (what == "ring") {
+    const auto bytes = parseNumber(nextWord(packet));
+    if (!bytes || *bytes == 0) {
+      return std::nullopt;
+    }
+    request.ringBytes = *bytes;
+  } else if (what != "lease") {
+    return std::nullopt;
+  }
+  return areOptions(packet) ? std::optional(request) : std::nullopt;
+}
+
 std::optional<LeaseReply> parseLeaseReply(std::string_view packet) {
   if (packet.size() > kLongestLeasePacket ||
       std::any_of(packet.begin(), packet.end(), isControlCharacter)) {
@@ -69,6 +122,13 @@ std::optional<LeaseReply> parseLeaseReply(std::string_view packet) {
   }
   if (parseWord(packet, "lease ") && isQueueName(packet)) {
     return LeaseGranted{std::string(packet)};
+  }
+  if (parseWord(packet, "ring ")) {
+    const std::string_view name = nextWord(packet);
+    const auto bytes = parseNumber(packet);
+    return isQueueName(name) && bytes
+               ? std::optional<LeaseReply>(RingGranted{std::string(name), *bytes})
+               : std::nullopt;
   }
   if (parseWord(packet, "refused ")) {
     return parseFailure<LeaseRefused>(packet);

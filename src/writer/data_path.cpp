@@ -4,12 +4,11 @@
 
 #include "orvane/process_name.hpp"
 #include "orvane/writer.hpp"
-#include "ox/log.hpp"
 #include "ox/trace.hpp"
 #include "queue/message_queue.hpp"
 #include "records/batch_append.hpp"
 #include "records/failure.hpp"
-#include "writer/limits.hpp"
+#include "writer/record_steps.hpp"
 
 namespace orvane {
 
@@ -19,23 +18,10 @@ namespace orvane {
 void ShmWriter::write_data(const pvk_shm_message_t* record, const unsigned char* data,
                            unsigned int sendTimeout, bool flush) {
   const AutoTrace scope("write_data");
-  if (TraceOn()) {
-    __Trace("%s: write header.type =%d, len=%d, timeout=%us", "write_data", record->type,
-            record->len, sendTimeout);
-  }
-  const std::uint32_t len = record->len;
-  if (len > kMaxSegmentSize && record->segAlg != kOrvaneSegUnbounded) {
-    // The double blank is kept, because programs that watch for this text rely on it.
-    fail(kStatusSegmentTooLarge, "Segment too large error.  Received segment of size ", len,
-         " bytes, but the maximum allowed segment size is ", kMaxSegmentSize, " bytes");
-  }
-  if (perfBenchmarkEnabled) {
-    WarningA(static_cast<int>(0xFFFFFFFF),
-             "%s: ORVANE_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
-             "write_data");
+  if (!RecordSteps::admit(*this, *record, sendTimeout)) {
     return;
   }
-  if (batch->hasRoomFor(len)) [[likely]] {
+  if (batch->hasRoomFor(record->len)) [[likely]] {
     batch->append(*record, data);
     lastMessageType = record->type;
   } else {

@@ -5,6 +5,7 @@
 #include "orvane/writer.hpp"
 #include "ox/trace.hpp"
 #include "queue/message_queue.hpp"
+#include "writer/record_steps.hpp"
 
 namespace orvane {
 
@@ -47,15 +48,7 @@ void ShmWriter::open() {
   if (isOpen) {
     return;
   }
-  // segParam1 and segParam3 keep the values of the last record: deployed servers rely on them in a
-  // second stream's open record, and every later record sets all four fields again.
-  header.seqNo = 0;
-  header.type = kRecordOpen;
-  header.len = 0;
-  header.segAlg = 0;
-  header.segParam2 = 0;
-  header.segmentDone = 1;
-  header.segmentNo = 0;
+  RecordSteps::fillOpen(*this);
   if (TraceOn()) {
     __Trace("ShmWriter:open: orvane msgQueueName is %s", msgQueueName.c_str());
   }
@@ -69,7 +62,7 @@ void ShmWriter::close() {
   if (!isOpen) {
     return;
   }
-  endWith(kRecordClose, timeout, true);
+  RecordSteps::endWith(*this, kRecordClose, timeout, true);
   isOpen = false;
 }
 
@@ -77,7 +70,7 @@ void ShmWriter::close() {
 // and the destructor's close afterwards still frees the stream at the server.
 void ShmWriter::stop(bool useStopTimeout) {
   const AutoTrace scope("stop");
-  endWith(kRecordStop, useStopTimeout ? stopTimeout : timeout, true);
+  RecordSteps::endWith(*this, kRecordStop, useStopTimeout ? stopTimeout : timeout, true);
 }
 
 ShmWriter::~ShmWriter() {

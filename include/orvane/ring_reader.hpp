@@ -1,0 +1,75 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "orvane/export.hpp"
+#include "orvane/records.hpp"
+
+namespace orvane {
+
+// The sizes that a ring may have, in bytes: powers of two.
+constexpr std::uint64_t kSmallestRing = std::uint64_t{1} << 20;
+constexpr std::uint64_t kLargestRing = std::uint64_t{256} << 20;
+constexpr std::uint64_t kDefaultRing = std::uint64_t{8} << 20;
+
+// The server's end of a ring, for another server than orvaned.
+//   RingReader ring(kDefaultRing);
+//   ... send ring.producersFile() and ring.serversFile() with the reply "ring NAME BYTES" ...
+//   for (;;) {
+//     const RingReader::Batch batch = ring.receive();
+//     if (batch.data == nullptr) {
+//       ring.wait();
+//       continue;
+//     }
+//     ... store the records of BatchView(batch.data, batch.size) ...
+//     ring.answer(response);
+//   }
+//
+// It makes the ring's memory and owns it. The producer is not trusted: it may write anything at any
+// time. So each batch is copied once and then stays as it is, and receive() checks all that the
+// producer wrote. One thread uses a ring at a time.
+class ORVANE_API RingReader {
+ public:
+  struct Batch {
+    const unsigned char* data;  // null: there is none
+    std::size_t size;
+  };
+
+  // Makes a ring of `bytes` bytes, with all its memory; the private copy of a batch takes at most a
+  // quarter more. Throws kStatusInvalidArgument for another size than described above, or
+  // kLeaseLost with the system's reason if there is not enough memory.
+  explicit RingReader(std::uint64_t bytes);
+  ~RingReader();
+  RingReader(const RingReader&) = delete;
+  RingReader& operator=(const RingReader&) = delete;
+
+  // The two files for the producer, in this order. They are sealed: nobody can change their size,
+  // and the producer can only read the server's.
+  int producersFile() const;
+  int serversFile() const;
+
+  // Returns the next batch; it is valid until the next call. Does not block. The previous one must
+  // have been answered. While an error that was answered does not fit, because the producer reads
+  // no answers, there is no next batch. Throws kStatusCorruptMagic if the producer broke the ring's
+  // rules: end its lease then.
+  Batch receive();
+
+  // Answers the batch and gives its room back. The answer may be lost if its status is 0 and the
+  // producer reads none.
+  void answer(const pvk_shm_response_t& response);
+
+  // Waits for a batch, at most about 0.1 s: it looks for up to 50 us, and then sleeps.
+  void wait();
+
+  // Bytes that the producer has handed over and that are not answered yet.
+  std::uint64_t waiting() const;
+
+ private:
+  struct State;
+
+  std::unique_ptr<State> state;
+};
+
+}  // namespace orvane

@@ -1,0 +1,151 @@
+#include "ring/producer.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "orvane/status.hpp"
+#include "records/batch_layout.hpp"
+#include "records/failure.hpp"
+
+namespace orvane::ring {
+
+namespace {
+
+// A frame is handed over when it has so many bytes, so that the server begins early, and what it
+// reads is still in the processor's cache.
+constexpr std::uint64_t kUsualFrame = std::uint64_t{256} << 10;
+
+constexpr std::uint64_t kBeforeRecords = kFrameHeader + layout::kMetaDataSize;
+
+template <typename Page>
+Page& pageAt(const Mapping& mapping, std::uint64_t bytes) {
+  auto& page = *reinterpret_cast<Page*>(mapping.get());
+  const Identity identity = page.identity;
+  if (identity.magic != kMagic || identity.version != kVersion || identity.line != kLine ||
+      identity.bytes != bytes) {
+    fail(kLeaseLost,
+         "The server's ring has another form: client and server versions differ; "
+         "install the same release of both");
+  }
+  return page;
+}
+
+Mapping mapChecked(const File& file, std::uint64_t size, std::uint64_t mapped, bool writable) {
+  requireSealed(file, size);
+  return Mapping(file.get(), 0, mapped, writable);
+}
+
+}  // namespace
+
+Producer::Producer(const File& mine, const File& servers, std::uint64_t bytes,
+                   ServerEnded serverEnded)
+    : bytes(bytes),
+      serverEnded(std::move(serverEnded)),
+      page(mapChecked(mine, kPage + bytes, kPage, true)),
+      data(mine.get(), kPage, bytes, true, true),
+      serversPage(mapChecked(servers, sizeof(ServerPage), sizeof(ServerPage), false)),
+      counters(pageAt<ProducerPage>(page, bytes).counters),
+      server(pageAt<const ServerPage>(serversPage, bytes)),
+      end(counters, server.counters, bytes) {}
+
+std::uint64_t Producer::largestRecord() const {
+  return largestFrame(bytes) - kBeforeRecords - layout::kHeaderSize;
+}
+
+unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
+  const std::uint64_t needed = layout::kHeaderSize + len;
+  if (records > 0 && used + needed > std::min(kUsualFrame, largestFrame(bytes))) {
+    publish();
+  }
+  if (records == 0) {
+    used = kBeforeRecords;
+  }
+  if (wholeLines(used + needed) > end.room() && !makeRoom(needed, timeout)) {
+    return nullptr;
+  }
+  return frame() + used;
+}
+
+void Producer::commit(std::uint64_t len) {
+  used += layout::kHeaderSize + len;
+  ++records;
+}
+
+void Producer::publish() {
+  if (records == 0) {
+    return;
+  }
+  const std::uint64_t header[] = {used - kFrameHeader, ++frames};
+  static_assert(sizeof header == kFrameHeader);
+  std::memcpy(frame(), header, sizeof header);
+  ShmBatch::MetaData metaData;
+  metaData.numEntries = records;
+  layout::writeMetaData(frame() + kFrameHeader, metaData);
+  end.publish(end.tail() + wholeLines(used));
+  records = 0;
+  takeAnswers();
+}
+
+// A full ring is emptied by a quarter before the producer goes on: it sleeps once for many frames.
+bool Producer::makeRoom(std::uint64_t size, unsigned int timeout) {
+  requireValid(end.look());
+  if (wholeLines(used + size) <= end.room()) {
+    return true;
+  }
+  publish();
+  used = kBeforeRecords;
+  return awaitHead(end.tail() + largestFrame(bytes) - bytes, timeout);
+}
+
+bool Producer::awaitReleased(unsigned int timeout) {
+  return awaitHead(end.tail(), timeout);
+}
+
+bool Producer::awaitHead(std::uint64_t wanted, unsigned int timeout) {
+  requireValid(end.look());
+  const std::int64_t begin = LinuxSystem::now();
+  const std::int64_t deadline = begin + std::int64_t{timeout} * 1'000'000'000;
+  const std::uint64_t before = counters.blocked.load(std::memory_order_relaxed);
+  while (!hasReached(end.head(), wanted) && LinuxSystem::now() < deadline) {
+    if (serverEnded()) {
+      fail(kLeaseLost, "The server ended the lease: it died or was stopped");
+    }
+    requireValid(end.await(wanted));
+    takeAnswers();
+    counters.blocked.store(before + static_cast<std::uint64_t>(LinuxSystem::now() - begin),
+                           std::memory_order_relaxed);
+  }
+  return hasReached(end.head(), wanted);
+}
+
+void Producer::takeAnswers() {
+  const std::uint64_t written = server.counters.answersWritten.load(std::memory_order_acquire);
+  requireValid(written - answersTaken <= kAnswers);
+  for (; answersTaken != written; ++answersTaken) {
+    pvk_shm_response_t answer;
+    std::memcpy(&answer, &server.answers[answersTaken % kAnswers], sizeof answer);
+    if (answer.status != 0 && !hasError) {
+      error = answer;
+      hasError = true;
+    }
+  }
+  counters.answersTaken.store(answersTaken, std::memory_order_release);
+}
+
+void Producer::discardAnswers() {
+  takeAnswers();
+  hasError = false;
+}
+
+const pvk_shm_response_t* Producer::takeError() {
+  return std::exchange(hasError, false) ? &error : nullptr;
+}
+
+void Producer::requireValid(bool valid) const {
+  if (!valid) {
+    fail(kLeaseLost, "The server broke the rules of its ring: take another lease");
+  }
+}
+
+}  // namespace orvane::ring

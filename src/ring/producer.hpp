@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+#include "orvane/records.hpp"
+#include "ring/hand_over.hpp"
+#include "ring/memory.hpp"
+#include "ring/system.hpp"
+
+namespace orvane::ring {
+
+// The producer's end of a ring: builds frames where the server reads them, and takes the answers.
+// It belongs to a lease, and several writers may use it one after another.
+class Producer {
+ public:
+  // Returns whether the server has ended the lease.
+  using ServerEnded = std::function<bool()>;
+
+  // `mine` and `servers` are the files of a ring of `bytes` bytes. Throws Ox_ErrnoException.
+  Producer(const File& mine, const File& servers, std::uint64_t bytes, ServerEnded serverEnded);
+
+  // The largest number of data bytes in one record.
+  std::uint64_t largestRecord() const;
+
+  // A place for a record of `len` data bytes: first 48 bytes for its header, then its data. Waits
+  // at most `timeout` seconds for room, and publishes what waits if the record does not fit into
+  // the frame. Returns null after the timeout. Throws kLeaseLost.
+  unsigned char* place(std::uint64_t len, unsigned int timeout);
+
+  // The record at the place is complete.
+  void commit(std::uint64_t len);
+
+  // Hands the frame over to the server, if it has records.
+  void publish();
+
+  // Waits until the server has released everything. Returns false after the timeout.
+  bool awaitReleased(unsigned int timeout);
+
+  // Takes all answers that are there, and forgets them.
+  void discardAnswers();
+
+  // Returns the first error among the answers since the last call, or null. The answers are taken
+  // by each publish() and while this process waits: the server waits while they are not.
+  const pvk_shm_response_t* takeError();
+
+ private:
+  bool awaitHead(std::uint64_t wanted, unsigned int timeout);
+  bool makeRoom(std::uint64_t size, unsigned int timeout);
+  void takeAnswers();
+  void requireValid(bool valid) const;
+  unsigned char* frame() const { return data.get() + (end.tail() & (bytes - 1)); }
+
+  const std::uint64_t bytes;
+  const ServerEnded serverEnded;
+  Mapping page;
+  Mapping data;
+  Mapping serversPage;
+  ProducerCounters<LinuxSystem::Atomic>& counters;
+  const ServerPage& server;
+  ProducerEnd<LinuxSystem> end;
+  std::uint64_t used = 0;  // bytes of the frame that is being built; 0: it has not begun
+  std::uint32_t records = 0;
+  std::uint64_t frames = 0;
+  std::uint64_t answersTaken = 0;
+  pvk_shm_response_t error;  // status 0: none
+  bool hasError = false;
+};
+
+}  // namespace orvane::ring

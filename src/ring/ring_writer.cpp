@@ -1,0 +1,210 @@
+#include "orvane/ring_writer.hpp"
+
+#include <pthread.h>
+
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "orvane/process_name.hpp"
+#include "orvane/timeout.hpp"
+#include "records/batch_layout.hpp"
+#include "ring/fork_count.hpp"
+#include "ring/producer.hpp"
+#include "writer/record_steps.hpp"
+
+namespace orvane {
+
+RingWriter::RingWriter(const std::string& name, std::shared_ptr<ring::Producer> ring,
+                       unsigned int timeout, unsigned int stopTimeout, bool perfBenchmarkEnabled)
+    : ChannelWriter(name),
+      producer(std::move(ring)),
+      madeInFork(ring::forkCount()),
+      timeout(timeout),
+      stopTimeout(stopTimeout),  // may be 0, to send a stop without waiting
+      perfBenchmarkEnabled(perfBenchmarkEnabled),
+      lastMessageType(kRecordStop),
+      segmentFirstWrite(true),
+      lastSegmentState(kOrvaneSegBounded),
+      segAlg(kOrvaneSegBounded),
+      segParam1(0),
+      segParam2(0),
+      segParam3(0),
+      reserved(nullptr),
+      reservedLength(0),
+      closing(false) {
+  const AutoTrace scope("RingWriter");
+  validateTimeout(timeout);
+  if (!producer) {
+    fail(kStatusInvalidArgument,
+         "This lease has a queue and no ring: give its queueName() to a ShmWriter");
+  }
+}
+
+void RingWriter::open() {
+  const AutoTrace scope("open");
+  if (isOpen) {
+    return;
+  }
+  // Otherwise this stream would get the errors of an earlier one.
+  awaitAnswers(timeout);
+  producer->discardAnswers();
+  RecordSteps::fillOpen(*this);
+  write_data(&header, nullptr, timeout, true);
+  header.seqNo += 1;
+  closing = false;
+  isOpen = true;
+}
+
+void RingWriter::close() {
+  const AutoTrace scope("close");
+  if (!isOpen) {
+    return;
+  }
+  if (!closing) {
+    RecordSteps::endWith(*this, kRecordClose, timeout, false);
+    producer->publish();
+    closing = true;
+  }
+  awaitAnswers(timeout);
+  isOpen = false;
+  throwError();
+}
+
+// It does not require an open writer and does not close it, as in ShmWriter.
+void RingWriter::stop(bool useStopTimeout) {
+  const AutoTrace scope("stop");
+  RecordSteps::endWith(*this, kRecordStop, useStopTimeout ? stopTimeout : timeout, true);
+}
+
+void RingWriter::setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
+                               unsigned long param3) {
+  segAlg = state;
+  segParam1 = param1;
+  segParam2 = param2;
+  segParam3 = param3;
+}
+
+void RingWriter::writeSegment(const unsigned char* data, unsigned long length) {
+  const AutoTrace scope("writeSegment");
+  RecordSteps::requireSegment(*this);
+  RecordSteps::fillSegmentData(*this, length);
+  write_data(&header, data, timeout, false);
+}
+
+void RingWriter::endSegment() {
+  RecordSteps::endSegment(*this);
+}
+
+unsigned char* RingWriter::reserve(unsigned long length) {
+  const AutoTrace scope("reserve");
+  RecordSteps::requireSegment(*this);
+  pvk_shm_message_t record;
+  record.type = kRecordSegmentData;
+  record.len = static_cast<std::uint32_t>(length);
+  record.segAlg = static_cast<std::uint32_t>(segAlg);
+  RecordSteps::requireSize(record);
+  reserved = placeFor(record, timeout) + layout::kHeaderSize;
+  reservedLength = record.len;
+  return reserved;
+}
+
+void RingWriter::commit(unsigned long length) {
+  const AutoTrace scope("commit");
+  if (reserved == nullptr || length > reservedLength) {
+    fail(kStatusInvalidArgument, "Cannot commit ", length,
+         " bytes: ", reserved == nullptr ? 0 : reservedLength, " are reserved");
+  }
+  RecordSteps::fillSegmentData(*this, length);
+  unsigned char* const place = reserved - layout::kHeaderSize;
+  if (RecordSteps::admit(*this, header, timeout)) {
+    append(place, header);
+  }
+  reserved = nullptr;
+}
+
+// Every record uses this function, except those of commit().
+void RingWriter::write_data(const pvk_shm_message_t* record, const unsigned char* data,
+                            unsigned int sendTimeout, bool flush) {
+  const AutoTrace scope("write_data");
+  if (!RecordSteps::admit(*this, *record, sendTimeout)) {
+    return;
+  }
+  unsigned char* const place = placeFor(*record, sendTimeout);
+  if (record->len > 0) {
+    if (data == nullptr) {
+      fail(kStatusInvalidArgument, "Invalid header; the specified length of data is ", record->len,
+           " but the data pointer is NULL");
+    }
+    std::memcpy(place + layout::kHeaderSize, data, record->len);
+  }
+  append(place, *record);
+  if (flush) {
+    producer->publish();
+    throwError();
+  }
+}
+
+unsigned char* RingWriter::placeFor(const pvk_shm_message_t& record, unsigned int sendTimeout) {
+  reserved = nullptr;
+  if (isInForkedChild()) {
+    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
+  }
+  if (record.len > producer->largestRecord()) [[unlikely]] {
+    producer->publish();
+    fail(kStatusDoesNotFit, "Could not fit header (type=", record.type, ") with data length ",
+         record.len, " into the batch, even after batch has been flushed");
+  }
+  unsigned char* const place = producer->place(record.len, sendTimeout);
+  if (place == nullptr) [[unlikely]] {
+    fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
+         OrvanedProcessName, name.empty() ? "" : " on stream ", name);
+  }
+  throwError();
+  return place;
+}
+
+void RingWriter::append(unsigned char* place, const pvk_shm_message_t& record) {
+  layout::writeHeader(place, record);
+  producer->commit(record.len);
+  lastMessageType = record.type;
+}
+
+// Waits until the server has answered all that was handed over.
+void RingWriter::awaitAnswers(unsigned int sendTimeout) {
+  if (isInForkedChild()) {
+    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
+  }
+  if (!producer->awaitReleased(sendTimeout)) {
+    fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s for an answer of ",
+         OrvanedProcessName, name.empty() ? "" : " on stream ", name);
+  }
+}
+
+void RingWriter::throwError() {
+  if (const pvk_shm_response_t* error = producer->takeError()) {
+    fail(error->status, std::string_view(error->text, strnlen(error->text, sizeof error->text)));
+  }
+}
+
+bool RingWriter::isInForkedChild() const {
+  return ring::forkCount() != madeInFork;
+}
+
+RingWriter::~RingWriter() {
+  const AutoTrace scope("~RingWriter");
+  if (isOpen && !isInForkedChild()) {
+    // If the thread were cancelled while it waits here, it would unwind through a destructor, which
+    // ends the process.
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    try {
+      close();
+    } catch (...) {
+      // A destructor cannot report errors.
+    }
+    pthread_setcancelstate(cancelState, nullptr);
+  }
+}
+
+}  // namespace orvane
