@@ -63,8 +63,9 @@ class ORVANE_API RingReader {
   // Waits for a batch, at most about 0.1 s: it looks for up to 50 us, and then sleeps.
   void wait();
 
-  // Bytes that the producer has handed over and that are not answered yet.
-  std::uint64_t waiting() const;
+  // Returns the bytes that the producer has handed over and that are not answered yet; at most the
+  // ring's size, whatever the producer wrote.
+  std::uint64_t waiting();
 
  private:
   struct State;

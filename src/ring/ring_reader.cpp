@@ -83,7 +83,8 @@ int RingReader::producersFile() const {
 int RingReader::serversFile() const {
   return state->ownFile.get();
 }
-std::uint64_t RingReader::waiting() const {
+std::uint64_t RingReader::waiting() {
+  state->end.look();
   return state->end.filled();
 }
 

@@ -138,7 +138,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
                      std::to_string(tool::kMaxQueueName) + " bytes, without a dot at the beginning")
       ->type_name("NAME");
   app.add_option("--socket", options.socket,
-                 "Unix socket at which each producer gets its own pair of queues")
+                 "Unix socket at which each producer gets its own queues or ring")
       ->type_name("PATH");
   app.add_option("--store", options.store,
                  "Folder to store into; it must exist. /dev/null: check and count the\n"
@@ -174,6 +174,15 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.add_option("--shm-limit", options.shmLimit,
                  "Bytes of /dev/shm for all leases together, such as 512MiB; by default\n"
                  "half of /dev/shm")
+      ->type_name("SIZE")
+      ->transform(CLI::Validator(toBytes, ""));
+  app.add_option("--ring-limit", options.ringLimit,
+                 "Bytes of memory for all rings together, such as 2GiB; by default a\n"
+                 "quarter of the memory")
+      ->type_name("SIZE")
+      ->transform(CLI::Validator(toBytes, ""));
+  app.add_option("--ring-limit-per-user", options.ringLimitPerUser,
+                 "Bytes of memory for all rings of one user; by default half of that")
       ->type_name("SIZE")
       ->transform(CLI::Validator(toBytes, ""));
   app.add_option("--idle-limit", options.idleLimit,

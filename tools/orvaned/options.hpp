@@ -20,8 +20,10 @@ struct Options {
   Geometry geometry{8, tool::messageSizeFor(8), 0600};
   Sync sync = Sync::segment;
   std::size_t pairsPerUser = 16;
-  std::size_t shmLimit = 0;     // bytes of /dev/shm for all leases; 0: half of what it has
-  std::uint32_t idleLimit = 0;  // seconds; 0: none
+  std::size_t shmLimit = 0;          // bytes of /dev/shm for all leases; 0: half of what it has
+  std::size_t ringLimit = 0;         // bytes of memory for all rings; 0: a quarter of what there is
+  std::size_t ringLimitPerUser = 0;  // for one user's rings; 0: half of the limit for all
+  std::uint32_t idleLimit = 0;       // seconds; 0: none
   ox::Kind logLevel = ox::Kind::info;
   bool trace = false;
   std::string capture;      // empty: none

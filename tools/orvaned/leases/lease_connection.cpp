@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
@@ -56,10 +57,33 @@ LeaseConnection::Request LeaseConnection::readRequest() {
   if (size == 0) {  // the end, or an empty packet; only at the end has the producer hung up
     return isSignalled(socket.get(), POLLRDHUP) ? Request::end : Request::bad;
   }
-  const bool whole = static_cast<std::size_t>(size) <= sizeof(packet);
-  return whole && std::string_view(packet, static_cast<std::size_t>(size)) == orvane::kLeaseRequest
-             ? Request::lease
-             : Request::bad;
+  const auto length = static_cast<std::size_t>(size);
+  const auto parsed = length <= sizeof(packet)
+                          ? orvane::parseLeaseRequest(std::string_view(packet, length))
+                          : std::nullopt;
+  if (!parsed) {
+    return Request::bad;
+  }
+  request = *parsed;
+  return Request::lease;
+}
+
+bool LeaseConnection::sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring) {
+  std::string text = orvane::packetOf(reply);
+  iovec bytes = {text.data(), text.size()};
+  const int files[] = {ring.producersFile(), ring.serversFile()};
+  alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof files)] = {};
+  msghdr message = {};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr* const rights = CMSG_FIRSTHDR(&message);
+  rights->cmsg_level = SOL_SOCKET;
+  rights->cmsg_type = SCM_RIGHTS;
+  rights->cmsg_len = CMSG_LEN(sizeof files);
+  std::memcpy(CMSG_DATA(rights), files, sizeof files);
+  return sendmsg(socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
 void LeaseConnection::send(const orvane::LeaseReply& reply) {

@@ -6,6 +6,7 @@
 #include <deque>
 #include <optional>
 #include <orvane/lease_protocol.hpp>
+#include <orvane/ring_reader.hpp>
 #include <string>
 
 #include "shm/fd.hpp"
@@ -26,11 +27,18 @@ class LeaseConnection {
 
   Request readRequest();
 
+  // The bytes of the ring that was requested; 0 for queues. To be read after Request::lease.
+  std::uint64_t ringBytes() const { return request.ringBytes; }
+
   // Sends a packet, or keeps it for sendKept() if the producer does not read: it may read its
   // receipts at any time. Nothing is ever dropped; instead, a worker receives no more batches while
   // isFull().
   void send(const orvane::LeaseReply& reply);
   void sendKept();
+
+  // Sends the first packet of a ring's lease, with the files that the producer gets. Returns false
+  // if the producer has ended.
+  bool sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring);
 
   std::size_t waiting() const { return kept.size(); }
   bool isFull() const { return kept.size() >= kMostKept; }
@@ -55,6 +63,7 @@ class LeaseConnection {
   void pinProducer();
 
   tool::Fd socket;
+  orvane::LeaseRequest request;
   ucred peer = {};
   tool::Fd process;
   bool tooLate = false;

@@ -18,6 +18,7 @@
 #include "worker/confinement.hpp"
 #include "worker/end_watch.hpp"
 #include "worker/queue_pair.hpp"
+#include "worker/ring_source.hpp"
 #include "worker/worker.hpp"
 
 namespace orvaned {
@@ -43,6 +44,11 @@ Geometry geometryFor(const Options& options, const LeaseConnection* lease) {
   return geometry;
 }
 
+// 0 for queues.
+std::uint64_t ringBytes(const LeaseConnection* lease) {
+  return lease != nullptr ? lease->ringBytes() : 0;
+}
+
 std::unique_ptr<StoreAccess> storeFor(const Options& options, const std::string& queue,
                                       BrokerClient& broker) {
   if (options.store == kNullStore) {
@@ -57,44 +63,83 @@ void logReady(const Logger& log, const Options& options, const std::string& queu
                                    ? " for user " + std::to_string(lease->producer().uid) +
                                          ", process " + std::to_string(lease->producer().pid)
                                    : "";
+  const std::string store = doublePercent(options.store);
+  if (ringBytes(lease) != 0) {
+    log.log(LEVEL_INFO, "serve", 0, "serving ring %s%s (%llu bytes), storing into %s",
+            queue.c_str(), producer.c_str(), static_cast<unsigned long long>(ringBytes(lease)),
+            store.c_str());
+    return;
+  }
   log.log(LEVEL_INFO, "serve", 0, "serving queue %s%s (%zu messages of %zu bytes), storing into %s",
           queue.c_str(), producer.c_str(), options.geometry.messages, options.geometry.messageSize,
-          doublePercent(options.store).c_str());
+          store.c_str());
 }
+
+// The source of the batches, and how it is handed to the producer.
+class Source {
+ public:
+  Source(const Options& options, const std::string& queueName, LeaseConnection* lease,
+         Heartbeat& heartbeat)
+      : name(queueName), lease(lease) {
+    if (const std::uint64_t bytes = ringBytes(lease)) {
+      ring.emplace(bytes, heartbeat);
+    } else {
+      queues.emplace(queueName, geometryFor(options, lease), ownerOf(lease), &heartbeat);
+    }
+  }
+
+  BatchSource& batches() { return ring ? static_cast<BatchSource&>(*ring) : *queues; }
+
+  // Before the calls are restricted: a confined process passes no files on.
+  void grantRing() {
+    if (ring) {
+      lease->sendRing({name, lease->ringBytes()}, ring->reader());
+    }
+  }
+
+  void grantQueues() {
+    if (queues) {
+      queues->leaveNames();
+    }
+    if (queues && lease != nullptr) {
+      lease->send(orvane::LeaseGranted{name});
+    }
+  }
+
+ private:
+  const std::string name;
+  LeaseConnection* const lease;
+  std::optional<QueuePair> queues;
+  std::optional<RingSource> ring;
+};
 
 // Everything that needs rights. The producer can already use the queues, but nothing that it may
 // have written into them has been read yet.
 struct Prepared {
   Prepared(const Options& options, const std::string& queueName, LeaseConnection* lease,
            BrokerClient& broker, Heartbeat& heartbeat)
-      : queues(queueName, geometryFor(options, lease), ownerOf(lease), &heartbeat),
+      : source(options, queueName, lease, heartbeat),
         watch(lease, std::chrono::seconds(lease != nullptr ? 0 : options.idleLimit)),
         store(storeFor(options, queueName, broker), queueName, options.sync),
-        worker(queueName, queues, store, lease, Capture(options.capture, queueName)) {}
+        worker(queueName, source.batches(), store, lease, Capture(options.capture, queueName)) {}
 
-  QueuePair queues;
+  Source source;
   EndWatch watch;
   Store store;
   Worker worker;
 };
 
-void confine(const Options& options, pid_t supervisor, Heartbeat& heartbeat) {
-  dropRights(options.confinement, supervisor);
-  restrictCalls(options.confinement, &heartbeat.refusedCall);
-}
-
 void serve(const Options& options, const std::string& queueName, LeaseConnection* lease,
            BrokerClient& broker, pid_t supervisor, Heartbeat& heartbeat, const Logger& log) {
   broker.checkStore();
   Prepared prepared(options, queueName, lease, broker, heartbeat);
-  confine(options, supervisor, heartbeat);
-  prepared.queues.leaveNames();
+  dropRights(options.confinement, supervisor);
+  prepared.source.grantRing();
+  restrictCalls(options.confinement, &heartbeat.refusedCall);
   heartbeat.ready = true;
   const std::string queue = doublePercent(queueName);
   logReady(log, options, queue, lease);
-  if (lease != nullptr) {
-    lease->send(orvane::LeaseGranted{queueName});
-  }
+  prepared.source.grantQueues();
   const Ending& ending = prepared.worker.run(
       [&prepared](std::chrono::microseconds pause) { return prepared.watch.within(pause); });
   log.log(LEVEL_INFO, "serve", 0, "stopped serving queue %s: %s", queue.c_str(),

@@ -36,6 +36,11 @@ tool::Fd openSignals() {
   return tool::Fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+std::size_t memory() {
+  return static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) *
+         static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
 }  // namespace
 
 sigset_t supervisorSignals() {
@@ -251,6 +256,10 @@ void Supervisor::serveRequests() {
 
 void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
   LeaseConnection* const asking = connection.get();
+  if (const std::string reason = noRoomFor(*asking); !reason.empty()) {
+    refuse(*asking, orvane::kLimitReached, reason);
+    return;
+  }
   try {
     const uid_t user = connection->producer().uid;
     pairs.emplace_back(context, PairProcesses::Kind::leased, leases->newQueueName(), user,
@@ -265,25 +274,58 @@ void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
 std::string Supervisor::limitReachedBy(const ucred& producer,
                                        LeaseRequests::Count applications) const {
   std::size_t own = applications.own;
-  std::size_t all = applications.all;
+  for (const PairProcesses& pair : pairs) {
+    const LeaseConnection* lease = pair.lease();
+    own += lease != nullptr && lease->producer().uid == producer.uid ? 1 : 0;
+  }
+  if (own < options.pairsPerUser) {
+    return "";
+  }
+  return "user " + std::to_string(producer.uid) + " has " + std::to_string(own) +
+         " leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
+}
+
+// The reason why there is no memory for what was requested; empty if there is.
+std::string Supervisor::noRoomFor(const LeaseConnection& request) const {
+  return request.ringBytes() == 0 ? noRoomInShm() : noRoomForRing(request);
+}
+
+std::string Supervisor::noRoomInShm() const {
+  const auto leases = std::count_if(pairs.begin(), pairs.end(), [](const PairProcesses& pair) {
+    return pair.lease() != nullptr && pair.lease()->ringBytes() == 0;
+  });
+  const std::size_t bytes = (static_cast<std::size_t>(leases) + 1) * bytesOfPair(options.geometry);
+  const std::size_t limit = shmLimit();
+  if (bytes <= limit) {
+    return "";
+  }
+  return "the leases would take " + std::to_string(bytes) + " bytes of /dev/shm, of " +
+         std::to_string(limit) +
+         " that they may: end one, or start orvaned with a larger --shm-limit";
+}
+
+std::string Supervisor::noRoomForRing(const LeaseConnection& request) const {
+  const uid_t user = request.producer().uid;
+  std::size_t own = request.ringBytes();
+  std::size_t all = own;
   for (const PairProcesses& pair : pairs) {
     if (const LeaseConnection* lease = pair.lease()) {
-      ++all;
-      own += lease->producer().uid == producer.uid ? 1 : 0;
+      all += lease->ringBytes();
+      own += lease->producer().uid == user ? lease->ringBytes() : 0;
     }
   }
-  if (own >= options.pairsPerUser) {
-    return "user " + std::to_string(producer.uid) + " has " + std::to_string(own) +
-           " leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
+  const std::size_t limit = options.ringLimit != 0 ? options.ringLimit : memory() / 4;
+  const std::size_t ownLimit = options.ringLimitPerUser != 0 ? options.ringLimitPerUser : limit / 2;
+  const auto would = [](const std::string& whose, std::size_t bytes, std::size_t most,
+                        const std::string& option) {
+    return "the rings" + whose + " would take " + std::to_string(bytes) + " bytes, of " +
+           std::to_string(most) + " that they may: end one, or start orvaned with a larger " +
+           option;
+  };
+  if (own > ownLimit) {
+    return would(" of user " + std::to_string(user), own, ownLimit, "--ring-limit-per-user");
   }
-  const std::size_t bytes = (all + 1) * bytesOfPair(options.geometry);
-  const std::size_t limit = shmLimit();
-  if (bytes > limit) {
-    return "the leases would take " + std::to_string(bytes) + " bytes of /dev/shm, of " +
-           std::to_string(limit) +
-           " that they may: end one, or start orvaned with a larger --shm-limit";
-  }
-  return "";
+  return all > limit ? would("", all, limit, "--ring-limit") : "";
 }
 
 // If the size of /dev/shm is unknown, there is no limit here, and creating a pair may fail.

@@ -55,6 +55,9 @@ class Supervisor {
   void serveRequests();
   void startLease(std::unique_ptr<LeaseConnection> connection);
   std::string limitReachedBy(const ucred& producer, LeaseRequests::Count applications) const;
+  std::string noRoomFor(const LeaseConnection& request) const;
+  std::string noRoomInShm() const;
+  std::string noRoomForRing(const LeaseConnection& request) const;
   std::size_t shmLimit() const;
   void stepPairs();
   std::size_t deadPairs() const;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/interprocess/permissions.hpp>
 #include <cerrno>
 #include <filesystem>
@@ -161,7 +162,7 @@ void QueuePair::leaveNames() {
 
 std::size_t QueuePair::waiting() {
   const QueueCall call(watched);
-  return sendQueue.queue->get_num_msg();
+  return std::min<std::size_t>(sendQueue.queue->get_num_msg(), most);
 }
 
 void QueuePair::answer(const pvk_shm_response_t& response) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "geometry.hpp"
+#include "worker/batch_source.hpp"
 #include "worker/guarded_buffer.hpp"
 #include "worker/heartbeat.hpp"
 #include "worker/stats_file.hpp"
@@ -28,7 +29,7 @@ std::size_t bytesOfPair(const Geometry& geometry);
 // A send queue and its response queue in /dev/shm, and the file of its totals, created and removed
 // with this object. Nothing here waits inside a queue. Exceptions of Boost pass through; after one,
 // the pair cannot be used any more.
-class QueuePair {
+class QueuePair : public BatchSource {
  public:
   // Throws std::runtime_error, and leaves no file, when a name is in use, there is no room, or the
   // pair cannot be given to `owner`. Without an owner it stays with this process's user.
@@ -36,28 +37,18 @@ class QueuePair {
   QueuePair(const std::string& name, const Geometry& geometry, std::optional<Owner> owner = {},
             Heartbeat* heartbeat = nullptr);
 
-  // The next message, if there is one; valid until the next call.
-  std::optional<std::span<const unsigned char>> receive();
+  std::optional<std::span<const unsigned char>> receive() override;
+  std::size_t waiting() override;
 
-  // Messages that wait in the send queue.
-  std::size_t waiting();
-
-  // Posts a response; errors overtake successes. While the response queue is full, successes are
-  // dropped, and the first error is kept until postPending() finds room for it.
-  void answer(const orvane::pvk_shm_response_t& response);
-  void postPending();
-
-  // Removes the responses that no producer has received.
-  void discardResponses();
+  // Errors overtake successes.
+  void answer(const orvane::pvk_shm_response_t& response) override;
+  void postPending() override;
+  void discardResponses() override;
+  bool wait() override { return false; }  // waiting inside a queue could hang
+  tool::QueueStats& stats() override { return published.stats(); }
 
   // From now on another process removes the names: this one is about to lose the right to do it.
   void leaveNames();
-
-  // Messages that the send queue can hold.
-  std::size_t capacity() const { return most; }
-
-  // The published totals.
-  tool::QueueStats& stats() { return published.stats(); }
 
  private:
   struct Queue {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <orvane/server_status.hpp>
+#include <queue/message_queue.hpp>
 #include <utility>
 
 #include "log.hpp"
@@ -28,12 +29,12 @@ std::chrono::microseconds Pause::next() {
   return std::exchange(length, std::min(length * 2, kLongest));
 }
 
-Worker::Worker(std::string queueName, QueuePair& queues, Store& store, LeaseConnection* lease,
+Worker::Worker(std::string queueName, BatchSource& source, Store& store, LeaseConnection* lease,
                Capture capture)
     : queueName(std::move(queueName)),
       loggedName(doublePercent(this->queueName)),
-      queues(queues),
-      stats(queues.stats()),
+      source(source),
+      stats(source.stats()),
       store(store),
       lease(lease),
       capture(std::move(capture)) {}
@@ -47,22 +48,26 @@ const Ending& Worker::run(const EndWithin& endWithin) {
     finish(*ending);
     return *ending;
   } catch (const interprocess_exception& e) {
-    giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")");
+    giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")",
+           orvane::kServerEnding);
+  } catch (const SourceBroken& e) {
+    giveUp(e.what(), orvane::kBadBatch);
   }
 }
 
 std::chrono::microseconds Worker::step() {
-  if (mayTake() && runOnce()) {
+  const bool may = mayTake();
+  if (may && runOnce()) {
     pause.reset();
     return std::chrono::microseconds(0);
   }
-  return pause.next();
+  return may && source.wait() ? std::chrono::microseconds(0) : pause.next();
 }
 
 bool Worker::runOnce() {
-  const auto message = queues.receive();
+  const auto message = source.receive();
   if (!message) {
-    queues.postPending();
+    source.postPending();
     return false;
   }
   capture.add(*message);
@@ -70,17 +75,15 @@ bool Worker::runOnce() {
   takeBatch(*message);
   const pvk_shm_response_t response = answer();
   countBatch(response.status);
-  queues.answer(response);
+  source.answer(response);
   log.logTrace(__func__, "queue %s: answered %d \"%s\"", loggedName.c_str(), response.status,
                doublePercent(response.text).c_str());
   return true;
 }
 
 void Worker::finish(const Ending& ending) {
-  // A hostile producer may have forged the count, which is in the queue's memory.
-  std::size_t count = std::min(queues.waiting(), queues.capacity());
-  while (count-- > 0 && awaitReader(Unread::few)) {
-    runOnce();
+  std::size_t count = source.waiting();
+  while (count-- > 0 && awaitReader(Unread::few) && runOnce()) {
   }
   abandonStream(orvane::StreamEnd::cutOff, ending.reason, orvane::kServerEnding);
   if (badBatches > 0) {
@@ -174,7 +177,7 @@ void Worker::take(const Entry& entry) {
 void Worker::open(const Header& header) {
   checkNoData(header);
   // Otherwise this stream's producer would get the errors of the previous one.
-  queues.discardResponses();
+  source.discardResponses();
   broken.reset();
   if (stream && stream->state.isFresh()) {
     stream->state = StreamState(header);
@@ -334,11 +337,11 @@ void Worker::send(const orvane::LeaseReply& reply) {
 void Worker::postNotice(const std::string& reason) {
   pvk_shm_response_t response;
   response.assign(orvane::kServerEnding, reason.c_str());
-  queues.answer(response);
+  source.answer(response);
 }
 
-void Worker::giveUp(const std::string& reason) {
-  abandonStream(orvane::StreamEnd::broken, reason, orvane::kServerEnding);
+void Worker::giveUp(const std::string& reason, ox_status_t status) {
+  abandonStream(orvane::StreamEnd::broken, reason, status);
   try {
     postNotice(reason);
   } catch (const interprocess_exception&) {

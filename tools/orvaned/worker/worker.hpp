@@ -11,9 +11,9 @@
 
 #include "leases/lease_connection.hpp"
 #include "store/store.hpp"
+#include "worker/batch_source.hpp"
 #include "worker/capture.hpp"
 #include "worker/ending.hpp"
-#include "worker/queue_pair.hpp"
 #include "worker/stream_state.hpp"
 
 namespace orvaned {
@@ -31,13 +31,14 @@ class Pause {
   std::chrono::microseconds length = kShortest;
 };
 
-// The queues cannot be used any more: a process died or hangs inside one. The worker has ended its
-// stream and posted a notice.
+// The source cannot be used any more: a process died or hangs inside a queue, or the producer broke
+// the rules of its ring. The worker has ended its stream and posted a notice.
 class PairFailed : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Serves one queue pair: receives its batches, stores their records, answers each batch once.
+// Serves one queue pair or ring: receives its batches, stores their records, answers each batch
+// once.
 //
 // A stream begins with its open record and ends with close or stop. It breaks when something of it
 // is lost: a message is not a batch, a record is invalid, or the store fails. The stream then ends
@@ -56,7 +57,7 @@ class PairFailed : public std::runtime_error {
 class Worker {
  public:
   // `lease` is null for a queue with a fixed name.
-  Worker(std::string queueName, QueuePair& queues, Store& store, LeaseConnection* lease = nullptr,
+  Worker(std::string queueName, BatchSource& source, Store& store, LeaseConnection* lease = nullptr,
          Capture capture = {});
 
   // Receives one batch, if there is one. Exceptions of Boost pass through.
@@ -111,12 +112,12 @@ class Worker {
   bool awaitReader(Unread wanted);
   void publishUnread();
   void postNotice(const std::string& reason);
-  [[noreturn]] void giveUp(const std::string& reason);
+  [[noreturn]] void giveUp(const std::string& reason, ox_status_t status);
 
   const orvane::server::Logger log{"worker"};
   const std::string queueName;
   const std::string loggedName;  // of the queue, with each % doubled
-  QueuePair& queues;
+  BatchSource& source;
   tool::QueueStats& stats;
   Store& store;
   LeaseConnection* const lease;

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+
+#include "worker/batch_source.hpp"
+#include "worker/heartbeat.hpp"
+
+namespace orvaned {
+
+// A lease's ring. Its memory has no name and ends with the processes that use it.
+class RingSource : public BatchSource {
+ public:
+  // Throws Ox_ErrnoException when the memory cannot be allocated. `heartbeat` counts the messages.
+  RingSource(std::uint64_t bytes, Heartbeat& heartbeat);
+
+  // The files for the producer.
+  const orvane::RingReader& reader() const { return ring; }
+
+  std::optional<std::span<const unsigned char>> receive() override;
+  std::size_t waiting() override;
+  void answer(const orvane::pvk_shm_response_t& response) override;
+  void postPending() override {}       // receive() does it
+  void discardResponses() override {}  // the producer does it before it opens a stream
+  bool wait() override;
+  tool::QueueStats& stats() override { return totals; }
+
+ private:
+  Heartbeat& watched;
+  orvane::RingReader ring;
+  tool::QueueStats totals;
+};
+
+}  // namespace orvaned
