@@ -1,5 +1,6 @@
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <orvane/orvane.hpp>
@@ -20,11 +21,19 @@
 namespace tool {
 namespace {
 
-// The queue to send to: one that is known by its name, or one that is leased at a socket.
+// A queue that is known by its name, or what is leased at a socket.
 struct Destination {
   std::string queue;
   std::optional<std::string> socket;
+  std::string transport = "auto";
 };
+
+orvane::Transport transportNamed(const std::string& name) {
+  if (name == "ring") {
+    return orvane::Transport::ring;
+  }
+  return name == "queue" ? orvane::Transport::queue : orvane::Transport::automatic;
+}
 
 void requireFixedQueueName(const std::string& name) {
   try {
@@ -39,7 +48,8 @@ std::optional<orvane::Lease> leaseFrom(const Destination& destination, unsigned 
     return std::nullopt;
   }
   try {
-    return std::optional<orvane::Lease>(std::in_place, *destination.socket, timeout);
+    return std::optional<orvane::Lease>(std::in_place, *destination.socket, timeout,
+                                        transportNamed(destination.transport));
   } catch (const Ox_ErrnoException& e) {
     throw Failure(kNothingSent, "got no lease: " + e.message());
   }
@@ -90,12 +100,15 @@ std::string whileSending(const std::string& name, const Totals& totals, std::siz
          counted(files, "file") + " stored)";
 }
 
-void sendAll(std::vector<Input>& inputs, PolledWriter& writer, const SendOptions& options,
-             Interrupt& interrupt, orvane::Lease* lease, Totals& totals) {
+// `send` sends one input.
+using SendOne = std::function<Sent(const Reader&, Progress&)>;
+
+void sendAll(std::vector<Input>& inputs, Interrupt& interrupt, const SendOne& send,
+             Totals& totals) {
   Progress progress(totalSize(inputs));
   for (Input& input : inputs) {
     try {
-      add(sendStream(writer, input.reader(interrupt), options, progress, interrupt, lease), totals);
+      add(send(input.reader(interrupt), progress), totals);
     } catch (const Failure& failure) {
       throw Failure(failure.code,
                     whileSending(input.name(), totals, inputs.size()) + ": " + failure.what());
@@ -130,12 +143,27 @@ void sendFiles(const Destination& destination, const std::vector<std::string>& p
   std::vector<Input> inputs = openAll(paths);
   // Asked before signals are held back: a signal may end the process here, as nothing was sent yet.
   std::optional<orvane::Lease> lease = leaseFrom(destination, options.timeoutSeconds);
-  orvane::Lease* const leased = lease ? &*lease : nullptr;
   Interrupt interrupt;
-  PolledWriter writer(lease ? lease->queueName() : destination.queue,
-                      std::chrono::seconds(options.timeoutSeconds), interrupt, leased);
+  const std::chrono::seconds timeout(options.timeoutSeconds);
   Totals totals;
-  sendAll(inputs, writer, options, interrupt, leased, totals);
+  if (lease && lease->ring() != nullptr) {
+    RingSender sender(*lease, timeout, interrupt);
+    sendAll(
+        inputs, interrupt,
+        [&](const Reader& read, Progress& progress) {
+          return sendStream(sender, read, options, progress, interrupt, *lease);
+        },
+        totals);
+  } else {
+    orvane::Lease* const leased = lease ? &*lease : nullptr;
+    PolledWriter writer(lease ? lease->queueName() : destination.queue, timeout, interrupt, leased);
+    sendAll(
+        inputs, interrupt,
+        [&](const Reader& read, Progress& progress) {
+          return sendStream(writer, read, options, progress, interrupt, leased);
+        },
+        totals);
+  }
   printSummary(totals);
 }
 
@@ -181,10 +209,16 @@ Command addSend(CLI::App& app) {
       ->group("Destination, exactly one of");
   where
       ->add_option("--socket", arguments->destination.socket,
-                   "The socket at which orvaned leases queues")
+                   "The socket at which orvaned gives leases")
       ->type_name("PATH")
       ->group("Destination, exactly one of");
   where->require_option(1);
+  send->add_option("--transport", arguments->destination.transport,
+                   "How a lease's records reach orvaned: auto (a ring, or a queue if\n"
+                   "the server has no rings), ring or queue")
+      ->check(CLI::IsMember({"auto", "ring", "queue"}).description(""))
+      ->type_name("KIND")
+      ->capture_default_str();
   send->add_option("--segment-size", arguments->options.segmentSize,
                    "Start a new segment after this many bytes, such as 512KiB")
       ->transform(CLI::Validator(toSegmentSize, ""))

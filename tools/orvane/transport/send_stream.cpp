@@ -45,7 +45,8 @@ constexpr std::chrono::milliseconds kProbeAfter(50);
   }
 }
 
-void writeSegments(PolledWriter& writer, const Reader& read, std::uint64_t segmentSize, Sent& sent,
+template <typename Writer>
+void writeSegments(Writer& writer, const Reader& read, std::uint64_t segmentSize, Sent& sent,
                    Progress& progress) {
   std::vector<unsigned char> record(writer.recordSize());
   std::uint64_t inSegment = 0;
@@ -161,12 +162,11 @@ void requireMatch(const Sent& sent, const Receipt& receipt) {
   }
 }
 
-}  // namespace
-
-Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
-                Progress& progress, Interrupt& interrupt, orvane::Lease* lease) {
+// `awaitReceipt` waits for the receipt of the stream that was just closed.
+template <typename Writer, typename AwaitReceipt>
+Sent send(Writer& writer, const Reader& read, const SendOptions& options, Progress& progress,
+          const AwaitReceipt& awaitReceipt) {
   Sent sent;
-  const std::uint64_t batchesBefore = writer.batchesSent();
   const auto start = std::chrono::steady_clock::now();
   try {
     writer.open();
@@ -177,10 +177,7 @@ Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& opt
       writer.abort();
       throw;
     }
-    sent.batches = writer.batchesSent() - batchesBefore;
-    const std::chrono::seconds timeout(options.timeoutSeconds);
-    const Receipt receipt = lease != nullptr ? awaitReceipt(*lease, timeout, interrupt)
-                                             : awaitReceipt(writer, timeout, interrupt);
+    const Receipt receipt = awaitReceipt();
     sent.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     requireMatch(sent, receipt);
     sent.stream = receipt.stream;
@@ -188,6 +185,29 @@ Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& opt
     rethrowExplained();
   }
   return sent;
+}
+
+}  // namespace
+
+Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
+                Progress& progress, Interrupt& interrupt, orvane::Lease* lease) {
+  const std::uint64_t batchesBefore = writer.batchesSent();
+  std::uint64_t batches = 0;
+  Sent sent = send(writer, read, options, progress, [&] {
+    batches = writer.batchesSent() - batchesBefore;
+    const std::chrono::seconds timeout(options.timeoutSeconds);
+    return lease != nullptr ? awaitReceipt(*lease, timeout, interrupt)
+                            : awaitReceipt(writer, timeout, interrupt);
+  });
+  sent.batches = batches;
+  return sent;
+}
+
+Sent sendStream(RingSender& sender, const Reader& read, const SendOptions& options,
+                Progress& progress, Interrupt& interrupt, orvane::Lease& lease) {
+  return send(sender, read, options, progress, [&] {
+    return awaitReceipt(lease, std::chrono::seconds(options.timeoutSeconds), interrupt);
+  });
 }
 
 }  // namespace tool

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <orvane/orvane.hpp>
+
+#include "interrupt.hpp"
+
+namespace tool {
+
+// A RingWriter whose waits can be interrupted: it waits a second at a time, and no call changes
+// anything when that second is over.
+//
+// Exceptions of RingWriter pass through. Each call also throws Interrupted.
+class RingSender {
+ public:
+  // `timeout` limits each wait for room.
+  RingSender(const orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt);
+
+  // Returns the largest number of data bytes that a record can carry.
+  std::size_t recordSize() const { return orvane::ShmWriter::getMaxSegmentSize(); }
+
+  void open();
+  void writeSegment(const unsigned char* data, std::size_t size);
+  void endSegment();
+  void close();
+
+  // Stops the stream, if the ring has room for the stop record. The lease ends afterwards, and the
+  // server cuts off a stream that was not stopped.
+  void abort() noexcept;
+
+ private:
+  void repeat(const std::function<void()>& call);
+
+  const std::chrono::seconds timeout;
+  Interrupt& interrupt;
+  orvane::RingWriter writer;
+};
+
+}  // namespace tool
