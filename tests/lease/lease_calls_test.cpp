@@ -57,7 +57,7 @@ TEST(LeaseTaking, RaisesNoSignalWhenTheServerIsGone) {
 }
 
 TEST(LeaseTaking, HearsAServerThatResetsTheConnectionWhileItIsAsked) {
-  for (const char* const call : {"send", "recv"}) {
+  for (const char* const call : {"send", "recvmsg"}) {
     FakeServer server;
     server.serve({.says = {"refused 1004 the server is ending"}, .hears = false});
     failNext(call, ECONNRESET);
@@ -170,7 +170,8 @@ TEST(LeaseReceipt, IsReceivedWithoutWaitingAfterAFalseAlarm) {
   server.say(kShortReceipt);
   EXPECT_EQ(textOf(lease->receipt(0)), kShortReceipt);
   // Otherwise what follows would wait for ever.
-  ASSERT_EQ(replacedCalls().recvFlags, std::vector<int>{MSG_DONTWAIT | MSG_TRUNC});
+  ASSERT_EQ(replacedCalls().recvFlags,
+            (std::vector<int>{MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC}));
 
   replacedCalls().falseAlarms = 3;
   EXPECT_TRUE(throwsErrno(15, timedOut("0"), [&] { lease->receipt(0); }));

@@ -70,9 +70,9 @@ REPLACED ssize_t send(int fd, const void* buffer, std::size_t size, int flags) {
   return callOrFail("send", SYS_sendto, fd, buffer, size, flags, nullptr, 0);
 }
 
-REPLACED ssize_t recv(int fd, void* buffer, std::size_t size, int flags) {
+REPLACED ssize_t recvmsg(int fd, msghdr* message, int flags) {
   replacedCalls().recvFlags.push_back(flags);
-  return callOrFail("recv", SYS_recvfrom, fd, buffer, size, flags, nullptr, nullptr);
+  return callOrFail("recvmsg", SYS_recvmsg, fd, message, flags);
 }
 
 REPLACED int poll(pollfd* fds, nfds_t count, int timeout) {

@@ -50,7 +50,7 @@ TEST(LeaseTaking, ReportsThatItCannotWait) {
 }
 
 TEST(LeaseTaking, ReportsThatItCannotHear) {
-  EXPECT_TRUE(refuses("recv", ENOMEM, 901, "Cannot hear the server: Cannot allocate memory"));
+  EXPECT_TRUE(refuses("recvmsg", ENOMEM, 901, "Cannot hear the server: Cannot allocate memory"));
 }
 
 TEST(LeaseTaking, LeavesNoSocketOpenWhenMemoryRunsOut) {
@@ -80,7 +80,7 @@ TEST(LeaseReceipt, IsWaitedForAgainAfterAFalseAlarm) {
     server.serve({.says = {"lease q", kShortReceipt}});
     Lease lease(server.path(), kLong);
     server.awaitScript();
-    failNext("recv", error);
+    failNext("recvmsg", error);
     EXPECT_EQ(textOf(lease.receipt(kLong)), kShortReceipt);
   }
 }
@@ -90,7 +90,7 @@ TEST(LeaseReceipt, EndsTheLeaseWhenItCannotBeHeard) {
   server.serve({.says = {"lease q"}});
   Lease lease(server.path(), kLong);
   server.say(kShortReceipt);
-  failNext("recv", ENOMEM);
+  failNext("recvmsg", ENOMEM);
 
   EXPECT_TRUE(throwsErrno(901, "Cannot hear the server: Cannot allocate memory",
                           [&] { lease.receipt(kLong); }));

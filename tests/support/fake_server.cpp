@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <utility>
 
 #include "support/system_call.hpp"
@@ -29,19 +30,31 @@ FakeServer::~FakeServer() {
 }
 
 void FakeServer::serve(Script script) {
+  serveEach({std::move(script)});
+}
+
+void FakeServer::serveEach(std::vector<Script> scripts) {
   awaitScript();
-  thread = std::thread([this, script = std::move(script)] {
-    client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client >= 0 && script.hears) {
-      heard = receive();
-    }
-    for (const std::string& packet : script.says) {
-      send(packet);
-    }
-    if (script.ends) {
-      closeClient();
+  thread = std::thread([this, scripts = std::move(scripts)] {
+    for (const Script& script : scripts) {
+      follow(script);
     }
   });
+}
+
+void FakeServer::follow(const Script& script) {
+  closeClient();
+  client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  if (client >= 0 && script.hears) {
+    heard.push_back(receive());
+  }
+  std::vector<int> files = script.files;
+  for (const std::string& packet : script.says) {
+    send(packet, std::exchange(files, {}));
+  }
+  if (script.ends) {
+    closeClient();
+  }
 }
 
 void FakeServer::awaitScript() {
@@ -51,13 +64,17 @@ void FakeServer::awaitScript() {
 }
 
 const std::string& FakeServer::request() {
+  return requests().back();
+}
+
+const std::vector<std::string>& FakeServer::requests() {
   awaitScript();
   return heard;
 }
 
-void FakeServer::say(const std::string& packet) {
+void FakeServer::say(const std::string& packet, const std::vector<int>& files) {
   awaitScript();
-  send(packet);
+  send(packet, files);
 }
 
 void FakeServer::stopSaying() {
@@ -82,8 +99,23 @@ std::string FakeServer::receive() const {
   return {packet, size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
-void FakeServer::send(const std::string& packet) const {
-  ::send(client, packet.data(), packet.size(), MSG_NOSIGNAL);
+void FakeServer::send(const std::string& packet, const std::vector<int>& files) const {
+  std::string text = packet;
+  iovec bytes = {text.data(), text.size()};
+  msghdr message = {};
+  message.msg_iov = &bytes;
+  message.msg_iovlen = 1;
+  const std::size_t size = files.size() * sizeof(int);
+  std::vector<cmsghdr> control(CMSG_SPACE(size) / sizeof(cmsghdr) + 1);
+  if (!files.empty()) {
+    message.msg_control = control.data();
+    message.msg_controllen = CMSG_SPACE(size);
+    control[0].cmsg_level = SOL_SOCKET;
+    control[0].cmsg_type = SCM_RIGHTS;
+    control[0].cmsg_len = CMSG_LEN(size);
+    std::memcpy(CMSG_DATA(control.data()), files.data(), size);
+  }
+  sendmsg(client, &message, MSG_NOSIGNAL);
 }
 
 void FakeServer::closeClient() {
