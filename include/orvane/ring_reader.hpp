@@ -65,7 +65,7 @@ class ORVANE_API RingReader {
 
   // Returns the bytes that the producer has handed over and that are not answered yet; at most the
   // ring's size, whatever the producer wrote.
-  std::uint64_t waiting();
+  std::uint64_t waiting() const;
 
  private:
   struct State;

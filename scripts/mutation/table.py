@@ -15,6 +15,7 @@ RECORDS = ["records_tests", "out_of_memory_tests"]
 WRITER = ["writer_tests", "writer_replacement_tests", "writer_platform_tests", "peer_tests"]
 SERVER = ["server_tests", "logger_tests", "id_locks_tests"]
 LEASE = ["lease_tests", "lease_system_tests"]
+RING = ["ring_tests"]
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
 ORVANED = [
     "orvaned_call_tests OutputFile*:StreamFolder*:SegmentCount.*:Worker*",
@@ -33,12 +34,13 @@ TABLE = [
     Row(["src/writer/*"], WRITER + RECORDS),
     Row(["src/server/*"], SERVER),
     Row(["src/lease/*"], LEASE),
+    Row(["src/ring/*"], RING + LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
         "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "recovery")], ORVANED),
     Row(["tools/store_format/manifest_reader.?pp"], STORE_FORMAT),
 ]
 
-LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE))
+LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE + RING))
 
 if __name__ == "__main__":
     print(*LIBRARY, sep="\n")

@@ -84,6 +84,14 @@ Mapping& Mapping::operator=(Mapping&& other) noexcept {
   return *this;
 }
 
+std::uint64_t checkedRingSize(std::uint64_t bytes) {
+  if (!isRingSize(bytes)) {
+    fail(kStatusInvalidArgument, "A ring has ", kSmallestRing, " to ", kLargestRing,
+         " bytes, a power of two; this one would have ", bytes);
+  }
+  return bytes;
+}
+
 // All memory is allocated here: where there is none left, a later access would kill the process.
 File makeFile(const char* name, std::uint64_t bytes) {
   int fd = memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING | kNeverExecutable);

@@ -58,6 +58,9 @@ class Mapping {
   unsigned int madeInFork = 0;
 };
 
+// Returns `bytes`, or throws kStatusInvalidArgument if a ring cannot have this size.
+std::uint64_t checkedRingSize(std::uint64_t bytes);
+
 enum class Sealed { size, sizeAndWriting };
 
 // Makes a file of `bytes` zeros, with all its memory, that keeps its size. Throws
