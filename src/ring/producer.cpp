@@ -99,7 +99,9 @@ bool Producer::makeRoom(std::uint64_t size, unsigned int timeout) {
 }
 
 bool Producer::awaitReleased(unsigned int timeout) {
-  return awaitHead(end.tail(), timeout);
+  const bool released = awaitHead(end.tail(), timeout);
+  takeAnswers();
+  return released;
 }
 
 bool Producer::awaitHead(std::uint64_t wanted, unsigned int timeout) {
@@ -109,6 +111,10 @@ bool Producer::awaitHead(std::uint64_t wanted, unsigned int timeout) {
   const std::uint64_t before = counters.blocked.load(std::memory_order_relaxed);
   while (!hasReached(end.head(), wanted) && LinuxSystem::now() < deadline) {
     if (serverEnded()) {
+      requireValid(end.look());  // it may have answered just before it ended
+      if (hasReached(end.head(), wanted)) {
+        break;
+      }
       fail(kLeaseLost, "The server ended the lease: it died or was stopped");
     }
     requireValid(end.await(wanted));
