@@ -78,6 +78,8 @@ class ORVANE_API RingWriter : public ChannelWriter {
   ORVANE_LOCAL void write_data(const pvk_shm_message_t* record, const unsigned char* data,
                                unsigned int sendTimeout, bool flush);
   ORVANE_LOCAL unsigned char* placeFor(const pvk_shm_message_t& record, unsigned int sendTimeout);
+  ORVANE_LOCAL unsigned char* placeInNextFrame(const pvk_shm_message_t& record,
+                                               unsigned int sendTimeout);
   ORVANE_LOCAL void append(unsigned char* place, const pvk_shm_message_t& record);
   ORVANE_LOCAL void throwError();
   ORVANE_LOCAL void awaitAnswers(unsigned int sendTimeout);

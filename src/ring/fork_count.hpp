@@ -1,9 +1,15 @@
 #pragma once
 
+#include <atomic>
+
 namespace orvane::ring {
+
+extern std::atomic<unsigned int> forks;
 
 // The number of forks between this process and the one that loaded the library. Unlike getpid(), it
 // costs no system call.
-unsigned int forkCount();
+inline unsigned int forkCount() {
+  return forks.load(std::memory_order_relaxed);
+}
 
 }  // namespace orvane::ring

@@ -40,11 +40,12 @@ class Waker {
   std::uint32_t ended = 0;  // even: no nap
 };
 
-// Looks for a moment until `isReached()`, then sleeps while `counter` is `seen`, at most once.
-// Returns whether `isReached()`.
+// Looks for `lookFor` nanoseconds until `isReached()`, then sleeps while `counter` is `seen`, at
+// most once. Returns whether `isReached()`.
 template <typename System, typename Nap, typename Word, typename Reached, typename Seen>
-bool awaitOther(Nap& nap, const Word& counter, const Reached& isReached, const Seen& seen) {
-  const std::int64_t sleepAt = System::now() + kLookFor;
+bool awaitOther(Nap& nap, const Word& counter, const Reached& isReached, const Seen& seen,
+                std::int64_t lookFor = kLookFor) {
+  const std::int64_t sleepAt = System::now() + lookFor;
   do {
     if (isReached()) {
       return true;
@@ -176,7 +177,8 @@ class ServerEnd {
           valid = look();
           return !valid || filled() > 0;
         },
-        [&] { return published; });
+        [&] { return published; }, idle ? 0 : kLookFor);
+    idle = filled() == 0;
     return valid;
   }
 
@@ -186,6 +188,7 @@ class ServerEnd {
   const std::uint64_t bytes;
   std::uint64_t position = 0;
   std::uint64_t published = 0;  // the tail as last seen
+  bool idle = false;            // nothing came during the last wait: do not look for long again
   Waker<System> waker;
 };
 

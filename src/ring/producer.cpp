@@ -59,17 +59,18 @@ unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
     publish();
   }
   if (records == 0) {
-    used = kBeforeRecords;
+    beginFrame();
   }
   if (wholeLines(used + needed) > end.room() && !makeRoom(needed, timeout)) {
     return nullptr;
   }
-  return frame() + used;
+  limit = std::max(used + needed, std::min(kUsualFrame, end.room() / kLine * kLine));
+  return frame + used;
 }
 
-void Producer::commit(std::uint64_t len) {
-  used += layout::kHeaderSize + len;
-  ++records;
+void Producer::beginFrame() {
+  frame = data.get() + (end.tail() & (bytes - 1));
+  used = kBeforeRecords;
 }
 
 void Producer::publish() {
@@ -78,23 +79,24 @@ void Producer::publish() {
   }
   const std::uint64_t header[] = {used - kFrameHeader, ++frames};
   static_assert(sizeof header == kFrameHeader);
-  std::memcpy(frame(), header, sizeof header);
+  std::memcpy(frame, header, sizeof header);
   ShmBatch::MetaData metaData;
   metaData.numEntries = records;
-  layout::writeMetaData(frame() + kFrameHeader, metaData);
+  layout::writeMetaData(frame + kFrameHeader, metaData);
   end.publish(end.tail() + wholeLines(used));
   records = 0;
+  limit = 0;
   takeAnswers();
 }
 
 // A full ring is emptied by a quarter before the producer goes on: it sleeps once for many frames.
-bool Producer::makeRoom(std::uint64_t size, unsigned int timeout) {
+bool Producer::makeRoom(std::uint64_t needed, unsigned int timeout) {
   requireValid(end.look());
-  if (wholeLines(used + size) <= end.room()) {
+  if (wholeLines(used + needed) <= end.room()) {
     return true;
   }
   publish();
-  used = kBeforeRecords;
+  beginFrame();
   return awaitHead(end.tail() + largestFrame(bytes) - bytes, timeout);
 }
 

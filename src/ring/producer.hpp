@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "orvane/records.hpp"
+#include "records/batch_layout.hpp"
 #include "ring/hand_over.hpp"
 #include "ring/memory.hpp"
 #include "ring/system.hpp"
@@ -24,13 +25,22 @@ class Producer {
   // The largest number of data bytes in one record.
   std::uint64_t largestRecord() const;
 
-  // A place for a record of `len` data bytes: first 48 bytes for its header, then its data. Waits
-  // at most `timeout` seconds for room, and publishes what waits if the record does not fit into
-  // the frame. Returns null after the timeout. Throws kLeaseLost.
+  // A place for a record of `len` data bytes in the frame that is being built: first 48 bytes for
+  // its header, then its data. Null if there is none.
+  unsigned char* placeInFrame(std::uint64_t len) const {
+    return used + layout::kHeaderSize + len <= limit ? frame + used : nullptr;
+  }
+
+  // The same in this frame or the next. Waits at most `timeout` seconds for room, and publishes
+  // what waits if the record does not fit into the frame. Returns null after the timeout. Throws
+  // kLeaseLost.
   unsigned char* place(std::uint64_t len, unsigned int timeout);
 
   // The record at the place is complete.
-  void commit(std::uint64_t len);
+  void commit(std::uint64_t len) {
+    used += layout::kHeaderSize + len;
+    ++records;
+  }
 
   // Hands the frame over to the server, if it has records.
   void publish();
@@ -47,10 +57,10 @@ class Producer {
 
  private:
   bool awaitHead(std::uint64_t wanted, unsigned int timeout);
-  bool makeRoom(std::uint64_t size, unsigned int timeout);
+  void beginFrame();
+  bool makeRoom(std::uint64_t needed, unsigned int timeout);
   void takeAnswers();
   void requireValid(bool valid) const;
-  unsigned char* frame() const { return data.get() + (end.tail() & (bytes - 1)); }
 
   const std::uint64_t bytes;
   const ServerEnded serverEnded;
@@ -60,8 +70,10 @@ class Producer {
   ProducerCounters<LinuxSystem::Atomic>& counters;
   const ServerPage& server;
   ProducerEnd<LinuxSystem> end;
-  std::uint64_t used = 0;  // bytes of the frame that is being built; 0: it has not begun
-  std::uint32_t records = 0;
+  unsigned char* frame = nullptr;  // that is being built
+  std::uint64_t used = 0;          // its bytes
+  std::uint64_t limit = 0;         // of its bytes, for which there is room
+  std::uint32_t records = 0;       // in it
   std::uint64_t frames = 0;
   std::uint64_t answersTaken = 0;
   pvk_shm_response_t error;  // status 0: none

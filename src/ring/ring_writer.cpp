@@ -15,6 +15,46 @@
 
 namespace orvane {
 
+inline bool RingWriter::isInForkedChild() const {
+  return ring::forkCount() != madeInFork;
+}
+
+[[gnu::always_inline]] inline unsigned char* RingWriter::placeFor(const pvk_shm_message_t& record,
+                                                                  unsigned int sendTimeout) {
+  reserved = nullptr;
+  if (!isInForkedChild()) [[likely]] {
+    if (unsigned char* const place = producer->placeInFrame(record.len)) [[likely]] {
+      return place;
+    }
+  }
+  return placeInNextFrame(record, sendTimeout);
+}
+
+[[gnu::noinline]] unsigned char* RingWriter::placeInNextFrame(const pvk_shm_message_t& record,
+                                                              unsigned int sendTimeout) {
+  if (isInForkedChild()) {
+    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
+  }
+  if (record.len > producer->largestRecord()) {
+    producer->publish();
+    fail(kStatusDoesNotFit, "Could not fit header (type=", record.type, ") with data length ",
+         record.len, " into the batch, even after batch has been flushed");
+  }
+  unsigned char* const place = producer->place(record.len, sendTimeout);
+  if (place == nullptr) {
+    fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
+         OrvanedProcessName, name.empty() ? "" : " on stream ", name);
+  }
+  throwError();
+  return place;
+}
+
+inline void RingWriter::append(unsigned char* place, const pvk_shm_message_t& record) {
+  layout::writeHeader(place, record);
+  producer->commit(record.len);
+  lastMessageType = record.type;
+}
+
 RingWriter::RingWriter(const std::string& name, std::shared_ptr<ring::Producer> ring,
                        unsigned int timeout, unsigned int stopTimeout, bool perfBenchmarkEnabled)
     : ChannelWriter(name),
@@ -145,31 +185,6 @@ void RingWriter::write_data(const pvk_shm_message_t* record, const unsigned char
   }
 }
 
-unsigned char* RingWriter::placeFor(const pvk_shm_message_t& record, unsigned int sendTimeout) {
-  reserved = nullptr;
-  if (isInForkedChild()) {
-    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
-  }
-  if (record.len > producer->largestRecord()) [[unlikely]] {
-    producer->publish();
-    fail(kStatusDoesNotFit, "Could not fit header (type=", record.type, ") with data length ",
-         record.len, " into the batch, even after batch has been flushed");
-  }
-  unsigned char* const place = producer->place(record.len, sendTimeout);
-  if (place == nullptr) [[unlikely]] {
-    fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
-         OrvanedProcessName, name.empty() ? "" : " on stream ", name);
-  }
-  throwError();
-  return place;
-}
-
-void RingWriter::append(unsigned char* place, const pvk_shm_message_t& record) {
-  layout::writeHeader(place, record);
-  producer->commit(record.len);
-  lastMessageType = record.type;
-}
-
 // Waits until the server has answered all that was handed over.
 void RingWriter::awaitAnswers(unsigned int sendTimeout) {
   if (isInForkedChild()) {
@@ -185,10 +200,6 @@ void RingWriter::throwError() {
   if (const pvk_shm_response_t* error = producer->takeError()) {
     fail(error->status, std::string_view(error->text, strnlen(error->text, sizeof error->text)));
   }
-}
-
-bool RingWriter::isInForkedChild() const {
-  return ring::forkCount() != madeInFork;
 }
 
 RingWriter::~RingWriter() {
