@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
+#include "leased_ring_link.hpp"
 #include "two_processes.hpp"
 
 namespace bench {
@@ -55,6 +57,29 @@ Sent flushedEach(Link& link, const Load& load, std::size_t, Clock::duration time
   const orvane::pvk_shm_message_t close = closeRecord();
   writer.write_data(&close, nullptr, kTimeout, true);
   return {sent, sumBelow(sent)};
+}
+
+Sent throughRing(Link& link, const Load& load, std::size_t, Clock::duration time) {
+  orvane::RingWriter writer("", dynamic_cast<LeasedRingLink&>(link).lease().ring(), kTimeout,
+                            kTimeout, false);
+  writer.open();
+  const std::uint64_t sent = sendFor(time, recordsBetweenLooks(load), [&](std::uint64_t) {
+    writer.writeSegment(load.data().data(), load.data().size());
+  });
+  writer.close();
+  return {sent, sumBelow(sent + 2) - 1};
+}
+
+Sent inPlace(Link& link, const Load& load, std::size_t, Clock::duration time) {
+  orvane::RingWriter writer("", dynamic_cast<LeasedRingLink&>(link).lease().ring(), kTimeout,
+                            kTimeout, false);
+  writer.open();
+  const std::uint64_t sent = sendFor(time, recordsBetweenLooks(load), [&](std::uint64_t) {
+    std::memcpy(writer.reserve(load.data().size()), load.data().data(), load.data().size());
+    writer.commit(load.data().size());
+  });
+  writer.close();
+  return {sent, sumBelow(sent + 2) - 1};
 }
 
 void sendCloseBatch(Link& link) {
@@ -124,7 +149,10 @@ std::vector<Form> allForms() {
       return std::make_unique<QueueLink>(geometry, capacity, wait);
     };
   };
+  const auto ring = [](const Geometry&, std::size_t) { return std::make_unique<LeasedRingLink>(); };
   std::vector<Form> all = {
+      {"orvane, ring", Messages::batches, ring, kUnlimited, throughRing, ""},
+      {"orvane, ring in place", Messages::batches, ring, kUnlimited, inPlace, ""},
       {"orvane", Messages::batches, answering(Wait::polling), kUnlimited, throughWriter, ""},
       {"orvane, waiting reader", Messages::batches, answering(Wait::inQueue), kUnlimited,
        throughWriter, ""},
@@ -174,6 +202,7 @@ std::optional<double> measure(const Form& form, const Geometry& geometry, const 
         }
         results->finish = Clock::now();
         results->tally = tally;
+        link->endReceiving();
         results->end.wait();
         link->leave();
       });

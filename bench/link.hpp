@@ -23,6 +23,9 @@ class Link {
   virtual void beSender() {}
   virtual void beReceiver() {}
 
+  // In the receiver, after the last message.
+  virtual void endReceiving() {}
+
   // In each of them, when every message has been received.
   virtual void leave() {}
 

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <orvane/orvane.hpp>
+#include <string>
+
+#include "link.hpp"
+
+namespace bench {
+
+// A lease's ring. The receiver is the server that gives the lease; it answers each batch when the
+// next one is asked for.
+class LeasedRingLink : public Link {
+ public:
+  LeasedRingLink();
+  ~LeasedRingLink() override;
+
+  void beSender() override;
+  void beReceiver() override;
+  const orvane::Lease& lease() const { return *leased; }
+
+  // A RingWriter builds and sends the batches.
+  unsigned char* room() override { return nullptr; }
+  using Link::send;
+  void send(std::size_t) override {}
+
+  Bytes receive() override;
+  void endReceiving() override { answer(); }
+
+ private:
+  void answer();
+
+  const std::string path = "/tmp/" + uniqueName();
+  int listening;
+  int connection = -1;
+  std::optional<orvane::Lease> leased;
+  std::unique_ptr<orvane::RingReader> ring;
+  bool owesAnswer = false;
+};
+
+}  // namespace bench
