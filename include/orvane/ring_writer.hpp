@@ -44,8 +44,8 @@ class ORVANE_API RingWriter : public ChannelWriter {
 
   // Ends the stream, and waits at most `timeout` for the server's answer. Has no effect on a writer
   // that is not open. Throws kStatusTimedOut or the server's status. After the server's status the
-  // writer is not open, because the server has ended the stream; after kStatusTimedOut it is open,
-  // and the call may be repeated: it waits again.
+  // writer is not open, because the server has ended the stream. After kStatusTimedOut the stream
+  // takes no more data if its end was sent, and the call may be repeated: it waits again.
   void close() override;
 
   // Closes a writer that is still open, and ignores every error. Blocks as close() does.
@@ -83,10 +83,9 @@ class ORVANE_API RingWriter : public ChannelWriter {
   ORVANE_LOCAL void append(unsigned char* place, const pvk_shm_message_t& record);
   ORVANE_LOCAL void throwError();
   ORVANE_LOCAL void awaitAnswers(unsigned int sendTimeout);
-  ORVANE_LOCAL bool isInForkedChild() const;
+  ORVANE_LOCAL void requireOwnProcess() const;
 
   std::shared_ptr<ring::Producer> producer;
-  const unsigned int madeInFork;  // a forked child has no ring
   unsigned int timeout;
   unsigned int stopTimeout;
   bool perfBenchmarkEnabled;

@@ -42,6 +42,7 @@ Producer::Producer(const File& mine, const File& servers, std::uint64_t bytes,
                    ServerEnded serverEnded)
     : bytes(bytes),
       serverEnded(std::move(serverEnded)),
+      madeInFork(forkCount()),
       page(mapChecked(mine, kPage + bytes, kPage, true)),
       data(mine.get(), kPage, bytes, true, true),
       serversPage(mapChecked(servers, sizeof(ServerPage), sizeof(ServerPage), false)),

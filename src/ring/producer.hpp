@@ -6,6 +6,7 @@
 
 #include "orvane/records.hpp"
 #include "records/batch_layout.hpp"
+#include "ring/fork_count.hpp"
 #include "ring/hand_over.hpp"
 #include "ring/memory.hpp"
 #include "ring/system.hpp"
@@ -21,6 +22,9 @@ class Producer {
 
   // `mine` and `servers` are the files of a ring of `bytes` bytes. Throws Ox_ErrnoException.
   Producer(const File& mine, const File& servers, std::uint64_t bytes, ServerEnded serverEnded);
+
+  // A forked child does not have the ring, and may only destroy this object.
+  bool isInForkedChild() const { return forkCount() != madeInFork; }
 
   // The largest number of data bytes in one record.
   std::uint64_t largestRecord() const;
@@ -64,6 +68,7 @@ class Producer {
 
   const std::uint64_t bytes;
   const ServerEnded serverEnded;
+  const unsigned int madeInFork;
   Mapping page;
   Mapping data;
   Mapping serversPage;

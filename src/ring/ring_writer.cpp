@@ -9,20 +9,15 @@
 #include "orvane/process_name.hpp"
 #include "orvane/timeout.hpp"
 #include "records/batch_layout.hpp"
-#include "ring/fork_count.hpp"
 #include "ring/producer.hpp"
 #include "writer/record_steps.hpp"
 
 namespace orvane {
 
-inline bool RingWriter::isInForkedChild() const {
-  return ring::forkCount() != madeInFork;
-}
-
 [[gnu::always_inline]] inline unsigned char* RingWriter::placeFor(const pvk_shm_message_t& record,
                                                                   unsigned int sendTimeout) {
   reserved = nullptr;
-  if (!isInForkedChild()) [[likely]] {
+  if (!producer->isInForkedChild()) [[likely]] {
     if (unsigned char* const place = producer->placeInFrame(record.len)) [[likely]] {
       return place;
     }
@@ -32,9 +27,7 @@ inline bool RingWriter::isInForkedChild() const {
 
 [[gnu::noinline]] unsigned char* RingWriter::placeInNextFrame(const pvk_shm_message_t& record,
                                                               unsigned int sendTimeout) {
-  if (isInForkedChild()) {
-    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
-  }
+  requireOwnProcess();
   if (record.len > producer->largestRecord()) {
     producer->publish();
     fail(kStatusDoesNotFit, "Could not fit header (type=", record.type, ") with data length ",
@@ -45,7 +38,10 @@ inline bool RingWriter::isInForkedChild() const {
     fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
          OrvanedProcessName, name.empty() ? "" : " on stream ", name);
   }
-  throwError();
+  // The server's error does not keep a stream from its end; close() throws it then.
+  if (record.type != kRecordClose) {
+    throwError();
+  }
   return place;
 }
 
@@ -59,7 +55,6 @@ RingWriter::RingWriter(const std::string& name, std::shared_ptr<ring::Producer> 
                        unsigned int timeout, unsigned int stopTimeout, bool perfBenchmarkEnabled)
     : ChannelWriter(name),
       producer(std::move(ring)),
-      madeInFork(ring::forkCount()),
       timeout(timeout),
       stopTimeout(stopTimeout),  // may be 0, to send a stop without waiting
       perfBenchmarkEnabled(perfBenchmarkEnabled),
@@ -98,16 +93,17 @@ void RingWriter::open() {
 
 void RingWriter::close() {
   const AutoTrace scope("close");
-  if (!isOpen) {
-    return;
+  if (isOpen) {
+    RecordSteps::endWith(*this, kRecordClose, timeout, false);
+    isOpen = false;
+    closing = true;
+    producer->publish();
   }
   if (!closing) {
-    RecordSteps::endWith(*this, kRecordClose, timeout, false);
-    producer->publish();
-    closing = true;
+    return;
   }
   awaitAnswers(timeout);
-  isOpen = false;
+  closing = false;
   throwError();
 }
 
@@ -119,6 +115,7 @@ void RingWriter::stop(bool useStopTimeout) {
 
 void RingWriter::setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
                                unsigned long param3) {
+  reserved = nullptr;
   segAlg = state;
   segParam1 = param1;
   segParam2 = param2;
@@ -151,6 +148,7 @@ unsigned char* RingWriter::reserve(unsigned long length) {
 
 void RingWriter::commit(unsigned long length) {
   const AutoTrace scope("commit");
+  requireOwnProcess();
   if (reserved == nullptr || length > reservedLength) {
     fail(kStatusInvalidArgument, "Cannot commit ", length,
          " bytes: ", reserved == nullptr ? 0 : reservedLength, " are reserved");
@@ -187,9 +185,7 @@ void RingWriter::write_data(const pvk_shm_message_t* record, const unsigned char
 
 // Waits until the server has answered all that was handed over.
 void RingWriter::awaitAnswers(unsigned int sendTimeout) {
-  if (isInForkedChild()) {
-    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
-  }
+  requireOwnProcess();
   if (!producer->awaitReleased(sendTimeout)) {
     fail(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s for an answer of ",
          OrvanedProcessName, name.empty() ? "" : " on stream ", name);
@@ -202,9 +198,15 @@ void RingWriter::throwError() {
   }
 }
 
+void RingWriter::requireOwnProcess() const {
+  if (producer->isInForkedChild()) {
+    fail(kLeaseLost, "A forked child cannot use the lease of its parent: take another one");
+  }
+}
+
 RingWriter::~RingWriter() {
   const AutoTrace scope("~RingWriter");
-  if (isOpen && !isInForkedChild()) {
+  if ((isOpen || closing) && !producer->isInForkedChild()) {
     // If the thread were cancelled while it waits here, it would unwind through a destructor, which
     // ends the process.
     int cancelState = PTHREAD_CANCEL_ENABLE;
