@@ -274,6 +274,9 @@ Lease::Lease(const std::string& socketPath, unsigned int timeout, Transport tran
              std::uint64_t ringBytes)
     : connection(-1) {
   validateTimeout(timeout);
+  if (transport != Transport::queue) {
+    ring::checkedRingSize(ringBytes);
+  }
   Granted granted = askFor(transport, ringBytes, socketPath, Deadline(timeout));
   name = std::move(granted.name);
   producer = std::move(granted.ring);

@@ -95,7 +95,8 @@ std::string packetOf(const LeaseRequest& request) {
 
 std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet) {
   if (std::any_of(packet.begin(), packet.end(), isControlCharacter) ||
-      nextWord(packet) != "orvane" || nextWord(packet) != "1") {
+      packet.find_last_of(' ') + 1 == packet.size() || nextWord(packet) != "orvane" ||
+      nextWord(packet) != "1") {
     return std::nullopt;
   }
   const std::string_view what = nextWord(packet);

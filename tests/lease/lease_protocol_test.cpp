@@ -21,8 +21,50 @@ TEST(LeaseProtocol, HasARequestInVersionOne) {
   EXPECT_EQ(kLongestLeasePacket, 512U);
 }
 
+TEST(LeaseRequestPacket, HasOneFormForEachTransport) {
+  EXPECT_EQ(packetOf(LeaseRequest{}), "orvane 1 lease");
+  EXPECT_EQ(packetOf(LeaseRequest{8388608}), "orvane 1 ring 8388608");
+  EXPECT_EQ(packetOf(LeaseRequest{18446744073709551615U}), "orvane 1 ring 18446744073709551615");
+}
+
+TEST(LeaseRequestPacket, IsReadWithWordsThatAreNotKnownYet) {
+  const std::pair<const char*, std::uint64_t> requests[] = {
+      {"orvane 1 lease", 0},
+      {"orvane 1 lease color=blue", 0},
+      {"orvane 1 lease a= b==c d=\xc3\xa4", 0},
+      {"orvane 1 ring 8388608", 8388608},
+      {"orvane 1 ring 1", 1},
+      {"orvane 1 ring 007", 7},
+      {"orvane 1 ring 18446744073709551615", 18446744073709551615U},
+      {"orvane 1 ring 1048576 a=1 b=2", 1048576}};
+  for (const auto& [packet, bytes] : requests) {
+    const auto request = parseLeaseRequest(packet);
+    ASSERT_TRUE(request) << packet;
+    EXPECT_EQ(request->ringBytes, bytes) << packet;
+  }
+}
+
+class NoLeaseRequest : public testing::TestWithParam<std::string> {};
+
+TEST_P(NoLeaseRequest, IsNotTakenForOne) {
+  EXPECT_FALSE(parseLeaseRequest(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Packet, NoLeaseRequest,
+    testing::Values("", " ", "orvane", "orvane 1", "orvane 1 ", "orvane 1 queue", "orvane 2 lease",
+                    "orvane 11 lease", "Orvane 1 lease", " orvane 1 lease", "orvane  1 lease",
+                    "orvane 1 leases", "orvane 1 lease ", "orvane 1 lease  a=1", "orvane 1 lease a",
+                    "orvane 1 lease a=1 ", "orvane 1 lease a=1  b=2", "orvane 1 lease =1",
+                    "orvane 1 lease a=1 b", "orvane 1 lease\n", "orvane 1 lease a=\x7f",
+                    "orvane 1 ring", "orvane 1 ring ", "orvane 1 ring 0", "orvane 1 ring -1",
+                    "orvane 1 ring +1", "orvane 1 ring 1x", "orvane 1 ring x",
+                    "orvane 1 ring 18446744073709551616", "orvane 1 ring 1 2", "orvane 1 ring a=1",
+                    "orvane 1 ring 1  a=1", "orvane 1 ring 1\ta=1", "lease q"));
+
 TEST(LeaseReplyPacket, HasOneFormForEachKind) {
   EXPECT_EQ(packetOf(LeaseGranted{"q"}), "lease q");
+  EXPECT_EQ(packetOf(RingGranted{"r", 8388608}), "ring r 8388608");
   EXPECT_EQ(packetOf(LeaseRefused{1005, "too many"}), "refused 1005 too many");
   EXPECT_EQ(packetOf(kReceipt), kReceiptText);
   EXPECT_EQ(packetOf(StreamFailed{1003, "disk full"}), "failed 1003 disk full");
@@ -39,6 +81,9 @@ TEST(LeaseReplyPacket, HasNoControlCharacters) {
 
 TEST(LeaseReply, IsReadFromItsPacket) {
   EXPECT_EQ(parsed<LeaseGranted>("lease q").queue, "q");
+  EXPECT_EQ(parsed<RingGranted>("ring r 8388608").name, "r");
+  EXPECT_EQ(parsed<RingGranted>("ring r 8388608").bytes, 8388608U);
+  EXPECT_EQ(parsed<RingGranted>("ring r 18446744073709551615").bytes, 18446744073709551615U);
   EXPECT_EQ(parsed<LeaseRefused>("refused 1005 too many").status, 1005);
   EXPECT_EQ(parsed<LeaseRefused>("refused 1005 too many").reason, "too many");
   EXPECT_EQ(parsed<LeaseRefused>("refused 2147483647 ").reason, "");
@@ -64,7 +109,10 @@ INSTANTIATE_TEST_SUITE_P(Packet, NoLeaseReply,
                                          "refused -1 no", "refused 2147483648 no", "refused x no",
                                          "failed 15 late", "failed 1003", "receipt", "receipt x",
                                          "lease a\nb", "refused 1005 \x1b[2J", "failed 1003 \x7f",
-                                         "orvane 1 lease"));
+                                         "ring", "ring ", "ring r", "ring r ", "ring  8",
+                                         "ring r x", "ring r 8 ", "ring r 8 9", "ring r 8x",
+                                         "ring r -8", "ring r/s 8", "ring r\n 8",
+                                         "ring r 18446744073709551616", "orvane 1 lease"));
 
 }  // namespace
 }  // namespace orvane::test

@@ -1,0 +1,344 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+#include "orvane/lease.hpp"
+#include "orvane/writer.hpp"
+#include "support/fake_server.hpp"
+#include "support/queue_pair.hpp"
+#include "support/throws.hpp"
+#include "texts.hpp"
+
+namespace orvane::test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr std::uint64_t kRing = 1048576;
+
+std::size_t openFiles() {
+  return namesIn("/proc/self/fd").size();
+}
+
+// A server with a ring of 1 MiB.
+struct RingServer {
+  RingServer() : reader(kRing) {}
+
+  Texts granted() const { return {"ring r-1 1048576"}; }
+  std::vector<int> files() const { return {reader.producersFile(), reader.serversFile()}; }
+  std::unique_ptr<Lease> lease(Transport transport = Transport::ring) {
+    return std::make_unique<Lease>(server.path(), kLong, transport, kRing);
+  }
+
+  // Taking a ring fails, and leaves no descriptor open.
+  testing::AssertionResult refuses(ox_status_t status, const std::string& message,
+                                   const std::vector<int>& files,
+                                   const std::string& says = "ring r-1 1048576") {
+    server.serve({.says = {says}, .files = files});
+    const std::size_t before = openFiles();
+    const testing::AssertionResult result = throwsErrno(status, message, [&] { lease(); });
+    server.awaitScript();
+    server.end();
+    return openFiles() == before ? result
+                                 : testing::AssertionFailure() << "a descriptor was left open";
+  }
+
+  RingReader reader;
+  FakeServer server;
+};
+
+std::string notARing(const std::string& bytes) {
+  return "The server's memory is not a ring of " + bytes +
+         " bytes: client and server versions differ; install the same release of both";
+}
+
+// A file in memory of this size, without seals.
+class UnsealedFile {
+ public:
+  explicit UnsealedFile(off_t size)
+      : fd(memfd_create("unsealed", MFD_CLOEXEC | MFD_ALLOW_SEALING)) {
+    if (ftruncate(fd, size) != 0) {
+      throw std::runtime_error("no file in memory");
+    }
+  }
+  ~UnsealedFile() { close(fd); }
+  UnsealedFile(const UnsealedFile&) = delete;
+  UnsealedFile& operator=(const UnsealedFile&) = delete;
+
+  int get() const { return fd; }
+
+ private:
+  int fd;
+};
+
+TEST(LeaseRing, IsAskedForWithItsSize) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const auto lease = ring.lease();
+  EXPECT_EQ(ring.server.request(), "orvane 1 ring 1048576");
+  EXPECT_EQ(lease->transport(), Transport::ring);
+  EXPECT_EQ(lease->queueName(), "r-1");
+  EXPECT_NE(lease->ring(), nullptr);
+  EXPECT_TRUE(lease->alive());
+}
+
+TEST(LeaseRing, HasEightMebibytesByDefault) {
+  RingServer ring;
+  ring.server.serve({.says = {"refused 1005 too many"}});
+  EXPECT_TRUE(
+      throwsErrno(1005, "too many", [&] { Lease(ring.server.path(), kLong, Transport::ring); }));
+  EXPECT_EQ(ring.server.request(), "orvane 1 ring 8388608");
+}
+
+TEST(LeaseRing, HasTheMemoryThatTheServerSent) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const auto lease = ring.lease();
+  RingWriter writer("s", lease->ring(), 7, 0, false);
+  writer.stop(false);
+  const RingReader::Batch batch = ring.reader.receive();
+  ASSERT_NE(batch.data, nullptr);
+  EXPECT_EQ(recordsOf(Bytes(batch.data, batch.data + batch.size)),
+            (std::vector<Record>{{.type = 4, .seqNo = 1}}));
+}
+
+TEST(LeaseRing, KeepsNoFileOpenButItsSocket) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const std::size_t before = openFiles();
+  const auto lease = ring.lease();
+  ring.server.awaitScript();
+  EXPECT_EQ(openFiles(), before + 2) << "its end and the server's";
+}
+
+TEST(LeaseRing, RejectsASizeThatNoRingHas) {
+  const FakeServer server;
+  for (const Transport transport : {Transport::ring, Transport::automatic}) {
+    for (const std::uint64_t bytes : {0U, 5U, 1048575U, 3145728U, 536870912U}) {
+      EXPECT_TRUE(throwsErrno(9,
+                              "A ring has 1048576 to 268435456 bytes, a power of two; this one "
+                              "would have " +
+                                  std::to_string(bytes),
+                              [&] { Lease(server.path(), kLong, transport, bytes); }));
+    }
+  }
+}
+
+TEST(LeaseRing, IsRefusedWithAnotherNumberOfFiles) {
+  for (const std::size_t count : {0U, 1U, 3U, 253U}) {
+    RingServer ring;
+    EXPECT_TRUE(ring.refuses(901, unexpected("ring r-1 1048576"),
+                             std::vector<int>(count, ring.reader.producersFile())))
+        << count;
+  }
+}
+
+TEST(LeaseRing, IsRefusedWhenItsFilesAreInTheOtherOrder) {
+  RingServer ring;
+  EXPECT_TRUE(ring.refuses(901, notARing("1052672"),
+                           {ring.reader.serversFile(), ring.reader.producersFile()}));
+}
+
+TEST(LeaseRing, IsRefusedWithAnotherSize) {
+  RingServer ring;
+  for (const char* const said : {"ring r-1 1048577", "ring r-1 2097152", "ring r-1 0"}) {
+    RingServer other;
+    EXPECT_TRUE(other.refuses(901, unexpected(said), other.files(), said));
+  }
+  const RingReader large(2 * kRing);
+  EXPECT_TRUE(ring.refuses(901, notARing("1052672"), {large.producersFile(), large.serversFile()}));
+}
+
+TEST(LeaseRing, IsRefusedWithFilesThatMayShrink) {
+  const UnsealedFile producers(1052672);
+  const UnsealedFile servers(8192);
+  {
+    RingServer ring;
+    EXPECT_TRUE(
+        ring.refuses(901, notARing("1052672"), {producers.get(), ring.reader.serversFile()}));
+  }
+  RingServer ring;
+  EXPECT_TRUE(ring.refuses(901, notARing("8192"), {ring.reader.producersFile(), servers.get()}));
+}
+
+TEST(LeaseRing, IsRefusedWhenAQueueIsGranted) {
+  RingServer ring;
+  EXPECT_TRUE(ring.refuses(901, unexpected("lease q"), ring.files(), "lease q"));
+}
+
+TEST(LeaseRing, IsRefusedToAQueuesLease) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  EXPECT_TRUE(
+      throwsErrno(901, unexpected("ring r-1 1048576"), [&] { ring.lease(Transport::queue); }));
+  EXPECT_EQ(ring.server.request(), "orvane 1 lease");
+}
+
+TEST(LeaseRing, IsRefusedWithoutRoomForItsFiles) {
+  RingServer ring;
+  rlimit before = {};
+  getrlimit(RLIMIT_NOFILE, &before);
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const Texts names = namesIn("/proc/self/fd");
+  rlim_t highest = 0;
+  for (const std::string& name : names) {
+    highest = std::max<rlim_t>(highest, std::stoul(name));
+  }
+  // All numbers below are taken, but those of both ends of the connection.
+  std::vector<int> taken;
+  const rlimit tight = {highest + 3, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &tight);
+  for (int fd = dup(0); fd >= 0; fd = dup(0)) {
+    taken.push_back(fd);
+  }
+  for (int i = 0; i < 2; ++i) {
+    close(taken.back());
+    taken.pop_back();
+  }
+  EXPECT_TRUE(throwsErrno(901,
+                          "The server sent files that this process has no room for: raise its "
+                          "limit of open files",
+                          [&] { ring.lease(); }));
+  setrlimit(RLIMIT_NOFILE, &before);
+  for (const int fd : taken) {
+    close(fd);
+  }
+}
+
+TEST(LeaseFiles, AreClosedIfTheyComeWithAReceipt) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const auto lease = ring.lease();
+  ring.server.awaitScript();
+  const std::size_t before = openFiles();
+  ring.server.say(kShortReceipt, ring.files());
+  EXPECT_EQ(textOf(lease->receipt(kLong)), kShortReceipt);
+  EXPECT_EQ(openFiles(), before);
+  ring.server.say("failed 1003 disk full", std::vector<int>(253, ring.reader.serversFile()));
+  EXPECT_TRUE(throwsErrno(1003, "disk full", [&] { lease->receipt(kLong); }));
+  EXPECT_EQ(openFiles(), before);
+  ring.server.say("nonsense", ring.files());
+  EXPECT_TRUE(throwsErrno(901, unexpected("nonsense"), [&] { lease->receipt(kLong); }));
+  EXPECT_EQ(openFiles(), before);
+}
+
+TEST(LeaseFiles, AreClosedIfTheyComeWithAQueue) {
+  RingServer ring;
+  ring.server.serve({.says = {"lease q"}, .files = ring.files()});
+  const std::size_t before = openFiles();
+  const auto lease = ring.lease(Transport::queue);
+  ring.server.awaitScript();
+  EXPECT_EQ(openFiles(), before + 2);
+}
+
+TEST(LeaseTransport, FallsBackToAQueueWhereTheServerDoesNotKnowRings) {
+  FakeServer server;
+  server.serveEach(
+      {{.says = {"refused 1007 unknown request"}, .ends = true}, {.says = {"lease q"}}});
+  const Lease lease(server.path(), kLong, Transport::automatic);
+  EXPECT_EQ(server.requests(), (Texts{"orvane 1 ring 8388608", "orvane 1 lease"}));
+  EXPECT_EQ(lease.transport(), Transport::queue);
+  EXPECT_EQ(lease.ring(), nullptr);
+  EXPECT_EQ(lease.queueName(), "q");
+}
+
+TEST(LeaseTransport, IsARingWhereThereIsOne) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  EXPECT_EQ(ring.lease(Transport::automatic)->transport(), Transport::ring);
+  EXPECT_EQ(ring.server.requests(), Texts{"orvane 1 ring 1048576"});
+}
+
+TEST(LeaseTransport, DoesNotFallBackWhenARingWasAskedFor) {
+  FakeServer server;
+  server.serve({.says = {"refused 1007 unknown request"}});
+  EXPECT_TRUE(
+      throwsErrno(1007, "unknown request", [&] { Lease(server.path(), kLong, Transport::ring); }));
+  EXPECT_EQ(server.requests(), Texts{"orvane 1 ring 8388608"});
+}
+
+TEST(LeaseTransport, FallsBackForNoOtherReason) {
+  for (const char* const refusal : {"refused 1005 x", "refused 1006 x", "refused 1008 x"}) {
+    FakeServer server;
+    server.serve({.says = {refusal}});
+    EXPECT_ANY_THROW(Lease(server.path(), kLong, Transport::automatic));
+    EXPECT_EQ(server.requests(), Texts{"orvane 1 ring 8388608"}) << refusal;
+  }
+}
+
+TEST(LeaseTransport, IsAskedForOnceIfTheSecondRequestIsRefusedToo) {
+  FakeServer server;
+  server.serveEach({{.says = {"refused 1007 a"}}, {.says = {"refused 1007 b"}}});
+  EXPECT_TRUE(throwsErrno(1007, "b", [&] { Lease(server.path(), kLong, Transport::automatic); }));
+}
+
+TEST(LeaseTransport, IsAQueueByDefault) {
+  FakeServer server;
+  server.serve({.says = {"lease q"}});
+  const Lease lease(server.path(), kLong);
+  EXPECT_EQ(server.request(), "orvane 1 lease");
+  EXPECT_EQ(lease.transport(), Transport::queue);
+}
+
+TEST(LeaseDescriptor, IsReadableWithAReceiptAndAtTheEnd) {
+  FakeServer server;
+  server.serve({.says = {"lease q"}});
+  Lease lease(server.path(), kLong);
+  const auto isReadable = [&] {
+    pollfd ready = {lease.fd(), POLLIN, 0};
+    return poll(&ready, 1, 0) == 1;
+  };
+  server.awaitScript();
+  EXPECT_FALSE(isReadable());
+  server.say(kShortReceipt);
+  EXPECT_TRUE(isReadable());
+  lease.receipt(0);
+  EXPECT_FALSE(isReadable());
+  server.end();
+  EXPECT_TRUE(isReadable());
+  struct stat status = {};
+  EXPECT_EQ(fstat(lease.fd(), &status), 0);
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+}
+
+TEST(LeaseMakeWriter, MakesTheWriterOfTheLeasesTransport) {
+  {
+    RingServer ring;
+    ring.server.serve({.says = ring.granted(), .files = ring.files()});
+    const auto lease = ring.lease();
+    const std::unique_ptr<ChannelWriter> writer = makeWriter("s", *lease, 1, 0);
+    EXPECT_NE(dynamic_cast<RingWriter*>(writer.get()), nullptr);
+    writer->stop(false);
+    EXPECT_NE(ring.reader.receive().data, nullptr);
+    EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 1s for an answer of orvaned on stream s",
+                            [&] { writer->open(); }));
+  }
+  const QueuePair pair;
+  FakeServer server;
+  server.serve({.says = {"lease " + pair.name()}});
+  const Lease lease(server.path(), kLong);
+  const std::unique_ptr<ChannelWriter> writer = makeWriter("s", lease, 7, 0);
+  EXPECT_NE(dynamic_cast<ShmWriter*>(writer.get()), nullptr);
+  writer->stop(false);
+  EXPECT_EQ(pair.waiting(), 1U);
+}
+
+TEST(LeaseMakeWriter, RejectsWhatTheWritersReject) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const auto lease = ring.lease();
+  EXPECT_TRUE(
+      throwsErrno(9, "Invalid timeout, specified value 0 was less than minimum allowed value of 1",
+                  [&] { makeWriter("s", *lease, 0, 0); }));
+}
+
+}  // namespace
+}  // namespace orvane::test
