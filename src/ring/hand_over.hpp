@@ -53,7 +53,7 @@ bool awaitOther(Nap& nap, const Word& counter, const Reached& isReached, const S
     System::pause();
   } while (System::now() < sleepAt);
   const std::uint32_t naps = nap.load(System::kRelaxed);
-  nap.store(naps + 1, System::kRelaxed);
+  nap.store(naps + 1, System::kRelease);  // a side that sees this nap also sees its `want`
   System::fence();
   if (!isReached()) {
     System::wait(counter, seen(), kLongestNap);
@@ -161,7 +161,7 @@ class ServerEnd {
     position = newHead;
     mine.head.store(newHead, System::kRelease);
     System::fence();
-    const std::uint32_t nap = other.nap.load(System::kRelaxed);
+    const std::uint32_t nap = other.nap.load(System::kAcquire);
     if (isAsleep(nap) && hasReached(newHead, other.want.load(System::kRelaxed))) {
       waker.wake(nap, mine.head);
     }
