@@ -45,6 +45,31 @@ TEST(Options, SizesMayHaveAUnit) {
   EXPECT_EQ(options.shmLimit, 524288U);
 }
 
+TEST(Options, LimitTheMemoryOfRings) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=."}, options), std::nullopt);
+  EXPECT_EQ(options.ringLimit, 0U) << "a quarter of the memory";
+  EXPECT_EQ(options.ringLimitPerUser, 0U) << "half of that";
+  EXPECT_EQ(parse({"--queue=q", "--store=.", "--ring-limit=2GiB", "--ring-limit-per-user=64 mb"},
+                  options),
+            std::nullopt);
+  EXPECT_EQ(options.ringLimit, 2147483648U);
+  EXPECT_EQ(options.ringLimitPerUser, 67108864U);
+}
+
+class WrongRingLimit : public testing::TestWithParam<const char*> {};
+
+TEST_P(WrongRingLimit, IsAUsageError) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=.", GetParam()}, options), 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, WrongRingLimit,
+                         testing::Values("--ring-limit=-1", "--ring-limit=much",
+                                         "--ring-limit=", "--ring-limit=18446744073709551616",
+                                         "--ring-limit-per-user=-1", "--ring-limit-per-user=1 loaf",
+                                         "--ring-limit-per-user=18446744073709551616"));
+
 TEST(Options, AreTakenFromTheCommandLine) {
   Options options;
   EXPECT_EQ(parse({"--queue=q", "--store=.", "--messages=16", "--message-size=262248", "--mode=660",

@@ -11,7 +11,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kUnknown[] = "refused 1007 this server understands \"orvane 1 lease\"";
+constexpr char kUnknown[] =
+    "refused 1007 this server understands \"orvane 1 lease\" and \"orvane 1 ring BYTES\"";
 
 class LeaseRequestTest : public LeaseTest {
  protected:
@@ -19,6 +20,11 @@ class LeaseRequestTest : public LeaseTest {
   const std::string tooManyPairs =
       "refused 1005 user " + user +
       " has 1 leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
+
+  static std::string answerTo(const LeaseClient& client, const std::string& request) {
+    client.send(request);
+    return client.next();
+  }
 
   // Asks until there is room again for a lease: one that ended takes a moment.
   bool isLeasedAgain() const {
@@ -38,19 +44,22 @@ TEST_P(BadRequest, IsRefusedAndHarmsNobody) {
   EXPECT_EQ(client.next(), kEnd);
   EXPECT_TRUE(server->says(" warning 1007 leases::refuse: user " + user + ", process " +
                            std::to_string(getpid()) +
-                           ": this server understands \"orvane 1 lease\"\n"));
+                           ": this server understands \"orvane 1 lease\" and \"orvane 1 ring "
+                           "BYTES\"\n"));
   EXPECT_EQ(other.queues.ask({kClose}).status, 0);
   EXPECT_EQ(other.client.next(),
             "receipt stream=" + streamOf(other.name) + " records=1 bytes=5 segments=1 end=closed");
 }
 
-INSTANTIATE_TEST_SUITE_P(Request, BadRequest,
-                         testing::Values("", "rubbish", "orvane 2 lease", "orvane 1 lease\n",
-                                         "orvane 1 leas", std::string("orvane 1 lease\0", 15),
-                                         std::string(512, '%'),
-                                         "orvane 1 lease" + std::string(499, ' '),
-                                         std::string(100000, 'x')),
-                         [](const auto& test) { return "Number" + std::to_string(test.index); });
+INSTANTIATE_TEST_SUITE_P(
+    Request, BadRequest,
+    testing::Values("", "rubbish", "orvane 2 lease", "orvane 1 lease\n", "orvane 1 leas",
+                    std::string("orvane 1 lease\0", 15), "orvane 1 lease size", "orvane 1 lease =1",
+                    "orvane 1 ring", "orvane 1 ring ", "orvane 1 ring 0", "orvane 1 ring -1",
+                    "orvane 1 ring 1MiB", "orvane 1 ring 18446744073709551616",
+                    "orvane 1 ring 1048576 size", "orvane 2 ring 1048576", std::string(512, '%'),
+                    "orvane 1 lease" + std::string(499, ' '), std::string(100000, 'x')),
+    [](const auto& test) { return "Number" + std::to_string(test.index); });
 
 TEST_F(LeaseRequestTest, NothingIsRefusedAfterFiveSeconds) {
   start();
@@ -105,6 +114,93 @@ TEST_F(LeaseRequestTest, AllPairsTakeOnlySoMuchMemory) {
   EXPECT_EQ(second.queues.ask({kOpen}), (Answer{0, ""}));
   first.client.close();
   EXPECT_TRUE(isLeasedAgain());
+}
+
+TEST_F(LeaseRequestTest, KeysThatAreNotKnownAreIgnored) {
+  start();
+  const LeaseClient queues(socket);
+  EXPECT_TRUE(answerTo(queues, "orvane 1 lease colour=green =").starts_with("refused 1007 "));
+  const LeaseClient others(socket);
+  EXPECT_TRUE(answerTo(others, "orvane 1 lease colour=green size=").starts_with("lease orvane-"));
+  const LeaseClient ring(socket);
+  const std::string answer = answerTo(ring, "orvane 1 ring 1048576 colour=green a=b=c");
+  EXPECT_TRUE(answer.starts_with("ring orvane-") && answer.ends_with(" 1048576")) << answer;
+}
+
+class WrongRingSize : public LeaseRequestTest, public testing::WithParamInterface<const char*> {};
+
+// Not with the status upon which a producer asks for queues.
+TEST_P(WrongRingSize, IsRefusedWithTheValidSizes) {
+  const std::string bytes = GetParam();
+  start({"--ring-limit", "1GiB"});
+  const LeaseClient client(socket);
+  EXPECT_EQ(answerTo(client, "orvane 1 ring " + bytes),
+            "refused 1006 a ring has 1048576 to 268435456 bytes, a power of two, and not " + bytes);
+  EXPECT_EQ(client.next(), kEnd);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, WrongRingSize,
+                         testing::Values("1", "524288", "1048575", "1048577", "3145728",
+                                         "536870912", "18446744073709551615"));
+
+TEST_F(LeaseRequestTest, ALargestRingIsGiven) {
+  start({"--ring-limit", "1GiB"});
+  const LeaseClient client(socket);
+  EXPECT_TRUE(answerTo(client, "orvane 1 ring 268435456").ends_with(" 268435456"));
+}
+
+TEST_F(LeaseRequestTest, TheRingsOfAUserTakeOnlySoMuchMemory) {
+  start({"--ring-limit-per-user", "3MiB"});
+  LeaseClient first(socket);
+  EXPECT_TRUE(answerTo(first, "orvane 1 ring 2097152").starts_with("ring orvane-"));
+  const LeaseClient second(socket);
+  EXPECT_EQ(answerTo(second, "orvane 1 ring 2097152"),
+            "refused 1005 the rings of user " + user +
+                " would take 4194304 bytes, of 3145728 that they may: end one, or start orvaned "
+                "with a larger --ring-limit-per-user");
+  EXPECT_EQ(second.next(), kEnd);
+  const LeaseClient third(socket);
+  EXPECT_TRUE(answerTo(third, "orvane 1 ring 1048576").starts_with("ring orvane-"))
+      << "all that is allowed";
+  const LeaseClient queues(socket);
+  EXPECT_TRUE(queues.ask().starts_with("orvane-")) << "queues do not count";
+  first.close();
+  EXPECT_TRUE(eventually([this] {
+    const LeaseClient again(socket);
+    return answerTo(again, "orvane 1 ring 2097152").starts_with("ring orvane-");
+  }));
+}
+
+TEST_F(LeaseRequestTest, AllRingsTakeOnlySoMuchMemory) {
+  start({"--ring-limit", "2MiB", "--ring-limit-per-user", "8MiB"});
+  const LeaseClient first(socket);
+  EXPECT_TRUE(answerTo(first, "orvane 1 ring 2097152").starts_with("ring orvane-"));
+  const LeaseClient second(socket);
+  EXPECT_EQ(answerTo(second, "orvane 1 ring 1048576"),
+            "refused 1005 the rings would take 3145728 bytes, of 2097152 that they may: end one, "
+            "or start orvaned with a larger --ring-limit");
+}
+
+TEST_F(LeaseRequestTest, AUserHasHalfOfTheRingsMemoryByDefault) {
+  start({"--ring-limit", "4MiB"});
+  const LeaseClient client(socket);
+  EXPECT_EQ(answerTo(client, "orvane 1 ring 4194304"),
+            "refused 1005 the rings of user " + user +
+                " would take 4194304 bytes, of 2097152 that they may: end one, or start orvaned "
+                "with a larger --ring-limit-per-user");
+}
+
+// The limit of the size of files holds for a ring's memory as well.
+TEST_F(LeaseRequestTest, ARingThatCannotBeAllocatedIsRefusedWithTheSystemsReason) {
+  ServerProcess::Setup setup;
+  setup.fileSizeLimit = 1 << 20;
+  server = std::make_unique<ServerProcess>(arguments(), setup);
+  ASSERT_TRUE(server->says("serving leases at ")) << server->output();
+  const LeaseClient client(socket);
+  EXPECT_EQ(answerTo(client, "orvane 1 ring 8388608"),
+            "refused 1006 Cannot allocate a ring's memory: File too large");
+  EXPECT_EQ(client.next(), kEnd);
+  EXPECT_TRUE(server->isRunning());
 }
 
 TEST_F(LeaseRequestTest, AMessageTooLargeForSharedMemoryLeavesNothingBehind) {

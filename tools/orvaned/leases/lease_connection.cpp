@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace orvaned {
@@ -68,7 +69,7 @@ LeaseConnection::Request LeaseConnection::readRequest() {
   return Request::lease;
 }
 
-bool LeaseConnection::sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring) {
+void LeaseConnection::sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring) {
   std::string text = orvane::packetOf(reply);
   iovec bytes = {text.data(), text.size()};
   const int files[] = {ring.producersFile(), ring.serversFile()};
@@ -83,7 +84,10 @@ bool LeaseConnection::sendRing(const orvane::RingGranted& reply, const orvane::R
   rights->cmsg_type = SCM_RIGHTS;
   rights->cmsg_len = CMSG_LEN(sizeof files);
   std::memcpy(CMSG_DATA(rights), files, sizeof files);
-  return sendmsg(socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+  if (sendmsg(socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 && errno != EPIPE &&
+      errno != ECONNRESET) {
+    throw std::system_error(errno, std::generic_category(), "cannot hand the ring over");
+  }
 }
 
 void LeaseConnection::send(const orvane::LeaseReply& reply) {

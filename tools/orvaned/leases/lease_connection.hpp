@@ -36,9 +36,10 @@ class LeaseConnection {
   void send(const orvane::LeaseReply& reply);
   void sendKept();
 
-  // Sends the first packet of a ring's lease, with the files that the producer gets. Returns false
-  // if the producer has ended.
-  bool sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring);
+  // Sends the first packet of a ring's lease, with the files that the producer gets. Does
+  // nothing if the producer has ended. Throws std::system_error if the system passes no files, as
+  // when too many of them are on their way.
+  void sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring);
 
   std::size_t waiting() const { return kept.size(); }
   bool isFull() const { return kept.size() >= kMostKept; }

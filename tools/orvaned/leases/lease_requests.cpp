@@ -1,6 +1,7 @@
 #include "leases/lease_requests.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <orvane/orvane.hpp>
 #include <orvane/server_status.hpp>
@@ -14,6 +15,18 @@ namespace {
 
 constexpr std::chrono::seconds kTimeToAsk{5};
 constexpr std::chrono::seconds kBetweenTries{1};
+
+// The reason why a ring of this size cannot be had; empty for a valid size, and for queues.
+std::string wrongSize(std::uint64_t bytes) {
+  const bool valid =
+      std::has_single_bit(bytes) && bytes >= orvane::kSmallestRing && bytes <= orvane::kLargestRing;
+  if (valid || bytes == 0) {
+    return "";
+  }
+  return "a ring has " + std::to_string(orvane::kSmallestRing) + " to " +
+         std::to_string(orvane::kLargestRing) + " bytes, a power of two, and not " +
+         std::to_string(bytes);
+}
 
 }  // namespace
 
@@ -32,7 +45,14 @@ std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit) 
   std::erase_if(applicants, [&](Applicant& applicant) {
     switch (applicant.connection->readRequest()) {
       case LeaseConnection::Request::lease:
-        asked.push_back(std::move(applicant.connection));
+        if (const std::string reason = wrongSize(applicant.connection->ringBytes());
+            !reason.empty()) {
+          // Not kBadRequest: a producer that may do without a ring would then ask for queues, and
+          // nobody would learn of the size.
+          refuse(*applicant.connection, orvane::kNoPair, reason);
+        } else {
+          asked.push_back(std::move(applicant.connection));
+        }
         return true;
       case LeaseConnection::Request::bad:
         refuse(*applicant.connection, orvane::kBadRequest,

@@ -1,13 +1,26 @@
 #include "worker/ring_source.hpp"
 
+#include <stdexcept>
+
 namespace orvaned {
+namespace {
+
+std::unique_ptr<orvane::RingReader> newRing(std::uint64_t bytes) {
+  try {
+    return std::make_unique<orvane::RingReader>(bytes);
+  } catch (const Ox_ErrnoException& e) {
+    throw std::runtime_error(e.message());
+  }
+}
+
+}  // namespace
 
 RingSource::RingSource(std::uint64_t bytes, Heartbeat& heartbeat)
-    : watched(heartbeat), ring(bytes) {}
+    : watched(heartbeat), ring(newRing(bytes)) {}
 
 std::optional<std::span<const unsigned char>> RingSource::receive() {
   try {
-    const orvane::RingReader::Batch batch = ring.receive();
+    const orvane::RingReader::Batch batch = ring->receive();
     if (batch.data == nullptr) {
       return std::nullopt;
     }
@@ -22,16 +35,16 @@ std::optional<std::span<const unsigned char>> RingSource::receive() {
 // A frame takes at least one line of 64 bytes.
 std::size_t RingSource::waiting() {
   constexpr std::uint64_t kSmallestFrame = 64;
-  return ring.waiting() / kSmallestFrame;
+  return ring->waiting() / kSmallestFrame;
 }
 
 void RingSource::answer(const orvane::pvk_shm_response_t& response) {
-  ring.answer(response);
+  ring->answer(response);
 }
 
 bool RingSource::wait() {
   try {
-    ring.wait();
+    ring->wait();
   } catch (const Ox_ErrnoException& e) {
     throw SourceBroken(e.message());
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "worker/batch_source.hpp"
 #include "worker/heartbeat.hpp"
@@ -10,11 +11,11 @@ namespace orvaned {
 // A lease's ring. Its memory has no name and ends with the processes that use it.
 class RingSource : public BatchSource {
  public:
-  // Throws Ox_ErrnoException when the memory cannot be allocated. `heartbeat` counts the messages.
+  // Throws std::runtime_error when the memory cannot be allocated. `heartbeat` counts the messages.
   RingSource(std::uint64_t bytes, Heartbeat& heartbeat);
 
   // The files for the producer.
-  const orvane::RingReader& reader() const { return ring; }
+  const orvane::RingReader& reader() const { return *ring; }
 
   std::optional<std::span<const unsigned char>> receive() override;
   std::size_t waiting() override;
@@ -26,7 +27,7 @@ class RingSource : public BatchSource {
 
  private:
   Heartbeat& watched;
-  orvane::RingReader ring;
+  const std::unique_ptr<orvane::RingReader> ring;
   tool::QueueStats totals;
 };
 
