@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <orvane/orvane.hpp>
 
 #include "interrupt.hpp"
@@ -11,11 +12,12 @@ namespace tool {
 // A RingWriter whose waits can be interrupted: it waits a second at a time, and no call changes
 // anything when that second is over.
 //
-// Exceptions of RingWriter pass through. Each call also throws Interrupted.
+// Exceptions of RingWriter pass through, but for a timeout, which is a Failure. Each call also
+// throws Interrupted.
 class RingSender {
  public:
   // `timeout` limits each wait for room.
-  RingSender(const orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt);
+  RingSender(orvane::Lease& lease, std::chrono::seconds timeout, Interrupt& interrupt);
 
   // Returns the largest number of data bytes that a record can carry.
   std::size_t recordSize() const { return orvane::ShmWriter::getMaxSegmentSize(); }
@@ -25,8 +27,9 @@ class RingSender {
   void endSegment();
   void close();
 
-  // Stops the stream, if the ring has room for the stop record. The lease ends afterwards, and the
-  // server cuts off a stream that was not stopped.
+  // Stops the stream if the ring has room for the stop record now, and does not wait. The lease
+  // ends afterwards, and the server cuts off a stream that was not stopped. No other call may
+  // follow.
   void abort() noexcept;
 
  private:
@@ -34,7 +37,8 @@ class RingSender {
 
   const std::chrono::seconds timeout;
   Interrupt& interrupt;
-  orvane::RingWriter writer;
+  orvane::Lease& lease;
+  std::unique_ptr<orvane::RingWriter> writer;
 };
 
 }  // namespace tool
