@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::seconds kLongestWait{5};
 constexpr std::chrono::milliseconds kBetweenTries{20};
 
 [[noreturn]] void fail(const std::string& path, int error) {
@@ -72,7 +72,7 @@ bool isDead(pid_t process) {
 }  // namespace
 
 LockFile::LockFile(const std::string& path) : path(path) {
-  const auto deadline = Clock::now() + kPatience;
+  const auto deadline = Clock::now() + kLongestWait;
   for (;;) {
     fd = openFile(path, O_CREAT);
     if (!belongsTo(geteuid(), fd)) {

@@ -241,8 +241,8 @@ void Supervisor::serveRequests() {
   if (!requests) {
     return;
   }
-  const auto limit = [this](const ucred& producer, LeaseRequests::Count applications) {
-    return limitReachedBy(producer, applications);
+  const auto limit = [this](const ucred& producer, LeaseRequests::Count pending) {
+    return limitReachedBy(producer, pending);
   };
   for (auto& connection : requests->serve(limit)) {
     startLease(std::move(connection));
@@ -262,10 +262,9 @@ void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
   }
 }
 
-std::string Supervisor::limitReachedBy(const ucred& producer,
-                                       LeaseRequests::Count applications) const {
-  std::size_t own = applications.own;
-  std::size_t all = applications.all;
+std::string Supervisor::limitReachedBy(const ucred& producer, LeaseRequests::Count pending) const {
+  std::size_t own = pending.own;
+  std::size_t all = pending.all;
   for (const PairProcesses& pair : pairs) {
     if (const LeaseConnection* lease = pair.lease()) {
       ++all;
