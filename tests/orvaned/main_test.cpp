@@ -262,36 +262,19 @@ TEST_F(ServerStartTest, AModeIsOctalAndLetsTheOwnerReadAndWrite) {
 TEST_F(ServerStartTest, HelpListsEveryOptionAndStatus) {
   ServerProcess server({"--help"});
   EXPECT_EQ(server.wait(), 0);
-  for (const char* word : {"--queue",
-                           "--store",
-                           "--messages",
-                           "--message-size",
-                           "=1048968",
-                           "--mode",
-                           "=0600",
-                           "--log-level",
-                           "=info",
-                           "--trace",
-                           "TIME KIND CODE COMPONENT::FUNCTION: MESSAGE",
-                           "--version",
-                           "--sync",
-                           "=segment",
-                           "always   before",
-                           "1000  bad batch: ",
-                           "1001  out of order: ",
-                           "1002  invalid record: ",
-                           "1003  store failed: ",
-                           "1004  server ending: ",
-                           "1005  limit reached: ",
-                           "1006  no pair: ",
-                           "1007  bad request: ",
-                           "1008  worker died: ",
-                           "--socket",
-                           "--pairs-per-user",
-                           "=16",
-                           "--shm-limit",
-                           "--idle-limit",
-                           "Exit codes: "}) {
+  for (const char* option :
+       {"-h,--help ", "--version ", "--queue NAME ", "--socket PATH ", "--store FOLDER ",
+        "--messages COUNT=8 ", "--message-size SIZE=1048968 ", "--mode MODE=0600 ",
+        "--sync WHEN=segment ", "--pairs-per-user COUNT=16 ", "--shm-limit SIZE ",
+        "--idle-limit SECONDS=0 ", "--log-level LEVEL=info ", "--trace ", "--capture FILE ",
+        "--worker-user USER ", "--without PART "}) {
+    EXPECT_NE(server.output().find("\n  " + std::string(option)), std::string::npos) << option;
+  }
+  for (const char* word :
+       {"always   before", "1000  bad batch: ", "1001  out of order: ", "1002  invalid record: ",
+        "1003  store failed: ", "1004  server ending: ", "1005  limit reached: ", "1006  no pair: ",
+        "1007  bad request: ", "1008  worker died: ", "TIME KIND CODE COMPONENT::FUNCTION: MESSAGE",
+        "Exit codes: "}) {
     EXPECT_NE(server.output().find(word), std::string::npos) << word;
   }
 }

@@ -38,13 +38,13 @@ double secondsToRefuse(const std::string& queueName) {
   return watch.seconds();
 }
 
-constexpr double kPatience = 4.5;  // 5 s for a creator that is still at work
+constexpr double kShortestWait = 4.5;  // 5 s for a creator that is still at work
 constexpr double kBound = 8;
 
 TEST(HalfMadeQueue, OfNoBytesIsRefusedAfterFiveSeconds) {
   const HalfMadeQueue queue(uniqueQueueName(), 0);
   const double seconds = secondsToRefuse(queue.text());
-  EXPECT_GE(seconds, kPatience);
+  EXPECT_GE(seconds, kShortestWait);
   EXPECT_LT(seconds, kBound);
 }
 
@@ -57,7 +57,7 @@ TEST(HalfMadeQueue, OfOneByteIsRefusedAtOnceBecauseItsCreatorGaveUp) {
 TEST(HalfMadeQueue, OfItsWholeSizeIsRefusedAfterFiveSeconds) {
   const HalfMadeQueue queue(uniqueQueueName(), 8592);
   const double seconds = secondsToRefuse(queue.text());
-  EXPECT_GE(seconds, kPatience);
+  EXPECT_GE(seconds, kShortestWait);
   EXPECT_LT(seconds, kBound);
 }
 
@@ -67,7 +67,7 @@ TEST(HalfMadeQueue, ForResponsesIsRefusedAfterFiveSecondsAndTheSendQueueDetached
   const ipc::message_queue sendQueue(ipc::create_only, name.text().c_str(), 8, 1024);
   const HalfMadeQueue queue(name.text() + "Response", 1808);
   const double seconds = secondsToRefuse(name.text());
-  EXPECT_GE(seconds, kPatience);
+  EXPECT_GE(seconds, kShortestWait);
   EXPECT_LT(seconds, kBound);
   EXPECT_EQ(mappingsOf(name.text()), 1U);
 }

@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using tool::LockFile;
-using Owner = LockFile::Owner;
+using OwnerState = LockFile::OwnerState;
 
 // A process that took the lock and died, and one that it forked and that still has it.
 class DeadOwner {
@@ -81,10 +81,10 @@ TEST_F(LockFileTest, HoldsItsOwnersNumberAndIsRemovedAtItsEnd) {
     const LockFile lock(path);
     EXPECT_EQ(readFile(path), std::to_string(getpid()) + "\n");
     EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-    EXPECT_EQ(LockFile::ownerOf(path), LockFile::Owner::alive);
+    EXPECT_EQ(LockFile::ownerOf(path), LockFile::OwnerState::alive);
   }
   EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{});
-  EXPECT_EQ(LockFile::ownerOf(path), LockFile::Owner::dead);
+  EXPECT_EQ(LockFile::ownerOf(path), LockFile::OwnerState::dead);
 }
 
 TEST_F(LockFileTest, IsRemovedOnceWhenItWasMoved) {
@@ -109,7 +109,7 @@ TEST_F(LockFileTest, IsNotGivenToASecondTaker) {
 
 TEST_F(LockFileTest, IsTakenFromADeadOwner) {
   { DeadOwner dead(path); }
-  ASSERT_TRUE(eventually([this] { return LockFile::ownerOf(path) == LockFile::Owner::dead; }));
+  ASSERT_TRUE(eventually([this] { return LockFile::ownerOf(path) == LockFile::OwnerState::dead; }));
   EXPECT_TRUE(fs::exists(path));
   const LockFile lock(path);
   EXPECT_EQ(readFile(path), std::to_string(getpid()) + "\n");
@@ -117,7 +117,7 @@ TEST_F(LockFileTest, IsTakenFromADeadOwner) {
 
 TEST_F(LockFileTest, WaitsForWhatADeadOwnerForked) {
   DeadOwner dead(path);
-  EXPECT_EQ(LockFile::ownerOf(path), LockFile::Owner::dying);
+  EXPECT_EQ(LockFile::ownerOf(path), LockFile::OwnerState::dying);
   EXPECT_FALSE(LockFile::takeOver(path));
   Child taker([&] {
     dead.letGo();  // this copy of the pipe's end
@@ -163,7 +163,7 @@ TEST_F(LockFileTest, IsTakenOverFromADeadOwnerAndRemovedThen) {
     const auto lock = LockFile::takeOver(path);
     ASSERT_TRUE(lock);
     EXPECT_FALSE(LockFile::takeOver(path));
-    EXPECT_EQ(LockFile::ownerOf(path), Owner::dead);
+    EXPECT_EQ(LockFile::ownerOf(path), OwnerState::dead);
     EXPECT_EQ(readFile(path), "");
   }
   EXPECT_FALSE(fs::exists(path));

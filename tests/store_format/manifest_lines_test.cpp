@@ -1,5 +1,6 @@
 #include "store_format/manifest_lines.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -7,7 +8,9 @@ namespace {
 using tool::OtherRecords;
 using tool::parseOthers;
 using tool::parseSegment;
+using tool::parseUnfinished;
 using tool::SegmentSummary;
+using tool::UnfinishedFile;
 
 TEST(ManifestLine, OfASegmentIsReadBack) {
   const SegmentSummary segment{3, 2, 9, 1, {7, 8, 9}, 0x0011aabb, "segment-000003"};
@@ -41,6 +44,43 @@ TEST(ManifestLine, OfOtherRecordsIsReadBack) {
   const OtherRecords others{2, 5, 0x0a0b0c0d};
   EXPECT_EQ(textOf(others), "other-records=2 bytes=5 crc32=0a0b0c0d");
   EXPECT_EQ(parseOthers("other-records=2 bytes=5 crc32=0a0b0c0d"), others);
+}
+
+TEST(ManifestLine, OfAnUnfinishedFileIsReadBack) {
+  const UnfinishedFile unfinished{"segment-000002.part", 3, 0xccddeeff};
+  constexpr char kLine[] = "unfinished file=segment-000002.part bytes=3 crc32=ccddeeff";
+  EXPECT_EQ(textOf(unfinished), kLine);
+  EXPECT_EQ(parseUnfinished(kLine), unfinished);
+}
+
+TEST(ManifestLine, OfADamagedFileHasTheReason) {
+  EXPECT_EQ(tool::damagedLine("segment-000001", "it has 8 bytes instead of 9"),
+            "damaged file=segment-000001 reason=it has 8 bytes instead of 9");
+}
+
+TEST(ManifestLine, CountsSkippedNumbers) {
+  EXPECT_EQ(tool::skippedLine(18446744073709551615U), "skipped=18446744073709551615");
+}
+
+TEST(ManifestLine, OfTheStreamComesFirst) {
+  EXPECT_THAT(tool::firstLines("orders", "20261121T023224-4711_0"),
+              testing::ElementsAre("format=1", "queue=orders", "stream=20261121T023224-4711_0"));
+}
+
+TEST(ManifestLine, OfTheReceiptAndTheReasonComesLast) {
+  const orvane::Receipt receipt{"20261121T023224-4711_0", 4, 17, 2, orvane::StreamEnd::cutOff};
+  EXPECT_THAT(tool::lastLines(receipt, "the server was stopped"),
+              testing::ElementsAre("receipt stream=20261121T023224-4711_0 records=4 bytes=17 "
+                                   "segments=2 end=cut-off",
+                                   "records=4", "bytes=17", "end=cut-off",
+                                   "reason=the server was stopped"));
+}
+
+TEST(ManifestLine, OfTheReasonBeginsWithItsName) {
+  EXPECT_TRUE(tool::isReason("reason="));
+  EXPECT_TRUE(tool::isReason("reason=the server was stopped"));
+  EXPECT_FALSE(tool::isReason("reason"));
+  EXPECT_FALSE(tool::isReason("damaged file=segment-000001 reason=it is not listed"));
 }
 
 class NoSegmentLine : public testing::TestWithParam<const char*> {};

@@ -8,7 +8,7 @@ namespace orvane::test {
 
 bool eventually(const std::function<bool()>& condition) {
   const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMilliseconds);
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kTimeoutMilliseconds);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) {
       return false;

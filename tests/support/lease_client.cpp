@@ -30,7 +30,7 @@ void LeaseClient::send(const std::string& packet) const {
 
 std::string LeaseClient::next() const {
   pollfd readable = {socket.get(), POLLIN, 0};
-  if (poll(&readable, 1, kPatienceMilliseconds) != 1) {
+  if (poll(&readable, 1, kTimeoutMilliseconds) != 1) {
     throw std::runtime_error("the server says nothing");
   }
   char packet[1024];

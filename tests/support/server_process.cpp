@@ -105,7 +105,7 @@ void ServerProcess::signal(int number) const {
 void ServerProcess::endInOrder() const {
   kill(-pid, SIGCONT);
   kill(pid, SIGTERM);
-  const std::time_t deadline = std::time(nullptr) + kPatienceMilliseconds / 1000;
+  const std::time_t deadline = std::time(nullptr) + kTimeoutMilliseconds / 1000;
   while (waitpid(pid, nullptr, WNOHANG) == 0) {
     if (std::time(nullptr) > deadline) {
       killAll();
@@ -192,7 +192,7 @@ void ServerProcess::closeOutput() {
 // Reads what there is, waiting for the first byte; false at the end.
 bool ServerProcess::read() {
   pollfd waiting{fd, POLLIN, 0};
-  if (poll(&waiting, 1, kPatienceMilliseconds) != 1) {
+  if (poll(&waiting, 1, kTimeoutMilliseconds) != 1) {
     throw std::runtime_error("the server neither ends nor says anything; it said: " + text);
   }
   char bytes[4096];

@@ -7,25 +7,11 @@
 #include <array>
 #include <cstdio>
 #include <exception>
-#include <stdexcept>
 #include <string>
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
 #include "interrupt.hpp"
-#include "shm/queue_rules.hpp"
-
-namespace tool {
-
-void requireQueueName(const std::string& name) {
-  try {
-    checkQueueName(name);
-  } catch (const std::invalid_argument& e) {
-    throw Failure(kUsage, e.what());
-  }
-}
-
-}  // namespace tool
 
 namespace {
 

@@ -4,10 +4,22 @@
 #include <set>
 #include <stdexcept>
 
+#include "exit.hpp"
 #include "shm/queue_rules.hpp"
 #include "shm/shm_names.hpp"
 
 namespace tool {
+namespace {
+
+void require(void (*check)(const std::string& name), const std::string& name) {
+  try {
+    check(name);
+  } catch (const std::invalid_argument& e) {
+    throw Failure(kUsage, e.what());
+  }
+}
+
+}  // namespace
 
 std::vector<std::string> queuesHere() {
   const std::set<std::string> names = namesInShm();
@@ -27,6 +39,14 @@ bool mayBeQueue(const std::string& name) {
   } catch (const std::invalid_argument&) {
     return false;
   }
+}
+
+void requireQueueName(const std::string& name) {
+  require(checkQueueName, name);
+}
+
+void requireFixedQueueName(const std::string& name) {
+  require(checkFixedQueueName, name);
 }
 
 std::string noSuchQueue(const std::string& name) {

@@ -18,7 +18,8 @@
 #include "supervisor/log_writer.hpp"
 #include "supervisor/supervisor.hpp"
 #include "worker/capture.hpp"
-#include "worker/confinement.hpp"
+#include "worker/try_confinement.hpp"
+#include "worker/worker_user.hpp"
 
 namespace {
 

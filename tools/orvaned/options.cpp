@@ -145,13 +145,15 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
                  "records, and keep nothing")
       ->type_name("FOLDER")
       ->required();
-  app.add_option("--messages", geometry.messages, "Messages that a queue can hold, 1 to 4096")
+  app.add_option("--messages", geometry.messages,
+                 "Messages that a queue can hold, 1 to " + std::to_string(kMaxMessages))
       ->type_name("COUNT")
       ->check(CLI::Range(std::size_t{1}, kMaxMessages).description(""))
       ->capture_default_str();
   app.add_option("--message-size", geometry.messageSize,
                  "Size of one message, in bytes or such as 2MiB; the largest record\n"
-                 "needs 131128 bytes")
+                 "needs " +
+                     std::to_string(tool::messageSizeFor(1)) + " bytes")
       ->type_name("SIZE")
       ->transform(CLI::Validator(toBytes, ""))
       ->capture_default_str();
@@ -166,8 +168,9 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->type_name("WHEN")
       ->check(checkSync)
       ->capture_default_str();
-  app.add_option("--pairs-per-user", options.pairsPerUser,
-                 "Leases that one user may have at the same time, 1 to 4096")
+  app.add_option(
+         "--pairs-per-user", options.pairsPerUser,
+         "Leases that one user may have at the same time, 1 to " + std::to_string(kMaxPairs))
       ->type_name("COUNT")
       ->check(CLI::Range(std::size_t{1}, kMaxPairs).description(""))
       ->capture_default_str();

@@ -15,8 +15,9 @@ struct Options {
   std::string queue;   // empty: no fixed name
   std::string socket;  // empty: no leases
   std::string store;
-  // Eight messages of four of the largest records: about 4 MiB, which is where throughput peaks.
-  // Fewer starve a producer that flushes each record; more fall out of the processor's cache.
+  // Eight messages of eight of the largest records, 8 MiB in all. With smaller messages, the writer
+  // and the worker wake each other more often. Larger ones do not fit into the processor's caches.
+  // With fewer messages, a producer that flushes each record waits more often.
   Geometry geometry{8, tool::messageSizeFor(8), 0600};
   Sync sync = Sync::segment;
   std::size_t pairsPerUser = 16;

@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::seconds kLongestWait{5};
 constexpr std::chrono::milliseconds kBetweenTries{20};
 
 [[noreturn]] void fail(const std::string& path, int error) {
@@ -72,7 +72,7 @@ bool isDead(pid_t process) {
 }  // namespace
 
 LockFile::LockFile(const std::string& path) : path(path) {
-  const auto deadline = Clock::now() + kPatience;
+  const auto deadline = Clock::now() + kLongestWait;
   for (;;) {
     fd = openFile(path, O_CREAT);
     if (!belongsTo(geteuid(), fd)) {
@@ -107,16 +107,16 @@ std::optional<LockFile> LockFile::takeOver(const std::string& path, uid_t user) 
   return LockFile(path, std::move(fd));
 }
 
-LockFile::Owner LockFile::ownerOf(const std::string& path, uid_t user) {
+LockFile::OwnerState LockFile::ownerOf(const std::string& path, uid_t user) {
   const Fd fd = openFile(path, 0);
   if (fd.get() >= 0 && !belongsTo(user, fd)) {
-    return Owner::alive;
+    return OwnerState::alive;
   }
   if (fd.get() < 0 || tryLock(path, fd)) {
-    return Owner::dead;
+    return OwnerState::dead;
   }
   const pid_t holder = holderOf(fd);
-  return holder == 0 ? Owner::dead : isDead(holder) ? Owner::dying : Owner::alive;
+  return holder == 0 ? OwnerState::dead : isDead(holder) ? OwnerState::dying : OwnerState::alive;
 }
 
 LockFile::~LockFile() {

@@ -25,12 +25,12 @@ class LockFile {
   // if the file cannot be opened, as ownerOf does.
   static std::optional<LockFile> takeOver(const std::string& path, uid_t user = geteuid());
 
-  enum class Owner {
+  enum class OwnerState {
     alive,  // also if the file belongs to another user, so that its owner is not known
     dying,  // dead, but a process that it forked is alive
     dead    // dead with all processes that it forked, so that another one may clean up
   };
-  static Owner ownerOf(const std::string& path, uid_t user = geteuid());
+  static OwnerState ownerOf(const std::string& path, uid_t user = geteuid());
 
   LockFile(LockFile&&) = default;
   LockFile& operator=(LockFile&&) = delete;

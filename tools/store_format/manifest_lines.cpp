@@ -8,19 +8,24 @@ namespace tool {
 namespace {
 
 constexpr char kNoFile[] = "-";
+constexpr char kReason[] = "reason=";
 
 }  // namespace
 
 // The name has at least six digits, so that listings show up to a million segments in order.
 std::string segmentName(std::uint64_t number) {
   const std::string digits = std::to_string(number);
-  return "segment-" + std::string(6 - std::min<std::size_t>(digits.size(), 6), '0') + digits;
+  return kSegmentPrefix + std::string(6 - std::min<std::size_t>(digits.size(), 6), '0') + digits;
 }
 
 std::string checksumText(std::uint32_t checksum) {
   char text[9] = {};
   std::snprintf(text, sizeof(text), "%08" PRIx32, checksum);
   return text;
+}
+
+std::array<std::string, 3> firstLines(const std::string& queue, const std::string& stream) {
+  return {"format=1", "queue=" + queue, "stream=" + stream};
 }
 
 std::string textOf(const SegmentSummary& segment) {
@@ -79,6 +84,36 @@ std::optional<UnfinishedFile> parseUnfinished(const std::string& line) {
   unfinished.file = name;
   const bool isName = unfinished.file.find('/') == std::string::npos;
   return isName && textOf(unfinished) == line ? std::optional(unfinished) : std::nullopt;
+}
+
+bool listsSegmentFile(const std::string& line) {
+  return line.starts_with("segment ") && !line.ends_with(std::string(" file=") + kNoFile);
+}
+
+bool listsOtherRecords(const std::string& line) {
+  const std::string start = std::string(kOtherRecords) + "=";
+  return line.starts_with(start) && !line.starts_with(start + "0 ");
+}
+
+bool listsUnfinishedFile(const std::string& line) {
+  return line.starts_with("unfinished ");
+}
+
+std::string damagedLine(const std::string& file, const std::string& reason) {
+  return "damaged file=" + file + " " + kReason + reason;
+}
+
+std::string skippedLine(std::uint64_t skipped) {
+  return "skipped=" + std::to_string(skipped);
+}
+
+std::array<std::string, 5> lastLines(const orvane::Receipt& receipt, const std::string& reason) {
+  return {textOf(receipt), "records=" + std::to_string(receipt.records),
+          "bytes=" + std::to_string(receipt.bytes), "end=" + textOf(receipt.end), kReason + reason};
+}
+
+bool isReason(const std::string& line) {
+  return line.starts_with(kReason);
 }
 
 }  // namespace tool

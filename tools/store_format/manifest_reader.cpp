@@ -53,13 +53,13 @@ ListedFile fileOf(const UnfinishedFile& unfinished) {
 
 std::optional<ListedFile> fileIn(const std::string& line) {
   const auto listed = [](const auto& parsed) { return parsed ? fileOf(*parsed) : ListedFile(); };
-  if (line.starts_with("segment ") && !line.ends_with(" file=-")) {
+  if (listsSegmentFile(line)) {
     return listed(parseSegment(line));
   }
-  if (line.starts_with("other-records=") && !line.starts_with("other-records=0 ")) {
+  if (listsOtherRecords(line)) {
     return listed(parseOthers(line));
   }
-  if (line.starts_with("unfinished ")) {
+  if (listsUnfinishedFile(line)) {
     return listed(parseUnfinished(line));
   }
   return std::nullopt;

@@ -28,7 +28,7 @@ using orvaned::LeaseRequests;
 using tool::Fd;
 using Request = LeaseConnection::Request;
 
-constexpr int kPatience = 30000;
+constexpr int kTimeout = 30000;
 constexpr std::chrono::microseconds kLongPause{999999};
 
 bool isReadable(int fd, int milliseconds) {
@@ -76,7 +76,7 @@ class ForkingProducer {
 
   bool childSawTheEnd() const {
     char says = 0;
-    return isReadable(childSays.out.get(), kPatience) && read(childSays.out.get(), &says, 1) == 1;
+    return isReadable(childSays.out.get(), kTimeout) && read(childSays.out.get(), &says, 1) == 1;
   }
 
  private:
@@ -143,7 +143,7 @@ TEST_P(PinnedProducer, EndsItsLeaseThoughAForkedChildHoldsTheConnection) {
   EndWatch watch(&connection, std::chrono::seconds(0));
   EXPECT_EQ(watch.within(std::chrono::microseconds(1000)), nullptr);
   producer.end();
-  EXPECT_TRUE(isReadable(connection.pidfd(), kPatience));
+  EXPECT_TRUE(isReadable(connection.pidfd(), kTimeout));
   const orvaned::Ending* ending = watch.within(kLongPause);
   ASSERT_NE(ending, nullptr);
   EXPECT_EQ(ending->reason, "its producer died or left");

@@ -33,10 +33,10 @@ TEST(LeaseRunTest, IsAliveWhileItsLockIsHeld) {
     queue = run.newQueueName();
     lock = "/dev/shm/." + queue.substr(0, queue.rfind('_')) + ".lock";
     EXPECT_EQ(readFile(lock), std::to_string(getpid()) + "\n");
-    EXPECT_EQ(ownerOfLeased(queue), LockFile::Owner::alive);
+    EXPECT_EQ(ownerOfLeased(queue), LockFile::OwnerState::alive);
   }
   EXPECT_FALSE(std::filesystem::exists(lock));
-  EXPECT_EQ(ownerOfLeased(queue), LockFile::Owner::dead);
+  EXPECT_EQ(ownerOfLeased(queue), LockFile::OwnerState::dead);
 }
 
 // Its streams are in the store of one server, its queues may be removed by any.
@@ -44,15 +44,15 @@ TEST(LeaseRunTest, IsDeadWhileAnotherServerCleansUpAfterIt) {
   const std::string run = "orvane-20200101T000001-" + std::to_string(getpid());
   orvane::test::writeFile(tool::lockPathOf(run), "1\n");
   const auto lock = LockFile::takeOver(tool::lockPathOf(run));
-  EXPECT_EQ(ownerOfLeased(run + "_0"), LockFile::Owner::dead);
+  EXPECT_EQ(ownerOfLeased(run + "_0"), LockFile::OwnerState::dead);
 }
 
 TEST(LeaseRunTest, OnlyLeasedQueuesAreOfADeadRun) {
-  EXPECT_EQ(ownerOfLeased("orvane-20200101T000000-1_0"), LockFile::Owner::dead);
+  EXPECT_EQ(ownerOfLeased("orvane-20200101T000000-1_0"), LockFile::OwnerState::dead);
   for (const char* name : {"orders", "orvane-20200101T000000-1", "orvane-20200101T000000-1_",
                            "orvane-20200101T000000-1_0x", "my-orvane-20200101T000000-1_0",
                            "orvane-20200101-1_0", ""}) {
-    EXPECT_EQ(ownerOfLeased(name), LockFile::Owner::alive) << name;
+    EXPECT_EQ(ownerOfLeased(name), LockFile::OwnerState::alive) << name;
   }
 }
 

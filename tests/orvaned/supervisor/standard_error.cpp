@@ -12,7 +12,7 @@
 namespace orvane::test {
 namespace {
 
-constexpr int kPatienceMilliseconds = 30000;
+constexpr int kTimeoutMilliseconds = 30000;
 constexpr char kFiller = '#';
 
 }  // namespace
@@ -35,7 +35,7 @@ void LogPipe::fill() const {
 
 const std::string& LogPipe::readUntil(const std::string& words) {
   while (text.find(words) == std::string::npos) {
-    if (read(kPatienceMilliseconds) != Read::some) {
+    if (read(kTimeoutMilliseconds) != Read::some) {
       throw std::runtime_error("the log does not say \"" + words + "\": " + text);
     }
   }
@@ -44,7 +44,7 @@ const std::string& LogPipe::readUntil(const std::string& words) {
 
 const std::string& LogPipe::readToTheEnd() {
   for (Read last = Read::some; last != Read::end;) {
-    last = read(kPatienceMilliseconds);
+    last = read(kTimeoutMilliseconds);
     if (last == Read::nothing) {
       throw std::runtime_error("the log does not end: " + text);
     }

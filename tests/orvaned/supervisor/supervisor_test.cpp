@@ -186,14 +186,14 @@ TEST_F(SupervisorTest, GoesOnWithoutAFileToSpare) {
   server = std::make_unique<ServerProcess>(arguments({"--pairs-per-user", "100"}), setup);
   ASSERT_TRUE(server->says("serving leases at ")) << server->output();
   LeasedProducer producer(socket);
-  std::vector<LeaseClient> applicants;
+  std::vector<LeaseClient> silent;
   for (int i = 0; i < 60; ++i) {
-    applicants.emplace_back(socket);
+    silent.emplace_back(socket);
   }
   EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));
   ASSERT_TRUE(server->says("Too many open files")) << server->output();
   EXPECT_TRUE(server->isRunning());
-  applicants.clear();
+  silent.clear();
   EXPECT_EQ(producer.queues.ask({{.type = 3, .seqNo = 3}}).status, 0);
   EXPECT_TRUE(eventually([&] {
     LeaseClient client(socket);

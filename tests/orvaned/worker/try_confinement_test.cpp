@@ -14,6 +14,7 @@
 #include "support/confined_child.hpp"
 #include "worker/allowed_calls.hpp"
 #include "worker/landlock.hpp"
+#include "worker/try_confinement.hpp"
 
 namespace orvane::test {
 namespace {

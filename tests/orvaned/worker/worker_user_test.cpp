@@ -9,7 +9,7 @@
 #include <string>
 
 #include "support/confined_child.hpp"
-#include "worker/confinement.hpp"
+#include "worker/worker_user.hpp"
 
 namespace orvane::test {
 namespace {

@@ -183,7 +183,7 @@ class Cleaner {
     const bool hadLock = plainFile(lockPathOf(name)).has_value();
     const auto lock = dryRun ? std::nullopt : lockName(name, *server);
     const bool isFree =
-        dryRun ? LockFile::ownerOf(lockPathOf(name), server->user) == LockFile::Owner::dead
+        dryRun ? LockFile::ownerOf(lockPathOf(name), server->user) == LockFile::OwnerState::dead
                : lock.has_value();
     if (!isFree) {
       return;
@@ -206,8 +206,9 @@ class Cleaner {
     }
     const std::string lockPath = lockPathOfSocket(path);
     const auto lock = dryRun ? std::nullopt : LockFile::takeOver(lockPath, server->user);
-    const bool isFree = dryRun ? LockFile::ownerOf(lockPath, server->user) == LockFile::Owner::dead
-                               : lock.has_value();
+    const bool isFree =
+        dryRun ? LockFile::ownerOf(lockPath, server->user) == LockFile::OwnerState::dead
+               : lock.has_value();
     if (!isFree) {
       return;
     }

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
-#include <string>
 
 namespace tool {
 
@@ -22,8 +21,5 @@ Command addDump(CLI::App& app);   // shows what a capture or a stored stream hol
 
 constexpr char kVersion[] = "orvane " ORVANE_VERSION;
 constexpr char kExitCodes[] = "Exit codes: 0 done, 1 failed, 2 wrong use of the command.";
-
-// Throws Failure unless `name` is valid for a queue.
-void requireQueueName(const std::string& name);
 
 }  // namespace tool

@@ -4,13 +4,12 @@
 #include <memory>
 #include <optional>
 #include <orvane/orvane.hpp>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
-#include "shm/queue_rules.hpp"
+#include "queue_list.hpp"
 #include "store_format/size_text.hpp"
 #include "transport/input.hpp"
 #include "transport/polled_writer.hpp"
@@ -33,14 +32,6 @@ orvane::Transport transportNamed(const std::string& name) {
     return orvane::Transport::ring;
   }
   return name == "queue" ? orvane::Transport::queue : orvane::Transport::automatic;
-}
-
-void requireFixedQueueName(const std::string& name) {
-  try {
-    checkFixedQueueName(name);
-  } catch (const std::invalid_argument& e) {
-    throw Failure(kUsage, e.what());
-  }
 }
 
 std::optional<orvane::Lease> leaseFrom(const Destination& destination, unsigned int timeout) {

@@ -34,37 +34,37 @@ void LeaseRequests::addTo(std::vector<pollfd>& events) const {
   if (Clock::now() >= acceptAgain) {
     events.push_back({socket.fd(), POLLIN, 0});
   }
-  for (const Applicant& applicant : applicants) {
-    events.push_back({applicant.connection->fd(), POLLIN, 0});
+  for (const PendingRequest& request : pending) {
+    events.push_back({request.connection->fd(), POLLIN, 0});
   }
 }
 
 std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit) {
   acceptAll(limit);
   std::vector<Connection> asked;
-  std::erase_if(applicants, [&](Applicant& applicant) {
-    switch (applicant.connection->readRequest()) {
+  std::erase_if(pending, [&](PendingRequest& request) {
+    switch (request.connection->readRequest()) {
       case LeaseConnection::Request::lease:
-        if (const std::string reason = wrongSize(applicant.connection->ringBytes());
+        if (const std::string reason = wrongSize(request.connection->ringBytes());
             !reason.empty()) {
           // Not kBadRequest: a producer that may do without a ring would then ask for queues, and
           // nobody would learn of the size.
-          refuse(*applicant.connection, orvane::kNoPair, reason);
+          refuse(*request.connection, orvane::kNoPair, reason);
         } else {
-          asked.push_back(std::move(applicant.connection));
+          asked.push_back(std::move(request.connection));
         }
         return true;
       case LeaseConnection::Request::bad:
-        refuse(*applicant.connection, orvane::kBadRequest,
+        refuse(*request.connection, orvane::kBadRequest,
                "this server understands \"orvane 1 lease\" and \"orvane 1 ring BYTES\"");
         return true;
       case LeaseConnection::Request::end:
         return true;
       default:
-        if (Clock::now() < applicant.deadline) {
+        if (Clock::now() < request.deadline) {
           return false;
         }
-        refuse(*applicant.connection, orvane::kBadRequest, "nothing was asked for in time");
+        refuse(*request.connection, orvane::kBadRequest, "nothing was asked for in time");
         return true;
     }
   });
@@ -86,9 +86,9 @@ void LeaseRequests::acceptAll(const Limit& limit) {
       continue;  // a forked child holds the connection, and would hold the lease
     }
     const ucred& producer = connection->producer();
-    const std::string reason = limit(producer, applicationsOf(producer.uid));
+    const std::string reason = limit(producer, pendingOf(producer.uid));
     if (reason.empty()) {
-      applicants.push_back({std::move(connection), Clock::now() + kTimeToAsk});
+      pending.push_back({std::move(connection), Clock::now() + kTimeToAsk});
     } else {
       refuse(*connection, orvane::kLimitReached, reason);
     }
@@ -109,11 +109,11 @@ void LeaseRequests::waitToAccept(int error) {
   }
 }
 
-LeaseRequests::Count LeaseRequests::applicationsOf(uid_t user) const {
-  const auto own = std::count_if(applicants.begin(), applicants.end(), [user](const auto& one) {
+LeaseRequests::Count LeaseRequests::pendingOf(uid_t user) const {
+  const auto own = std::count_if(pending.begin(), pending.end(), [user](const auto& one) {
     return one.connection->producer().uid == user;
   });
-  return {static_cast<std::size_t>(own), applicants.size()};
+  return {static_cast<std::size_t>(own), pending.size()};
 }
 
 void refuse(LeaseConnection& connection, int status, const std::string& reason) {

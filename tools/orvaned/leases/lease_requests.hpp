@@ -20,14 +20,14 @@ class LeaseRequests {
  public:
   using Connection = std::unique_ptr<LeaseConnection>;
 
-  // The number of open applications: of one user, and of all users.
+  // The number of connections without a request yet: of one user, and of all users.
   struct Count {
     std::size_t own;
     std::size_t all;
   };
 
-  // The reason why the producer may not apply for another pair; empty if it may.
-  using Limit = std::function<std::string(const ucred& producer, Count applications)>;
+  // The reason why the producer may not request another pair; empty if it may.
+  using Limit = std::function<std::string(const ucred& producer, Count pending)>;
 
   LeaseRequests(const std::string& path, mode_t mode) : socket(path, mode) {}
 
@@ -42,22 +42,22 @@ class LeaseRequests {
  private:
   using Clock = std::chrono::steady_clock;
 
-  struct Applicant {
+  struct PendingRequest {
     Connection connection;
     Clock::time_point deadline;
   };
 
   void acceptAll(const Limit& limit);
   void waitToAccept(int error);
-  Count applicationsOf(uid_t user) const;
+  Count pendingOf(uid_t user) const;
 
   LeaseSocket socket;
-  std::list<Applicant> applicants;
+  std::list<PendingRequest> pending;
   Clock::time_point acceptAgain;
   bool cannotAccept = false;
 };
 
-// Ends an application with the server's status and reason.
+// Refuses a request with the server's status and reason.
 void refuse(LeaseConnection& connection, int status, const std::string& reason);
 
 }  // namespace orvaned

@@ -59,11 +59,11 @@ std::optional<tool::LockFile> lockRun(const std::string& run) {
   }
 }
 
-tool::LockFile::Owner ownerOf(const std::string& run) {
+tool::LockFile::OwnerState ownerOf(const std::string& run) {
   try {
     return tool::LockFile::ownerOf(tool::lockPathOf(run));
   } catch (const std::runtime_error&) {
-    return tool::LockFile::Owner::alive;  // another user's
+    return tool::LockFile::OwnerState::alive;  // another user's
   }
 }
 
@@ -85,16 +85,16 @@ DeadRuns lockDeadRuns() {
     if (auto lock = lockRun(run)) {
       // Only now is the list complete: a living run may create more.
       dead.locked.push_back({std::move(*lock), tool::queuesOf(run, tool::namesInShm())});
-    } else if (ownerOf(run) != tool::LockFile::Owner::alive) {
+    } else if (ownerOf(run) != tool::LockFile::OwnerState::alive) {
       dead.moreLater = true;
     }
   }
   return dead;
 }
 
-tool::LockFile::Owner ownerOfLeased(const std::string& queueName) {
+tool::LockFile::OwnerState ownerOfLeased(const std::string& queueName) {
   const auto run = tool::runOf(queueName);
-  return run ? ownerOf(*run) : tool::LockFile::Owner::alive;
+  return run ? ownerOf(*run) : tool::LockFile::OwnerState::alive;
 }
 
 }  // namespace orvaned

@@ -41,6 +41,6 @@ struct DeadRuns {
 DeadRuns lockDeadRuns();
 
 // The owner of the run that a leased queue is named after; alive for every other name.
-tool::LockFile::Owner ownerOfLeased(const std::string& queueName);
+tool::LockFile::OwnerState ownerOfLeased(const std::string& queueName);
 
 }  // namespace orvaned

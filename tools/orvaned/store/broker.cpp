@@ -21,7 +21,7 @@
 namespace orvaned {
 namespace {
 
-constexpr std::string_view kSegment = "segment-";
+constexpr std::string_view kSegment = tool::kSegmentPrefix;
 constexpr std::size_t kMostDigits = 20;
 
 // One subject for all lines of the confined process, so that this broker limits them together. The

@@ -9,27 +9,25 @@ void count(orvane::Receipt& receipt, const SegmentSummary& segment) {
 }
 
 void Manifest::begin(const std::string& queue, const std::string& stream) {
-  line("format=1");
-  line("queue=" + queue);
-  line("stream=" + stream);
+  for (const std::string& first : tool::firstLines(queue, stream)) {
+    line(first);
+  }
 }
 
 void Manifest::addDamaged(const std::string& name, const std::string& reason) {
-  line("damaged file=" + name + " reason=" + reason);
+  line(tool::damagedLine(name, reason));
 }
 
 void Manifest::finish(const StreamSummary& stream) {
   line(textOf(stream.others));
-  line("skipped=" + std::to_string(stream.skipped));
+  line(tool::skippedLine(stream.skipped));
   finish(stream.receipt, stream.reason);
 }
 
 void Manifest::finish(const orvane::Receipt& receipt, const std::string& reason) {
-  line(textOf(receipt));
-  line("records=" + std::to_string(receipt.records));
-  line("bytes=" + std::to_string(receipt.bytes));
-  line("end=" + textOf(receipt.end));
-  line("reason=" + reason);
+  for (const std::string& last : tool::lastLines(receipt, reason)) {
+    line(last);
+  }
   finish();
 }
 

@@ -29,31 +29,7 @@ struct StreamSummary {
 // Adds what a segment holds.
 void count(orvane::Receipt& receipt, const SegmentSummary& segment);
 
-// The file `manifest` in a stream's folder: text, with one line for each fact.
-//   format=1
-//   queue=orders
-//   stream=20261121T023224-4711_0
-//   segment number=0 records=2 bytes=9 algorithm=1 parameters=7,8,9 crc32=00112233 file=...00000
-//   segment number=1 records=0 bytes=0 algorithm=1 parameters=7,8,9 crc32=00000000 file=-
-//   segment number=1 records=1 bytes=3 algorithm=0 parameters=0,0,0 crc32=44556677 file=....part
-//   other-records=1 bytes=5 crc32=8899aabb
-//   skipped=0
-//   receipt stream=20261121T023224-4711_0 records=4 bytes=17 segments=2 end=cut-off
-//   records=4
-//   bytes=17
-//   end=cut-off
-//   reason=the server was stopped
-// A segment without data has no file; the next one may have the same number. A file that still ends
-// in .part belongs to a segment which was not ended. (A file that could not be renamed also still
-// ends in .part; the reason then names it.) `skipped` counts the sequence numbers that the producer
-// used up without a record that came here. The receipt is the text of the producer's response. The
-// reason is the rest of the file; it is empty when the producer ended the stream.
-//
-// If the server died, the next server adds lines after the segments' lines, instead of
-// `other-records` and `skipped`: for files that were not listed, and for files that differ from
-// their line. They are not part of the receipt.
-//   unfinished file=segment-000002.part bytes=3 crc32=ccddeeff
-//   damaged file=segment-000001 reason=it has 8 bytes instead of 9
+// Writes a stream's manifest; store_format/manifest_lines.hpp draws the file and has its lines.
 //
 // Lines are written to `manifest.part` as they come (a stream may have more segments than fit in
 // memory), and the file is renamed when it is complete. Throws Ox_ErrnoException

@@ -35,7 +35,7 @@ struct ManifestContent {
 ManifestContent readListed(tool::ManifestReader& manifest, const std::string& queue,
                            const std::string& stream) {
   ManifestContent listed;
-  for (const std::string& first : {std::string("format=1"), "queue=" + queue, "stream=" + stream}) {
+  for (const std::string& first : tool::firstLines(queue, stream)) {
     if (manifest.next() != first) {
       return {};
     }
@@ -58,7 +58,7 @@ ManifestContent readListed(tool::ManifestReader& manifest, const std::string& qu
     if (const auto found = orvane::parseReceipt(*line)) {
       receipt = found;
     }
-    if (line->starts_with("reason=")) {
+    if (tool::isReason(*line)) {
       listed.receipt = receipt;
     }
   }
@@ -201,7 +201,7 @@ tool::Content UnfinishedStreamFolder::contentOf(const std::string& name) {
 }
 
 bool UnfinishedStreamFolder::isUnlisted(const std::string& name) const {
-  const bool isRecords = name == kOtherRecords || name.starts_with("segment-");
+  const bool isRecords = name == kOtherRecords || name.starts_with(tool::kSegmentPrefix);
   return isRecords && !listed.contains(name);
 }
 

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t kLargestPacket = sizeof(LogHeader) + kLongestSubject + kLongestLogText;
 constexpr int kSecond = 1000;  // in milliseconds
-constexpr std::chrono::seconds kPatienceOfOrphan{10};
+constexpr std::chrono::seconds kTimeWithoutSupervisor{10};
 constexpr std::size_t kLargestBacklog = 1 << 20;
 
 std::timespec timeNow() {
@@ -74,7 +74,7 @@ class LogProcess {
     const bool hasRoom = events[1].revents != 0;
     if (hasRoom || backlog.empty()) {
       lastRoom = Clock::now();
-    } else if (getppid() != parent && Clock::now() - lastRoom > kPatienceOfOrphan) {
+    } else if (getppid() != parent && Clock::now() - lastRoom > kTimeWithoutSupervisor) {
       _exit(1);  // the supervisor was killed, and nothing else would end this process
     }
     return hasRoom;

@@ -13,7 +13,7 @@
 #include "log.hpp"
 #include "supervisor/notice.hpp"
 #include "supervisor/pair_files.hpp"
-#include "supervisor/serve_pair.hpp"
+#include "supervisor/pair_tasks.hpp"
 #include "worker/confinement.hpp"
 
 namespace orvaned {
@@ -177,7 +177,7 @@ void PairProcesses::startProcesses() {
       [&, file = brokersEnd.get()](Heartbeat&) {
         nameProcess("orvaned-broker");
         context.keepOnly({file}, LogAccess::kept);
-        return serveWorker(context.options, name, tool::Fd(file), context.supervisor);
+        return runBroker(context.options, name, tool::Fd(file), context.supervisor);
       },
       Child::Orphaned::continues);
   child = std::make_unique<Child>([&, file = workersEnd.get()](Heartbeat& heartbeat) {
@@ -187,7 +187,7 @@ void PairProcesses::startProcesses() {
       files.insert(files.end(), {connection->fd(), connection->pidfd()});
     }
     context.keepOnly(files, LogAccess::left);
-    return servePair(context.options, name, connection.get(), tool::Fd(file), context.supervisor,
+    return runWorker(context.options, name, connection.get(), tool::Fd(file), context.supervisor,
                      heartbeat);
   });
   broker.socket = std::move(workersEnd);

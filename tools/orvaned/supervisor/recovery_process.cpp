@@ -27,13 +27,13 @@ void logError(const char* function, const char* what, const std::exception& erro
 
 // Runs in the broker's process.
 int searchStore(const Options& options,
-                const std::function<LockFile::Owner(const std::string&)>& ownerOf,
+                const std::function<LockFile::OwnerState(const std::string&)>& ownerOf,
                 tool::Fd confined) {
   bool again = false;
   const auto isDead = [&](const std::string& queue) {
-    const LockFile::Owner owner = ownerOf(queue);
-    again = again || owner == LockFile::Owner::dying;
-    return owner == LockFile::Owner::dead;
+    const LockFile::OwnerState owner = ownerOf(queue);
+    again = again || owner == LockFile::OwnerState::dying;
+    return owner == LockFile::OwnerState::dead;
   };
   try {
     LocalUnfinishedStreams unfinished(options.store, isDead);
@@ -67,7 +67,7 @@ RecoveryProcess::RecoveryProcess(const ProcessContext& context, std::string queu
 RecoveryProcess RecoveryProcess::ofDeadServers(const ProcessContext& context) {
   RecoveryProcess process(context, "", "the server");
   process.search([&fixed = context.options.queue](const std::string& queue) {
-    return queue == fixed ? LockFile::Owner::dead : ownerOfLeased(queue);
+    return queue == fixed ? LockFile::OwnerState::dead : ownerOfLeased(queue);
   });
   return process;
 }
@@ -75,7 +75,7 @@ RecoveryProcess RecoveryProcess::ofDeadServers(const ProcessContext& context) {
 RecoveryProcess RecoveryProcess::ofQueue(const ProcessContext& context, const std::string& queue) {
   RecoveryProcess process(context, queue, "its worker");
   process.search([&queue](const std::string& other) {
-    return other == queue ? LockFile::Owner::dead : LockFile::Owner::alive;
+    return other == queue ? LockFile::OwnerState::dead : LockFile::OwnerState::alive;
   });
   return process;
 }

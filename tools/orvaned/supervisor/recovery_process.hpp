@@ -43,7 +43,7 @@ class RecoveryProcess {
   const std::string& queue() const { return queueName; }
 
  private:
-  using OwnerOf = std::function<tool::LockFile::Owner(const std::string& queue)>;
+  using OwnerOf = std::function<tool::LockFile::OwnerState(const std::string& queue)>;
 
   RecoveryProcess(const ProcessContext& context, std::string queueName, const char* who);
 

@@ -246,8 +246,8 @@ void Supervisor::serveRequests() {
   if (!requests) {
     return;
   }
-  const auto limit = [this](const ucred& producer, LeaseRequests::Count applications) {
-    return limitReachedBy(producer, applications);
+  const auto limit = [this](const ucred& producer, LeaseRequests::Count pending) {
+    return limitReachedBy(producer, pending);
   };
   for (auto& connection : requests->serve(limit)) {
     startLease(std::move(connection));
@@ -271,9 +271,8 @@ void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
   }
 }
 
-std::string Supervisor::limitReachedBy(const ucred& producer,
-                                       LeaseRequests::Count applications) const {
-  std::size_t own = applications.own;
+std::string Supervisor::limitReachedBy(const ucred& producer, LeaseRequests::Count pending) const {
+  std::size_t own = pending.own;
   for (const PairProcesses& pair : pairs) {
     const LeaseConnection* lease = pair.lease();
     own += lease != nullptr && lease->producer().uid == producer.uid ? 1 : 0;

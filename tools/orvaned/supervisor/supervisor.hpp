@@ -26,9 +26,9 @@
 namespace orvaned {
 
 // The server's main process. It receives requests for leases, starts the processes that serve queue
-// pairs, watches them, and cleans up after those that died. It never touches a queue or the store,
-// and it waits only for events. A failure does not end it: the failure is logged, and the action is
-// repeated later or refused.
+// pairs, watches them, and cleans up after those that died. It never touches a queue, nor the store
+// after its start, and it waits only for events. A failure does not end it: the failure is logged,
+// and the action is repeated later or refused.
 class Supervisor {
  public:
   // Locks the names that it is to serve. Throws std::runtime_error if another process has one.
@@ -54,7 +54,7 @@ class Supervisor {
   void stop();
   void serveRequests();
   void startLease(std::unique_ptr<LeaseConnection> connection);
-  std::string limitReachedBy(const ucred& producer, LeaseRequests::Count applications) const;
+  std::string limitReachedBy(const ucred& producer, LeaseRequests::Count pending) const;
   std::string noRoomFor(const LeaseConnection& request) const;
   std::string noRoomInShm() const;
   std::string noRoomForRing(const LeaseConnection& request) const;

@@ -3,7 +3,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,26 +48,5 @@ static_assert(std::atomic<int>::is_always_lock_free, "it is shared between proce
 
 // The name of a refused call, such as "socket", or its number if it has no name.
 std::string nameOfCall(int number);
-
-// A line for the log at the server's start.
-struct ConfinementLine {
-  bool isWarning;
-  std::string text;
-};
-
-// Tries all of it in a child process, and returns lines about what is in force; a part that the
-// kernel does not have is a warning. Throws std::runtime_error when the system refuses a part; the
-// text names the option that leaves it out.
-std::vector<ConfinementLine> tryConfinement(const Confinement& confinement);
-
-struct WorkerUserChoice {
-  std::optional<WorkerUser> user;  // nothing: the server's own
-  std::string warning;             // empty: none
-};
-
-// The user that workers run as. `name` is the value of --worker-user, or empty. Only a server that
-// runs as root has a choice; its default is the user orvaned, or 65534 if there is no such user.
-// Throws std::invalid_argument.
-WorkerUserChoice chooseWorkerUser(const std::string& name);
 
 }  // namespace orvaned

@@ -1,4 +1,4 @@
-// The trial at start: does this system allow what dropRights() and restrictCalls() do?
+#include "worker/try_confinement.hpp"
 
 #include <fcntl.h>
 #include <linux/capability.h>

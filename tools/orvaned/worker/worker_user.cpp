@@ -1,9 +1,9 @@
+#include "worker/worker_user.hpp"
+
 #include <pwd.h>
 #include <unistd.h>
 
 #include <stdexcept>
-
-#include "worker/confinement.hpp"
 
 namespace orvaned {
 namespace {

@@ -8,12 +8,12 @@
 #include "orvane/batch.hpp"
 #include "orvane/records.hpp"
 
-// Twins of what travels, written down a second time. When one of these fails the bytes changed:
-// this breaks deployed servers. Do not mend the twin.
+// The structures that are sent, declared a second time. If one of these checks fails, the bytes
+// have changed, which breaks deployed servers: correct the change, not this declaration.
 namespace orvane::test {
 namespace {
 
-struct HeaderTwin {
+struct WireHeader {
   std::uint32_t type;
   std::uint32_t len;
   std::uint64_t seqNo;
@@ -25,16 +25,16 @@ struct HeaderTwin {
   std::uint32_t segParam3;
   std::uint32_t magic;
 };
-static_assert(sizeof(HeaderTwin) == 48);
-static_assert(offsetof(HeaderTwin, len) == 4);
-static_assert(offsetof(HeaderTwin, seqNo) == 8);
-static_assert(offsetof(HeaderTwin, segmentNo) == 16);
-static_assert(offsetof(HeaderTwin, segmentDone) == 24);
-static_assert(offsetof(HeaderTwin, segAlg) == 28);
-static_assert(offsetof(HeaderTwin, segParam1) == 32);
-static_assert(offsetof(HeaderTwin, segParam2) == 36);
-static_assert(offsetof(HeaderTwin, segParam3) == 40);
-static_assert(offsetof(HeaderTwin, magic) == 44);
+static_assert(sizeof(WireHeader) == 48);
+static_assert(offsetof(WireHeader, len) == 4);
+static_assert(offsetof(WireHeader, seqNo) == 8);
+static_assert(offsetof(WireHeader, segmentNo) == 16);
+static_assert(offsetof(WireHeader, segmentDone) == 24);
+static_assert(offsetof(WireHeader, segAlg) == 28);
+static_assert(offsetof(WireHeader, segParam1) == 32);
+static_assert(offsetof(WireHeader, segParam2) == 36);
+static_assert(offsetof(WireHeader, segParam3) == 40);
+static_assert(offsetof(WireHeader, magic) == 44);
 
 // The record in memory has the declared order too.
 static_assert(sizeof(pvk_shm_message_t) == 48, "bytes changed: this breaks deployed clients");
@@ -61,7 +61,7 @@ static_assert(sizeof(ShmBatch::MetaData) == 8);
 static_assert(offsetof(ShmBatch::Entry, header) == 0);
 static_assert(offsetof(ShmBatch::Entry, data) == 48);
 
-TEST(WireTwin, OfTheHeaderReadsTheSameFields) {
+TEST(WireBytes, OfTheHeaderReadsTheSameFields) {
   pvk_shm_message_t header;
   header.type = 1;
   header.len = 2;
@@ -74,31 +74,31 @@ TEST(WireTwin, OfTheHeaderReadsTheSameFields) {
   header.segParam3 = 9;
   unsigned char bytes[48];
   header.serializeToBuffer(bytes);
-  HeaderTwin twin{};
-  std::memcpy(&twin, bytes, sizeof twin);
-  EXPECT_EQ(be32toh(twin.type), 1U);
-  EXPECT_EQ(be32toh(twin.len), 2U);
-  EXPECT_EQ(be64toh(twin.seqNo), 3U);
-  EXPECT_EQ(be64toh(twin.segmentNo), 4U);
-  EXPECT_EQ(be32toh(twin.segmentDone), 5U);
-  EXPECT_EQ(be32toh(twin.segAlg), 6U);
-  EXPECT_EQ(be32toh(twin.segParam1), 7U);
-  EXPECT_EQ(be32toh(twin.segParam2), 8U);
-  EXPECT_EQ(be32toh(twin.segParam3), 9U);
-  EXPECT_EQ(be32toh(twin.magic), 0xAABBCCDDU);
+  WireHeader wire{};
+  std::memcpy(&wire, bytes, sizeof wire);
+  EXPECT_EQ(be32toh(wire.type), 1U);
+  EXPECT_EQ(be32toh(wire.len), 2U);
+  EXPECT_EQ(be64toh(wire.seqNo), 3U);
+  EXPECT_EQ(be64toh(wire.segmentNo), 4U);
+  EXPECT_EQ(be32toh(wire.segmentDone), 5U);
+  EXPECT_EQ(be32toh(wire.segAlg), 6U);
+  EXPECT_EQ(be32toh(wire.segParam1), 7U);
+  EXPECT_EQ(be32toh(wire.segParam2), 8U);
+  EXPECT_EQ(be32toh(wire.segParam3), 9U);
+  EXPECT_EQ(be32toh(wire.magic), 0xAABBCCDDU);
 }
 
-TEST(WireTwin, OfTheResponseReadsTheSameFields) {
+TEST(WireBytes, OfTheResponseReadsTheSameFields) {
   struct {
     std::int32_t status;
     char text[128];
-  } twin{};
-  static_assert(sizeof twin == 132);
+  } wire{};
+  static_assert(sizeof wire == 132);
   pvk_shm_response_t response;
   response.assign(-7, "no space left");
-  std::memcpy(&twin, &response, sizeof twin);
-  EXPECT_EQ(twin.status, -7);
-  EXPECT_STREQ(twin.text, "no space left");
+  std::memcpy(&wire, &response, sizeof wire);
+  EXPECT_EQ(wire.status, -7);
+  EXPECT_STREQ(wire.text, "no space left");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "supervisor/serve_pair.hpp"
+#include "supervisor/pair_tasks.hpp"
 
 #include <unistd.h>
 
@@ -148,7 +148,7 @@ void serve(const Options& options, const std::string& queueName, LeaseConnection
 
 }  // namespace
 
-int servePair(const Options& options, const std::string& queueName, LeaseConnection* lease,
+int runWorker(const Options& options, const std::string& queueName, LeaseConnection* lease,
               tool::Fd brokerSocket, pid_t supervisor, Heartbeat& heartbeat) {
   const Logger log("orvaned");
   // The log needs the broker until the process ends.
@@ -171,8 +171,8 @@ int servePair(const Options& options, const std::string& queueName, LeaseConnect
   return kFailed;
 }
 
-int serveWorker(const Options& options, const std::string& queueName, tool::Fd worker,
-                pid_t supervisor) {
+int runBroker(const Options& options, const std::string& queueName, tool::Fd worker,
+              pid_t supervisor) {
   Broker({options.store, queueName, options.sync}, std::move(worker)).run();
   if (getppid() != supervisor) {
     removePair(queueName);
