@@ -68,7 +68,7 @@ class ORVANE_API RingReader {
   std::uint64_t waiting() const;
 
  private:
-  struct State;
+  struct ORVANE_LOCAL State;
 
   std::unique_ptr<State> state;
 };
