@@ -66,7 +66,9 @@ constexpr std::uint64_t kData = 4096;
 class RawProducer {
  public:
   explicit RawProducer(const RingReader& ring)
-      : file(ring.producersFile(), true), servers(ring.serversFile()) {}
+      : RawProducer(ring.producersFile(), ring.serversFile()) {}
+  RawProducer(int producersFile, int serversFile)
+      : file(producersFile, true), servers(serversFile) {}
 
   // Writes a frame at `position` and moves no counter. The frame says that its batch has `size`
   // bytes.

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 
@@ -46,6 +47,29 @@ std::string LeaseClient::ask() const {
   send("orvane 1 lease");
   const std::string answer = next();
   return answer.starts_with("lease ") ? answer.substr(6) : answer;
+}
+
+LeaseClient::Ring LeaseClient::askForRing(std::uint64_t bytes) const {
+  send("orvane 1 ring " + std::to_string(bytes));
+  char packet[1024];
+  iovec text = {packet, sizeof packet};
+  alignas(cmsghdr) unsigned char control[CMSG_SPACE(8 * sizeof(int))];
+  msghdr message = {};
+  message.msg_iov = &text;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  const ssize_t size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
+  orThrow(static_cast<int>(size), "recvmsg");
+  Ring ring = {std::string(packet, static_cast<std::size_t>(size)), {}};
+  if (const cmsghdr* const rights = CMSG_FIRSTHDR(&message)) {
+    for (std::size_t at = CMSG_LEN(0); at < rights->cmsg_len; at += sizeof(int)) {
+      int file = -1;
+      std::memcpy(&file, reinterpret_cast<const unsigned char*>(rights) + at, sizeof file);
+      ring.files.emplace_back(file);
+    }
+  }
+  return ring;
 }
 
 Producer::Producer(const std::string& queue)

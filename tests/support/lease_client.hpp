@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <queue/message_queue.hpp>
 #include <string>
+#include <vector>
 
 #include "shm/fd.hpp"
 #include "support/answers.hpp"
@@ -24,6 +26,13 @@ class LeaseClient {
 
   // Asks for a lease; returns the answer, or only the name that it gives.
   std::string ask() const;
+
+  // Asks for a ring; returns the answer and the files that came with it.
+  struct Ring {
+    std::string answer;
+    std::vector<tool::Fd> files;
+  };
+  Ring askForRing(std::uint64_t bytes) const;
 
   void close() { socket.reset(); }
 

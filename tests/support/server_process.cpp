@@ -126,9 +126,17 @@ void ServerProcess::killAll() const {
 
 // The child that has the queue in its memory, where it still has the name that it was made under.
 pid_t ServerProcess::workerOf(const std::string& queue) const {
+  return childWith("/." + queue + ".new");
+}
+
+pid_t ServerProcess::workerOfRing() const {
+  return childWith("/memfd:orvane-ring");
+}
+
+// The first child that has this in its memory; waits for it.
+pid_t ServerProcess::childWith(const std::string& mapped) const {
   const std::string parent = std::to_string(pid);
   const std::string listed = "/proc/" + parent + "/task/" + parent + "/children";
-  const std::string mapped = "/." + queue + ".new";
   for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
     std::ifstream children(listed);
     for (pid_t child = 0; children >> child;) {
@@ -141,7 +149,7 @@ pid_t ServerProcess::workerOf(const std::string& queue) const {
     }
     sched_yield();
   }
-  throw std::runtime_error("nobody serves " + queue);
+  throw std::runtime_error("nobody serves " + mapped);
 }
 
 void ServerProcess::waitUntilStopped() const {

@@ -50,6 +50,9 @@ class ServerProcess {
   // The process that serves this queue; waits for it.
   pid_t workerOf(const std::string& queue) const;
 
+  // The process that serves the ring that was leased first; waits for it.
+  pid_t workerOfRing() const;
+
   // Waits until it is stopped, by SIGSTOP.
   void waitUntilStopped() const;
 
@@ -73,6 +76,7 @@ class ServerProcess {
  private:
   bool read();
   void endInOrder() const;
+  pid_t childWith(const std::string& mapped) const;
 
   pid_t pid = -1;
   std::optional<int> status;  // once it is known that it has ended
