@@ -8,8 +8,10 @@
 #include <stdexcept>
 
 #include "support/eventually.hpp"
+#include "support/fake_server.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {
@@ -38,6 +40,17 @@ class SendOverALease : public testing::Test {
       }
     }
     throw std::runtime_error("no process serves the lease");
+  }
+
+  // Makes the command wait for room in a ring of 8 MiB, whose worker is stopped.
+  static void fillRing(Server& started, const Process& send) {
+    ASSERT_TRUE(eventually([&] { return started.streams().size() == 1; }));
+    const pid_t worker = started.process().workerOfRing();
+    kill(worker, SIGSTOP);
+    const std::string state = "/proc/" + std::to_string(worker) + "/stat";
+    ASSERT_TRUE(eventually([&] { return contains(readFile(state), ") T "); }));
+    send.write(std::string(8388608, 'x'));
+    awaitSleep(send.pid());
   }
 
   // Makes the command wait for room in the queue, for what serves it is told to stop.
@@ -129,7 +142,7 @@ TEST_F(SendOverALease, WorkerThatDiesLeavesTheOutcomeUnknown) {
   Server server({"--socket", socket});
   Process send(sendCommand({"-"}));
   ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
-  kill(workerOf(server), SIGKILL);
+  kill(server.process().workerOfRing(), SIGKILL);
   ASSERT_TRUE(eventually([&] { return contains(server.log(), "was killed by signal 9"); }));
 
   send.write("a few bytes");
@@ -157,7 +170,7 @@ TEST_F(SendOverALease, ServerThatDiesIsNoticedBeforeTheTimeout) {
 
 TEST_F(SendOverALease, WorkerThatDiesEndsTheWaitForRoomWithTheServersWord) {
   Server server({"--socket", socket});
-  Process send(sendCommand({"--timeout", "3600", "-"}));
+  Process send(sendCommand({"--transport", "queue", "--timeout", "3600", "-"}));
   fillQueue(server, send, [&] { kill(workerOf(server), SIGSTOP); });
 
   kill(workerOf(server), SIGKILL);
@@ -171,7 +184,7 @@ TEST_F(SendOverALease, WorkerThatDiesEndsTheWaitForRoomWithTheServersWord) {
 
 TEST_F(SendOverALease, ServerThatDiesEndsTheWaitForRoom) {
   Server server({"--socket", socket});
-  Process send(sendCommand({"--timeout", "3600", "-"}));
+  Process send(sendCommand({"--transport", "queue", "--timeout", "3600", "-"}));
   fillQueue(server, send, [&] { server.process().signalAll(SIGSTOP); });
 
   server.process().signalAll(SIGKILL);
@@ -180,6 +193,110 @@ TEST_F(SendOverALease, ServerThatDiesEndsTheWaitForRoom) {
   const Ended ended = send.wait();
   EXPECT_EQ(ended.how, "exit 4");
   EXPECT_TRUE(tellsOfDeadServer(ended.err));
+}
+
+class Transports : public SendOverALease, public testing::WithParamInterface<const char*> {};
+
+TEST_P(Transports, AreNamedAndShowInTheServersLog) {
+  const std::string transport = GetParam();
+  Server server({"--socket", socket});
+
+  const Ended ended = run(sendCommand({"--transport", transport, "-"}), std::string(3000000, 'b'));
+
+  EXPECT_EQ(ended.how, "exit 0") << ended.err;
+  EXPECT_EQ(server.content(0), std::string(3000000, 'b'));
+  const std::string expected = transport == "queue" ? "serving queue " : "serving ring ";
+  EXPECT_TRUE(contains(server.log(), expected + server.fact(0, "queue") + " for user "));
+}
+
+INSTANTIATE_TEST_SUITE_P(SendOverALease, Transports, testing::Values("auto", "ring", "queue"));
+
+TEST_F(SendOverALease, ARingIsUsedByDefault) {
+  Server server({"--socket", socket});
+
+  EXPECT_EQ(run(sendCommand({"/dev/null"})).how, "exit 0");
+
+  EXPECT_TRUE(contains(server.log(), "serving ring orvane-"));
+}
+
+TEST_F(SendOverALease, AnUnknownTransportIsAUsageError) {
+  const Ended ended = run(sendCommand({"--transport", "pipe", "/dev/null"}));
+
+  EXPECT_EQ(ended.how, "exit 2");
+  EXPECT_TRUE(contains(ended.err, "--transport: ")) << ended.err;
+}
+
+constexpr char kOldRefusal[] = "refused 1007 this server understands \"orvane 1 lease\"";
+
+TEST_F(SendOverALease, AServerWithoutRingsIsAskedForAQueue) {
+  FakeServer server;
+  server.serveEach({{.says = {kOldRefusal}}, {.says = {"refused 1005 no more"}, .ends = true}});
+
+  const Ended ended = run({ORVANE_PATH, "send", "--socket", server.path(), "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane send: got no lease: no more\n");
+  EXPECT_EQ(server.requests(),
+            (std::vector<std::string>{"orvane 1 ring 8388608", "orvane 1 lease"}));
+}
+
+TEST_F(SendOverALease, AServerWithoutRingsIsNotAskedForAQueueIfARingIsWanted) {
+  FakeServer server;
+  server.serve({.says = {kOldRefusal}, .ends = true});
+
+  const Ended ended =
+      run({ORVANE_PATH, "send", "--socket", server.path(), "--transport", "ring", "/dev/null"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err, "orvane send: got no lease: this server understands \"orvane 1 lease\"\n");
+  EXPECT_EQ(server.requests(), (std::vector<std::string>{"orvane 1 ring 8388608"}));
+}
+
+TEST_F(SendOverALease, WorkerThatDiesEndsTheWaitForRoomInARingWithTheServersReason) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"--timeout", "3600", "-"}));
+  fillRing(server, send);
+
+  kill(server.process().workerOfRing(), SIGKILL);
+  ASSERT_TRUE(eventually([&] { return send.hasEnded(); }));
+
+  const Ended ended = send.wait();
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_TRUE(contains(ended.err, "the stream may be lost: what served the queue died"))
+      << ended.err;
+}
+
+TEST_F(SendOverALease, ARingThatStaysFullTimesOut) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"--timeout", "2", "-"}));
+  fillRing(server, send);
+
+  ASSERT_TRUE(eventually([&] { return send.hasEnded(); }));
+  kill(server.process().workerOfRing(), SIGCONT);
+
+  const Ended ended = send.wait();
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): orvaned has taken "
+            "nothing for 2 s: is it still running?\n");
+}
+
+TEST_F(SendOverALease, InterruptionEndsTheWaitForRoomInARingAndStopsTheStream) {
+  Server server({"--socket", socket});
+  Process send(sendCommand({"--timeout", "3600", "-"}));
+  fillRing(server, send);
+  const Stopwatch watch;
+
+  send.signal(SIGINT);
+  ASSERT_TRUE(eventually([&] { return send.hasEnded(); }));
+
+  EXPECT_LT(watch.seconds(), 30);
+  kill(server.process().workerOfRing(), SIGCONT);
+  const Ended ended = send.wait();
+  EXPECT_EQ(ended.how, "signal 2");
+  EXPECT_TRUE(contains(ended.err, "interrupted while sending standard input")) << ended.err;
+  EXPECT_TRUE(eventually([&] { return server.fact(0, "end") == "stopped"; }))
+      << "the ring has no room for a record, but for a stop";
 }
 
 TEST_F(SendOverALease, InterruptionCutsTheStreamOff) {

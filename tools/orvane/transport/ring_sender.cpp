@@ -45,11 +45,12 @@ void RingSender::abort() noexcept {
   try {
     constexpr bool atOnce = true;
     writer->stop(atOnce);
-  } catch (...) {  // the failure that led here is the one to report
-    // Never destroyed, because that would wait for room again, and the command ends now.
-    static const orvane::RingWriter* const abandoned = writer.release();
-    static_cast<void>(abandoned);
+  } catch (...) {
+    // The failure that led here is the one to report.
   }
+  // Never destroyed, because that would wait for the server, and the command ends now.
+  static const orvane::RingWriter* const abandoned = writer.release();
+  static_cast<void>(abandoned);
 }
 
 void RingSender::repeat(const std::function<void()>& call) {
