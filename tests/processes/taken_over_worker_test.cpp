@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <orvane/orvane.hpp>
 #include <system_error>
 
 #include "support/break_in/taken_over.hpp"
@@ -92,11 +93,16 @@ class TakenOverWorker : public LeaseTest {
 
   // Takes the producer's worker over.
   void attackWith(const std::string& name, Producer& producer) {
+    arm(name);
+    producer.send({kOpen, kHello});
+  }
+
+  // The next worker that takes a message is taken over.
+  void arm(const std::string& name) {
     std::memset(attack->name, 0, sizeof(attack->name));
     name.copy(attack->name, sizeof(attack->name) - 1);
     attack->result = kNoResult;
     attack->armed = true;
-    producer.send({kOpen, kHello});
   }
 
   const std::string attackPath = folder.path() + "/attack";
@@ -145,6 +151,33 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
 
 INSTANTIATE_TEST_SUITE_P(As, BreakOut, testing::ValuesIn(rightsHere()),
                          [](const auto& test) { return nameOf(test.param); });
+
+// It got its files and its memory before it confined itself.
+TEST_P(BreakOut, ReachesNothingOutsideTheWorkerOfARing) {
+  startServer(GetParam());
+  LeasedProducer victim = producerFor(GetParam());
+  EXPECT_EQ(victim.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
+  const std::string stored = folderOf(victim.name) + "/segment-000000";
+  put(attack->otherStream, stored);
+  put(attack->store, store.path());
+  put(attack->otherQueue, "/dev/shm/" + victim.name);
+  put(attack->serverSocket, socket);
+  attack->other = server->workerOf(victim.name);
+  attack->supervisor = server->process();
+  for (const Attack& one : break_in::attacks()) {
+    const Lease lease(socket, 60, Transport::ring, kSmallestRing);
+    RingWriter hostile("stream", lease.ring(), 60, 60, false);
+    arm(one.name);
+    hostile.open();
+    EXPECT_TRUE(eventually([&] { return attack->result != kNoResult || !lease.alive(); }))
+        << one.name;
+    EXPECT_NE(attack->result, 0) << one.name;
+    EXPECT_EQ(contentOf(stored), "hello") << one.name;
+    EXPECT_NE(stateOf(attack->other), '\0') << one.name;
+    ASSERT_TRUE(server->isRunning()) << one.name;
+  }
+  EXPECT_EQ(victim.queues.ask({{.type = 3, .seqNo = 4}}).status, 0);
+}
 
 TEST_F(TakenOverWorker, IsEndedByACallThatItMayNotMakeAndTheLogNamesTheCall) {
   startServer(Rights::root);

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
+#include <system_error>
 
 #include "interposed.hpp"
 #include "leases/lease_requests.hpp"
@@ -218,6 +219,22 @@ TEST_F(LeasePackets, WithoutAByteAreABadRequestAndNotTheEnd) {
   EXPECT_EQ(connection.readRequest(), Request::none);
   producer.reset();
   EXPECT_EQ(connection.readRequest(), Request::end);
+}
+
+TEST_F(LeasePackets, OfARingThatCannotBeHandedOverAreAnError) {
+  const RingReader ring(kSmallestRing);
+  LeaseConnection connection(std::move(server));
+  while (connection.drained()) {
+    connection.send(LeaseGranted{"q"});
+  }
+  try {
+    connection.sendRing({"q", kSmallestRing}, ring);
+    ADD_FAILURE() << "it was handed over";
+  } catch (const std::system_error& e) {
+    EXPECT_EQ(std::string(e.what()), "cannot hand the ring over: Resource temporarily unavailable");
+  }
+  producer.reset();
+  EXPECT_NO_THROW(connection.sendRing({"q", kSmallestRing}, ring)) << "nobody is there";
 }
 
 TEST_F(LeasePackets, ThatNobodyReadsFillTheConnectionAndAreAllDelivered) {
