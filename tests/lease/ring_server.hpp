@@ -28,7 +28,7 @@ struct RingServer {
 
   Texts granted() const { return {"ring r-1 1048576"}; }
   std::vector<int> files() const { return {reader.producersFile(), reader.serversFile()}; }
-  std::unique_ptr<Lease> lease(Transport transport = Transport::ring) {
+  std::unique_ptr<Lease> lease(Transport transport = Transport::ring) const {
     return std::make_unique<Lease>(server.path(), kLong, transport, kRing);
   }
 

@@ -12,7 +12,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kUnknown[] =
-    "refused 1007 this server understands \"orvane 1 lease\" and \"orvane 1 ring BYTES\"";
+    R"(refused 1007 this server understands "orvane 1 lease" and "orvane 1 ring BYTES")";
 
 class LeaseRequestTest : public LeaseTest {
  protected:
