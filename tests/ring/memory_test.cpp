@@ -67,7 +67,7 @@ TEST(RingFile, IsClosedOnceAtItsEnd) {
     File first = makeFile("test", kPageSize);
     fd = first.get();
     File second(std::move(first));
-    EXPECT_EQ(first.get(), -1);
+    EXPECT_EQ(first.get(), -1);  // NOLINT(bugprone-use-after-move): it is empty
     EXPECT_EQ(second.get(), fd);
     File third;
     EXPECT_EQ(third.get(), -1);
@@ -186,7 +186,7 @@ TEST(RingMapping, MovesToANewOwner) {
   const unsigned char* const data = first.get();
   {
     Mapping second(std::move(first));
-    EXPECT_EQ(first.get(), nullptr);
+    EXPECT_EQ(first.get(), nullptr);  // NOLINT(bugprone-use-after-move): it is empty
     EXPECT_EQ(second.get(), data);
     Mapping third;
     EXPECT_EQ(third.get(), nullptr);
@@ -223,7 +223,10 @@ TEST(RingMapping, DoesNotUnmapWhatAForkedChildHasAtItsAddress) {
   std::optional<Mapping> mapping(std::in_place, file.get(), 0, kPageSize, true);
   Child child([&] {
     unsigned char* const address = mapping->get();
-    mmap(address, kPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    if (mmap(address, kPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) !=
+        address) {
+      throw std::runtime_error("the child cannot map memory there");
+    }
     mapping.reset();
     if (!isMapped(address)) {
       throw std::runtime_error("the child's own memory was unmapped");
