@@ -170,7 +170,7 @@ TEST(RingReaderReceive, ReleasesWholeLinesWhenItsFrameIsAnswered) {
     EXPECT_EQ(received(ring), Bytes(size, 'x'));
     EXPECT_EQ(producer.servers.get64(kHead), head);
     ring.answer(responseOf(0));
-    head += 64U * lines;
+    head += std::uint64_t{64} * lines;
     EXPECT_EQ(producer.servers.get64(kHead), head);
   }
 }

@@ -27,7 +27,7 @@ void fillRing(RingStream& stream) {
 
 void put(RingStream& stream, unsigned long length, const std::string& text) {
   unsigned char* const place = stream.writer->reserve(length);
-  std::memcpy(place, text.data(), text.size());
+  text.copy(reinterpret_cast<char*>(place), text.size());
   stream.writer->commit(text.size());
 }
 
