@@ -106,12 +106,14 @@ void limitSending(int connection, std::chrono::microseconds limit) {
 }
 
 // Blocks while the server's queue of waiting connections is full.
-void connectTo(const std::string& path, int connection, const Deadline& deadline) {
+ring::File connectTo(const std::string& path, const Deadline& deadline) {
+  ring::File connection(newSocket());
   const sockaddr_un address = addressOf(path);
   do {
-    limitSending(connection, deadline.left<std::chrono::microseconds>());
-    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-      return;
+    limitSending(connection.get(), deadline.left<std::chrono::microseconds>());
+    if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+        0) {
+      return connection;
     }
   } while (errno == EINTR);
   if (errno == EAGAIN) {
@@ -190,6 +192,7 @@ Packet receivePacket(int connection, const Deadline& deadline) {
     failLost(connection, "The server ended the lease without a reason: it died or was stopped");
   }
   if ((message.msg_flags & MSG_CTRUNC) != 0) {
+    files.clear();  // they may be the last descriptors that this process can have
     failLost(connection,
              "The server sent files that this process has no room for: raise its limit "
              "of open files");
@@ -231,9 +234,8 @@ struct Granted {
 };
 
 Granted askFor(const LeaseRequest& request, const std::string& path, const Deadline& deadline) {
-  ring::File connection(newSocket());
+  ring::File connection = connectTo(path, deadline);
   const int fd = connection.get();
-  connectTo(path, fd, deadline);
   sendRequest(fd, request);
   const Packet packet = receivePacket(fd, deadline);
   LeaseReply reply = replyIn(fd, packet.text);

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -141,38 +140,6 @@ TEST(LeaseRing, IsRefusedToAQueuesLease) {
   EXPECT_TRUE(
       throwsErrno(901, unexpected("ring r-1 1048576"), [&] { ring.lease(Transport::queue); }));
   EXPECT_EQ(ring.server.request(), "orvane 1 lease");
-}
-
-TEST(LeaseRing, IsRefusedWithoutRoomForItsFiles) {
-  RingServer ring;
-  rlimit before = {};
-  getrlimit(RLIMIT_NOFILE, &before);
-  ring.server.serve({.says = ring.granted(), .files = ring.files()});
-  const Texts names = namesIn("/proc/self/fd");
-  rlim_t highest = 0;
-  for (const std::string& name : names) {
-    highest = std::max<rlim_t>(highest, std::stoul(name));
-  }
-  // All numbers below are taken, but those of both ends of the connection.
-  std::vector<int> taken;
-  const rlimit tight = {highest + 3, before.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &tight);
-  const int any = ring.reader.serversFile();
-  for (int fd = dup(any); fd >= 0; fd = dup(any)) {
-    taken.push_back(fd);
-  }
-  for (int i = 0; i < 2; ++i) {
-    close(taken.back());
-    taken.pop_back();
-  }
-  EXPECT_TRUE(throwsErrno(901,
-                          "The server sent files that this process has no room for: raise its "
-                          "limit of open files",
-                          [&] { ring.lease(); }));
-  setrlimit(RLIMIT_NOFILE, &before);
-  for (const int fd : taken) {
-    close(fd);
-  }
 }
 
 TEST(LeaseFiles, AreClosedIfTheyComeWithAReceipt) {

@@ -72,7 +72,11 @@ REPLACED ssize_t send(int fd, const void* buffer, std::size_t size, int flags) {
 
 REPLACED ssize_t recvmsg(int fd, msghdr* message, int flags) {
   replacedCalls().recvFlags.push_back(flags);
-  return callOrFail("recvmsg", SYS_recvmsg, fd, message, flags);
+  const ssize_t received = callOrFail("recvmsg", SYS_recvmsg, fd, message, flags);
+  if (replacedCalls().losesFiles) {
+    message->msg_flags |= MSG_CTRUNC;
+  }
+  return received;
 }
 
 REPLACED int poll(pollfd* fds, nfds_t count, int timeout) {

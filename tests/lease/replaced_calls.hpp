@@ -22,6 +22,9 @@ struct ReplacedCalls {
   // So many polls say that there is something to receive, though there may be nothing.
   int falseAlarms = 0;
 
+  // A packet comes without some of its files, as if this process had no room for them.
+  bool losesFiles = false;
+
   // Each look at the wall clock finds it a day later.
   bool wallClockJumps = false;
 

@@ -53,6 +53,13 @@ TEST(LeaseTaking, ReportsThatItCannotHear) {
   EXPECT_TRUE(refuses("recvmsg", ENOMEM, 901, "Cannot hear the server: Cannot allocate memory"));
 }
 
+TEST(LeaseTaking, ReportsThatItHasNoRoomForFiles) {
+  replacedCalls().losesFiles = true;
+  EXPECT_TRUE(refuses("", 0, 901,
+                      "The server sent files that this process has no room for: raise its limit of "
+                      "open files"));
+}
+
 TEST(LeaseTaking, LeavesNoSocketOpenWhenMemoryRunsOut) {
   FakeServer server;
   server.serve({.says = {"lease " + std::string(500, 'q')}});

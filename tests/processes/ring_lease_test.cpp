@@ -55,7 +55,7 @@ TEST_F(RingLease, StoresEachByteOfAStreamThatIsLargerThanTheRing) {
   writer.open();
   while (sent.size() < 6 * kSmallestRing) {
     for (const std::size_t size :
-         {1, 15, 16, 17, 63, 64, 65, 1000, 4095, 4096, 65537, 131071, 131072}) {
+         {1U, 15U, 16U, 17U, 63U, 64U, 65U, 1000U, 4095U, 4096U, 65537U, 131071U, 131072U}) {
       const std::string data(size, static_cast<char>('a' + records++ % 26));
       write(writer, data);
       sent += data;

@@ -60,8 +60,8 @@ class HandOver : public testing::Test {
   }
   static Calls taken() { return std::exchange(RecordedSystem::calls, {}); }
 
-  ring::ProducerCounters<std::atomic> producers;
-  ring::ServerCounters<std::atomic> servers;
+  ring::ProducerCounters<RecordedSystem::Atomic> producers;
+  ring::ServerCounters<RecordedSystem::Atomic> servers;
   ring::ProducerEnd<RecordedSystem> producer{producers, servers, 1024};
   ring::ServerEnd<RecordedSystem> server{servers, producers, 1024};
 };

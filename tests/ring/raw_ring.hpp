@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -75,7 +76,7 @@ class RawProducer {
   void write(std::uint64_t position, std::uint64_t size, std::uint64_t number, const Bytes& batch) {
     std::memcpy(file.at(kData + position), &size, sizeof size);
     std::memcpy(file.at(kData + position + 8), &number, sizeof number);
-    std::memcpy(file.at(kData + position + 16), batch.data(), batch.size());
+    std::copy(batch.begin(), batch.end(), file.at(kData + position + 16));
   }
   void moveTail(std::uint64_t tail) { file.put64(kTail, tail); }
 

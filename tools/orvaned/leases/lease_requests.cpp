@@ -56,7 +56,7 @@ std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit) 
         return true;
       case LeaseConnection::Request::bad:
         refuse(*request.connection, orvane::kBadRequest,
-               "this server understands \"orvane 1 lease\" and \"orvane 1 ring BYTES\"");
+               R"(this server understands "orvane 1 lease" and "orvane 1 ring BYTES")");
         return true;
       case LeaseConnection::Request::end:
         return true;

@@ -290,10 +290,11 @@ std::string Supervisor::noRoomFor(const LeaseConnection& request) const {
 }
 
 std::string Supervisor::noRoomInShm() const {
-  const auto leases = std::count_if(pairs.begin(), pairs.end(), [](const PairProcesses& pair) {
+  const auto queueLeases = std::count_if(pairs.begin(), pairs.end(), [](const PairProcesses& pair) {
     return pair.lease() != nullptr && pair.lease()->ringBytes() == 0;
   });
-  const std::size_t bytes = (static_cast<std::size_t>(leases) + 1) * bytesOfPair(options.geometry);
+  const std::size_t bytes =
+      (static_cast<std::size_t>(queueLeases) + 1) * bytesOfPair(options.geometry);
   const std::size_t limit = shmLimit();
   if (bytes <= limit) {
     return "";
