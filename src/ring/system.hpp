@@ -21,8 +21,18 @@ struct LinuxSystem {
   static constexpr std::memory_order kAcquire = std::memory_order_acquire;
   static constexpr std::memory_order kRelease = std::memory_order_release;
 
-  static void fence() { std::atomic_thread_fence(std::memory_order_seq_cst); }
-  static void pause() { __builtin_ia32_pause(); }
+  static void fence() {
+#ifdef __SANITIZE_THREAD__
+    // The sanitizer does not understand fences. A locked instruction orders the same.
+    static std::atomic<int> ordered;
+    ordered.fetch_add(1, std::memory_order_seq_cst);
+#else
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+#endif
+  }
+  static void pause() {
+    __builtin_ia32_pause();
+  }
 
   static std::int64_t now() {
     timespec time = {};

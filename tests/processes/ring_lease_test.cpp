@@ -168,7 +168,10 @@ TEST_F(RingLease, StoresWhatAKilledProducerHandedOver) {
   ASSERT_EQ(child.nextChange(), "stopped");
   child.signal(SIGKILL);
   ASSERT_EQ(child.nextChange(), "signal 9");
-  ASSERT_TRUE(eventually([this] { return namesIn(store.path()).size() == 1; }));
+  ASSERT_TRUE(eventually([this] {
+    const std::vector<std::string> names = namesIn(store.path());
+    return names.size() == 1 && names.front().front() != '.';
+  }));
   const std::string stream = namesIn(store.path()).front();
   const std::string queue = stream.substr(0, stream.rfind('-', stream.rfind('-') - 1));
   EXPECT_EQ(endingOf(queue), "end=cut-off\nreason=its producer died or left\n");
@@ -184,6 +187,12 @@ TEST_F(RingLease, OfAKilledWorkerFailsTheWriterAndTheStreamIsFinished) {
   Lease other = newLease();
   RingWriter othersWriter = writerOf(other);
   othersWriter.open();
+  ASSERT_TRUE(eventually([&] {
+    const std::vector<std::string> names = namesIn(store.path());
+    return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+      return name.starts_with(lease.queueName() + "-");
+    });
+  }));
   kill(worker, SIGKILL);
   const Stopwatch watch;
   EXPECT_TRUE(throwsErrno(901, kEndedLease, [&] { fill(writer); }));

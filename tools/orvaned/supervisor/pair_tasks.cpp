@@ -90,9 +90,11 @@ class Source {
 
   BatchSource& batches() { return ring ? static_cast<BatchSource&>(*ring) : *queues; }
 
-  // Before the calls are restricted: a confined process passes no files on.
-  void grantRing() {
+  // Before the calls are restricted: a confined process passes no files on. From then on the
+  // producer has its lease, so the death of this process is not a refusal.
+  void grantRing(Heartbeat& heartbeat) {
     if (ring) {
+      heartbeat.ready = true;
       lease->sendRing({name, lease->ringBytes()}, ring->reader());
     }
   }
@@ -134,7 +136,7 @@ void serve(const Options& options, const std::string& queueName, LeaseConnection
   broker.checkStore();
   Prepared prepared(options, queueName, lease, broker, heartbeat);
   dropRights(options.confinement, supervisor);
-  prepared.source.grantRing();
+  prepared.source.grantRing(heartbeat);
   restrictCalls(options.confinement, &heartbeat.refusedCall);
   heartbeat.ready = true;
   const std::string queue = doublePercent(queueName);
