@@ -3,6 +3,7 @@
 
 #include <orvane/orvane.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <optional>
