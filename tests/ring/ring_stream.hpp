@@ -77,7 +77,9 @@ struct RingStream {
   std::unique_ptr<Lease> taken(std::uint64_t bytes) {
     server.serve({.says = {"ring r " + std::to_string(bytes)},
                   .files = {reader.producersFile(), reader.serversFile()}});
-    return std::make_unique<Lease>(server.path(), 60, Transport::ring, bytes);
+    auto granted = std::make_unique<Lease>(server.path(), 60, Transport::ring, bytes);
+    server.awaitScript();  // so that a forked child has no thread
+    return granted;
   }
 };
 
