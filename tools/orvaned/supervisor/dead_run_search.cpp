@@ -24,6 +24,7 @@ namespace {
 // The process sends one packet for each pair, "QUEUE USER" (USER: its number plus 1, or 0), then
 // one of these.
 constexpr char kDone[] = ".done";
+constexpr char kRemoved[] = "r";
 constexpr char kAgain[] = ".again";
 constexpr std::size_t kLongestPacket = 512;
 
@@ -44,7 +45,8 @@ void sendPacket(const tool::Fd& socket, const std::string& packet) {
   send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL);
 }
 
-// Ends when the supervisor closes its end.
+// Ends when the supervisor closes its end. Without a byte before that, the pairs may still be
+// there: the lock files stay, so that the next server finds them.
 int search(const tool::Fd& supervisor) {
   const DeadRuns dead = lockDeadRuns();
   for (const DeadRun& run : dead.locked) {
@@ -54,7 +56,12 @@ int search(const tool::Fd& supervisor) {
   }
   sendPacket(supervisor, dead.moreLater ? kAgain : kDone);
   char byte = 0;
-  while (recv(supervisor.get(), &byte, 1, 0) < 0 && errno == EINTR) {
+  ssize_t size = 0;
+  do {
+    size = recv(supervisor.get(), &byte, 1, 0);
+  } while (size < 0 && errno == EINTR);
+  if (size <= 0) {
+    _exit(0);
   }
   return 0;
 }
@@ -89,6 +96,13 @@ DeadRunSearch::DeadRunSearch(const ProcessContext& context) {
     complete = true;
     repeat = true;
   }
+}
+
+void DeadRunSearch::release() {
+  if (complete && socket.get() >= 0) {
+    sendPacket(socket, kRemoved);
+  }
+  socket.reset();
 }
 
 std::optional<DeadRunSearch::DeadPair> DeadRunSearch::next() {

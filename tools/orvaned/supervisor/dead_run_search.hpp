@@ -28,7 +28,7 @@ class DeadRunSearch {
   bool isComplete() const { return complete; }
 
   // To be called when all pairs are removed: the process removes the locks, and ends.
-  void release() { socket.reset(); }
+  void release();
   bool isOver() { return !process || process->ended(); }
 
   // There may be more pairs later: a server is still dying, or the search failed.
