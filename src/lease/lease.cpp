@@ -226,7 +226,7 @@ bool hasEnded(int connection) {
   return end.revents != 0;
 }
 
-// What a server has granted.
+// A lease as the server granted it.
 struct Granted {
   ring::File connection;
   std::string name;

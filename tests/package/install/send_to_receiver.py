@@ -18,11 +18,13 @@ type=3, len=0 (4,3,0,0,1,1,0,0,0,2864434397)
 def wait_for_queue(path, receiver):
     deadline = time.monotonic() + SECONDS
     while not os.path.exists(path):
-        if receiver.poll() is not None:
-            sys.exit(f"the receiver exited with {receiver.returncode} before it created its queue")
         if time.monotonic() > deadline:
             sys.exit(f"the receiver did not create {path}")
-        time.sleep(0.01)
+        try:
+            status = receiver.wait(timeout=0.01)
+        except subprocess.TimeoutExpired:
+            continue
+        sys.exit(f"the receiver exited with {status} before it created its queue")
 
 
 def main():

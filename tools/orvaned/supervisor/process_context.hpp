@@ -23,7 +23,7 @@ struct BrokerProcess {
 // May a new process write to the log? A confined one may not.
 enum class LogAccess { kept, left };
 
-// What the supervisor gives to the objects that start processes for it.
+// The supervisor passes this to each object that starts processes for it.
 struct ProcessContext {
   const Options& options;
   pid_t supervisor;

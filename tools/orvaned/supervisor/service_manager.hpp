@@ -5,8 +5,8 @@
 namespace orvaned {
 
 // The program that started this process and wants to know its state, such as systemd for a service
-// of Type=notify. A state is sent as a datagram to the Unix socket that NOTIFY_SOCKET names;
-// without that variable nothing is sent.
+// of Type=notify. A state is sent as a datagram to the Unix socket that NOTIFY_SOCKET names.
+// If that variable is not set, nothing is sent.
 class ServiceManager {
  public:
   // Removes the socket's name from the environment: it is for this process only.
