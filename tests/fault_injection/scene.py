@@ -100,7 +100,8 @@ class Scene:
         return file
 
     def start_send(self, way, files, prefix=(), environment=None, timeout=30):
-        place = ["--queue", self.queue] if way == "fixed" else ["--socket", self.socket]
+        place = ["--queue", self.queue] if way == "fixed" else [
+            "--socket", self.socket, "--transport", self.rng.choice(["queue", "ring"])]
         command = [*prefix, self.binaries / "orvane", "send", *place, "--timeout", timeout,
                    "--segment-size", self.segment_size, *files]
         send = self.program(Send, "send", command, files=files, timeout=timeout,
