@@ -8,7 +8,7 @@ from pathlib import Path
 
 from cases import case
 from cases.processes import EVERYBODY
-from programs import START_BOUND, Program, poll, signal_to
+from programs import START_BOUND, Program, living_processes, poll, signal_to
 from scene import SHM
 
 IN_USE = 4  # the numbers of files that the supervisor never gives back: the standard ones, and one
@@ -58,6 +58,32 @@ def no_file_left(scene):
         lock.close(),
         poll(lambda: not Path(lock.name).exists() or not server.runs(), START_BOUND,
              f"{server.name} did not clean up after a dead server"))
+
+
+@case("SIGKILL to servers while they remove what a dead server left", often=2)
+def cleaning_server_killed(scene):
+    for _ in range(scene.rng.randrange(1, 6)):
+        lock = dead_run(scene)
+        run = Path(lock.name).name.removesuffix(".lock")
+        for number in range(scene.rng.randrange(1, 40)):
+            Path(SHM, f"{run}_{number:016x}.new").touch()
+        lock.close()
+    for _ in range(scene.rng.randrange(1, 4)):
+        server = scene.start_server()
+        alone = scene.rng.random() < 0.7
+        pause = scene.rng.uniform(0, 0.03)
+        poll(lambda: not server.runs() or len(living_processes(server.pid)) > 1, START_BOUND,
+             f"{server.name} started no process")
+        time.sleep(pause)
+        if alone:
+            server.strike(signal.SIGKILL)
+        else:
+            server.kill_all()
+        poll(lambda: not living_processes(server.pid), START_BOUND,
+             f"the processes of {server.name} were not gone")
+    scene.serve()
+    scene.send()
+    scene.note_moment()
 
 
 def dead_run(scene):

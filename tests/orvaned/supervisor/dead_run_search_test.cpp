@@ -4,10 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <optional>
+#include <vector>
 
 #include "shm/lock_file.hpp"
+#include "supervisor/dead_run_search.hpp"
 #include "support/lease_fixture.hpp"
 
 namespace orvane::test {
@@ -176,6 +180,49 @@ TEST_F(LeaseRecoveryTest, AServerThatIsKilledAloneIsSurvivedByItsWorkersOrderlyE
   EXPECT_EQ(endingOf(producer.name), "end=cut-off\nreason=the server was stopped\n");
   start();
   EXPECT_TRUE(eventually([&] { return sharedMemoryOf(runOf(producer.name)).empty(); }));
+}
+
+// Of the first files, as many as a test may have open.
+void keepOnly(const std::vector<int>& files) {
+  constexpr int kFiles = 1024;
+  for (int fd = STDERR_FILENO + 1; fd < kFiles; ++fd) {
+    if (std::find(files.begin(), files.end(), fd) == files.end()) {
+      close(fd);
+    }
+  }
+}
+
+// A search that has found a dead run's pair, and whose supervisor dies before it removed the pair.
+// Returns false if another server took the run, as any server may.
+bool searchIsLeftAlone(const std::string& run) {
+  writeFile("/dev/shm/." + run + "_0.new", "");
+  writeFile(tool::lockPathOf(run), "1\n");
+  const orvaned::Options options;
+  const orvaned::ProcessContext context{
+      options, getpid(), [](const std::vector<int>& files, orvaned::LogAccess) { keepOnly(files); },
+      [](const std::string&, orvaned::BrokerProcess, bool) {}};
+  orvaned::DeadRunSearch search(context);
+  std::optional<orvaned::DeadRunSearch::DeadPair> found;
+  EXPECT_TRUE(eventually([&] {
+    found = search.next();
+    return search.isComplete() || (found && found->queue == run + "_0");
+  }));
+  const bool isOurs = !search.isComplete();
+  search.release();
+  EXPECT_TRUE(eventually([&] { return search.isOver(); }));
+  return isOurs;
+}
+
+// Without its lock file no later server would look for the pair.
+TEST(DeadRunSearchTest, TheLockStaysWhenTheSupervisorDiesBeforeThePairIsRemoved) {
+  const std::string prefix = "orvane-20200101T00000";
+  EXPECT_TRUE(eventually([&, n = 0]() mutable {
+    const std::string run = prefix + std::to_string(4 + n++ % 6) + "-" + std::to_string(getpid());
+    const bool stays = searchIsLeftAlone(run) && fs::exists(tool::lockPathOf(run));
+    fs::remove("/dev/shm/." + run + "_0.new");
+    fs::remove(tool::lockPathOf(run));
+    return stays;
+  }));
 }
 
 }  // namespace
