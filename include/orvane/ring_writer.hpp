@@ -42,15 +42,6 @@ class ORVANE_API RingWriter : public ChannelWriter {
   RingWriter(const std::string& name, std::shared_ptr<ring::Producer> ring, unsigned int timeout,
              unsigned int stopTimeout, bool perfBenchmarkEnabled);
 
-  // Ends the stream, and waits at most `timeout` for the server's answer. Has no effect on a writer
-  // that is not open. Throws kStatusTimedOut or the server's status. After the server's status the
-  // writer is not open, because the server has ended the stream. After kStatusTimedOut the stream
-  // takes no more data if its end was sent, and the call may be repeated: it waits again.
-  void close() override;
-
-  // Closes a writer that is still open, and ignores every error. Blocks as close() does.
-  ~RingWriter() override;
-
   // Starts a stream: sends an open record at once. Waits first, at most `timeout`, until the server
   // has answered everything that was sent before. When it throws, the writer is not open and the
   // call may be repeated.
@@ -60,8 +51,6 @@ class ORVANE_API RingWriter : public ChannelWriter {
   void setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
                      unsigned long param3) override;
   void writeSegment(const unsigned char* data, unsigned long length) override;
-  void endSegment() override;
-  void stop(bool useStopTimeout) override;
 
   // Returns a place in the ring for up to `length` bytes of the current segment, which the caller
   // fills before it calls commit(). Waits for room as writeSegment does, and throws what that call
@@ -71,6 +60,19 @@ class ORVANE_API RingWriter : public ChannelWriter {
   // Appends the first `length` bytes at the reserved place, at most as many as were reserved, or
   // none. Throws kStatusInvalidArgument without a reserved place of that size.
   void commit(unsigned long length);
+
+  // As in ShmWriter.
+  void endSegment() override;
+  void stop(bool useStopTimeout) override;
+
+  // Ends the stream, and waits at most `timeout` for the server's answer. Has no effect on a writer
+  // that is not open. Throws kStatusTimedOut or the server's status. After the server's status the
+  // writer is not open, because the server has ended the stream. After kStatusTimedOut the stream
+  // takes no more data if its end was sent, and the call may be repeated: it waits again.
+  void close() override;
+
+  // Closes a writer that is still open, and ignores every error. Blocks as close() does.
+  ~RingWriter() override;
 
  private:
   friend struct RecordSteps;
@@ -89,17 +91,18 @@ class ORVANE_API RingWriter : public ChannelWriter {
   unsigned int timeout;
   unsigned int stopTimeout;
   bool perfBenchmarkEnabled;
-  pvk_shm_message_t header;             // of the last record; each record changes some fields
-  std::uint32_t lastMessageType;        // the type of the last record
-  bool segmentFirstWrite;               // always true, as in ShmWriter
-  orvane_seg_state_t lastSegmentState;  // the state that a stream's records would have to share
-  orvane_seg_state_t segAlg;
-  std::uint64_t segParam1;
-  std::uint64_t segParam2;
-  std::uint64_t segParam3;
-  unsigned char* reserved;  // the place of reserve(), until the next call
-  std::uint64_t reservedLength;
-  bool closing;  // the close record was sent, and its answer is awaited
+  pvk_shm_message_t header;  // of the last record; each record changes some fields
+  std::uint32_t lastMessageType = kRecordStop;  // the type of the last record
+  bool segmentFirstWrite = true;                // always true, as in ShmWriter
+  // The state that a stream's records would have to share.
+  orvane_seg_state_t lastSegmentState = kOrvaneSegBounded;
+  orvane_seg_state_t segAlg = kOrvaneSegBounded;
+  std::uint64_t segParam1 = 0;
+  std::uint64_t segParam2 = 0;
+  std::uint64_t segParam3 = 0;
+  unsigned char* reserved = nullptr;  // the place of reserve(), until the next call
+  std::uint64_t reservedLength = 0;
+  bool closing = false;  // the close record was sent, and its answer is awaited
 };
 
 }  // namespace orvane

@@ -122,13 +122,14 @@ class ORVANE_API ShmWriter : public ChannelWriter {
   std::unique_ptr<boost::interprocess::message_queue> sendQueue;
   std::unique_ptr<boost::interprocess::message_queue> responseQueue;
   std::unique_ptr<ShmBatch> batch;
-  std::uint32_t lastMessageType;        // the type of the last record in the batch or sent
-  bool segmentFirstWrite;               // always true: see writeSegment in segments.cpp
-  orvane_seg_state_t lastSegmentState;  // the state that a stream's records would have to share
-  orvane_seg_state_t segAlg;
-  std::uint64_t segParam1;
-  std::uint64_t segParam2;
-  std::uint64_t segParam3;
+  std::uint32_t lastMessageType = kRecordStop;  // the type of the last record in the batch or sent
+  bool segmentFirstWrite = true;  // always true: see requireSegment in record_steps.hpp
+  // The state that a stream's records would have to share.
+  orvane_seg_state_t lastSegmentState = kOrvaneSegBounded;
+  orvane_seg_state_t segAlg = kOrvaneSegBounded;
+  std::uint64_t segParam1 = 0;
+  std::uint64_t segParam2 = 0;
+  std::uint64_t segParam3 = 0;
 };
 
 }  // namespace orvane

@@ -1,7 +1,5 @@
 #include "orvane/ring_writer.hpp"
 
-#include <pthread.h>
-
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -57,17 +55,7 @@ RingWriter::RingWriter(const std::string& name, std::shared_ptr<ring::Producer> 
       producer(std::move(ring)),
       timeout(timeout),
       stopTimeout(stopTimeout),  // may be 0, to send a stop without waiting
-      perfBenchmarkEnabled(perfBenchmarkEnabled),
-      lastMessageType(kRecordStop),
-      segmentFirstWrite(true),
-      lastSegmentState(kOrvaneSegBounded),
-      segAlg(kOrvaneSegBounded),
-      segParam1(0),
-      segParam2(0),
-      segParam3(0),
-      reserved(nullptr),
-      reservedLength(0),
-      closing(false) {
+      perfBenchmarkEnabled(perfBenchmarkEnabled) {
   const AutoTrace scope("RingWriter");
   validateTimeout(timeout);
   if (!producer) {
@@ -116,17 +104,11 @@ void RingWriter::stop(bool useStopTimeout) {
 void RingWriter::setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
                                unsigned long param3) {
   reserved = nullptr;
-  segAlg = state;
-  segParam1 = param1;
-  segParam2 = param2;
-  segParam3 = param3;
+  RecordSteps::setSegmentAlg(*this, state, param1, param2, param3);
 }
 
 void RingWriter::writeSegment(const unsigned char* data, unsigned long length) {
-  const AutoTrace scope("writeSegment");
-  RecordSteps::requireSegment(*this);
-  RecordSteps::fillSegmentData(*this, length);
-  write_data(&header, data, timeout, false);
+  RecordSteps::writeSegment(*this, data, length);
 }
 
 void RingWriter::endSegment() {
@@ -207,16 +189,7 @@ void RingWriter::requireOwnProcess() const {
 RingWriter::~RingWriter() {
   const AutoTrace scope("~RingWriter");
   if ((isOpen || closing) && !producer->isInForkedChild()) {
-    // If the thread were cancelled while it waits here, it would unwind through a destructor, which
-    // ends the process.
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    try {
-      close();
-    } catch (...) {
-      // A destructor cannot report errors.
-    }
-    pthread_setcancelstate(cancelState, nullptr);
+    RecordSteps::closeInDestructor(*this);
   }
 }
 

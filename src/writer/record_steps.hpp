@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <cstdint>
 
 #include "orvane/channel.hpp"
@@ -26,6 +28,15 @@ struct RecordSteps {
     writer.header.segParam2 = 0;
     writer.header.segmentDone = 1;
     writer.header.segmentNo = 0;
+  }
+
+  template <typename Writer>
+  static void setSegmentAlg(Writer& writer, orvane_seg_state_t state, std::uint64_t param1,
+                            std::uint64_t param2, std::uint64_t param3) {
+    writer.segAlg = state;
+    writer.segParam1 = param1;
+    writer.segParam2 = param2;
+    writer.segParam3 = param3;
   }
 
   template <typename Writer>
@@ -71,6 +82,14 @@ struct RecordSteps {
   }
 
   template <typename Writer>
+  static void writeSegment(Writer& writer, const unsigned char* data, unsigned long length) {
+    const AutoTrace scope("writeSegment");
+    requireSegment(writer);
+    fillSegmentData(writer, length);
+    writer.write_data(&writer.header, data, writer.timeout, false);
+  }
+
+  template <typename Writer>
   static void endSegment(Writer& writer) {
     const AutoTrace scope("endSegment");
     if (!writer.isOpen) {
@@ -97,6 +116,21 @@ struct RecordSteps {
       writer.header.segmentNo += 1;
       writer.header.segmentDone = 1;
     }
+  }
+
+  // Closes a writer that is being destroyed.
+  template <typename Writer>
+  static void closeInDestructor(Writer& writer) {
+    // If the thread were cancelled while it waits here, it would unwind through a destructor, which
+    // ends the process.
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    try {
+      writer.close();
+    } catch (...) {
+      // A destructor cannot report errors.
+    }
+    pthread_setcancelstate(cancelState, nullptr);
   }
 
   static void requireSize(const pvk_shm_message_t& record) {

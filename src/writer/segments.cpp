@@ -1,5 +1,4 @@
 #include "orvane/writer.hpp"
-#include "ox/trace.hpp"
 #include "writer/limits.hpp"
 #include "writer/record_steps.hpp"
 
@@ -11,17 +10,11 @@ unsigned long ShmWriter::getMaxSegmentSize() {
 
 void ShmWriter::setSegmentAlg(orvane_seg_state_t state, unsigned long param1, unsigned long param2,
                               unsigned long param3) {
-  segAlg = state;
-  segParam1 = param1;
-  segParam2 = param2;
-  segParam3 = param3;
+  RecordSteps::setSegmentAlg(*this, state, param1, param2, param3);
 }
 
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
-  const AutoTrace scope("writeSegment");
-  RecordSteps::requireSegment(*this);
-  RecordSteps::fillSegmentData(*this, length);
-  write_data(&header, data, timeout, false);
+  RecordSteps::writeSegment(*this, data, length);
 }
 
 void ShmWriter::endSegment() {

@@ -1,8 +1,6 @@
-#include <pthread.h>
-
+#include "orvane/writer.hpp"
 #include "orvane/queue_name.hpp"
 #include "orvane/timeout.hpp"
-#include "orvane/writer.hpp"
 #include "ox/trace.hpp"
 #include "queue/message_queue.hpp"
 #include "writer/record_steps.hpp"
@@ -17,14 +15,7 @@ ShmWriter::ShmWriter(const std::string& name, const std::string& msgQueueName, u
       msgQueueName(msgQueueName),
       timeout(timeout),
       stopTimeout(stopTimeout),  // may be 0, to send a stop without waiting
-      perfBenchmarkEnabled(perfBenchmarkEnabled),
-      lastMessageType(kRecordStop),
-      segmentFirstWrite(true),
-      lastSegmentState(kOrvaneSegBounded),
-      segAlg(kOrvaneSegBounded),
-      segParam1(0),
-      segParam2(0),
-      segParam3(0) {
+      perfBenchmarkEnabled(perfBenchmarkEnabled) {
   const AutoTrace scope("ShmWriter");
   validateTimeout(timeout);
   if (TraceOn()) {
@@ -76,16 +67,7 @@ void ShmWriter::stop(bool useStopTimeout) {
 ShmWriter::~ShmWriter() {
   const AutoTrace scope("~ShmWriter");
   if (isOpen) {
-    // If the thread were cancelled while it waits here, it would unwind through a destructor, which
-    // ends the process.
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    try {
-      close();
-    } catch (...) {
-      // A destructor cannot report errors.
-    }
-    pthread_setcancelstate(cancelState, nullptr);
+    RecordSteps::closeInDestructor(*this);
   }
   // The members are destroyed in reverse order: the batch, the response queue, the send queue. The
   // writer only detaches from the queues, which belong to the server.
