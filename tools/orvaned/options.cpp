@@ -70,6 +70,13 @@ std::string toBytes(std::string& text) {
   return bytes ? "" : tool::kNoSize;
 }
 
+CLI::Option* addSize(CLI::App& app, const std::string& name, std::size_t& size,
+                     const std::string& description) {
+  return app.add_option(name, size, description)
+      ->type_name("SIZE")
+      ->transform(CLI::Validator(toBytes, ""));
+}
+
 std::string checkLevel(const std::string& text) {
   return levelNamed(text) ? "" : "must be info, auth, warning or error";
 }
@@ -150,12 +157,10 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->type_name("COUNT")
       ->check(CLI::Range(std::size_t{1}, kMaxMessages).description(""))
       ->capture_default_str();
-  app.add_option("--message-size", geometry.messageSize,
-                 "Size of one message, in bytes or such as 2MiB; the largest record\n"
-                 "needs " +
-                     std::to_string(tool::messageSizeFor(1)) + " bytes")
-      ->type_name("SIZE")
-      ->transform(CLI::Validator(toBytes, ""))
+  addSize(app, "--message-size", geometry.messageSize,
+          "Size of one message, in bytes or such as 2MiB; the largest record\n"
+          "needs " +
+              std::to_string(tool::messageSizeFor(1)) + " bytes")
       ->capture_default_str();
   app.add_option("--mode", mode,
                  "Permissions of the queue and the socket: the octal number of chmod")
@@ -174,20 +179,14 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->type_name("COUNT")
       ->check(CLI::Range(std::size_t{1}, kMaxPairs).description(""))
       ->capture_default_str();
-  app.add_option("--shm-limit", options.shmLimit,
-                 "Bytes of /dev/shm for all leases together, such as 512MiB; by default\n"
-                 "half of /dev/shm")
-      ->type_name("SIZE")
-      ->transform(CLI::Validator(toBytes, ""));
-  app.add_option("--ring-limit", options.ringLimit,
-                 "Bytes of memory for all rings together, such as 2GiB; by default a\n"
-                 "quarter of the memory")
-      ->type_name("SIZE")
-      ->transform(CLI::Validator(toBytes, ""));
-  app.add_option("--ring-limit-per-user", options.ringLimitPerUser,
-                 "Bytes of memory for all rings of one user; by default half of that")
-      ->type_name("SIZE")
-      ->transform(CLI::Validator(toBytes, ""));
+  addSize(app, "--shm-limit", options.shmLimit,
+          "Bytes of /dev/shm for all leases together, such as 512MiB; by default\n"
+          "half of /dev/shm");
+  addSize(app, "--ring-limit", options.ringLimit,
+          "Bytes of memory for all rings together, such as 2GiB; by default a\n"
+          "quarter of the memory");
+  addSize(app, "--ring-limit-per-user", options.ringLimitPerUser,
+          "Bytes of memory for all rings of one user; by default half of that");
   app.add_option("--idle-limit", options.idleLimit,
                  "Recreate a used fixed queue after this many seconds without a record\n"
                  "(0: never); its producer may have died")
