@@ -189,7 +189,7 @@ void Worker::open(const Header& header) {
     stream = Stream{StreamState(header), store.createStream()};
   } catch (const Ox_ErrnoException& e) {
     broken = e;
-    reportFailure(e.status(), e.message());
+    send(orvane::StreamFailed{e.status(), e.message()});
     throw;
   }
   tool::add(stats.streams, 1);
@@ -310,7 +310,7 @@ void Worker::abandonStream(orvane::StreamEnd how, const std::string& reason, ox_
   if (status == 0) {
     send(receipt);
   } else {
-    reportFailure(status, reason);
+    send(orvane::StreamFailed{status, reason});
   }
 }
 
@@ -322,10 +322,6 @@ orvane::Receipt Worker::concludeStream() {
   log.log(LEVEL_INFO, __func__, 0, "queue %s: %s", loggedName.c_str(), lastReceipt.c_str());
   stream.reset();
   return receipt;
-}
-
-void Worker::reportFailure(ox_status_t status, const std::string& reason) {
-  send(orvane::StreamFailed{status, reason});
 }
 
 void Worker::send(const orvane::LeaseReply& reply) {

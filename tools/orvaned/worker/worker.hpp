@@ -106,7 +106,6 @@ class Worker {
   void fail(const char* function, const Ox_ErrnoException& error);
   void abandonStream(orvane::StreamEnd how, const std::string& reason, ox_status_t status = 0);
   orvane::Receipt concludeStream();
-  void reportFailure(ox_status_t status, const std::string& reason);
   void send(const orvane::LeaseReply& reply);
   bool mayTake();
   bool awaitReader(Unread wanted);
