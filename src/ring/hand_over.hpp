@@ -41,12 +41,16 @@ class Waker {
 };
 
 // Looks for `lookFor` nanoseconds until `isReached()`, then sleeps while `counter` is `seen`, at
-// most once. Returns whether `isReached()`.
-template <typename System, typename Nap, typename Word, typename Reached, typename Seen>
-bool awaitOther(Nap& nap, const Word& counter, const Reached& isReached, const Seen& seen,
-                std::int64_t lookFor = kLookFor) {
+// most once. Each `look()` reads the counter; returns false if the last one found that the other
+// side broke the rules.
+template <typename System, typename Nap, typename Word, typename Look, typename Reached>
+bool awaitOther(Nap& nap, const Word& counter, const std::uint64_t& seen, const Look& look,
+                const Reached& isReached, std::int64_t lookFor = kLookFor) {
   const std::int64_t sleepAt = System::now() + lookFor;
   do {
+    if (!look()) {
+      return false;
+    }
     if (isReached()) {
       return true;
     }
@@ -55,11 +59,11 @@ bool awaitOther(Nap& nap, const Word& counter, const Reached& isReached, const S
   const std::uint32_t naps = nap.load(System::kRelaxed);
   nap.store(naps + 1, System::kRelease);  // a side that sees this nap also sees its `want`
   System::fence();
-  if (!isReached()) {
-    System::wait(counter, seen(), kLongestNap);
+  if (look() && !isReached()) {
+    System::wait(counter, seen, kLongestNap);
   }
   nap.store(naps + 2, System::kRelaxed);
-  return isReached();
+  return look();
 }
 
 constexpr bool isAsleep(std::uint32_t nap) {
@@ -111,15 +115,9 @@ class ProducerEnd {
   // server broke the rules.
   bool await(std::uint64_t wanted) {
     mine.want.store(wanted, System::kRelaxed);
-    bool valid = true;
-    awaitOther<System>(
-        mine.nap, other.head,
-        [&] {
-          valid = look();
-          return !valid || hasReached(released, wanted);
-        },
-        [&] { return released; });
-    return valid;
+    return awaitOther<System>(
+        mine.nap, other.head, released, [&] { return look(); },
+        [&] { return hasReached(released, wanted); });
   }
 
  private:
@@ -170,14 +168,9 @@ class ServerEnd {
   // Waits for a frame, for a moment; at most one nap. Returns false only if the producer broke the
   // rules.
   bool await() {
-    bool valid = true;
-    awaitOther<System>(
-        mine.nap, other.tail,
-        [&] {
-          valid = look();
-          return !valid || filled() > 0;
-        },
-        [&] { return published; }, idle ? 0 : kLookFor);
+    const bool valid = awaitOther<System>(
+        mine.nap, other.tail, published, [&] { return look(); }, [&] { return filled() > 0; },
+        idle ? 0 : kLookFor);
     idle = filled() == 0;
     return valid;
   }
