@@ -36,7 +36,8 @@ TABLE = [
     Row(["src/lease/*"], LEASE),
     Row(["src/ring/*"], RING + LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
-        "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "recovery")], ORVANED),
+        "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "manifest_content",
+        "unfinished_streams", "unfinished_stream_folder", "recovery")], ORVANED),
     Row(["tools/store_format/manifest_reader.?pp"], STORE_FORMAT),
 ]
 

@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "shm/fd.hpp"
-#include "store/recovery.hpp"
+#include "store/unfinished_streams.hpp"
 #include "support/temp_folder.hpp"
 
 namespace orvane::test {

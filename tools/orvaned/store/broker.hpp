@@ -7,8 +7,8 @@
 #include "log_limiter.hpp"
 #include "store/broker_messages.hpp"
 #include "store/output_file.hpp"
-#include "store/recovery.hpp"
 #include "store/store_access.hpp"
+#include "store/unfinished_streams.hpp"
 
 namespace orvaned {
 

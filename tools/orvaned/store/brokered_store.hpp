@@ -7,8 +7,8 @@
 
 #include "log.hpp"
 #include "store/broker_messages.hpp"
-#include "store/recovery.hpp"
 #include "store/store_access.hpp"
+#include "store/unfinished_streams.hpp"
 
 namespace orvaned {
 

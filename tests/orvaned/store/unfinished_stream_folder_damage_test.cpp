@@ -1,4 +1,4 @@
-// Damaged files and torn manifests of a stream whose server died.
+// Damaged files of a stream whose server died.
 
 #include "recovery_fixture.hpp"
 
@@ -45,51 +45,6 @@ TEST_F(RecoveryTest, AMissingSegmentIsFound) {
                             "damaged file=segment-000000 reason=No such file or directory: cannot "
                             "read " +
                             folder + "/segment-000000\n" + kNothingButDamage);
-}
-
-TEST_F(RecoveryTest, ATornLineEndsTheManifest) {
-  const std::string expected = kFirst + kHello +
-                               "unfinished file=segment-000001.part bytes=3 crc32=7a6c86f1\n" +
-                               kHelloWhole;
-  for (const std::size_t size : {std::size_t{1}, kOne.size() / 2, kOne.size() - 1}) {
-    std::filesystem::remove(folder + "/manifest");
-    writeHello(kOne.substr(0, size));
-    file("segment-000001.part", "one");
-    recover();
-    EXPECT_EQ(manifest(), expected) << size;
-  }
-}
-
-TEST_F(RecoveryTest, ALineThatMakesNoSenseEndsTheManifest) {
-  writeHello(std::string(40, '\0') + "\n" + kOne);
-  file("segment-000001", "one");
-  recover();
-  EXPECT_EQ(manifest(), kFirst + kHello + "damaged file=segment-000001 reason=it is not listed\n" +
-                            kHelloButDamage);
-}
-
-TEST_F(RecoveryTest, AManifestWithoutItsFirstLinesIsBegunAgain) {
-  const std::string expected =
-      kFirst + "unfinished file=segment-000000.part bytes=5 crc32=3610a686\n" + kNothingWhole;
-  for (const std::string& start :
-       {std::string(), std::string("format=1\nqueue=q\nstr"),
-        std::string("format=2\nqueue=q\nstream=20261121T023224-4711_0\n"), std::string(50, '\0')}) {
-    std::filesystem::remove(folder + "/manifest");
-    file("manifest.part", start);
-    file("segment-000000.part", "hello");
-    recover();
-    EXPECT_EQ(manifest(), expected) << start;
-  }
-}
-
-TEST_F(RecoveryTest, AnEndingThatIsTornIsNone) {
-  const std::string expected = kFirst + kHello + kHelloWhole;
-  for (std::size_t size = 0; size < kClosed.size(); ++size) {
-    std::filesystem::remove(folder + "/manifest");
-    writeHello(kClosed.substr(0, size));
-    recover();
-    EXPECT_EQ(manifest(), expected) << size;
-  }
 }
 
 TEST_F(RecoveryTest, AStreamThatHadEndedIsBrokenByDamage) {
