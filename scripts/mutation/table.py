@@ -21,7 +21,7 @@ ORVANED = [
     "orvaned_call_tests OutputFile*:StreamFolder*:SegmentCount.*:Worker*",
     "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:"
     "StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
-    "Step.*:WorkersLog.*:Totals*:QueuePairTest.*:LargeStream.*",
+    "Step.*:WorkersLog.*:TotalsTest.*:QueuePairTest.*:LargeStream.*",
     "store_format_tests Manifest*:*Line.*",
 ]
 STORE_FORMAT = [

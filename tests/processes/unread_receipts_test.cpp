@@ -8,8 +8,8 @@
 #include <csignal>
 #include <cstring>
 
-#include "shm/queue_stats.hpp"
 #include "shm/shm_names.hpp"
+#include "shm/totals.hpp"
 #include "support/lease_fixture.hpp"
 
 namespace orvane::test {
@@ -30,7 +30,7 @@ class UnreadReceipts : public LeaseTest {
   }
 
   static std::uint64_t statOf(const std::string& queue, std::size_t offset) {
-    const std::string totals = readFile(tool::statsPathOf(queue));
+    const std::string totals = readFile(tool::totalsPathOf(queue));
     std::uint64_t number = 0;
     std::memcpy(&number, totals.data() + offset, sizeof number);
     return number;

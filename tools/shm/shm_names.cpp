@@ -38,19 +38,19 @@ std::string privateNameOf(const std::string& queueName) {
   return "." + queueName + ".new";
 }
 
-std::string statsNameOf(const std::string& queueName) {
+std::string totalsNameOf(const std::string& queueName) {
   return "." + queueName + ".stats";
 }
 
-std::string statsPathOf(const std::string& queueName) {
-  return kShmFolder + statsNameOf(queueName);
+std::string totalsPathOf(const std::string& queueName) {
+  return kShmFolder + totalsNameOf(queueName);
 }
 
 std::array<std::string, 5> pathsOfPair(const std::string& queueName) {
   const std::string folder = kShmFolder;
   const std::string response = orvane::getMessageQueueResponseName(queueName);
   return {folder + queueName, folder + response, folder + privateNameOf(queueName),
-          folder + privateNameOf(response), statsPathOf(queueName)};
+          folder + privateNameOf(response), totalsPathOf(queueName)};
 }
 
 bool isRun(const std::string& name) {

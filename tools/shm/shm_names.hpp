@@ -19,9 +19,9 @@ std::set<std::string> namesInShm();
 // it is complete, so no process finds a queue that is incomplete or open to the wrong user.
 std::string privateNameOf(const std::string& queueName);
 
-// The name and the path of the file with a pair's totals (queue_stats.hpp).
-std::string statsNameOf(const std::string& queueName);
-std::string statsPathOf(const std::string& queueName);
+// The name and the path of the file with a pair's totals (totals.hpp).
+std::string totalsNameOf(const std::string& queueName);
+std::string totalsPathOf(const std::string& queueName);
 
 // Returns the paths of all files that a pair may have, in the order in which they are removed. The
 // send queue is the first, since a producer that finds it expects to find the response queue.

@@ -9,7 +9,7 @@
 
 #include "support/lease_fixture.hpp"
 #include "support/served.hpp"
-#include "support/stats_reader.hpp"
+#include "support/totals_reader.hpp"
 
 namespace orvane::test {
 namespace {
@@ -153,7 +153,7 @@ class PublishedTotals : public LeaseTest {
   const QueueName nameGuard{uniqueQueueName()};
   const QueueName responseGuard{nameGuard.text() + "Response"};
   const QueueName lockGuard{"." + nameGuard.text() + ".lock"};
-  const QueueName statsGuard{"." + nameGuard.text() + ".stats"};
+  const QueueName totalsGuard{"." + nameGuard.text() + ".stats"};
   const std::string& name = nameGuard.text();
 };
 

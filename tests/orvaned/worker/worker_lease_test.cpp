@@ -100,7 +100,7 @@ class WorkerLease : public testing::Test {
   std::string manifest(const std::string& stream) const {
     return readFile(folder.path() + "/" + stream + "/manifest");
   }
-  std::uint64_t unread() { return queues.stats().unreadReceipts; }
+  std::uint64_t unread() { return queues.totals().unreadReceipts; }
 
   TempFolder folder;
   const QueueName name{uniqueQueueName()};
@@ -294,14 +294,14 @@ TEST_F(WorkerSteps, CountABatchBeforeItIsAnswered) {
 TEST_F(WorkerSteps, CountNoSegmentWhoseDataCouldNotBeStored) {
   failNext("write", ENOSPC);
   ask({kOpen, {.type = 1, .seqNo = 2, .segmentDone = 0, .data = Bytes(10000)}});
-  EXPECT_EQ(queues.stats().segments, 0U);
-  EXPECT_EQ(queues.stats().records, 0U);
+  EXPECT_EQ(queues.totals().segments, 0U);
+  EXPECT_EQ(queues.totals().records, 0U);
   EXPECT_EQ(told(), Packets{});
 }
 
 TEST_F(WorkerSteps, CountASegmentOfOneByte) {
   ask({kOpen, {.type = 1, .seqNo = 2, .segmentDone = 0, .data = Bytes(1)}, kClose});
-  EXPECT_EQ(queues.stats().segments, 1U);
+  EXPECT_EQ(queues.totals().segments, 1U);
 }
 
 TEST_F(WorkerSteps, KeepTheAnswersOfBeforeWhenAnOpenRecordIsRefused) {

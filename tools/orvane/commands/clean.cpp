@@ -16,7 +16,7 @@
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
-#include "inspect/published.hpp"
+#include "inspect/published_totals.hpp"
 #include "queue_list.hpp"
 #include "shm/lock_file.hpp"
 #include "shm/shm_names.hpp"
@@ -72,8 +72,8 @@ std::optional<Server> serverByLock(const std::string& name) {
 
 std::optional<Server> serverByTotals(const std::string& queue) {
   try {
-    const std::string process = std::to_string(Published(queue).server());
-    const auto file = plainFile(statsPathOf(queue));
+    const std::string process = std::to_string(PublishedTotals(queue).server());
+    const auto file = plainFile(totalsPathOf(queue));
     return file ? std::optional(Server{file->st_uid, process}) : std::nullopt;
   } catch (const Failure&) {
     return std::nullopt;
@@ -164,7 +164,7 @@ std::optional<LockFile> lockName(const std::string& name, const Server& server) 
 // the lock.
 bool isServed(const std::string& queue) {
   try {
-    return Published(queue).isServed();
+    return PublishedTotals(queue).isServed();
   } catch (const Failure&) {
     return false;
   }

@@ -15,7 +15,7 @@
 #include "commands/commands.hpp"
 #include "exit.hpp"
 #include "inspect/json.hpp"
-#include "inspect/published.hpp"
+#include "inspect/published_totals.hpp"
 #include "queue_list.hpp"
 #include "shm/shm_names.hpp"
 #include "units.hpp"
@@ -45,9 +45,10 @@ std::string userName(uid_t user) {
 
 std::optional<Served> servedFacts(const std::string& queue) {
   try {
-    const Published published(queue);
-    const QueueStats& stats = published.stats();
-    return Served{stats.messages, stats.messageSize, published.isServed() ? published.server() : 0};
+    const PublishedTotals published(queue);
+    const Totals& totals = published.totals();
+    return Served{totals.messages, totals.messageSize,
+                  published.isServed() ? published.server() : 0};
   } catch (const Failure&) {
     return std::nullopt;
   }

@@ -66,7 +66,7 @@ std::optional<std::uint64_t> totalSize(const std::vector<Input>& inputs) {
   return total;
 }
 
-struct Totals {
+struct Summary {
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
   std::uint64_t segments = 0;
@@ -75,19 +75,19 @@ struct Totals {
   std::string lastStream;
 };
 
-void add(const Sent& sent, Totals& totals) {
-  ++totals.files;
-  totals.bytes += sent.bytes;
-  totals.segments += sent.segments;
-  totals.seconds += sent.seconds;
-  totals.lastStream = sent.stream;
-  if (totals.files == 1) {
-    totals.firstStream = sent.stream;
+void add(const Sent& sent, Summary& summary) {
+  ++summary.files;
+  summary.bytes += sent.bytes;
+  summary.segments += sent.segments;
+  summary.seconds += sent.seconds;
+  summary.lastStream = sent.stream;
+  if (summary.files == 1) {
+    summary.firstStream = sent.stream;
   }
 }
 
-std::string whileSending(const std::string& name, const Totals& totals, std::size_t files) {
-  return "while sending " + name + " (" + std::to_string(totals.files) + " of " +
+std::string whileSending(const std::string& name, const Summary& summary, std::size_t files) {
+  return "while sending " + name + " (" + std::to_string(summary.files) + " of " +
          counted(files, "file") + " stored)";
 }
 
@@ -95,26 +95,27 @@ std::string whileSending(const std::string& name, const Totals& totals, std::siz
 using SendOne = std::function<Sent(const Reader&, Progress&)>;
 
 void sendAll(std::vector<Input>& inputs, Interrupt& interrupt, const SendOne& send,
-             Totals& totals) {
+             Summary& summary) {
   Progress progress(totalSize(inputs));
   for (Input& input : inputs) {
     try {
-      add(send(input.reader(interrupt), progress), totals);
+      add(send(input.reader(interrupt), progress), summary);
     } catch (const Failure& failure) {
       throw Failure(failure.code,
-                    whileSending(input.name(), totals, inputs.size()) + ": " + failure.what());
+                    whileSending(input.name(), summary, inputs.size()) + ": " + failure.what());
     } catch (const Interrupted& interrupted) {
-      throw Interrupted{interrupted.signal, whileSending(input.name(), totals, inputs.size())};
+      throw Interrupted{interrupted.signal, whileSending(input.name(), summary, inputs.size())};
     }
   }
 }
 
-void printSummary(const Totals& totals) {
-  std::string line =
-      "stored " + counted(totals.files, "file") + ", " + std::to_string(totals.bytes) + " bytes, " +
-      counted(totals.segments, "segment") + ", " + timeAndRate(totals.bytes, totals.seconds);
-  line += totals.files == 1 ? ", stream " + totals.lastStream
-                            : ", streams " + totals.firstStream + " to " + totals.lastStream;
+void printSummary(const Summary& summary) {
+  std::string line = "stored " + counted(summary.files, "file") + ", " +
+                     std::to_string(summary.bytes) + " bytes, " +
+                     counted(summary.segments, "segment") + ", " +
+                     timeAndRate(summary.bytes, summary.seconds);
+  line += summary.files == 1 ? ", stream " + summary.lastStream
+                             : ", streams " + summary.firstStream + " to " + summary.lastStream;
   std::puts(line.c_str());
   try {
     requireOutput();
@@ -136,7 +137,7 @@ void sendFiles(const Destination& destination, const std::vector<std::string>& p
   std::optional<orvane::Lease> lease = leaseFrom(destination, options.timeoutSeconds);
   Interrupt interrupt;
   const std::chrono::seconds timeout(options.timeoutSeconds);
-  Totals totals;
+  Summary summary;
   if (lease && lease->ring() != nullptr) {
     RingSender sender(*lease, timeout, interrupt);
     sendAll(
@@ -144,7 +145,7 @@ void sendFiles(const Destination& destination, const std::vector<std::string>& p
         [&](const Reader& read, Progress& progress) {
           return sendStream(sender, read, options, progress, interrupt, *lease);
         },
-        totals);
+        summary);
   } else {
     orvane::Lease* const leased = lease ? &*lease : nullptr;
     PolledWriter writer(lease ? lease->queueName() : destination.queue, timeout, interrupt, leased);
@@ -153,9 +154,9 @@ void sendFiles(const Destination& destination, const std::vector<std::string>& p
         [&](const Reader& read, Progress& progress) {
           return sendStream(writer, read, options, progress, interrupt, leased);
         },
-        totals);
+        summary);
   }
-  printSummary(totals);
+  printSummary(summary);
 }
 
 struct Arguments {

@@ -12,7 +12,7 @@
 #include "commands/commands.hpp"
 #include "exit.hpp"
 #include "inspect/json.hpp"
-#include "inspect/published.hpp"
+#include "inspect/published_totals.hpp"
 #include "queue_list.hpp"
 #include "shm/utc.hpp"
 
@@ -28,17 +28,17 @@ struct StatOptions {
 struct Total {
   const char* text;
   const char* json;
-  QueueStats::Number QueueStats::*number;
+  Totals::Number Totals::*number;
 };
 
 constexpr Total kTotals[] = {
-    {"batches", "batches", &QueueStats::batches},
-    {"records", "records", &QueueStats::records},
-    {"bytes", "bytes", &QueueStats::bytes},
-    {"segments", "segments", &QueueStats::segments},
-    {"streams", "streams", &QueueStats::streams},
-    {"bad batches", "badBatches", &QueueStats::badBatches},
-    {"error answers", "errorAnswers", &QueueStats::errorAnswers},
+    {"batches", "batches", &Totals::batches},
+    {"records", "records", &Totals::records},
+    {"bytes", "bytes", &Totals::bytes},
+    {"segments", "segments", &Totals::segments},
+    {"streams", "streams", &Totals::streams},
+    {"bad batches", "badBatches", &Totals::badBatches},
+    {"error answers", "errorAnswers", &Totals::errorAnswers},
 };
 
 struct Look {
@@ -58,24 +58,24 @@ struct Stat {
 
 constexpr double kNanoseconds = 1e9;
 
-Look lookAt(const QueueStats& stats) {
-  Look look = {{}, stats.lastBatch.load(), stats.unreadReceipts.load(), streamOf(stats), 0};
+Look lookAt(const Totals& totals) {
+  Look look = {{}, totals.lastBatch.load(), totals.unreadReceipts.load(), streamOf(totals), 0};
   for (std::size_t i = 0; i < look.totals.size(); ++i) {
-    look.totals[i] = (stats.*kTotals[i].number).load(std::memory_order_relaxed);
+    look.totals[i] = (totals.*kTotals[i].number).load(std::memory_order_relaxed);
   }
   look.at = monotonicNow();  // read last, so that the last batch is never later
   return look;
 }
 
 // One look is enough if the server is dead: its totals do not change any more.
-Stat statOf(const Published& published, double interval) {
-  Stat stat = {published.isServed(), lookAt(published.stats())};
+Stat statOf(const PublishedTotals& published, double interval) {
+  Stat stat = {published.isServed(), lookAt(published.totals())};
   if (interval <= 0 || !stat.served) {
     return stat;
   }
   const Look first = stat.look;
   std::this_thread::sleep_for(std::chrono::duration<double>(interval));
-  stat.look = lookAt(published.stats());
+  stat.look = lookAt(published.totals());
   stat.seconds = static_cast<double>(stat.look.at - first.at) / kNanoseconds;
   for (std::size_t i = 0; i < stat.rates.size(); ++i) {
     stat.rates[i] = static_cast<double>(stat.look.totals[i] - first.totals[i]) / stat.seconds;
@@ -102,14 +102,14 @@ double secondsSince(std::uint64_t then, const Look& look) {
   return rounded(static_cast<double>(look.at - then) / kNanoseconds);
 }
 
-std::string serverText(const Published& published, const Stat& stat) {
+std::string serverText(const PublishedTotals& published, const Stat& stat) {
   const std::string server = std::to_string(published.server());
   if (!stat.served) {
     return "nobody: server " + server +
            " is gone; orvane clean removes what it left, or the next orvaned there";
   }
   return "process " + server + ", worker " + std::to_string(published.worker()) + ", since " +
-         timeText(published.stats().madeAt);
+         timeText(published.totals().madeAt);
 }
 
 std::string streamText(const Look& look) {
@@ -129,11 +129,11 @@ void printUnreadReceipts(const Look& look) {
   }
 }
 
-void printText(const std::string& queue, const Published& published, const Stat& stat) {
+void printText(const std::string& queue, const PublishedTotals& published, const Stat& stat) {
   const Look& look = stat.look;
-  const QueueStats& stats = published.stats();
+  const Totals& totals = published.totals();
   std::printf("queue        %s, %s messages of %s bytes\n", queue.c_str(),
-              std::to_string(stats.messages).c_str(), std::to_string(stats.messageSize).c_str());
+              std::to_string(totals.messages).c_str(), std::to_string(totals.messageSize).c_str());
   std::printf("served by    %s\n", serverText(published, stat).c_str());
   std::printf("open stream  %s\n", streamText(look).c_str());
   std::printf("last batch   %s\n",
@@ -159,20 +159,20 @@ Json jsonOf(const Stat& stat, bool rates) {
   return json;
 }
 
-void printJson(const std::string& queue, const Published& published, const Stat& stat) {
-  const QueueStats& stats = published.stats();
+void printJson(const std::string& queue, const PublishedTotals& published, const Stat& stat) {
+  const Totals& totals = published.totals();
   const Look& look = stat.look;
   const bool isOpen = look.stream && !look.stream->empty();
   const bool hasBatch = look.lastBatch != 0;
   const bool hasRates = stat.seconds > 0;
   printLine({{"name", queue},
-             {"messages", stats.messages.load()},
-             {"messageSize", stats.messageSize.load()},
+             {"messages", totals.messages.load()},
+             {"messageSize", totals.messageSize.load()},
              {"served", stat.served},
              {"server", published.server()},
              {"worker", published.worker()},
-             {"since", timeText(stats.madeAt)},
-             {"uptime", secondsSince(stats.madeAtMonotonic, look)},
+             {"since", timeText(totals.madeAt)},
+             {"uptime", secondsSince(totals.madeAtMonotonic, look)},
              {"openStream", isOpen ? Json(*look.stream) : Json()},
              {"lastBatchAgo", hasBatch ? Json(secondsSince(look.lastBatch, look)) : Json()},
              {"unreadReceipts", look.unreadReceipts},
@@ -188,7 +188,7 @@ void printStat(const StatOptions& options) {
   if (std::find(queues.begin(), queues.end(), queue) == queues.end()) {
     throw Failure(kFailed, noSuchQueue(queue));
   }
-  const Published published(queue);
+  const PublishedTotals published(queue);
   const Stat stat = statOf(published, options.interval);
   if (options.json) {
     printJson(queue, published, stat);

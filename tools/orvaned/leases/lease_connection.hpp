@@ -10,7 +10,7 @@
 #include <string>
 
 #include "shm/fd.hpp"
-#include "shm/queue_stats.hpp"
+#include "shm/totals.hpp"
 
 namespace orvaned {
 

@@ -15,8 +15,8 @@
 
 #include "leases/lease_run.hpp"
 #include "log.hpp"
-#include "shm/queue_stats.hpp"
 #include "shm/shm_names.hpp"
+#include "shm/totals.hpp"
 
 namespace orvaned {
 namespace {
@@ -31,13 +31,13 @@ constexpr std::size_t kLongestPacket = 512;
 // Reads the user from the file of totals, which is the server's own.
 std::uint64_t userPlusOneOf(const std::string& queue) {
   const tool::Fd file(
-      open(tool::statsPathOf(queue).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+      open(tool::totalsPathOf(queue).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat status = {};
   std::uint64_t user = 0;
   const bool isOurs = file.get() >= 0 && fstat(file.get(), &status) == 0 &&
                       S_ISREG(status.st_mode) && status.st_uid == geteuid();
   const bool isRead = isOurs && pread(file.get(), &user, sizeof user,
-                                      offsetof(tool::QueueStats, userPlusOne)) == sizeof user;
+                                      offsetof(tool::Totals, userPlusOne)) == sizeof user;
   return isRead ? user : 0;
 }
 

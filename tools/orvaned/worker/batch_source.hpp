@@ -6,7 +6,7 @@
 #include <span>
 #include <stdexcept>
 
-#include "shm/queue_stats.hpp"
+#include "shm/totals.hpp"
 
 namespace orvaned {
 
@@ -43,7 +43,7 @@ class BatchSource {
   virtual bool wait() = 0;
 
   // The published totals.
-  virtual tool::QueueStats& stats() = 0;
+  virtual tool::Totals& totals() = 0;
 };
 
 }  // namespace orvaned

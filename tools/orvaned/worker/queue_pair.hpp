@@ -13,7 +13,7 @@
 #include "worker/batch_source.hpp"
 #include "worker/guarded_buffer.hpp"
 #include "worker/heartbeat.hpp"
-#include "worker/stats_file.hpp"
+#include "worker/totals_file.hpp"
 
 namespace orvaned {
 
@@ -45,7 +45,7 @@ class QueuePair : public BatchSource {
   void postPending() override;
   void discardResponses() override;
   bool wait() override { return false; }  // waiting inside a queue could hang
-  tool::QueueStats& stats() override { return published.stats(); }
+  tool::Totals& totals() override { return published.totals(); }
 
   // From now on another process removes the names: this one is about to lose the right to do it.
   void leaveNames();
@@ -74,7 +74,7 @@ class QueuePair : public BatchSource {
   const std::size_t most;              // messages that the send queue holds
   const GuardedBuffer buffer;          // for a message
   const GuardedBuffer responseBuffer;  // for a response that no producer received
-  StatsFile published;                 // created before the queues, which must not exist without it
+  TotalsFile published;                // created before the queues, which must not exist without it
   Queue responseQueue;  // created before the send queue: a producer that finds the send queue
                         // relies on it
   Queue sendQueue;

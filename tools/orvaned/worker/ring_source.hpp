@@ -23,12 +23,12 @@ class RingSource : public BatchSource {
   void postPending() override {}       // receive() does it
   void discardResponses() override {}  // the producer does it before it opens a stream
   bool wait() override;
-  tool::QueueStats& stats() override { return totals; }
+  tool::Totals& totals() override { return counted; }
 
  private:
   Heartbeat& watched;
   const std::unique_ptr<orvane::RingReader> ring;
-  tool::QueueStats totals;
+  tool::Totals counted;
 };
 
 }  // namespace orvaned

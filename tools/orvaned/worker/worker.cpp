@@ -34,7 +34,7 @@ Worker::Worker(std::string queueName, BatchSource& source, Store& store, LeaseCo
     : queueName(std::move(queueName)),
       loggedName(doublePercent(this->queueName)),
       source(source),
-      stats(source.stats()),
+      totals(source.totals()),
       store(store),
       lease(lease),
       capture(std::move(capture)) {}
@@ -130,15 +130,15 @@ bool Worker::awaitReader(Unread wanted) {
 }
 
 void Worker::publishUnread() {
-  stats.unreadReceipts.store(lease->waiting(), std::memory_order_relaxed);
+  totals.unreadReceipts.store(lease->waiting(), std::memory_order_relaxed);
 }
 
 void Worker::countBatch(ox_status_t status) {
-  tool::add(stats.batches, 1);
+  tool::add(totals.batches, 1);
   if (status != 0) {
-    tool::add(stats.errorAnswers, 1);
+    tool::add(totals.errorAnswers, 1);
   }
-  stats.lastBatch.store(tool::monotonicNow(), std::memory_order_relaxed);
+  totals.lastBatch.store(tool::monotonicNow(), std::memory_order_relaxed);
 }
 
 void Worker::takeBatch(std::span<const unsigned char> message) {
@@ -151,7 +151,7 @@ void Worker::takeBatch(std::span<const unsigned char> message) {
     }
   } catch (const Ox_ErrnoException& e) {
     ++badBatches;
-    tool::add(stats.badBatches, 1);
+    tool::add(totals.badBatches, 1);
     fail(__func__, Ox_ErrnoException(orvane::kBadBatch, e.message(), ""));
   }
   flush();
@@ -192,8 +192,8 @@ void Worker::open(const Header& header) {
     send(orvane::StreamFailed{e.status(), e.message()});
     throw;
   }
-  tool::add(stats.streams, 1);
-  tool::setStream(stats, stream->folder->stream());
+  tool::add(totals.streams, 1);
+  tool::setStream(totals, stream->folder->stream());
   log.log(LEVEL_INFO, __func__, 0, "queue %s: stream %s begins", loggedName.c_str(),
           stream->folder->stream().c_str());
 }
@@ -237,13 +237,13 @@ void Worker::storeRecord(const Entry& entry) {
 }
 
 void Worker::countRecord(const Entry& entry) {
-  tool::add(stats.records, 1);
-  tool::add(stats.bytes, entry.header.len);
+  tool::add(totals.records, 1);
+  tool::add(totals.bytes, entry.header.len);
 }
 
 // Receipts do not count segments without data either.
 void Worker::countSegment() {
-  tool::add(stats.segments, std::exchange(stream->segmentHasData, false) ? 1 : 0);
+  tool::add(totals.segments, std::exchange(stream->segmentHasData, false) ? 1 : 0);
 }
 
 // At the end of each batch, so that its response reports a full disk.
@@ -316,7 +316,7 @@ void Worker::abandonStream(orvane::StreamEnd how, const std::string& reason, ox_
 
 orvane::Receipt Worker::concludeStream() {
   countSegment();
-  tool::setStream(stats, "");
+  tool::setStream(totals, "");
   orvane::Receipt receipt = stream->folder->receipt();
   lastReceipt = textOf(receipt);
   log.log(LEVEL_INFO, __func__, 0, "queue %s: %s", loggedName.c_str(), lastReceipt.c_str());

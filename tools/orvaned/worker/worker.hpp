@@ -117,7 +117,7 @@ class Worker {
   const std::string queueName;
   const std::string loggedName;  // of the queue, with each % doubled
   BatchSource& source;
-  tool::QueueStats& stats;
+  tool::Totals& totals;
   Store& store;
   LeaseConnection* const lease;
   Capture capture;

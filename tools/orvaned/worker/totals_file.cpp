@@ -1,4 +1,4 @@
-#include "worker/stats_file.hpp"
+#include "worker/totals_file.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -16,7 +16,7 @@
 namespace orvaned {
 namespace {
 
-using tool::QueueStats;
+using tool::Totals;
 
 constexpr mode_t kOwnersMode = 0600;
 constexpr mode_t kGroupReads = 0640;
@@ -40,9 +40,9 @@ void lock(int file) {
 
 }  // namespace
 
-StatsFile::StatsFile(const std::string& queueName, const Geometry& geometry,
-                     std::optional<gid_t> readers, std::optional<uid_t> user)
-    : path(tool::statsPathOf(queueName)),
+TotalsFile::TotalsFile(const std::string& queueName, const Geometry& geometry,
+                       std::optional<gid_t> readers, std::optional<uid_t> user)
+    : path(tool::totalsPathOf(queueName)),
       file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kOwnersMode)) {
   if (file.get() < 0) {
     fail(path, errno);
@@ -57,25 +57,24 @@ StatsFile::StatsFile(const std::string& queueName, const Geometry& geometry,
 }
 
 // A file with holes would work until /dev/shm is full; then a write into it would kill the worker.
-void StatsFile::allocate() {
-  if (const int error = posix_fallocate(file.get(), 0, sizeof(QueueStats))) {
+void TotalsFile::allocate() {
+  if (const int error = posix_fallocate(file.get(), 0, sizeof(Totals))) {
     fail(path, error);
   }
-  void* memory =
-      mmap(nullptr, sizeof(QueueStats), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  void* memory = mmap(nullptr, sizeof(Totals), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
   if (memory == MAP_FAILED) {
     fail(path, errno);
   }
-  mapped = new (memory) QueueStats;
+  mapped = new (memory) Totals;
 }
 
-void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
-                        std::optional<uid_t> user) {
+void TotalsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
+                         std::optional<uid_t> user) {
   lock(file.get());
   // If the group cannot be set here, it cannot be set for the queues, which report the error.
   const bool given = readers && fchown(file.get(), static_cast<uid_t>(-1), *readers) == 0;
   fchmod(file.get(), given ? kGroupReads : kOwnersMode | (geometry.mode & kAnyoneReads));
-  mapped->version = tool::kStatsVersion;
+  mapped->version = tool::kTotalsVersion;
   mapped->server = static_cast<std::uint64_t>(getppid());
   mapped->worker = static_cast<std::uint64_t>(getpid());
   mapped->messages = geometry.messages;
@@ -83,11 +82,11 @@ void StatsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
   mapped->madeAt = wallClockNow();
   mapped->madeAtMonotonic = tool::monotonicNow();
   mapped->userPlusOne = user ? std::uint64_t{*user} + 1 : 0;
-  mapped->magic = tool::kStatsMagic;
+  mapped->magic = tool::kTotalsMagic;
 }
 
-StatsFile::~StatsFile() {
-  munmap(mapped, sizeof(QueueStats));
+TotalsFile::~TotalsFile() {
+  munmap(mapped, sizeof(Totals));
   if (removesName) {
     unlink(path.c_str());
   }

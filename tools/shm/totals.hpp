@@ -35,7 +35,7 @@ namespace tool {
 //
 // Numbers are in the machine's byte order. The worker locks the file's first byte (F_OFD_SETLK)
 // while it lives; F_OFD_GETLK shows whether it does, and does not lock the byte.
-struct QueueStats {
+struct Totals {
   using Number = std::atomic<std::uint64_t>;
 
   Number magic{0};
@@ -60,34 +60,34 @@ struct QueueStats {
   Number unreadReceipts{0};
 };
 
-static_assert(QueueStats::Number::is_always_lock_free, "it is shared between processes");
-static_assert(sizeof(QueueStats) == 200);
-static_assert(offsetof(QueueStats, batches) == 64);
-static_assert(offsetof(QueueStats, stream) == 136);
+static_assert(Totals::Number::is_always_lock_free, "it is shared between processes");
+static_assert(sizeof(Totals) == 200);
+static_assert(offsetof(Totals, batches) == 64);
+static_assert(offsetof(Totals, stream) == 136);
 
-constexpr std::uint64_t kStatsMagic = 0x737461747376726f;  // "orvstats"
-constexpr std::uint64_t kStatsVersion = 1;
+constexpr std::uint64_t kTotalsMagic = 0x737461747376726f;  // "orvstats"
+constexpr std::uint64_t kTotalsVersion = 1;
 
 // While a lease has this many unread receipts, its worker receives no batch.
 constexpr std::uint64_t kMostUnreadReceipts = 4096;
 
 // Adds to a total. Only the worker writes, so it does not need fetch_add, a locked instruction.
-inline void add(QueueStats::Number& total, std::uint64_t count) {
+inline void add(Totals::Number& total, std::uint64_t count) {
   total.store(total.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
 }
 
 // Publishes the id of the stream that begins, or "" when a stream ends. An id that is too long is
 // cut.
-void setStream(QueueStats& stats, const std::string& id);
+void setStream(Totals& totals, const std::string& id);
 
 // Returns the id of the open stream, "" if none is open, or nothing while the worker changes it.
-std::optional<std::string> streamOf(const QueueStats& stats);
+std::optional<std::string> streamOf(const Totals& totals);
 
 // Returns the time of CLOCK_MONOTONIC, in nanoseconds.
 std::uint64_t monotonicNow();
 
 // Returns whether the worker holds the lock of this file of totals, or nothing if the system does
 // not support the question.
-std::optional<bool> isWorkerAlive(int statsFile);
+std::optional<bool> isWorkerAlive(int totalsFile);
 
 }  // namespace tool

@@ -1,6 +1,6 @@
 // The file of a pair's totals: what it says from the start, who may read it, and when it is there.
 
-#include "worker/stats_file.hpp"
+#include "worker/totals_file.hpp"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@
 #include "support/await.hpp"
 #include "support/limits.hpp"
 #include "support/queue_pair.hpp"
-#include "support/stats_reader.hpp"
+#include "support/totals_reader.hpp"
 #include "worker/queue_pair.hpp"
 
 namespace {
@@ -37,7 +37,7 @@ std::uint64_t nanoseconds(clockid_t clock) {
          static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-class StatsFileTest : public testing::Test {
+class TotalsFileTest : public testing::Test {
  protected:
   std::string refusal() const {
     try {
@@ -55,12 +55,12 @@ class StatsFileTest : public testing::Test {
 
   const QueueName nameGuard{uniqueQueueName()};
   const QueueName responseGuard{nameGuard.text() + "Response"};
-  const QueueName statsGuard{"." + nameGuard.text() + ".stats"};
+  const QueueName totalsGuard{"." + nameGuard.text() + ".stats"};
   const std::string& name = nameGuard.text();
   const std::string path = "/dev/shm/." + name + ".stats";
 };
 
-TEST_F(StatsFileTest, TellsWhoServesWhatSinceWhen) {
+TEST_F(TotalsFileTest, TellsWhoServesWhatSinceWhen) {
   const std::uint64_t wallBefore = nanoseconds(CLOCK_REALTIME);
   const std::uint64_t before = nanoseconds(CLOCK_MONOTONIC);
   const QueuePair pair(name, {5, 2000, 0600});
@@ -76,7 +76,7 @@ TEST_F(StatsFileTest, TellsWhoServesWhatSinceWhen) {
   EXPECT_EQ(readFile(path).substr(64), std::string(136, '\0'));
 }
 
-TEST_F(StatsFileTest, MayBeReadByWhoeverMayUseThePairAndWrittenByNobodyElse) {
+TEST_F(TotalsFileTest, MayBeReadByWhoeverMayUseThePairAndWrittenByNobodyElse) {
   const mode_t before = umask(0077);
   for (const auto& [mode, expected] : {std::pair(0600U, 0600U), std::pair(0660U, 0640U),
                                        std::pair(0666U, 0644U), std::pair(0622U, 0600U)}) {
@@ -88,7 +88,7 @@ TEST_F(StatsFileTest, MayBeReadByWhoeverMayUseThePairAndWrittenByNobodyElse) {
 }
 
 // The server stays its owner, because an owner could cut the file while the server writes.
-TEST_F(StatsFileTest, OfALeasedPairMayBeReadByItsProducersGroup) {
+TEST_F(TotalsFileTest, OfALeasedPairMayBeReadByItsProducersGroup) {
   if (geteuid() != 0) {  // who may not give the pair to anybody gets none
     EXPECT_THROW(QueuePair(name, {2, 100, 0600}, Owner{65534, 65533}), std::runtime_error);
     EXPECT_EQ(sharedMemoryOf(name), Names{});
@@ -100,13 +100,13 @@ TEST_F(StatsFileTest, OfALeasedPairMayBeReadByItsProducersGroup) {
   EXPECT_EQ(status().st_mode & 07777, 0640U);
 }
 
-TEST_F(StatsFileTest, OfAPairOfTheServersOwnUserIsItsAlone) {
+TEST_F(TotalsFileTest, OfAPairOfTheServersOwnUserIsItsAlone) {
   const QueuePair pair(name, {2, 100, 0600}, Owner{geteuid(), 65533});
   EXPECT_EQ(status().st_gid, getegid());
   EXPECT_EQ(status().st_mode & 07777, 0600U);
 }
 
-TEST_F(StatsFileTest, IsLockedWhileItsProcessServes) {
+TEST_F(TotalsFileTest, IsLockedWhileItsProcessServes) {
   tool::Fd file;
   {
     const QueuePair pair(name, {2, 100, 0600});
@@ -117,14 +117,14 @@ TEST_F(StatsFileTest, IsLockedWhileItsProcessServes) {
   EXPECT_EQ(tool::isWorkerAlive(-1), std::nullopt);
 }
 
-TEST_F(StatsFileTest, LeavesAStrangersFileAlone) {
+TEST_F(TotalsFileTest, LeavesAStrangersFileAlone) {
   writeFile(path, "mine");
   EXPECT_EQ(refusal(), "cannot create " + path + ": File exists");
   EXPECT_EQ(readFile(path), "mine");
   EXPECT_EQ(sharedMemoryOf(name), Names{"." + name + ".stats"});
 }
 
-TEST_F(StatsFileTest, FollowsNoLink) {
+TEST_F(TotalsFileTest, FollowsNoLink) {
   const orvane::test::TempFolder folder;
   const std::string target = folder.path() + "/target";
   std::filesystem::create_symlink(target, path);
@@ -132,7 +132,7 @@ TEST_F(StatsFileTest, FollowsNoLink) {
   EXPECT_FALSE(std::filesystem::exists(target));
 }
 
-TEST_F(StatsFileTest, LeavesNothingBehindWhenTheMemoryRunsOut) {
+TEST_F(TotalsFileTest, LeavesNothingBehindWhenTheMemoryRunsOut) {
   {
     const orvane::test::FileSizeLimit limit(183);
     EXPECT_EQ(refusal(), "cannot create " + path + ": File too large");
@@ -140,7 +140,7 @@ TEST_F(StatsFileTest, LeavesNothingBehindWhenTheMemoryRunsOut) {
   EXPECT_EQ(sharedMemoryOf(name), Names{});
 }
 
-TEST_F(StatsFileTest, GoesWhenTheQueuesCannotBeMade) {
+TEST_F(TotalsFileTest, GoesWhenTheQueuesCannotBeMade) {
   writeFile("/dev/shm/" + name + "Response", "");
   EXPECT_TRUE(refusal().starts_with("the queue " + name + "Response is in use: ")) << refusal();
   EXPECT_EQ(sharedMemoryOf(name), Names{name + "Response"});

@@ -1,4 +1,4 @@
-#include "inspect/published.hpp"
+#include "inspect/published_totals.hpp"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -14,8 +14,8 @@ namespace tool {
 namespace {
 
 // Another program may have put a symbolic link or a FIFO there: do not follow it or wait for it.
-Fd openStats(const std::string& queue) {
-  const std::string path = statsPathOf(queue);
+Fd openTotals(const std::string& queue) {
+  const std::string path = totalsPathOf(queue);
   Fd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (file.get() >= 0) {
     return file;
@@ -31,36 +31,36 @@ Fd openStats(const std::string& queue) {
   }
 }
 
-const QueueStats* mapStats(const Fd& file, const std::string& queue) {
+const Totals* mapTotals(const Fd& file, const std::string& queue) {
   struct stat status = {};
   void* memory = MAP_FAILED;
   if (fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-      status.st_size >= static_cast<off_t>(offsetof(QueueStats, userPlusOne))) {
-    memory = mmap(nullptr, sizeof(QueueStats), PROT_READ, MAP_SHARED, file.get(), 0);
+      status.st_size >= static_cast<off_t>(offsetof(Totals, userPlusOne))) {
+    memory = mmap(nullptr, sizeof(Totals), PROT_READ, MAP_SHARED, file.get(), 0);
   }
   if (memory != MAP_FAILED) {
-    const auto* stats = static_cast<const QueueStats*>(memory);
-    if (stats->magic == kStatsMagic && stats->version == kStatsVersion) {
-      return stats;
+    const auto* totals = static_cast<const Totals*>(memory);
+    if (totals->magic == kTotalsMagic && totals->version == kTotalsVersion) {
+      return totals;
     }
-    munmap(memory, sizeof(QueueStats));
+    munmap(memory, sizeof(Totals));
   }
-  throw Failure(kFailed, "cannot read " + statsPathOf(queue) +
+  throw Failure(kFailed, "cannot read " + totalsPathOf(queue) +
                              ": it is half made, or of another version of orvaned");
 }
 
 }  // namespace
 
-Published::Published(const std::string& queue)
-    : file(openStats(queue)), mapped(mapStats(file, queue)) {}
+PublishedTotals::PublishedTotals(const std::string& queue)
+    : file(openTotals(queue)), mapped(mapTotals(file, queue)) {}
 
-Published::~Published() {
-  munmap(const_cast<QueueStats*>(mapped), sizeof(QueueStats));
+PublishedTotals::~PublishedTotals() {
+  munmap(const_cast<Totals*>(mapped), sizeof(Totals));
 }
 
 // If the system does not support the question, the file is a sign that the server is there: a
 // server that ends in order removes it.
-bool Published::isServed() const {
+bool PublishedTotals::isServed() const {
   return isWorkerAlive(file.get()).value_or(true);
 }
 
