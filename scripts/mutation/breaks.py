@@ -30,13 +30,13 @@ SWAPS = [(re.compile(token), other) for token, other in [
 NUMBER = re.compile(r"(?<![\w.\"])(0x[0-9A-Fa-f]+|\d+)(?![\w.\"])")
 LITERAL = re.compile(r"'(?:[^'\\]|\\.[^']*)'|\"((?:[^\"\\]|\\.)*)\"")
 # In a narrower type it is the same number, or the compiler warns of it.
-CONSTANT = re.compile(r"\s*constexpr [\w:]+ \w+ = [^;]*;")
+CONSTANT = re.compile(r"\s*constexpr [\w: ]+ = [^;]*;")
 WIDTH = re.compile(r"int\d\d_t|size_t|off_t|unsigned (int|long)")
 NOT_BROKEN = re.compile(r"\s*(#|namespace\b|template\b|static_assert\b|$)")
 
-# Leaving these out, or moving them, says nothing or does not compile.
+# Leaving these out, or moving them, says nothing or does not compile. (On x86-64 va_end does nothing.)
 FIXED = re.compile(r"\s*(return|throw|using|static_assert|break|continue|friend|public|private|protected|case"
-                   r"|default|struct|class|enum|namespace|template|constexpr|goto|\[\[|~)\b|\s*[#}]")
+                   r"|default|struct|class|enum|namespace|template|constexpr|goto|va_end|\[\[|~)\b|\s*[#}]")
 FIELD = re.compile(r"\s*([\w.>\[\]-]+ [%+-]?= |storeBig|\+\+|--|tool::(add|setStream)\("
                    r"|\w+(\.\w+)*\.(reset|clear|insert|push_back|store)\()")
 CALL = re.compile(r"\w\(")

@@ -174,7 +174,7 @@ Packet receivePacket(int connection, const Deadline& deadline) {
   msghdr message = {};
   message.msg_iov = &bytes;
   message.msg_iovlen = 1;
-  ssize_t received = 0;
+  ssize_t received;
   do {
     waitToReceive(connection, deadline);
     message.msg_control = control;
@@ -214,7 +214,7 @@ LeaseReply replyIn(int connection, const std::string& text) {
 
 void sendRequest(int connection, const LeaseRequest& request) {
   const std::string packet = packetOf(request);
-  if (send(connection, packet.data(), packet.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE &&
+  if (send(connection, packet.data(), packet.size(), MSG_NOSIGNAL) == -1 && errno != EPIPE &&
       errno != ECONNRESET) {  // after these two, the packet that the server sent can still be read
     failLost(connection, "Cannot ask the server for a lease: " + reasonOf(errno));
   }

@@ -1,10 +1,9 @@
 #include "orvane/lease_protocol.hpp"
 
 #include <algorithm>
-#include <charconv>
-#include <system_error>
 
 #include "lease/control_character.hpp"
+#include "lease/number.hpp"
 
 namespace orvane {
 namespace {
@@ -23,11 +22,9 @@ bool parseWord(std::string_view& text, std::string_view word) {
 // Parses "1003 no room on disk".
 template <typename Failure>
 std::optional<LeaseReply> parseFailure(std::string_view text) {
-  ox_status_t status = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), status);
-  text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-  if (error == std::errc() && status >= kLowestServerStatus && parseWord(text, " ")) {
-    return Failure{status, std::string(text)};
+  const auto status = takeNumber<ox_status_t>(text);
+  if (status && *status >= kLowestServerStatus && parseWord(text, " ")) {
+    return Failure{*status, std::string(text)};
   }
   return std::nullopt;
 }
@@ -37,14 +34,6 @@ std::string_view nextWord(std::string_view& text) {
   const std::string_view word = text.substr(0, text.find(' '));
   text.remove_prefix(std::min(text.size(), word.size() + 1));
   return word;
-}
-
-// Parses a number without a sign or other characters.
-std::optional<std::uint64_t> parseNumber(std::string_view text) {
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  const bool isWhole = error == std::errc() && end == text.data() + text.size();
-  return isWhole ? std::optional(number) : std::nullopt;
 }
 
 // Parses "KEY=VALUE KEY=VALUE". No key is known yet.

@@ -1,9 +1,9 @@
 #include "orvane/receipt.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
-#include <system_error>
+
+#include "lease/number.hpp"
 
 namespace orvane {
 namespace {
@@ -24,17 +24,8 @@ std::optional<std::string_view> parseField(std::string_view& text, std::string_v
   return value;
 }
 
-std::optional<std::uint64_t> parseNumber(std::string_view& text, std::string_view word) {
-  const auto value = parseField(text, word);
-  if (!value) {
-    return std::nullopt;
-  }
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(value->data(), value->data() + value->size(), number);
-  if (error != std::errc() || end != value->data() + value->size()) {
-    return std::nullopt;
-  }
-  return number;
+std::optional<std::uint64_t> parseNumberField(std::string_view& text, std::string_view word) {
+  return parseNumber(parseField(text, word).value_or(""));
 }
 
 std::optional<StreamEnd> parseEnd(std::string_view& text) {
@@ -58,9 +49,9 @@ std::string textOf(const Receipt& receipt) {
 
 std::optional<Receipt> parseReceipt(std::string_view text) {
   const auto stream = parseField(text, "receipt stream=");
-  const auto records = parseNumber(text, " records=");
-  const auto bytes = parseNumber(text, " bytes=");
-  const auto segments = parseNumber(text, " segments=");
+  const auto records = parseNumberField(text, " records=");
+  const auto bytes = parseNumberField(text, " bytes=");
+  const auto segments = parseNumberField(text, " segments=");
   const auto end = parseEnd(text);
   if (!stream || !records || !bytes || !segments || !end || !text.empty()) {
     return std::nullopt;

@@ -29,8 +29,8 @@ unsigned char* ShmBatch::MetaData::serializeToBuffer(unsigned char* p) const {
 }
 
 const unsigned char* ShmBatch::MetaData::deserializeFromBuffer(const unsigned char* p) {
-  magic = loadBig32(p + layout::kMetaDataMagic);
-  numEntries = loadBig32(p + layout::kNumEntries);
+  magic = loadBig32(&p[layout::kMetaDataMagic]);
+  numEntries = loadBig32(&p[layout::kNumEntries]);
   if (magic != layout::kMetaDataMagicWord) {
     failCorruptMetaData(magic);
   }

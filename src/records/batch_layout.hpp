@@ -37,39 +37,39 @@ constexpr std::size_t kHeaderSize = pvk_shm_message_t::kSerializedSize;
 constexpr std::uint32_t kHeaderMagicWord = pvk_shm_message_t::kMagic;
 
 inline void writeMetaData(unsigned char* p, const ShmBatch::MetaData& metaData) {
-  storeBig32(p + kMetaDataMagic, metaData.magic);
-  storeBig32(p + kNumEntries, metaData.numEntries);
+  storeBig32(&p[kMetaDataMagic], metaData.magic);
+  storeBig32(&p[kNumEntries], metaData.numEntries);
 }
 
 // Copies field by field: the header was often filled just before, and a load that is wider than
 // those stores would wait for them (5 to 9 ns for each record, measured).
 inline void writeHeader(unsigned char* p, const pvk_shm_message_t& header) {
-  storeBig32(p + kType, header.type);
-  storeBig32(p + kLen, header.len);
-  storeBig64(p + kSeqNo, header.seqNo);
-  storeBig64(p + kSegmentNo, header.segmentNo);
-  storeBig32(p + kSegmentDone, header.segmentDone);
-  storeBig32(p + kSegAlg, header.segAlg);
-  storeBig32(p + kSegParam1, header.segParam1);
-  storeBig32(p + kSegParam2, header.segParam2);
-  storeBig32(p + kSegParam3, header.segParam3);
-  storeBig32(p + kHeaderMagic, header.magic);
+  storeBig32(&p[kType], header.type);
+  storeBig32(&p[kLen], header.len);
+  storeBig64(&p[kSeqNo], header.seqNo);
+  storeBig64(&p[kSegmentNo], header.segmentNo);
+  storeBig32(&p[kSegmentDone], header.segmentDone);
+  storeBig32(&p[kSegAlg], header.segAlg);
+  storeBig32(&p[kSegParam1], header.segParam1);
+  storeBig32(&p[kSegParam2], header.segParam2);
+  storeBig32(&p[kSegParam3], header.segParam3);
+  storeBig32(&p[kHeaderMagic], header.magic);
 }
 
 // Every reader calls it when a header's magic word is wrong.
 [[noreturn]] void failCorruptHeader(std::uint32_t magic);
 
 inline void readHeader(pvk_shm_message_t& header, const unsigned char* p) {
-  header.type = loadBig32(p + kType);
-  header.len = loadBig32(p + kLen);
-  header.seqNo = loadBig64(p + kSeqNo);
-  header.segmentNo = loadBig64(p + kSegmentNo);
-  header.segmentDone = loadBig32(p + kSegmentDone);
-  header.segAlg = loadBig32(p + kSegAlg);
-  header.segParam1 = loadBig32(p + kSegParam1);
-  header.segParam2 = loadBig32(p + kSegParam2);
-  header.segParam3 = loadBig32(p + kSegParam3);
-  header.magic = loadBig32(p + kHeaderMagic);
+  header.type = loadBig32(&p[kType]);
+  header.len = loadBig32(&p[kLen]);
+  header.seqNo = loadBig64(&p[kSeqNo]);
+  header.segmentNo = loadBig64(&p[kSegmentNo]);
+  header.segmentDone = loadBig32(&p[kSegmentDone]);
+  header.segAlg = loadBig32(&p[kSegAlg]);
+  header.segParam1 = loadBig32(&p[kSegParam1]);
+  header.segParam2 = loadBig32(&p[kSegParam2]);
+  header.segParam3 = loadBig32(&p[kSegParam3]);
+  header.magic = loadBig32(&p[kHeaderMagic]);
 }
 
 }  // namespace orvane::layout

@@ -37,7 +37,7 @@ BatchView::BatchView(const unsigned char* bytes, std::size_t size) : bytes(bytes
     if (left < kHeaderSize) {
       failShort(i, size - left, "header", kHeaderSize, left);
     }
-    const std::uint32_t magic = loadBig32(header + layout::kHeaderMagic);
+    const std::uint32_t magic = loadBig32(&header[layout::kHeaderMagic]);
     if (magic != layout::kHeaderMagicWord) {
       layout::failCorruptHeader(magic);
     }

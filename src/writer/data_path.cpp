@@ -62,14 +62,14 @@ void ShmWriter::flush_shm_buffer(unsigned int sendTimeout) {
   }
   batch->clear();
 
-  boost::interprocess::message_queue::size_type received = 0;
-  unsigned int priority = 0;
+  boost::interprocess::message_queue::size_type received;
+  unsigned int priority;
   if (!responseQueue->try_receive(&response, sizeof response, received, priority)) {
     return;
   }
   if (response.status != 0) {
-    const std::size_t length = strnlen(response.text, sizeof response.text);
-    fail(response.status, std::string_view(response.text, length));
+    fail(response.status,
+         std::string_view(response.text, strnlen(response.text, sizeof response.text)));
   }
 }
 

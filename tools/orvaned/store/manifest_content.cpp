@@ -10,7 +10,6 @@ ManifestContent readListed(tool::ManifestReader& manifest, const std::string& qu
       return {};
     }
   }
-  listed.bytes = manifest.bytes();
   std::optional<std::string> line = manifest.next();
   for (; line; line = manifest.next()) {
     const auto segment = parseSegment(*line);

@@ -13,7 +13,7 @@ namespace orvaned {
 
 // The valid lines of a manifest, up to the first one that is incomplete or invalid.
 struct ManifestContent {
-  std::uint64_t bytes = 0;  // of the first lines and the segments' lines; 0: no first lines
+  std::uint64_t bytes = 0;  // of the first lines and the segments' lines; 0: no segment's line
   std::vector<SegmentSummary> segments;
   OtherRecords others;
   std::optional<orvane::Receipt> receipt;  // if the manifest misses only its final name
