@@ -13,7 +13,7 @@ Row = collections.namedtuple("Row", "sources tests")
 PLATFORM = ["platform_tests"]
 RECORDS = ["records_tests", "out_of_memory_tests"]
 WRITER = ["writer_tests", "writer_replacement_tests", "writer_platform_tests", "peer_tests"]
-SERVER = ["server_tests", "logger_tests", "id_locks_tests"]
+SERVER = ["server_tests", "logger_tests", "id_locks_tests", "out_of_memory_tests"]
 LEASE = ["lease_tests", "lease_system_tests"]
 RING = ["ring_tests"]
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
@@ -38,7 +38,7 @@ TABLE = [
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
         "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "manifest_content",
         "unfinished_streams", "unfinished_stream_folder", "recovery")], ORVANED),
-    Row(["tools/store_format/manifest_reader.?pp"], STORE_FORMAT),
+    Row(["tools/store_format/manifest_*.?pp"], STORE_FORMAT),
 ]
 
 LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE + RING))

@@ -58,6 +58,30 @@ TEST_F(RecoveryTest, AStreamThatHadEndedWithoutListingAFileIsNotWhole) {
                             kHelloWhole);
 }
 
+TEST_F(RecoveryTest, AStreamThatHadEndedWithOtherRecordsButNotAllSegmentsIsNotWhole) {
+  file("manifest.part",
+       kFirst +
+           "other-records=1 bytes=2 crc32=39119811\n"
+           "skipped=0\n"
+           "receipt stream=20261121T023224-4711_0 records=1 bytes=2 segments=0 end=stopped\n"
+           "records=1\nbytes=2\nend=stopped\nreason=\n");
+  file("other-records", std::string(48, 'h') + "hi");
+  file("segment-000001.part", "on");
+  recover();
+  EXPECT_EQ(manifest(), kFirst +
+                            "unfinished file=other-records bytes=50 crc32=39119811\n"
+                            "unfinished file=segment-000001.part bytes=2 crc32=09b629c8\n" +
+                            kNothingWhole);
+}
+
+TEST_F(RecoveryTest, AStreamThatHadEndedWithoutListingOtherRecordsIsNotWhole) {
+  writeHello(kClosed);
+  file("other-records", "rec");
+  recover();
+  EXPECT_EQ(manifest(), kFirst + kHello + "unfinished file=other-records bytes=3 crc32=6405ca2c\n" +
+                            kHelloWhole);
+}
+
 TEST_F(RecoveryTest, ARecoveryThatWasKilledIsDoneAgain) {
   file("manifest.part", kFirst + kHello +
                             "unfinished file=segment-000001.part bytes=2 crc32=09b629c8\n" +
