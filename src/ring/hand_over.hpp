@@ -41,8 +41,8 @@ class Waker {
 };
 
 // Looks for `lookFor` nanoseconds until `isReached()`, then sleeps while `counter` is `seen`, at
-// most once. Each `look()` reads the counter; returns false if the last one found that the other
-// side broke the rules.
+// most once. Each `look()` reads the counter into `seen`. Returns false if the last one found that
+// the other side broke the rules.
 template <typename System, typename Nap, typename Word, typename Look, typename Reached>
 bool awaitOther(Nap& nap, const Word& counter, const std::uint64_t& seen, const Look& look,
                 const Reached& isReached, std::int64_t lookFor = kLookFor) {
