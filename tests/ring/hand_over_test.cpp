@@ -49,11 +49,13 @@ class HandOver : public testing::Test {
  protected:
   using Calls = std::vector<std::string>;
 
+  static constexpr std::int64_t kStart = 5'000'000'005;  // more than 32 bits
+
   HandOver() {
     RecordedSystem::calls.clear();
     RecordedSystem::atFence = [] {};
     RecordedSystem::atWait = [] {};
-    RecordedSystem::time = 5;
+    RecordedSystem::time = kStart;
     RecordedSystem::someoneSleeps = true;
     RecordedSystem::waitedOn = nullptr;
     RecordedSystem::wokenOn = nullptr;
@@ -96,6 +98,17 @@ TEST_F(HandOver, WakesASleeperOnceForEachNap) {
   EXPECT_EQ(taken(), (Calls{"fence", "wake"}));
 }
 
+TEST_F(HandOver, TellsNapsApartThatAreFarApart) {
+  servers.nap = 1;
+  producer.publish(64);
+  taken();
+  servers.nap = 65537;
+  producer.publish(128);
+  EXPECT_EQ(taken(), (Calls{"fence", "wake"}));
+  producer.publish(192);
+  EXPECT_EQ(taken(), Calls{"fence"});
+}
+
 TEST_F(HandOver, WakesAgainASideThatHadNotFallenAsleepYet) {
   servers.nap = 1;
   RecordedSystem::someoneSleeps = false;
@@ -127,11 +140,29 @@ TEST_F(HandOver, ReleasesBeforeItsFenceAndWakesTheProducerWhenEnoughIsFree) {
   EXPECT_EQ(server.head(), 320U);
 }
 
+TEST_F(HandOver, WakesASleeperOnTheHead) {
+  RecordedSystem::atFence = [&] { producers.nap = 1; };  // it is looked at after the fence
+  server.release(64);
+  EXPECT_EQ(taken(), (Calls{"fence", "wake"}));
+  RecordedSystem::atFence = [&] { producers.nap = 65537; };
+  server.release(128);
+  EXPECT_EQ(taken(), (Calls{"fence", "wake"})) << "another nap";
+}
+
+TEST_F(HandOver, BeginsWithAnEmptyRing) {
+  EXPECT_EQ(producer.tail(), 0U);
+  EXPECT_EQ(producer.head(), 0U);
+  EXPECT_EQ(producer.room(), 1024U);
+  EXPECT_EQ(server.head(), 0U);
+  EXPECT_EQ(server.filled(), 0U);
+}
+
 TEST_F(HandOver, LetsTheServerLookBeforeItSleeps) {
-  producers.tail = 64;
+  producers.tail = 1;
   EXPECT_TRUE(server.await());
   EXPECT_EQ(taken(), Calls());
-  EXPECT_EQ(server.filled(), 64U);
+  EXPECT_EQ(RecordedSystem::time, kStart) << "it does not pause";
+  EXPECT_EQ(server.filled(), 1U);
   EXPECT_EQ(servers.nap, 0U);
 }
 
@@ -148,7 +179,7 @@ TEST_F(HandOver, LetsTheServerSleepOnTheTailAfterFiftyMicroseconds) {
   EXPECT_TRUE(server.await());
   EXPECT_EQ(taken(), (Calls{"fence", "wait 0 100000000"}));
   EXPECT_EQ(RecordedSystem::waitedOn, &producers.tail);
-  EXPECT_EQ(sleptAt, 50'005);
+  EXPECT_EQ(sleptAt, kStart + 50'000);
   EXPECT_EQ(atFence, 1U);
   EXPECT_EQ(atWait, 1U);
   EXPECT_EQ(servers.nap, 2U);
@@ -164,6 +195,30 @@ TEST_F(HandOver, SleepsAtMostOnce) {
   EXPECT_TRUE(producer.await(64));
   EXPECT_EQ(taken(), (Calls{"fence", "wait 0 100000000"}));
   EXPECT_EQ(producers.nap, 2U);
+}
+
+TEST_F(HandOver, CountsItsNapsBeyondSixteenBits) {
+  std::uint32_t atWait = 0;
+  RecordedSystem::atWait = [&] { atWait = servers.nap; };
+  servers.nap = 65536;
+  EXPECT_TRUE(server.await());
+  EXPECT_EQ(atWait, 65537U);
+  EXPECT_EQ(servers.nap, 65538U);
+}
+
+TEST_F(HandOver, LetsTheServerLookForLongOnlyAfterSomethingCame) {
+  std::int64_t sleptAt = 0;
+  RecordedSystem::atWait = [&] { sleptAt = RecordedSystem::time; };
+  const auto lookedFor = [&](std::int64_t begin) {
+    server.await();
+    return sleptAt - begin;
+  };
+  EXPECT_EQ(lookedFor(RecordedSystem::time), 50'000);
+  EXPECT_EQ(lookedFor(RecordedSystem::time), 10'000) << "it looks once";
+  producers.tail = 64;
+  EXPECT_TRUE(server.await());
+  server.release(64);
+  EXPECT_EQ(lookedFor(RecordedSystem::time), 50'000);
 }
 
 TEST_F(HandOver, LooksOnceMoreAfterItsFence) {
@@ -231,7 +286,37 @@ TEST_F(HandOver, RejectsATailThatGoesBackOrBeyondTheRing) {
   EXPECT_FALSE(server.await());
 }
 
+constexpr std::uint64_t kFar = 0x1'0000'0040;  // more than 32 bits
+
+TEST_F(HandOver, LetsTheProducerCountBeyond4GiB) {
+  ring::ProducerEnd<RecordedSystem> end(producers, servers, kFar);
+  EXPECT_EQ(end.room(), kFar);
+  end.publish(kFar);
+  EXPECT_EQ(producers.tail, kFar);
+  EXPECT_EQ(end.tail(), kFar);
+  EXPECT_EQ(end.room(), 0U);
+  taken();
+  servers.head = kFar - 4;
+  RecordedSystem::atWait = [&] { servers.head = kFar; };
+  EXPECT_TRUE(end.await(kFar));
+  EXPECT_EQ(taken(), (Calls{"fence", "wait 4294967356 100000000"}));
+  EXPECT_EQ(producers.want, kFar);
+  EXPECT_EQ(end.head(), kFar);
+}
+
+TEST_F(HandOver, LetsTheServerCountBeyond4GiB) {
+  ring::ServerEnd<RecordedSystem> end(servers, producers, 2 * kFar);
+  producers.tail = 2 * kFar;
+  EXPECT_TRUE(end.look());
+  EXPECT_EQ(end.filled(), 2 * kFar);
+  end.release(kFar);
+  EXPECT_EQ(servers.head, kFar);
+  EXPECT_EQ(end.head(), kFar);
+  EXPECT_EQ(end.filled(), kFar);
+}
+
 TEST(HandOverCounter, MayOverflow) {
+  EXPECT_TRUE(ring::hasReached(std::uint64_t{1} << 31, 0));
   EXPECT_TRUE(ring::hasReached(5, 5));
   EXPECT_TRUE(ring::hasReached(6, 5));
   EXPECT_FALSE(ring::hasReached(4, 5));
