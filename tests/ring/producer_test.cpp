@@ -107,6 +107,18 @@ TEST_F(HostileServer, MayNotWriteMoreAnswersThanThereArePlaces) {
   EXPECT_TRUE(throwsErrno(901, kServerBroke, [&] { producer->discardAnswers(); }));
 }
 
+TEST_F(HostileServer, GetsNoFrameTwiceWhenItsAnswersAreTooMany) {
+  const std::unique_ptr<Producer> producer = made();
+  servers.put64(kAnswersWritten, 17);
+  ASSERT_NE(producer->place(0, 1), nullptr);
+  producer->commit(0);
+  EXPECT_TRUE(throwsErrno(901, kServerBroke, [&] { producer->publish(); }));
+  EXPECT_EQ(producers.get64(kTail), 128U);
+  EXPECT_EQ(producer->placeInFrame(0), nullptr);
+  EXPECT_NO_THROW(producer->publish());
+  EXPECT_EQ(producers.get64(kTail), 128U);
+}
+
 TEST_F(HostileServer, CannotMoveTheTail) {
   const std::unique_ptr<Producer> producer = made();
   sendQuarter(*producer);

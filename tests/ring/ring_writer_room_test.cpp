@@ -199,6 +199,17 @@ TEST(RingWriterRoom, EndsWithTheLease) {
   EXPECT_LT(watch.seconds(), 10) << "long before the timeout";
 }
 
+TEST(RingWriterRoom, IsNotAskedForByARecordThatIsTooLarge) {
+  RingStream stream({.timeout = 60});
+  stream.open();
+  fillRing(stream);
+  stream.server.end();  // so that a wait would end
+  EXPECT_TRUE(throwsErrno(89,
+                          "Could not fit header (type=1) with data length 262073 into the batch, "
+                          "even after batch has been flushed",
+                          [&] { stream.write(std::string(kLargestRecord + 1, 'x')); }));
+}
+
 TEST(RingWriterRoom, IsUsedAgainAndAgainWithRecordsOfOddSizes) {
   RingStream stream({.timeout = 60});
   AnsweringThread server(stream.reader);
@@ -273,9 +284,16 @@ TEST(RingWriterInAForkedChild, ThrowsAndSendsNothing) {
   Child child([&] {
     RingWriter& writer = *stream.writer;
     const std::pair<const char*, std::function<void()>> calls[] = {
-        {"commit", [&] { writer.commit(1); }},        {"reserve", [&] { writer.reserve(1); }},
-        {"writeSegment", [&] { stream.write("c"); }}, {"endSegment", [&] { writer.endSegment(); }},
-        {"stop", [&] { writer.stop(true); }},         {"close", [&] { writer.close(); }}};
+        {"commit", [&] { writer.commit(1); }},
+        {"reserve", [&] { writer.reserve(1); }},
+        {"writeSegment", [&] { stream.write("c"); }},
+        {"endSegment", [&] { writer.endSegment(); }},
+        {"stop", [&] { writer.stop(true); }},
+        {"close", [&] { writer.close(); }},
+        {"too large a record", [&] {
+           writer.setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+           stream.write(std::string(kLargestRecord + 1, 'x'));
+         }}};
     for (const auto& [name, call] : calls) {
       if (!throwsErrno(901, kForked, call)) {
         throw std::runtime_error(name);
