@@ -94,6 +94,12 @@ TEST_F(RingAnswers, AreWrittenBeforeTheirFrameIsReleased) {
   EXPECT_EQ(head(), 64U);
 }
 
+TEST_F(RingAnswers, ReleaseEachFrameOnce) {
+  serve(0);
+  ring.answer(responseOf(0));
+  EXPECT_EQ(head(), 64U);
+}
+
 TEST_F(RingAnswers, AreLostByAProducerThatForgesWhatItHasTaken) {
   fill();
   for (const std::uint64_t taken : {std::uint64_t{17}, std::uint64_t{1} << 63, ~std::uint64_t{0}}) {

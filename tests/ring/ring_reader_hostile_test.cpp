@@ -115,7 +115,8 @@ TEST_F(HostileProducer, MayNotMakeAFrameLargerThanAQuarter) {
 }
 
 TEST_F(HostileProducer, MustNumberItsFrames) {
-  for (const std::uint64_t number : {std::uint64_t{0}, std::uint64_t{2}, ~std::uint64_t{0}}) {
+  for (const std::uint64_t number :
+       {std::uint64_t{0}, std::uint64_t{2}, (std::uint64_t{1} << 32) + 1, ~std::uint64_t{0}}) {
     producer.write(0, 8, number, Bytes(8, 'x'));
     producer.moveTail(64);
     EXPECT_TRUE(isBroken(kMissing)) << number;

@@ -186,6 +186,17 @@ TEST(RingWriterRoom, IsThereAgainWhenTheServerHasReleasedAQuarter) {
   EXPECT_TRUE(returned);
 }
 
+TEST(RingWriterRoom, ThatComesWithAnErrorThrowsIt) {
+  RingStream stream({.timeout = 60});
+  stream.open();
+  fillRing(stream);
+  WaitingThread thread(
+      [&] { EXPECT_TRUE(throwsErrno(1003, "disk full", [&] { stream.write("a"); })); });
+  thread.awaitSleep();
+  stream.sent(1003, "disk full");
+  thread.returns();
+}
+
 TEST(RingWriterRoom, EndsWithTheLease) {
   RingStream stream({.timeout = 60});
   stream.open();

@@ -29,6 +29,18 @@ TEST(RingWriterConstruction, RejectsALeaseWithoutARing) {
                           [] { RingWriter("x", nullptr, 5, 0, false); }));
 }
 
+TEST(RingWriterConstruction, ChecksTheTimeoutFirst) {
+  EXPECT_TRUE(
+      throwsErrno(9, "Invalid timeout, specified value 0 was less than minimum allowed value of 1",
+                  [] { RingWriter("x", nullptr, 0, 0, false); }));
+}
+
+TEST(RingWriterOpen, OfAnOpenWriterWaitsForNoAnswer) {
+  RingStream stream({.timeout = 1});
+  stream.writer->open();
+  EXPECT_NO_THROW(stream.writer->open());
+}
+
 TEST(RingWriterOpen, SendsTheOpenRecordAtOnce) {
   RingStream stream;
   stream.writer->open();
@@ -278,6 +290,13 @@ TEST(RingWriterTrace, NamesItsCalls) {
   EXPECT_EQ(sink.take(), (std::vector{entered("stop"), entered("write_data"),
                                       traced("write_data: write header.type =4, len=0, timeout=7s"),
                                       left("write_data"), left("stop")}));
+  stream.sent();
+  stream.writer->open();
+  EXPECT_EQ(sink.take(), (std::vector{entered("open"), entered("write_data"),
+                                      traced("write_data: write header.type =0, len=0, timeout=7s"),
+                                      left("write_data"), left("open")}));
+  stream.writer->open();
+  EXPECT_EQ(sink.take(), (std::vector{entered("open"), left("open")}));
 }
 
 }  // namespace

@@ -40,6 +40,30 @@ TEST(ManifestLine, KeepsTheLargestNumbers) {
   EXPECT_EQ(textOf(*segment), kLine);
 }
 
+TEST(ManifestLine, OfNothingHasZeros) {
+  EXPECT_EQ(
+      textOf(SegmentSummary()),
+      "segment number=0 records=0 bytes=0 algorithm=0 parameters=0,0,0 crc32=00000000 file=-");
+  EXPECT_EQ(textOf(OtherRecords()), "other-records=0 bytes=0 crc32=00000000");
+  EXPECT_EQ(textOf(UnfinishedFile()), "unfinished file= bytes=0 crc32=00000000");
+}
+
+TEST(ManifestLine, OfOtherRecordsKeepsTheLargestNumbers) {
+  constexpr char kLine[] =
+      "other-records=18446744073709551615 bytes=18446744073709551615 crc32=ffffffff";
+  const auto others = parseOthers(kLine);
+  ASSERT_TRUE(others);
+  EXPECT_EQ(textOf(*others), kLine);
+}
+
+TEST(ManifestLine, OfAnUnfinishedFileKeepsTheLargestNumbers) {
+  constexpr char kLine[] =
+      "unfinished file=segment-000002.part bytes=18446744073709551615 crc32=ffffffff";
+  const auto unfinished = parseUnfinished(kLine);
+  ASSERT_TRUE(unfinished);
+  EXPECT_EQ(textOf(*unfinished), kLine);
+}
+
 TEST(ManifestLine, OfOtherRecordsIsReadBack) {
   const OtherRecords others{2, 5, 0x0a0b0c0d};
   EXPECT_EQ(textOf(others), "other-records=2 bytes=5 crc32=0a0b0c0d");
