@@ -98,6 +98,8 @@ TEST_F(HostileServer, MayNotTakeRoomBack) {
 
 TEST_F(HostileServer, MayNotWriteMoreAnswersThanThereArePlaces) {
   const std::unique_ptr<Producer> producer = made();
+  servers.put64(kAnswersWritten, std::uint64_t{1} << 32);
+  EXPECT_TRUE(throwsErrno(901, kServerBroke, [&] { producer->discardAnswers(); }));
   servers.put64(kAnswersWritten, 16);
   EXPECT_NO_THROW(sendQuarter(*producer));
   EXPECT_EQ(producers.get64(kAnswersTaken), 16U);
@@ -116,6 +118,19 @@ TEST_F(HostileServer, GetsNoFrameTwiceWhenItsAnswersAreTooMany) {
   EXPECT_EQ(producers.get64(kTail), 128U);
   EXPECT_EQ(producer->placeInFrame(0), nullptr);
   EXPECT_NO_THROW(producer->publish());
+  EXPECT_EQ(producers.get64(kTail), 128U);
+}
+
+TEST_F(HostileServer, GetsAFrameWhenItHasItsUsualSize) {
+  const std::unique_ptr<Producer> producer = made();
+  ASSERT_NE(producer->place(0, 1), nullptr);
+  producer->commit(0);
+  EXPECT_NE(producer->placeInFrame(262024), nullptr);
+  EXPECT_EQ(producer->placeInFrame(262025), nullptr);
+  EXPECT_NE(producer->place(0, 1), nullptr);
+  EXPECT_NE(producer->place(262024, 1), nullptr);
+  EXPECT_EQ(producers.get64(kTail), 0U);
+  EXPECT_NE(producer->place(262025, 1), nullptr);
   EXPECT_EQ(producers.get64(kTail), 128U);
 }
 
