@@ -78,6 +78,19 @@ TEST(RingFile, IsClosedOnceAtItsEnd) {
   EXPECT_FALSE(isOpen(fd));
 }
 
+TEST(RingFile, IsClosedAsTheLowestDescriptorToo) {
+  Child child([] {
+    close(0);
+    if (makeFile("test", kPageSize).get() != 0) {
+      throw std::runtime_error("it is another descriptor");
+    }
+    if (isOpen(0)) {
+      throw std::runtime_error("it is still open");
+    }
+  });
+  EXPECT_EQ(child.nextChange(), "exit 0");
+}
+
 TEST(RingFile, IsNotClosedAfterItsRelease) {
   int fd = -1;
   {
