@@ -1,5 +1,6 @@
 # The Debian packages, one for each of the components that cmake/Install.cmake names. ./dev package
 # makes them.
+set(here ${CMAKE_CURRENT_LIST_DIR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL libraries development tools)
@@ -13,16 +14,16 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SOURCE orvane)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/compress.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${here}/compress.cmake)
 set(same_version "liborvane1 (= ${PROJECT_VERSION})")
 
 # What a library offers, each with the version that it came with.
 set(symbols ${CMAKE_CURRENT_BINARY_DIR}/symbols)
 add_custom_command(OUTPUT ${symbols}
   COMMAND dpkg-gensymbols -q -c4 -pliborvane1 -v${PROJECT_VERSION} -O${symbols}
-    -I${CMAKE_CURRENT_SOURCE_DIR}/liborvane1/symbols -e$<TARGET_FILE:orvane>
+    -I${here}/liborvane1/symbols -e$<TARGET_FILE:orvane>
     -e$<TARGET_FILE:orvane_lease> -e$<TARGET_FILE:orvane_platform>
-  DEPENDS orvane orvane_lease orvane_platform liborvane1/symbols)
+  DEPENDS orvane orvane_lease orvane_platform ${here}/liborvane1/symbols)
 add_custom_target(package_symbols ALL DEPENDS ${symbols})
 
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME liborvane1)
@@ -34,8 +35,8 @@ the same machine, such as orvaned, through a queue in shared memory.")
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_CONTROL_EXTRA
   ${symbols}
-  ${CMAKE_CURRENT_SOURCE_DIR}/liborvane1/shlibs
-  ${CMAKE_CURRENT_SOURCE_DIR}/liborvane1/triggers)
+  ${here}/liborvane1/shlibs
+  ${here}/liborvane1/triggers)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liborvane-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
@@ -56,18 +57,19 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 The server orvaned stores streams of records that processes on the same
 machine send it over shared memory. The command orvane sends files to it.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
-  ${CMAKE_CURRENT_SOURCE_DIR}/orvane-tools/postinst
-  ${CMAKE_CURRENT_SOURCE_DIR}/orvane-tools/prerm
-  ${CMAKE_CURRENT_SOURCE_DIR}/orvane-tools/postrm)
-install(FILES orvaned@.service DESTINATION lib/systemd/system COMPONENT tools)
-install(FILES orvaned.sysusers DESTINATION lib/sysusers.d RENAME orvaned.conf COMPONENT tools)
+  ${here}/orvane-tools/postinst
+  ${here}/orvane-tools/prerm
+  ${here}/orvane-tools/postrm)
+install(FILES ${here}/orvaned@.service DESTINATION lib/systemd/system COMPONENT tools)
+install(FILES ${here}/orvaned.sysusers DESTINATION lib/sysusers.d RENAME orvaned.conf COMPONENT tools)
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} key)
   set(package ${CPACK_DEBIAN_${key}_PACKAGE_NAME})
-  install(FILES changelog copyright DESTINATION share/doc/${package} COMPONENT ${component})
+  install(FILES ${here}/changelog ${here}/copyright
+    DESTINATION share/doc/${package} COMPONENT ${component})
 endforeach()
-install(FILES liborvane1/lintian-overrides DESTINATION share/lintian/overrides
+install(FILES ${here}/liborvane1/lintian-overrides DESTINATION share/lintian/overrides
   RENAME liborvane1 COMPONENT libraries)
 
 include(CPack)
