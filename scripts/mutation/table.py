@@ -31,6 +31,7 @@ STORE_FORMAT = [
 
 TABLE = [
     Row(["src/records/*"], RECORDS + WRITER),
+    Row(["src/writer/record_steps.hpp"], RING + WRITER + RECORDS),
     Row(["src/writer/*"], WRITER + RECORDS),
     Row(["src/server/*"], SERVER),
     Row(["src/lease/*"], LEASE),
