@@ -78,7 +78,7 @@ class RawProducer {
     std::memcpy(file.at(kData + position + 8), &number, sizeof number);
     std::copy(batch.begin(), batch.end(), file.at(kData + position + 16));
   }
-  void moveTail(std::uint64_t tail) { file.put64(kTail, tail); }
+  void moveTail(std::uint64_t position) { file.put64(kTail, position); }
 
   // A valid frame, at the end of those that there are.
   void publish(const Bytes& batch) {
