@@ -16,6 +16,7 @@ WRITER = ["writer_tests", "writer_replacement_tests", "writer_platform_tests", "
 SERVER = ["server_tests", "logger_tests", "id_locks_tests", "out_of_memory_tests"]
 LEASE = ["lease_tests", "lease_system_tests"]
 RING = ["ring_tests"]
+OVER_RINGS = ["writer_tests */Ring.*"]  # of the tests that run over both transports
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
 ORVANED = [
     "orvaned_call_tests OutputFile*:StreamFolder*:SegmentCount.*:Worker*",
@@ -35,7 +36,7 @@ TABLE = [
     Row(["src/writer/*"], WRITER + RECORDS),
     Row(["src/server/*"], SERVER),
     Row(["src/lease/*"], LEASE),
-    Row(["src/ring/*"], RING + LEASE),
+    Row(["src/ring/*"], RING + OVER_RINGS + LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
         "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "manifest_content",
         "unfinished_streams", "unfinished_stream_folder", "recovery")], ORVANED),

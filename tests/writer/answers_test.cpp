@@ -4,39 +4,50 @@
 
 #include "support/stream.hpp"
 #include "support/throws.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
-TEST(Answer, OfStatusZeroIsTakenSilently) {
+template <typename Transport>
+class Answer : public testing::Test {};
+TYPED_TEST_SUITE(Answer, Transports, TransportName);
+
+TYPED_TEST(Answer, OfStatusZeroIsTakenSilently) {
+  TypeParam stream;
+  stream.post(0, "fine");
+  EXPECT_NO_THROW(stream.flush());
+  EXPECT_EQ(stream.waitingAnswers(), 0U);
+}
+
+TEST(Answer, OfStatusZeroLeavesItsText) {
   Stream stream;
   stream.pair.post(0, "fine");
   EXPECT_NO_THROW(stream.writer.flush_shm_buffer(0));
-  EXPECT_EQ(stream.pair.waitingAnswers(), 0U);
   stream.pair.postBytes(hex("e9030000"));
   EXPECT_TRUE(throwsErrno(1001, "fine", [&] { stream.writer.flush_shm_buffer(0); }));
 }
 
-TEST(Answer, OfAnotherStatusIsThrownAsItStands) {
-  Stream stream;
+TYPED_TEST(Answer, OfAnotherStatusIsThrownAsItStands) {
+  TypeParam stream;
   for (std::int32_t status : {1, -5, 0x7FFFFFFF}) {
-    stream.pair.post(status, "no %s left");
-    EXPECT_TRUE(throwsErrno(status, "no %s left", [&] { stream.writer.flush_shm_buffer(0); }));
+    stream.post(status, "no %s left");
+    EXPECT_TRUE(throwsErrno(status, "no %s left", [&] { stream.flush(); }));
   }
 }
 
-TEST(Answer, WithoutATextIsThrownWithAnEmptyMessage) {
-  Stream stream;
-  stream.pair.post(1001, "");
-  EXPECT_TRUE(throwsErrno(1001, "", [&] { stream.writer.flush_shm_buffer(0); }));
+TYPED_TEST(Answer, WithoutATextIsThrownWithAnEmptyMessage) {
+  TypeParam stream;
+  stream.post(1001, "");
+  EXPECT_TRUE(throwsErrno(1001, "", [&] { stream.flush(); }));
 }
 
-TEST(Answer, IsThrownAfterTheBatchWasSentAndEmptied) {
-  Stream stream;
+TYPED_TEST(Answer, IsThrownAfterTheBatchWasSentAndEmptied) {
+  TypeParam stream;
   stream.open();
   stream.write("hello");
-  stream.pair.post(1001, "no");
-  EXPECT_TRUE(throwsErrno(1001, "no", [&] { stream.writer.flush_shm_buffer(0); }));
+  stream.post(1001, "no");
+  EXPECT_TRUE(throwsErrno(1001, "no", [&] { stream.flush(); }));
   EXPECT_EQ(stream.sent().at(0).data, bytesOf("hello"));
   EXPECT_EQ(stream.flushed(), std::vector<Record>());
 }
@@ -57,13 +68,13 @@ TEST(Answer, ThatIsMissingIsNotAwaited) {
   EXPECT_NO_THROW(stream.writer.flush_shm_buffer(86400));
 }
 
-TEST(Answer, IsNotLookedForWithoutAFlush) {
-  Stream stream;
+TYPED_TEST(Answer, IsNotLookedForWithoutAFlush) {
+  TypeParam stream;
   stream.open();
-  stream.pair.post(1001, "no");
+  stream.post(1001, "no");
   EXPECT_NO_THROW(stream.write("a"));
-  EXPECT_NO_THROW(stream.writer.endSegment());
-  EXPECT_EQ(stream.pair.waitingAnswers(), 1U);
+  EXPECT_NO_THROW(stream.writer->endSegment());
+  EXPECT_EQ(stream.waitingAnswers(), 1U);
 }
 
 TEST(Answer, FoundWhileMakingRoomForARecordLosesThatRecord) {
@@ -104,16 +115,16 @@ TEST(Answer, IsKeptUntilTheNextOneOverwritesAsManyBytesAsItHolds) {
   EXPECT_TRUE(throwsErrno(1003, "THe first text", [&] { stream.writer.flush_shm_buffer(0); }));
 }
 
-TEST(Answer, WithoutATerminatorIsReadNoFurtherThanItsField) {
-  Stream stream;
-  stream.pair.post(1001, std::string(128, 'x'));
-  EXPECT_TRUE(throwsErrno(1001, std::string(128, 'x'), [&] { stream.writer.flush_shm_buffer(0); }));
+TYPED_TEST(Answer, WithoutATerminatorIsReadNoFurtherThanItsField) {
+  TypeParam stream;
+  stream.post(1001, std::string(128, 'x'));
+  EXPECT_TRUE(throwsErrno(1001, std::string(128, 'x'), [&] { stream.flush(); }));
 }
 
-TEST(Answer, EndsAtItsTerminator) {
-  Stream stream;
-  stream.pair.post(1001, std::string("short\0rest", 10));
-  EXPECT_TRUE(throwsErrno(1001, "short", [&] { stream.writer.flush_shm_buffer(0); }));
+TYPED_TEST(Answer, EndsAtItsTerminator) {
+  TypeParam stream;
+  stream.post(1001, std::string("short\0rest", 10));
+  EXPECT_TRUE(throwsErrno(1001, "short", [&] { stream.flush(); }));
 }
 
 TEST(Answer, QueueOfFewerBytesServesToo) {

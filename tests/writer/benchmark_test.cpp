@@ -5,17 +5,26 @@
 #include "support/throws.hpp"
 #include "support/writer_members.hpp"
 #include "texts.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
+template <typename Transport>
 class BenchmarkMode : public testing::Test {
  protected:
   RecordingSink sink;  // outlives the stream, whose destructor warns too
+  Transport stream{StreamOptions{.benchmark = true}};
+};
+TYPED_TEST_SUITE(BenchmarkMode, Transports, TransportName);
+
+class BenchmarkModeOfAQueue : public testing::Test {
+ protected:
+  RecordingSink sink;
   Stream stream{{.benchmark = true}};
 };
 
-TEST_F(BenchmarkMode, DropsEveryRecordWithAWarning) {
+TEST_F(BenchmarkModeOfAQueue, DropsEveryRecordWithAWarning) {
   const pvk_shm_message_t header = recordHeader(9, 3);
   const Bytes data = bytesOf("abc");
   stream.writer.write_data(&header, data.data(), 0, false);
@@ -25,14 +34,14 @@ TEST_F(BenchmarkMode, DropsEveryRecordWithAWarning) {
   EXPECT_EQ(stream.flushed(), std::vector<Record>());
 }
 
-TEST_F(BenchmarkMode, ComesBeforeEveryOtherCheckOfARecord) {
+TEST_F(BenchmarkModeOfAQueue, ComesBeforeEveryOtherCheckOfARecord) {
   const pvk_shm_message_t header = recordHeader(9, 5000);  // more than the batch holds, no data
   EXPECT_NO_THROW(stream.writer.write_data(&header, nullptr, 0, true));
   EXPECT_EQ(sink.take(), std::vector{kWarning});
   EXPECT_EQ(stream.pair.waiting(), 0U);
 }
 
-TEST_F(BenchmarkMode, RejectsAnOversizedRecordWithoutAWarning) {
+TEST_F(BenchmarkModeOfAQueue, RejectsAnOversizedRecordWithoutAWarning) {
   const pvk_shm_message_t header = recordHeader(9, 131073);
   EXPECT_TRUE(throwsErrno(85,
                           "Segment too large error.  Received segment of size 131073 bytes, but "
@@ -41,53 +50,53 @@ TEST_F(BenchmarkMode, RejectsAnOversizedRecordWithoutAWarning) {
   EXPECT_EQ(sink.take(), std::vector<Line>());
 }
 
-TEST_F(BenchmarkMode, LooksForNoAnswer) {
+TEST_F(BenchmarkModeOfAQueue, LooksForNoAnswer) {
   stream.pair.post(1001, "no");
   EXPECT_NO_THROW(stream.writer.open());
   EXPECT_NO_THROW(stream.writer.close());
   EXPECT_EQ(stream.pair.waitingAnswers(), 1U);
 }
 
-TEST_F(BenchmarkMode, OpensAndClosesWithoutSending) {
-  stream.writer.open();
-  EXPECT_EQ(headerOf(stream.writer).seqNo, 1U);
-  EXPECT_NO_THROW(stream.write("a"));
-  stream.writer.stop(false);
-  stream.writer.close();
-  EXPECT_ANY_THROW(stream.write("b"));
-  EXPECT_EQ(sink.take(), std::vector(4, kWarning));
-  EXPECT_EQ(stream.pair.waiting(), 0U);
+TYPED_TEST(BenchmarkMode, OpensAndClosesWithoutSending) {
+  this->stream.begin();
+  EXPECT_EQ(headerOf(*this->stream.writer).seqNo, 1U);
+  EXPECT_NO_THROW(this->stream.write("a"));
+  this->stream.writer->stop(false);
+  this->stream.close();
+  EXPECT_ANY_THROW(this->stream.write("b"));
+  EXPECT_EQ(this->sink.take(), std::vector(4, kWarning));
+  EXPECT_EQ(this->stream.waiting(), 0U);
 }
 
-TEST_F(BenchmarkMode, UsesUpTheSequenceNumbersOfDroppedRecords) {
-  stream.writer.open();
-  stream.write("a");
-  EXPECT_EQ(headerOf(stream.writer).seqNo, 2U);
-  stream.writer.stop(true);
-  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
-  stream.writer.close();
-  EXPECT_EQ(headerOf(stream.writer).seqNo, 4U);
+TYPED_TEST(BenchmarkMode, UsesUpTheSequenceNumbersOfDroppedRecords) {
+  this->stream.begin();
+  this->stream.write("a");
+  EXPECT_EQ(headerOf(*this->stream.writer).seqNo, 2U);
+  this->stream.writer->stop(true);
+  EXPECT_EQ(headerOf(*this->stream.writer).seqNo, 3U);
+  this->stream.close();
+  EXPECT_EQ(headerOf(*this->stream.writer).seqNo, 4U);
 }
 
-TEST_F(BenchmarkMode, BuildsEveryEndOfSegment) {
-  stream.writer.open();
-  stream.write("a");
-  stream.writer.endSegment();
-  EXPECT_EQ(headerOf(stream.writer).seqNo, 3U);
-  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
-  stream.writer.endSegment();
-  EXPECT_EQ(headerOf(stream.writer).seqNo, 4U);
-  EXPECT_EQ(headerOf(stream.writer).segmentNo, 1U);
-  EXPECT_EQ(sink.take(), std::vector(4, kWarning));
+TYPED_TEST(BenchmarkMode, BuildsEveryEndOfSegment) {
+  this->stream.begin();
+  this->stream.write("a");
+  this->stream.writer->endSegment();
+  EXPECT_EQ(headerOf(*this->stream.writer).seqNo, 3U);
+  EXPECT_EQ(headerOf(*this->stream.writer).segmentNo, 1U);
+  this->stream.writer->endSegment();
+  EXPECT_EQ(headerOf(*this->stream.writer).seqNo, 4U);
+  EXPECT_EQ(headerOf(*this->stream.writer).segmentNo, 1U);
+  EXPECT_EQ(this->sink.take(), std::vector(4, kWarning));
 }
 
-TEST_F(BenchmarkMode, StillSendsTheEmptyBatchWhenFlushed) {
+TEST_F(BenchmarkModeOfAQueue, StillSendsTheEmptyBatchWhenFlushed) {
   const pvk_shm_message_t header = recordHeader(9, 0);
   stream.writer.write_data(&header, nullptr, 0, true);
   EXPECT_EQ(stream.flushed(), std::vector<Record>());
 }
 
-TEST_F(BenchmarkMode, TracesTheRecordBeforeItsWarning) {
+TEST_F(BenchmarkModeOfAQueue, TracesTheRecordBeforeItsWarning) {
   ox::setTracing(true);
   const pvk_shm_message_t header = recordHeader(9, 0);
   stream.writer.write_data(&header, nullptr, 7, true);

@@ -5,18 +5,23 @@
 #include "support/stream.hpp"
 #include "support/throws.hpp"
 #include "texts.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
-TEST(Close, SendsTheCloseRecordAtOnceAfterPendingData) {
-  Stream stream;
+template <typename Transport>
+class Close : public testing::Test {};
+TYPED_TEST_SUITE(Close, Transports, TransportName);
+
+TYPED_TEST(Close, SendsTheCloseRecordAtOnceAfterPendingData) {
+  TypeParam stream;
   stream.open();
-  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0x11, 0x22, 0x33);
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 0x11, 0x22, 0x33);
   stream.write("hi");
-  stream.writer.endSegment();
-  stream.writer.close();
-  EXPECT_EQ(stream.pair.receive().bytes,
+  stream.writer->endSegment();
+  stream.close();
+  EXPECT_EQ(stream.received(),
             hex("ff00ee11 00000003"
                 "00000001 00000002 0000000000000002 0000000000000000 00000000 00000001"
                 "00000011 00000022 00000033 aabbccdd 6869"
@@ -24,32 +29,32 @@ TEST(Close, SendsTheCloseRecordAtOnceAfterPendingData) {
                 "00000011 00000022 00000033 aabbccdd"
                 "00000003 00000000 0000000000000004 0000000000000001 00000001 00000001"
                 "00000011 00000022 00000033 aabbccdd"));
-  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(stream.waiting(), 0U);
 }
 
-TEST(Close, OfAWriterThatWasNeverOpenedHasNoEffect) {
-  Stream stream;
-  stream.writer.close();
-  EXPECT_EQ(stream.pair.waiting(), 0U);
-  stream.writer.stop(false);
+TYPED_TEST(Close, OfAWriterThatWasNeverOpenedHasNoEffect) {
+  TypeParam stream;
+  stream.close();
+  EXPECT_EQ(stream.waiting(), 0U);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 1}}));
 }
 
-TEST(Close, OfAClosedWriterHasNoEffect) {
-  Stream stream;
+TYPED_TEST(Close, OfAClosedWriterHasNoEffect) {
+  TypeParam stream;
   stream.open();
-  stream.writer.close();
-  stream.pair.discardAll();
-  stream.writer.close();
-  EXPECT_EQ(stream.pair.waiting(), 0U);
-  stream.writer.stop(false);
+  stream.close();
+  stream.discardAll();
+  stream.close();
+  EXPECT_EQ(stream.waiting(), 0U);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 3}}));
 }
 
-TEST(Close, EndsTheTimeInWhichSegmentsAreAccepted) {
-  Stream stream;
+TYPED_TEST(Close, EndsTheTimeInWhichSegmentsAreAccepted) {
+  TypeParam stream;
   stream.open();
-  stream.writer.close();
+  stream.close();
   EXPECT_TRUE(throwsErrno(44, kNotOpen, [&] { stream.write("a"); }));
 }
 
@@ -67,44 +72,44 @@ TEST(Close, ThatTimesOutMakingRoomLeavesItsRecordOutOfTheBatch) {
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 3, .seqNo = 3}}));
 }
 
-TEST(Close, CutsParametersToTheirLow32Bits) {
-  Stream stream;
+TYPED_TEST(Close, CutsParametersToTheirLow32Bits) {
+  TypeParam stream;
   stream.open();
-  stream.writer.setSegmentAlg(kOrvaneSegBounded, 0x1FFFFFFFF, 0x200000002, 0xFFFFFFFF00000003);
-  stream.writer.close();
+  stream.writer->setSegmentAlg(kOrvaneSegBounded, 0x1FFFFFFFF, 0x200000002, 0xFFFFFFFF00000003);
+  stream.close();
   EXPECT_EQ(stream.sent(),
             (std::vector<Record>{
                 {.type = 3, .seqNo = 2, .segParam1 = 0xFFFFFFFF, .segParam2 = 2, .segParam3 = 3}}));
 }
 
-TEST(Close, RewritesTypeLengthAndSegmentFieldsOnly) {
-  Stream stream;
+TYPED_TEST(Close, RewritesTypeLengthAndSegmentFieldsOnly) {
+  TypeParam stream;
   stream.open();
   writeIntoSecondSegment(stream);
-  stream.writer.close();
+  stream.close();
   EXPECT_EQ(stream.sent(),
             (std::vector<Record>{{.type = 3, .seqNo = 5, .segmentNo = 1, .segmentDone = 0}}));
 }
 
-TEST(Close, OfAnUnfinishedSegmentCarriesItAndEndsItAfterwards) {
-  Stream stream;
+TYPED_TEST(Close, OfAnUnfinishedSegmentCarriesItAndEndsItAfterwards) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.close();
+  stream.close();
   EXPECT_EQ(stream.sent().back(), (Record{.type = 3, .seqNo = 3, .segmentDone = 0}));
-  stream.writer.stop(false);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 4, .segmentNo = 1}}));
 }
 
-TEST(Close, AfterAnEndedSegmentLeavesTheSegmentNumberAlone) {
-  Stream stream;
+TYPED_TEST(Close, AfterAnEndedSegmentLeavesTheSegmentNumberAlone) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.endSegment();
-  stream.writer.close();
+  stream.writer->endSegment();
+  stream.close();
   EXPECT_EQ(stream.sent().back(),
             (Record{.type = 3, .seqNo = 4, .segmentNo = 1, .segmentDone = 1}));
-  stream.writer.stop(false);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 5, .segmentNo = 1}}));
 }
 
@@ -150,10 +155,10 @@ TEST(Close, TracesItsSteps) {
                                       left("write_data"), left("close")}));
 }
 
-TEST(Close, OfAWriterThatIsNotOpenOnlyTracesItsScope) {
-  Stream stream;
+TYPED_TEST(Close, OfAWriterThatIsNotOpenOnlyTracesItsScope) {
+  TypeParam stream;
   RecordingSink sink(RecordingSink::Tracing::on);
-  stream.writer.close();
+  stream.close();
   EXPECT_EQ(sink.take(), (std::vector{entered("close"), left("close")}));
 }
 

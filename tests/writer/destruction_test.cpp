@@ -4,11 +4,16 @@
 
 #include "support/recording_sink.hpp"
 #include "support/stream.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
-class Destruction : public testing::Test {
+template <typename Transport>
+class Destruction : public testing::Test {};
+TYPED_TEST_SUITE(Destruction, Transports, TransportName);
+
+class DestructionOnAQueue : public testing::Test {
  protected:
   std::unique_ptr<ShmWriter> writerWithTimeout(unsigned int timeout) const {
     return std::make_unique<ShmWriter>("stream", pair.name(), timeout, 0, false);
@@ -17,21 +22,22 @@ class Destruction : public testing::Test {
   QueuePair pair;
 };
 
-TEST_F(Destruction, OfAFreshWriterSendsNothing) {
-  writerWithTimeout(7).reset();
-  EXPECT_EQ(pair.waiting(), 0U);
+TYPED_TEST(Destruction, OfAFreshWriterSendsNothing) {
+  TypeParam stream;
+  stream.destroy();
+  EXPECT_EQ(stream.waiting(), 0U);
 }
 
-TEST_F(Destruction, OfAClosedWriterSendsNothing) {
-  auto writer = writerWithTimeout(7);
-  writer->open();
-  writer->close();
-  pair.discardAll();
-  writer.reset();
-  EXPECT_EQ(pair.waiting(), 0U);
+TYPED_TEST(Destruction, OfAClosedWriterSendsNothing) {
+  TypeParam stream;
+  stream.open();
+  stream.close();
+  stream.discardAll();
+  stream.destroy();
+  EXPECT_EQ(stream.waiting(), 0U);
 }
 
-TEST_F(Destruction, OfAWriterThatIsNotOpenDropsWhatItsBatchHolds) {
+TEST_F(DestructionOnAQueue, OfAWriterThatIsNotOpenDropsWhatItsBatchHolds) {
   auto writer = writerWithTimeout(7);
   const pvk_shm_message_t header = recordHeader(9, 0);
   writer->write_data(&header, nullptr, 0, false);
@@ -39,19 +45,18 @@ TEST_F(Destruction, OfAWriterThatIsNotOpenDropsWhatItsBatchHolds) {
   EXPECT_EQ(pair.waiting(), 0U);
 }
 
-TEST_F(Destruction, OfAnOpenWriterSendsPendingDataAndAClose) {
-  auto writer = writerWithTimeout(7);
-  writer->open();
-  pair.discardAll();
-  writer->writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
-  writer.reset();
-  EXPECT_EQ(pair.receiveRecords(),
+TYPED_TEST(Destruction, OfAnOpenWriterSendsPendingDataAndAClose) {
+  TypeParam stream;
+  stream.open();
+  stream.write("abc");
+  stream.destroy();
+  EXPECT_EQ(stream.sent(),
             (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("abc")},
                                  {.type = 3, .seqNo = 3, .segmentDone = 0}}));
-  EXPECT_EQ(pair.waiting(), 0U);
+  EXPECT_EQ(stream.waiting(), 0U);
 }
 
-TEST_F(Destruction, ThroughTheBaseClassClosesToo) {
+TEST_F(DestructionOnAQueue, ThroughTheBaseClassClosesToo) {
   std::unique_ptr<Channel> channel;
   {
     auto writer = writerWithTimeout(7);
@@ -65,7 +70,7 @@ TEST_F(Destruction, ThroughTheBaseClassClosesToo) {
   EXPECT_EQ(mappingsOf(pair.responseName()), 1U);
 }
 
-TEST_F(Destruction, OnAQueueThatStaysFullCompletes) {
+TEST_F(DestructionOnAQueue, OnAQueueThatStaysFullCompletes) {
   auto writer = writerWithTimeout(1);
   writer->open();
   pair.fill();
@@ -75,17 +80,16 @@ TEST_F(Destruction, OnAQueueThatStaysFullCompletes) {
   EXPECT_EQ(mappingsOf(pair.name()), 1U);
 }
 
-TEST_F(Destruction, DropsTheServersError) {
-  auto writer = writerWithTimeout(7);
-  writer->open();
-  pair.discardAll();
-  pair.post(1004, "too late");
-  EXPECT_NO_THROW(writer.reset());
-  EXPECT_EQ(pair.receiveRecords(), (std::vector<Record>{{.type = 3, .seqNo = 2}}));
-  EXPECT_EQ(pair.waitingAnswers(), 0U);
+TYPED_TEST(Destruction, DropsTheServersError) {
+  TypeParam stream;
+  stream.open();
+  stream.post(1004, "too late");
+  EXPECT_NO_THROW(stream.destroy());
+  EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 3, .seqNo = 2}}));
+  EXPECT_EQ(stream.waitingAnswers(), 0U);
 }
 
-TEST_F(Destruction, TriesAgainAfterAFailedClose) {
+TEST_F(DestructionOnAQueue, TriesAgainAfterAFailedClose) {
   auto writer = writerWithTimeout(7);
   writer->open();
   pair.discardAll();
@@ -96,7 +100,7 @@ TEST_F(Destruction, TriesAgainAfterAFailedClose) {
   EXPECT_EQ(pair.receiveRecords(), (std::vector<Record>{{.type = 3, .seqNo = 3}}));
 }
 
-TEST_F(Destruction, TracesItsCloseInsideItsScope) {
+TEST_F(DestructionOnAQueue, TracesItsCloseInsideItsScope) {
   auto writer = writerWithTimeout(7);
   writer->open();
   pair.post(1006, "dropped without a trace");
@@ -109,7 +113,7 @@ TEST_F(Destruction, TracesItsCloseInsideItsScope) {
                          left("close"), left("~ShmWriter")}));
 }
 
-TEST_F(Destruction, OfAFreshWriterOnlyTracesItsScope) {
+TEST_F(DestructionOnAQueue, OfAFreshWriterOnlyTracesItsScope) {
   auto writer = writerWithTimeout(7);
   RecordingSink sink(RecordingSink::Tracing::on);
   writer.reset();

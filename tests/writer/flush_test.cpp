@@ -4,6 +4,7 @@
 
 #include "support/stream.hpp"
 #include "support/throws.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
@@ -31,8 +32,12 @@ TEST(Flush, SendsAtPriorityOne) {
   EXPECT_EQ(stream.pair.receive().priority, 1U);
 }
 
-TEST(Flush, EmptiesTheBatch) {
-  Stream stream;
+template <typename Transport>
+class Flush : public testing::Test {};
+TYPED_TEST_SUITE(Flush, Transports, TransportName);
+
+TYPED_TEST(Flush, EmptiesTheBatch) {
+  TypeParam stream;
   stream.open();
   stream.write("hello");
   EXPECT_EQ(stream.flushed().size(), 1U);

@@ -4,6 +4,7 @@
 #include "support/recording_sink.hpp"
 #include "support/stream.hpp"
 #include "support/throws.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
@@ -61,11 +62,15 @@ TEST(LongName, OfAResponseQueueIsTheWholeNameAndItsEnding) {
   EXPECT_EQ(getMessageQueueResponseName(name), name + "Response");
 }
 
-TEST(LongText, OfAnAnswerIsWhole) {
-  Stream stream;
+template <typename Transport>
+class LongText : public testing::Test {};
+TYPED_TEST_SUITE(LongText, Transports, TransportName);
+
+TYPED_TEST(LongText, OfAnAnswerIsWhole) {
+  TypeParam stream;
   const std::string text = std::string(126, 't') + "!";
-  stream.pair.post(1001, text);
-  EXPECT_TRUE(throwsErrno(1001, text, [&] { stream.writer.flush_shm_buffer(0); }));
+  stream.post(1001, text);
+  EXPECT_TRUE(throwsErrno(1001, text, [&] { stream.flush(); }));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "support/stream.hpp"
 #include "support/throws.hpp"
 #include "support/writer_members.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
@@ -14,13 +15,17 @@ std::string rejected(const std::string& length) {
          " but the data pointer is NULL";
 }
 
-TEST(NullData, WithALengthUsesTheNumberUpAndBeginsTheSegment) {
-  Stream stream;
+template <typename Transport>
+class NullData : public testing::Test {};
+TYPED_TEST_SUITE(NullData, Transports, TransportName);
+
+TYPED_TEST(NullData, WithALengthUsesTheNumberUpAndBeginsTheSegment) {
+  TypeParam stream;
   stream.open();
-  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer.writeSegment(nullptr, 5); }));
-  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer->writeSegment(nullptr, 5); }));
+  EXPECT_EQ(stream.waiting(), 0U);
   EXPECT_EQ(stream.flushed(), Records());
-  stream.writer.endSegment();
+  stream.writer->endSegment();
   stream.write("a");
   EXPECT_EQ(
       stream.flushed(),
@@ -28,11 +33,11 @@ TEST(NullData, WithALengthUsesTheNumberUpAndBeginsTheSegment) {
                {.type = 1, .seqNo = 4, .segmentNo = 1, .segmentDone = 0, .data = bytesOf("a")}}));
 }
 
-TEST(NullData, WithALengthHasFilledTheHeader) {
-  Stream stream;
+TYPED_TEST(NullData, WithALengthHasFilledTheHeader) {
+  TypeParam stream;
   stream.open();
-  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
-  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer.writeSegment(nullptr, 5); }));
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
+  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer->writeSegment(nullptr, 5); }));
   pvk_shm_message_t expected;
   expected.type = 1;
   expected.len = 5;
@@ -42,16 +47,17 @@ TEST(NullData, WithALengthHasFilledTheHeader) {
   expected.segParam1 = 11;
   expected.segParam2 = 22;
   expected.segParam3 = 33;
-  EXPECT_TRUE(headerOf(stream.writer) == expected);
+  EXPECT_TRUE(headerOf(*stream.writer) == expected);
 }
 
-TEST(NullData, WithALengthFlushesForItsRoomFirst) {
-  Stream stream;
+TYPED_TEST(NullData, WithALengthFlushesForItsRoomFirst) {
+  TypeParam stream;
   stream.open();
-  stream.write(std::string(968, 'x'));
-  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer.writeSegment(nullptr, 5); }));
-  ASSERT_EQ(stream.pair.waiting(), 1U);
-  EXPECT_EQ(stream.sent().at(0).data, Bytes(968, 'x'));
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+  stream.write(std::string(kLargestRecord, 'x'));
+  EXPECT_TRUE(throwsErrno(9, rejected("5"), [&] { stream.writer->writeSegment(nullptr, 5); }));
+  ASSERT_EQ(stream.waiting(), 1U);
+  EXPECT_EQ(stream.sent().at(0).data, Bytes(kLargestRecord, 'x'));
   EXPECT_EQ(stream.flushed(), Records());
 }
 
@@ -68,20 +74,20 @@ TEST(NullData, WithALengthIsRejectedForItsSizeFirst) {
                           [&] { stream.writer.writeSegment(nullptr, 131072); }));
 }
 
-TEST(NullData, WithALengthWhoseLow32BitsAreZeroIsAnEmptyRecord) {
-  Stream stream;
+TYPED_TEST(NullData, WithALengthWhoseLow32BitsAreZeroIsAnEmptyRecord) {
+  TypeParam stream;
   stream.open();
-  stream.writer.writeSegment(nullptr, 0x100000000);
+  stream.writer->writeSegment(nullptr, 0x100000000);
   EXPECT_EQ(stream.flushed(), (Records{{.type = 1, .seqNo = 2}}));
 }
 
-TEST(NullData, DoesNotChangeTheTypeThatMakesAnEndRedundant) {
-  Stream stream;
+TYPED_TEST(NullData, DoesNotChangeTheTypeThatMakesAnEndRedundant) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.endSegment();
-  EXPECT_TRUE(throwsErrno(9, rejected("1"), [&] { stream.writer.writeSegment(nullptr, 1); }));
-  stream.writer.endSegment();
+  stream.writer->endSegment();
+  EXPECT_TRUE(throwsErrno(9, rejected("1"), [&] { stream.writer->writeSegment(nullptr, 1); }));
+  stream.writer->endSegment();
   EXPECT_EQ(stream.flushed().size(), 2U) << "no second end";
 }
 

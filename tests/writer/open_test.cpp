@@ -5,26 +5,31 @@
 #include "support/throws.hpp"
 #include "support/writer_members.hpp"
 #include "texts.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
-TEST(Open, SendsTheOpenRecordAtOnce) {
-  Stream stream;
-  stream.writer.open();
-  EXPECT_EQ(stream.pair.receive().bytes,
+template <typename Transport>
+class Open : public testing::Test {};
+TYPED_TEST_SUITE(Open, Transports, TransportName);
+
+TYPED_TEST(Open, SendsTheOpenRecordAtOnce) {
+  TypeParam stream;
+  stream.begin();
+  EXPECT_EQ(stream.received(),
             hex("ff00ee11 00000001"
                 "00000000 00000000 0000000000000000 0000000000000000 00000001 00000000"
                 "00000000 00000000 00000000 aabbccdd"));
-  EXPECT_EQ(stream.pair.waiting(), 0U);
+  EXPECT_EQ(stream.waiting(), 0U);
 }
 
-TEST(Open, LetsTheFirstLaterRecordCarryTwo) {
-  Stream stream;
+TYPED_TEST(Open, LetsTheFirstLaterRecordCarryTwo) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.endSegment();
-  stream.writer.close();
+  stream.writer->endSegment();
+  stream.close();
   const std::vector<Record> records = stream.sent();
   ASSERT_EQ(records.size(), 3U);
   EXPECT_EQ(records[0].seqNo, 2U);
@@ -32,12 +37,12 @@ TEST(Open, LetsTheFirstLaterRecordCarryTwo) {
   EXPECT_EQ(records[2].seqNo, 4U);
 }
 
-TEST(Open, OfAnOpenWriterHasNoEffect) {
-  Stream stream;
+TYPED_TEST(Open, OfAnOpenWriterHasNoEffect) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.open();
-  EXPECT_EQ(stream.pair.waiting(), 0U);
+  stream.begin();
+  EXPECT_EQ(stream.waiting(), 0U);
   stream.write("b");
   EXPECT_EQ(stream.flushed(),
             (std::vector<Record>{{.type = 1, .seqNo = 2, .segmentDone = 0, .data = bytesOf("a")},
@@ -52,15 +57,15 @@ TEST(Open, SendsRecordsOfTheCallerInFrontOfItsOwn) {
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 9}, {.type = 0}}));
 }
 
-TEST(Open, AfterCloseStartsANewStreamWithItsCountersReset) {
-  Stream stream;
+TYPED_TEST(Open, AfterCloseStartsANewStreamWithItsCountersReset) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.endSegment();
+  stream.writer->endSegment();
   stream.write("b");
-  stream.writer.close();
+  stream.close();
   EXPECT_EQ(stream.sent().back().segmentNo, 1U);
-  stream.writer.open();
+  stream.begin();
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 0}}));
   stream.write("c");
   EXPECT_EQ(stream.flushed(),
@@ -68,29 +73,29 @@ TEST(Open, AfterCloseStartsANewStreamWithItsCountersReset) {
                 {.type = 1, .seqNo = 2, .segmentNo = 0, .segmentDone = 0, .data = bytesOf("c")}}));
 }
 
-TEST(Open, KeepsTheFirstAndThirdParameterOfTheStreamBefore) {
-  Stream stream;
+TYPED_TEST(Open, KeepsTheFirstAndThirdParameterOfTheStreamBefore) {
+  TypeParam stream;
   stream.open();
-  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
-  stream.writer.close();
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
+  stream.close();
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 3,
                                                  .seqNo = 2,
                                                  .segAlg = 1,
                                                  .segParam1 = 11,
                                                  .segParam2 = 22,
                                                  .segParam3 = 33}}));
-  stream.writer.open();
+  stream.begin();
   EXPECT_EQ(stream.sent(),
             (std::vector<Record>{
                 {.type = 0, .segAlg = 0, .segParam1 = 11, .segParam2 = 0, .segParam3 = 33}}));
 }
 
-TEST(Open, LeavesTheSegmentAlgorithmForLaterRecordsAlone) {
-  Stream stream;
-  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
-  stream.writer.open();
+TYPED_TEST(Open, LeavesTheSegmentAlgorithmForLaterRecordsAlone) {
+  TypeParam stream;
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 11, 22, 33);
+  stream.begin();
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 0}}));
-  stream.writer.endSegment();
+  stream.writer->endSegment();
   EXPECT_EQ(stream.flushed(), (std::vector<Record>{{.type = 2,
                                                     .seqNo = 2,
                                                     .segAlg = 1,
@@ -99,9 +104,9 @@ TEST(Open, LeavesTheSegmentAlgorithmForLaterRecordsAlone) {
                                                     .segParam3 = 33}}));
 }
 
-TEST(Open, ResetsEveryFieldButTwoParametersAndTheMagic) {
-  Stream stream;
-  pvk_shm_message_t& header = headerOf(stream.writer);
+TYPED_TEST(Open, ResetsEveryFieldButTwoParametersAndTheMagic) {
+  TypeParam stream;
+  pvk_shm_message_t& header = headerOf(*stream.writer);
   header.type = 1;
   header.len = 2;
   header.seqNo = 3;
@@ -112,7 +117,7 @@ TEST(Open, ResetsEveryFieldButTwoParametersAndTheMagic) {
   header.segParam2 = 8;
   header.segParam3 = 9;
   header.magic = 10;
-  stream.writer.open();
+  stream.begin();
   EXPECT_EQ(stream.sent(),
             (std::vector<Record>{{.type = 0, .segParam1 = 7, .segParam3 = 9, .magic = 10}}));
 }
@@ -161,11 +166,11 @@ TEST(Open, TracesTheQueueNameBeforeItWrites) {
           traced("flush_shm_buffer: Sending shm batch of 1"), left("write_data"), left("open")}));
 }
 
-TEST(Open, OfAnOpenWriterOnlyTracesItsScope) {
-  Stream stream;
+TYPED_TEST(Open, OfAnOpenWriterOnlyTracesItsScope) {
+  TypeParam stream;
   stream.open();
   RecordingSink sink(RecordingSink::Tracing::on);
-  stream.writer.open();
+  stream.begin();
   EXPECT_EQ(sink.take(), (std::vector{entered("open"), left("open")}));
 }
 

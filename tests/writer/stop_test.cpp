@@ -4,82 +4,81 @@
 #include "support/recording_sink.hpp"
 #include "support/stream.hpp"
 #include "support/throws.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
-TEST(Stop, OfAFreshWriterSendsOne) {
-  Stream stream;
-  stream.writer.stop(false);
-  EXPECT_EQ(stream.pair.receive().bytes,
+template <typename Transport>
+class Stop : public testing::Test {};
+TYPED_TEST_SUITE(Stop, Transports, TransportName);
+
+TYPED_TEST(Stop, OfAFreshWriterSendsOne) {
+  TypeParam stream;
+  stream.writer->stop(false);
+  EXPECT_EQ(stream.received(),
             hex("ff00ee11 00000001"
                 "00000004 00000000 0000000000000001 0000000000000000 00000001 00000000"
                 "00000000 00000000 00000000 aabbccdd"));
 }
 
-TEST(Stop, OfAFreshWriterLeavesItClosed) {
-  QueuePair pair;
-  {
-    ShmWriter writer("stream", pair.name(), 7, 0, false);
-    writer.stop(true);
-    EXPECT_EQ(pair.receiveRecords(), (std::vector<Record>{{.type = 4, .seqNo = 1}}));
-    EXPECT_ANY_THROW(writer.writeSegment(nullptr, 0));
-  }
-  EXPECT_EQ(pair.waiting(), 0U) << "its destructor sends no close";
+TYPED_TEST(Stop, OfAFreshWriterLeavesItClosed) {
+  TypeParam stream;
+  stream.writer->stop(true);
+  EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 1}}));
+  EXPECT_ANY_THROW(stream.write(""));
+  stream.destroy();
+  EXPECT_EQ(stream.waiting(), 0U) << "its destructor sends no close";
 }
 
-TEST(Stop, OfAClosedWriterIsSentAndLeavesItClosed) {
-  QueuePair pair;
-  {
-    ShmWriter writer("stream", pair.name(), 7, 0, false);
-    writer.open();
-    writer.close();
-    pair.discardAll();
-    writer.stop(false);
-    EXPECT_EQ(pair.receiveRecords(), (std::vector<Record>{{.type = 4, .seqNo = 3}}));
-    EXPECT_ANY_THROW(writer.writeSegment(nullptr, 0));
-  }
-  EXPECT_EQ(pair.waiting(), 0U);
-}
-
-TEST(Stop, LeavesAnOpenWriterOpenAndAcceptingSegments) {
-  Stream stream;
+TYPED_TEST(Stop, OfAClosedWriterIsSentAndLeavesItClosed) {
+  TypeParam stream;
   stream.open();
-  stream.writer.stop(false);
+  stream.close();
+  stream.discardAll();
+  stream.writer->stop(false);
+  EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 3}}));
+  EXPECT_ANY_THROW(stream.write(""));
+  stream.destroy();
+  EXPECT_EQ(stream.waiting(), 0U);
+}
+
+TYPED_TEST(Stop, LeavesAnOpenWriterOpenAndAcceptingSegments) {
+  TypeParam stream;
+  stream.open();
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 2}}));
   stream.write("a");
-  stream.writer.open();  // no effect
-  stream.writer.close();
+  stream.begin();  // no effect
+  stream.close();
   EXPECT_EQ(stream.sent(),
             (std::vector<Record>{{.type = 1, .seqNo = 3, .segmentDone = 0, .data = bytesOf("a")},
                                  {.type = 3, .seqNo = 4, .segmentDone = 0}}));
 }
 
-TEST(Stop, IsFollowedByTheDestructorsClose) {
-  QueuePair pair;
-  {
-    ShmWriter writer("stream", pair.name(), 7, 0, false);
-    writer.open();
-    writer.stop(false);
-    pair.discardAll();
-  }
-  EXPECT_EQ(pair.receiveRecords(), (std::vector<Record>{{.type = 3, .seqNo = 3}}));
+TYPED_TEST(Stop, IsFollowedByTheDestructorsClose) {
+  TypeParam stream;
+  stream.open();
+  stream.writer->stop(false);
+  stream.discardAll();
+  stream.destroy();
+  EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 3, .seqNo = 3}}));
 }
 
-TEST(Stop, IsSentEveryTime) {
-  Stream stream;
-  stream.writer.stop(true);
-  stream.writer.stop(false);
+TYPED_TEST(Stop, IsSentEveryTime) {
+  TypeParam stream;
+  stream.writer->stop(true);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent().at(0).seqNo, 1U);
   EXPECT_EQ(stream.sent().at(0).seqNo, 2U);
 }
 
-TEST(Stop, CarriesPendingDataAndTheLow32BitsOfTheParameters) {
-  Stream stream;
+TYPED_TEST(Stop, CarriesPendingDataAndTheLow32BitsOfTheParameters) {
+  TypeParam stream;
   stream.open();
-  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0x100000001, 0x200000002, 0x300000003);
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 0x100000001, 0x200000002, 0x300000003);
   stream.write("a");
-  stream.writer.stop(true);
+  stream.writer->stop(true);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 1,
                                                  .seqNo = 2,
                                                  .segmentDone = 0,
@@ -97,11 +96,11 @@ TEST(Stop, CarriesPendingDataAndTheLow32BitsOfTheParameters) {
                                                  .segParam3 = 3}}));
 }
 
-TEST(Stop, EndsAnUnfinishedSegmentAfterItWasSent) {
-  Stream stream;
+TYPED_TEST(Stop, EndsAnUnfinishedSegmentAfterItWasSent) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.writer.stop(false);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent().back(), (Record{.type = 4, .seqNo = 3, .segmentDone = 0}));
   stream.write("b");
   EXPECT_EQ(stream.flushed(),
@@ -109,11 +108,11 @@ TEST(Stop, EndsAnUnfinishedSegmentAfterItWasSent) {
                 {.type = 1, .seqNo = 4, .segmentNo = 1, .segmentDone = 0, .data = bytesOf("b")}}));
 }
 
-TEST(Stop, RewritesTypeLengthAndSegmentFieldsOnly) {
-  Stream stream;
+TYPED_TEST(Stop, RewritesTypeLengthAndSegmentFieldsOnly) {
+  TypeParam stream;
   stream.open();
   writeIntoSecondSegment(stream);
-  stream.writer.stop(false);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent(),
             (std::vector<Record>{{.type = 4, .seqNo = 5, .segmentNo = 1, .segmentDone = 0}}));
 }
@@ -132,14 +131,14 @@ TEST(Stop, WithoutItsOwnTimeoutWaitsForTheWriters) {
                           [&] { stream.writer.stop(false); }));
 }
 
-TEST(Stop, ThatFailsHasCountedAndKeepsTheSegmentOpen) {
-  Stream stream;
+TYPED_TEST(Stop, ThatFailsHasCountedAndKeepsTheSegmentOpen) {
+  TypeParam stream;
   stream.open();
   stream.write("a");
-  stream.pair.post(1003, "not now");
-  EXPECT_TRUE(throwsErrno(1003, "not now", [&] { stream.writer.stop(true); }));
-  stream.pair.discardAll();
-  stream.writer.stop(true);
+  stream.post(1003, "not now");
+  EXPECT_TRUE(throwsErrno(1003, "not now", [&] { stream.writer->stop(true); }));
+  stream.discardAll();
+  stream.writer->stop(true);
   EXPECT_EQ(stream.sent(), (std::vector<Record>{{.type = 4, .seqNo = 4, .segmentDone = 0}}));
   EXPECT_NO_THROW(stream.write("b"));
 }

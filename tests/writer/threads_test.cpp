@@ -4,24 +4,29 @@
 #include <vector>
 
 #include "support/stream.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
 
-TEST(Threads, UseSeparateWritersIndependently) {
+template <typename Transport>
+class Threads : public testing::Test {};
+TYPED_TEST_SUITE(Threads, Transports, TransportName);
+
+TYPED_TEST(Threads, UseSeparateWritersIndependently) {
   constexpr int kRecords = 1000;
-  const auto produceAndCount = [](Stream& stream, std::size_t& records) {
+  const auto produceAndCount = [](TypeParam& stream, std::size_t& records) {
     for (int i = 0; i < kRecords; ++i) {
       stream.write("data");
-      while (stream.pair.waiting() > 0) {
+      while (stream.waiting() > 0) {
         records += stream.sent().size();
       }
     }
-    stream.writer.close();
+    stream.close();
     records += stream.sent().size();
   };
-  Stream first;
-  Stream second;
+  TypeParam first;
+  TypeParam second;
   first.open();
   second.open();
   std::size_t firstRecords = 0;

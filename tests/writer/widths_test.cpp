@@ -5,6 +5,7 @@
 #include "support/stream.hpp"
 #include "support/throws.hpp"
 #include "support/writer_members.hpp"
+#include "transports.hpp"
 
 // Numbers whose low byte or low two bytes look like another one's, and counters beyond 32 bits.
 namespace orvane::test {
@@ -32,17 +33,21 @@ TEST(RecordState, IsUnboundedForTheWholeNumberOneOnly) {
   }
 }
 
-TEST(SegmentState, IsAcceptedForTheWholeNumbersZeroAndOneOnly) {
-  Stream stream;
+template <typename Transport>
+class SegmentState : public testing::Test {};
+TYPED_TEST_SUITE(SegmentState, Transports, TransportName);
+
+TYPED_TEST(SegmentState, IsAcceptedForTheWholeNumbersZeroAndOneOnly) {
+  TypeParam stream;
   stream.open();
   for (unsigned int state :
        {256U, 257U, 65536U, 65537U, 65792U, 65793U, 0x80000000U, 0x80000001U}) {
-    stream.writer.setSegmentAlg(static_cast<orvane_seg_state_t>(state), 0, 0, 0);
+    stream.writer->setSegmentAlg(static_cast<orvane_seg_state_t>(state), 0, 0, 0);
     EXPECT_TRUE(throwsErrno(44, "Could not write segment data because wrong algorithm has been set",
                             [&] { stream.write("a"); }))
         << state;
   }
-  stream.writer.endSegment();
+  stream.writer->endSegment();
   EXPECT_EQ(stream.flushed(), (Records{{.type = 2, .seqNo = 2, .segAlg = 0x80000001}}));
 }
 
@@ -57,9 +62,13 @@ TEST(LastType, MakesAnEndRedundantForTheWholeNumberTwoOnly) {
   }
 }
 
-TEST(Length, BeginsASegmentWhenAnyOfItsBitsIsSet) {
+template <typename Transport>
+class Length : public testing::Test {};
+TYPED_TEST_SUITE(Length, Transports, TransportName);
+
+TYPED_TEST(Length, BeginsASegmentWhenAnyOfItsBitsIsSet) {
   for (std::uint32_t length : {256U, 65536U, 131072U}) {
-    Stream stream({.geometry = {.messageSize = 200000}});
+    TypeParam stream;
     stream.open();
     stream.write(std::string(length, 'x'));
     EXPECT_EQ(stream.flushed(),
@@ -82,30 +91,34 @@ TEST(Length, InAnExceptionIsUnsigned) {
                           [&] { stream.writer.write_data(&unbounded, nullptr, 0, false); }));
 }
 
-TEST(SequenceNumber, Has64BitsInEveryRecordOfTheWriter) {
-  Stream stream;
+template <typename Transport>
+class SequenceNumber : public testing::Test {};
+TYPED_TEST_SUITE(SequenceNumber, Transports, TransportName);
+
+TYPED_TEST(SequenceNumber, Has64BitsInEveryRecordOfTheWriter) {
+  TypeParam stream;
   stream.open();
-  std::uint64_t& seqNo = headerOf(stream.writer).seqNo;
+  std::uint64_t& seqNo = headerOf(*stream.writer).seqNo;
   seqNo = 0xFFFFFFFF;
   stream.write("a");
   EXPECT_EQ(stream.flushed().at(0).seqNo, 0x100000000U);
   seqNo = 0xFFFFFFFF;
-  stream.writer.endSegment();
+  stream.writer->endSegment();
   EXPECT_EQ(stream.flushed().at(0).seqNo, 0x100000000U);
   seqNo = 0xFFFFFFFF;
-  stream.writer.stop(false);
+  stream.writer->stop(false);
   EXPECT_EQ(stream.sent().at(0).seqNo, 0x100000000U);
   seqNo = 0x7FFFFFFFFFFFFFFF;
-  stream.writer.close();
+  stream.close();
   EXPECT_EQ(stream.sent().at(0).seqNo, 0x8000000000000000U);
 }
 
-TEST(SequenceNumber, Has64BitsInTheMessageAboutMixedStates) {
-  Stream stream;
+TYPED_TEST(SequenceNumber, Has64BitsInTheMessageAboutMixedStates) {
+  TypeParam stream;
   stream.open();
-  headerOf(stream.writer).seqNo = 0xFFFFFFFFFFFFFFFE;
-  segmentFirstWriteOf(stream.writer) = false;
-  stream.writer.setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+  headerOf(*stream.writer).seqNo = 0xFFFFFFFFFFFFFFFE;
+  segmentFirstWriteOf(*stream.writer) = false;
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
   EXPECT_TRUE(throwsErrno(
       89,
       "Could not write segment data for sequence 18446744073709551615 because segment states are "
@@ -113,46 +126,56 @@ TEST(SequenceNumber, Has64BitsInTheMessageAboutMixedStates) {
       [&] { stream.write("a"); }));
 }
 
-TEST(SegmentNumber, Has64BitsAfterAnEndAStopAndAClose) {
-  Stream stream;
+template <typename Transport>
+class SegmentNumber : public testing::Test {};
+TYPED_TEST_SUITE(SegmentNumber, Transports, TransportName);
+
+TYPED_TEST(SegmentNumber, Has64BitsAfterAnEndAStopAndAClose) {
+  TypeParam stream;
   stream.open();
-  std::uint64_t& segmentNo = headerOf(stream.writer).segmentNo;
+  std::uint64_t& segmentNo = headerOf(*stream.writer).segmentNo;
   segmentNo = 0xFFFFFFFF;
   stream.write("a");
-  stream.writer.endSegment();
+  stream.writer->endSegment();
   EXPECT_EQ(segmentNo, 0x100000000U);
   segmentNo = 0xFFFFFFFF;
   stream.write("b");
-  stream.writer.stop(false);
+  stream.writer->stop(false);
   EXPECT_EQ(segmentNo, 0x100000000U);
-  stream.pair.discardAll();
+  stream.discardAll();
   stream.write("c");
-  stream.writer.close();
+  stream.close();
   EXPECT_EQ(stream.sent().at(0).segmentNo, 0x100000000U);
   EXPECT_EQ(segmentNo, 0x100000001U);
 }
 
-TEST(AnswerStatus, IsAnErrorWhenAnyOfItsBitsIsSet) {
-  Stream stream;
+template <typename Transport>
+class AnswerStatus : public testing::Test {};
+TYPED_TEST_SUITE(AnswerStatus, Transports, TransportName);
+
+TYPED_TEST(AnswerStatus, IsAnErrorWhenAnyOfItsBitsIsSet) {
+  TypeParam stream;
   for (std::int32_t status : {256, 65536, 0x1000000, std::numeric_limits<std::int32_t>::min()}) {
-    stream.pair.post(status, "no");
-    EXPECT_TRUE(throwsErrno(status, "no", [&] { stream.writer.flush_shm_buffer(0); })) << status;
+    stream.post(status, "no");
+    EXPECT_TRUE(throwsErrno(status, "no", [&] { stream.flush(); })) << status;
   }
 }
 
-TEST(WriterTimeout, IsCheckedInFullWidth) {
-  const QueuePair pair;
+template <typename Transport>
+class WriterTimeout : public testing::Test {};
+TYPED_TEST_SUITE(WriterTimeout, Transports, TransportName);
+
+TYPED_TEST(WriterTimeout, IsCheckedInFullWidth) {
+  TypeParam stream;
   for (unsigned int timeout : {256U, 65536U, 65537U, 86399U}) {
-    EXPECT_NO_THROW(ShmWriter("stream", pair.name(), timeout, 0, false)) << timeout;
+    EXPECT_NO_THROW(stream.another(timeout)) << timeout;
   }
   for (const char* timeout : {"131073", "2147483648", "2147483649", "4294901761"}) {
-    EXPECT_TRUE(throwsErrno(9,
-                            std::string("Invalid timeout, specified value ") + timeout +
-                                " was more than maximum allowed value of 86400",
-                            [&] {
-                              ShmWriter("stream", pair.name(),
-                                        static_cast<unsigned int>(std::stoul(timeout)), 0, false);
-                            }));
+    EXPECT_TRUE(
+        throwsErrno(9,
+                    std::string("Invalid timeout, specified value ") + timeout +
+                        " was more than maximum allowed value of 86400",
+                    [&] { stream.another(static_cast<unsigned int>(std::stoul(timeout))); }));
   }
 }
 

@@ -6,6 +6,7 @@
 #include "support/recording_sink.hpp"
 #include "support/stream.hpp"
 #include "support/throws.hpp"
+#include "transports.hpp"
 
 namespace orvane::test {
 namespace {
@@ -27,9 +28,13 @@ ipc::error_code_t errorOfBuildingOn(const std::string& queue) {
   return ipc::no_error;
 }
 
-TEST(Construction, SendsNothing) {
-  Stream stream;
-  EXPECT_EQ(stream.pair.waiting(), 0U);
+template <typename Transport>
+class Construction : public testing::Test {};
+TYPED_TEST_SUITE(Construction, Transports, TransportName);
+
+TYPED_TEST(Construction, SendsNothing) {
+  TypeParam stream;
+  EXPECT_EQ(stream.waiting(), 0U);
 }
 
 TEST(Construction, AttachesToBothQueuesOnceAndDetachesWithoutRemovingThem) {
@@ -61,16 +66,22 @@ TEST(Construction, RejectsATimeoutOnExistingQueuesToo) {
   EXPECT_EQ(mappingsOf(pair.name()), 1U);
 }
 
-TEST(Construction, AcceptsTimeoutsAtBothBounds) {
-  const QueuePair pair;
-  EXPECT_NO_THROW(ShmWriter("stream", pair.name(), 1, 0, false));
-  EXPECT_NO_THROW(ShmWriter("stream", pair.name(), 86400, 0, false));
+TYPED_TEST(Construction, RejectsATimeoutOutsideOfADay) {
+  const TypeParam stream;
+  EXPECT_TRUE(throwsErrno(9, kTooShort, [&] { stream.another(0); }));
+  EXPECT_TRUE(throwsErrno(9, kTooLong, [&] { stream.another(86401); }));
 }
 
-TEST(Construction, AcceptsAnyStopTimeout) {
-  const QueuePair pair;
+TYPED_TEST(Construction, AcceptsTimeoutsAtBothBounds) {
+  const TypeParam stream;
+  EXPECT_NO_THROW(stream.another(1));
+  EXPECT_NO_THROW(stream.another(86400));
+}
+
+TYPED_TEST(Construction, AcceptsAnyStopTimeout) {
+  const TypeParam stream;
   for (unsigned int stopTimeout : {0U, 1U, 86400U, 86401U, 4294967295U}) {
-    EXPECT_NO_THROW(ShmWriter("stream", pair.name(), 7, stopTimeout, false)) << stopTimeout;
+    EXPECT_NO_THROW(stream.another(7, stopTimeout)) << stopTimeout;
   }
 }
 
