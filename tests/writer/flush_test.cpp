@@ -91,20 +91,20 @@ TEST(Flush, ThatTimesOutTakesNoAnswer) {
   EXPECT_EQ(stream.pair.waitingAnswers(), 1U);
 }
 
-TEST(Flush, OfAStreamWithoutANameNamesOnlyTheServer) {
-  Stream stream({.name = ""});
-  stream.pair.fill();
+TYPED_TEST(Flush, OfAStreamWithoutANameNamesOnlyTheServer) {
+  TypeParam stream({.name = ""});
+  stream.fill();
   EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 0s to send data to orvaned",
-                          [&] { stream.writer.flush_shm_buffer(0); }));
+                          [&] { stream.writer->stop(true); }));
 }
 
-TEST(Flush, NamesTheWholeStream) {
+TYPED_TEST(Flush, NamesTheWholeStream) {
   const std::string name("a\0b %s", 6);
-  Stream stream({.name = name});
-  stream.pair.fill();
+  TypeParam stream({.name = name});
+  stream.fill();
   EXPECT_TRUE(throwsErrno(15,
                           "Timed out after waiting 0s to send data to orvaned on stream " + name,
-                          [&] { stream.writer.flush_shm_buffer(0); }));
+                          [&] { stream.writer->stop(true); }));
 }
 
 }  // namespace

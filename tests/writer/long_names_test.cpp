@@ -25,13 +25,17 @@ struct LongNamedQueues {
                                                    answers.text().c_str(), 1, 132};
 };
 
-TEST(LongName, OfAStreamIsWholeInTheTimeOutText) {
+template <typename Transport>
+class LongName : public testing::Test {};
+TYPED_TEST_SUITE(LongName, Transports, TransportName);
+
+TYPED_TEST(LongName, OfAStreamIsWholeInTheTimeOutText) {
   const std::string name = std::string(70000, 'n') + "end";
-  Stream stream({.name = name});
-  stream.pair.fill();
+  TypeParam stream({.name = name});
+  stream.fill();
   EXPECT_TRUE(throwsErrno(15,
                           "Timed out after waiting 0s to send data to orvaned on stream " + name,
-                          [&] { stream.writer.flush_shm_buffer(0); }));
+                          [&] { stream.writer->stop(true); }));
 }
 
 TEST(LongName, OfAQueueIsWholeWhenTheWriterAttaches) {

@@ -117,18 +117,18 @@ TYPED_TEST(Stop, RewritesTypeLengthAndSegmentFieldsOnly) {
             (std::vector<Record>{{.type = 4, .seqNo = 5, .segmentNo = 1, .segmentDone = 0}}));
 }
 
-TEST(Stop, WithItsOwnTimeoutOfZeroFailsAtOnceOnAFullQueue) {
-  Stream stream({.timeout = 86400, .stopTimeout = 0});
-  stream.pair.fill();
+TYPED_TEST(Stop, WithItsOwnTimeoutOfZeroFailsAtOnceWithoutRoom) {
+  TypeParam stream({.timeout = 86400, .stopTimeout = 0});
+  stream.fill();
   EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 0s to send data to orvaned on stream stream",
-                          [&] { stream.writer.stop(true); }));
+                          [&] { stream.writer->stop(true); }));
 }
 
-TEST(Stop, WithoutItsOwnTimeoutWaitsForTheWriters) {
-  Stream stream({.timeout = 1, .stopTimeout = 86400});
-  stream.pair.fill();
+TYPED_TEST(Stop, WithoutItsOwnTimeoutWaitsForTheWriters) {
+  TypeParam stream({.timeout = 1, .stopTimeout = 86400});
+  stream.fill();
   EXPECT_TRUE(throwsErrno(15, "Timed out after waiting 1s to send data to orvaned on stream stream",
-                          [&] { stream.writer.stop(false); }));
+                          [&] { stream.writer->stop(false); }));
 }
 
 TYPED_TEST(Stop, ThatFailsHasCountedAndKeepsTheSegmentOpen) {

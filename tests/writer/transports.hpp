@@ -82,6 +82,9 @@ class QueueTransport {
     return sent();
   }
 
+  // Leaves no room for any record until something is received.
+  void fill() { pair.fill(); }
+
   std::size_t waiting() const { return pair.waiting(); }
   void discardAll() { pair.discardAll(); }
 
@@ -110,6 +113,9 @@ class RingTransport {
         flusher("flusher", stream.lease->ring(), 7, 0, false) {
     flusher.setSegmentAlg(kOrvaneSegBounded, kFlushers, 0, 0);
   }
+  ~RingTransport() { stream.server.end(); }  // so that no writer waits for its answer
+  RingTransport(const RingTransport&) = delete;
+  RingTransport& operator=(const RingTransport&) = delete;
 
   std::unique_ptr<Writer> another(unsigned int timeout, unsigned int stopTimeout = 0) const {
     return std::make_unique<RingWriter>("another", stream.lease->ring(), timeout, stopTimeout,
@@ -165,6 +171,18 @@ class RingTransport {
   std::vector<Record> flushed() {
     flush();
     return sent();
+  }
+
+  void fill() {
+    {
+      const Serving server(*this);
+      flusher.open();
+    }
+    flusher.setSegmentAlg(kOrvaneSegUnbounded, kFlushers, 0, 0);
+    const Bytes data(kLargestRecord);
+    for (int i = 0; i < 4; ++i) {
+      flusher.writeSegment(data.data(), data.size());
+    }
   }
 
   std::size_t waiting() {
