@@ -155,7 +155,7 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   void makeSomeCall(FuzzedDataProvider& input) {
-    server.livesFor(input.ConsumeIntegralInRange<int>(0, 3));
+    server.livesFor(input.PickValueInArray({0, 0, 0, 1, 1, 2}));
     const unsigned long sizes[] = {0, 1, 100, 5000, 131072, orvane::test::kLargestRecord, kNoData};
     const unsigned long size = input.PickValueInArray(sizes);
     switch (input.ConsumeIntegralInRange<int>(0, 9)) {

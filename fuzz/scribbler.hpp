@@ -55,6 +55,7 @@ class Scribbler {
       }
       if (progress == 1 || ++passes % 64 == 0) {  // a call takes longer than most changes
         syscall(SYS_futex, counter, FUTEX_WAKE, 1, nullptr, nullptr, 0);
+        std::this_thread::yield();
       }
       progress = 2;
     } while (!ended);
