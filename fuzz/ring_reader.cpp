@@ -163,8 +163,17 @@ class Producer {
     const std::uint64_t frame =
         frames.empty() ? tail
                        : frames[input.ConsumeIntegralInRange<std::size_t>(0, frames.size() - 1)];
+    if (what == 3) {  // a size that is right for one moment, and wrong for the next
+      return {&page,
+              producersFile,
+              kData + frame % kRing,
+              someNumber(input, kLargestBatch),
+              Change::word64,
+              true,
+              0};
+    }
     const std::uint64_t limit = what == 7 ? kRing - 1 : 127;  // metadata and the first headers
-    const auto inFrame = what == 3 ? 0 : input.ConsumeIntegralInRange<std::uint64_t>(0, limit);
+    const auto inFrame = input.ConsumeIntegralInRange<std::uint64_t>(0, limit);
     return someChange(input, page, producersFile, kData + (frame + inFrame) % kRing, 100);
   }
 
