@@ -82,10 +82,58 @@ TEST_F(RingLease, IsLoggedAndLeavesNothingInSharedMemory) {
                            " (1048576 bytes), storing into " + store.path() + "\n"))
       << server->output();
   const std::string run = name.substr(0, name.rfind('_'));
-  EXPECT_EQ(sharedMemoryNamed(run), Words{"." + run + ".lock"});
+  EXPECT_EQ(sharedMemoryNamed(run), Words{});
   lease.reset();
   EXPECT_TRUE(server->says("stopped serving queue " + name + ": its producer died or left\n"));
-  EXPECT_EQ(sharedMemoryNamed(run), Words{"." + run + ".lock"});
+  EXPECT_EQ(sharedMemoryNamed(run), Words{});
+}
+
+TEST_F(RingLease, OfADeadServerLeavesItsSocketAndAStreamThatTheNextOneFinishes) {
+  const Lease lease = newLease();
+  const std::string name = lease.queueName();
+  RingWriter writer = writerOf(lease, 1);
+  writer.open();
+  write(writer, record('x'));
+  write(writer, record('y'));  // hands the first one over
+  ASSERT_TRUE(eventually([&] { return !namesIn(store.path()).empty(); }));
+  const std::string path = folderOf(name) + "/segment-000000.part";
+  ASSERT_TRUE(eventually([&] {
+    return std::filesystem::exists(path) && std::filesystem::file_size(path) == record('x').size();
+  }));
+  server->killAll();
+  EXPECT_EQ(server->wait(), -SIGKILL);
+  EXPECT_EQ(sharedMemoryNamed(name.substr(0, name.rfind('_'))), Words{});
+  EXPECT_EQ(namesIn(folder.path()), (Words{"socket", "socket.lock"}));
+  EXPECT_EQ(namesIn(folderOf(name)), (Words{"manifest.part", "segment-000000.part"}));
+  start();
+  EXPECT_EQ(endingOf(name), "end=cut-off\nreason=the server died\n");
+}
+
+// Another server does not take its stream, as long as one of its processes may write into it.
+TEST_F(RingLease, OfADeadServerIsInUseUntilItsWorkerIsDead) {
+  const Lease lease = newLease();
+  const std::string name = lease.queueName();
+  RingWriter writer = writerOf(lease, 1);
+  writer.open();
+  write(writer, "x");
+  const pid_t worker = server->workerOfRing();
+  ASSERT_TRUE(eventually([&] { return !namesIn(store.path()).empty(); }));
+  kill(worker, SIGSTOP);
+  server->signal(SIGSTOP);  // its end would let the worker continue
+  for (const pid_t child : server->children()) {
+    kill(child, child == worker ? 0 : SIGKILL);
+  }
+  const Words other = {"--socket", folder.path() + "/other", "--store", store.path()};
+  {
+    ServerProcess first(other);
+    EXPECT_TRUE(first.says("serving leases at "));
+    EXPECT_TRUE(LeaseClient(folder.path() + "/other").ask().starts_with("orvane-"));
+    EXPECT_FALSE(std::filesystem::exists(folderOf(name) + "/manifest"));
+  }
+  server->killAll();
+  EXPECT_EQ(server->wait(), -SIGKILL);
+  const ServerProcess second(other);
+  EXPECT_EQ(endingOf(name), "end=cut-off\nreason=the server died\n");
 }
 
 TEST_F(RingLease, NeedsNoSharedMemory) {

@@ -133,13 +133,20 @@ pid_t ServerProcess::workerOfRing() const {
   return childWith("/memfd:orvane-ring");
 }
 
+std::vector<pid_t> ServerProcess::children() const {
+  const std::string parent = std::to_string(pid);
+  std::ifstream listed("/proc/" + parent + "/task/" + parent + "/children");
+  std::vector<pid_t> found;
+  for (pid_t child = 0; listed >> child;) {
+    found.push_back(child);
+  }
+  return found;
+}
+
 // The first child that has this in its memory; waits for it.
 pid_t ServerProcess::childWith(const std::string& mapped) const {
-  const std::string parent = std::to_string(pid);
-  const std::string listed = "/proc/" + parent + "/task/" + parent + "/children";
   for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
-    std::ifstream children(listed);
-    for (pid_t child = 0; children >> child;) {
+    for (const pid_t child : children()) {
       std::ifstream maps("/proc/" + std::to_string(child) + "/maps");
       for (std::string line; std::getline(maps, line);) {  // until it ends, or its process has
         if (line.find(mapped) != std::string::npos) {

@@ -47,6 +47,9 @@ class ServerProcess {
 
   pid_t process() const { return pid; }
 
+  // The processes that it has forked and that have not been waited for.
+  std::vector<pid_t> children() const;
+
   // The process that serves this queue; waits for it.
   pid_t workerOf(const std::string& queue) const;
 

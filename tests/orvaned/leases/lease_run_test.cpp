@@ -29,7 +29,9 @@ TEST(LeaseRunTest, IsAliveWhileItsLockIsHeld) {
   std::string queue;
   std::string lock;
   {
-    const LeaseRun run;
+    LeaseRun run;
+    run.lockForQueues();
+    run.lockForQueues();
     queue = run.newQueueName();
     lock = "/dev/shm/." + queue.substr(0, queue.rfind('_')) + ".lock";
     EXPECT_EQ(readFile(lock), std::to_string(getpid()) + "\n");
@@ -37,6 +39,13 @@ TEST(LeaseRunTest, IsAliveWhileItsLockIsHeld) {
   }
   EXPECT_FALSE(std::filesystem::exists(lock));
   EXPECT_EQ(ownerOfLeased(queue), LockFile::OwnerState::dead);
+}
+
+TEST(LeaseRunTest, HasNoLockBeforeItsFirstQueue) {
+  const LeaseRun run;
+  const std::string queue = run.newQueueName();
+  EXPECT_EQ(run.lockFile(), -1);
+  EXPECT_FALSE(std::filesystem::exists("/dev/shm/." + queue.substr(0, queue.rfind('_')) + ".lock"));
 }
 
 // Its streams are in the store of one server, its queues may be removed by any.

@@ -107,13 +107,15 @@ TEST_F(BrokerTest, MakesALockedFolderForAStreamAndOpensItsFiles) {
 }
 
 TEST_F(BrokerTest, LetsGoOfAStreamWhenTheNextOneBegins) {
-  const StoreAccess::NewStream first = access.createStream();
+  StoreAccess::NewStream first = access.createStream();
   const StoreAccess::NewStream second = access.createStream();
-  EXPECT_TRUE(LocalDirectory(first.folder->path()).lock());
   EXPECT_FALSE(LocalDirectory(second.folder->path()).lock());
   first.folder->append("manifest.part");
   EXPECT_EQ(namesIn(first.folder->path()), Names{});
   EXPECT_EQ(namesIn(second.folder->path()), Names{"manifest.part"});
+  LocalDirectory folder(first.folder->path());
+  first.folder.reset();
+  EXPECT_TRUE(folder.lock());
 }
 
 TEST_F(BrokerTest, OpensNothingBeforeAStreamHasBegun) {

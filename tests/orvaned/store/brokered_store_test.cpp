@@ -3,6 +3,8 @@
 #include "store/brokered_store.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -37,6 +39,27 @@ TEST(BrokerClientTest, PassesOverRepliesToOthers) {
     EXPECT_EQ(namesIn(store.path()), Names{"orders-" + id});
   }
   broker.join();
+}
+
+// Its worker may still write into it.
+TEST(BrokerClientTest, AStreamStaysLockedWhenItsBrokerHasDied) {
+  const TempFolder store;
+  auto [ours, theirs] = orvaned::connectedSockets();
+  BrokerClient client(std::move(ours));
+  orvaned::StoreAccess::NewStream stream;
+  {
+    std::thread thread([&store, end = std::move(theirs)]() mutable {
+      orvaned::Broker broker({store.path(), "orders", Sync::none}, tool::Fd(dup(end.get())));
+      shutdown(end.get(), SHUT_RD);  // after what was asked, the broker sees the end
+      broker.run();
+    });
+    stream = BrokeredAccess(client, store.path()).createStream();
+    thread.join();
+  }
+  orvaned::LocalDirectory folder(store.path() + "/orders-" + stream.id);
+  EXPECT_FALSE(folder.lock());
+  stream.folder.reset();
+  EXPECT_TRUE(folder.lock());
 }
 
 TEST(BrokerClientTest, FailsWhenItsBrokerHasDied) {

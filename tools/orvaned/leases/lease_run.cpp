@@ -69,7 +69,13 @@ tool::LockFile::OwnerState ownerOf(const std::string& run) {
 
 }  // namespace
 
-LeaseRun::LeaseRun() : name("orvane-" + tool::timeAndProcess()), lock(tool::lockPathOf(name)) {}
+LeaseRun::LeaseRun() : name("orvane-" + tool::timeAndProcess()) {}
+
+void LeaseRun::lockForQueues() {
+  if (!lock) {
+    lock.emplace(tool::lockPathOf(name));
+  }
+}
 
 std::string LeaseRun::newQueueName() const {
   std::string queue;

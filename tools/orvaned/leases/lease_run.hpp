@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -7,23 +8,27 @@
 
 namespace orvaned {
 
-// The names of one server run's leases. Leased queues are named RUN_RANDOM (shm_names.hpp), where
-// RUN is "orvane-" and the server's start time and process, so no other run has such a name. The
-// run's lock file in /dev/shm shows other servers that its queues and streams are in use.
+// The names of one server run's leases. They are RUN_RANDOM (shm_names.hpp), where RUN is "orvane-"
+// and the server's start time and process, so no other run has such a name.
 class LeaseRun {
  public:
-  // Throws std::runtime_error.
   LeaseRun();
+
+  // To be called before the first queue is leased: makes the run's lock file in /dev/shm, which
+  // shows other servers that its queues are in use. Rings have nothing there, so a server that
+  // leases rings only leaves nothing behind. Throws std::runtime_error.
+  void lockForQueues();
 
   // A name that no file in /dev/shm has; an existing file is never opened. Throws
   // std::runtime_error if the system has no random numbers.
   std::string newQueueName() const;
 
-  int lockFile() const { return lock.file(); }
+  // -1 before lockForQueues().
+  int lockFile() const { return lock ? lock->file() : -1; }
 
  private:
   const std::string name;
-  const tool::LockFile lock;
+  std::optional<tool::LockFile> lock;
 };
 
 // The queues of a dead run in /dev/shm. While its lock is held, no other server cleans up as well.

@@ -176,6 +176,7 @@ void Broker::createStream(BrokerReply& reply) {
   open = UnfinishedStream{task.queue, stream.id, std::move(stream.folder)};
   isConcluded = false;
   reply.text = open->stream + '\0' + open->folder->path();
+  reply.file = tool::Fd(dup(open->folder->lockedFile()));
 }
 
 // Lists as many names as fit into a reply.
@@ -199,6 +200,7 @@ void Broker::findUnfinished(BrokerReply& reply) {
   if (open && !std::exchange(isConcluded, true)) {
     reply.number = 1;
     reply.text = open->queue + '\0' + open->stream + '\0' + open->folder->path();
+    reply.file = tool::Fd(dup(open->folder->lockedFile()));
   }
 }
 

@@ -114,11 +114,10 @@ std::vector<std::string> BrokeredDirectory::names() {
 }
 
 StoreAccess::NewStream BrokeredAccess::createStream() {
-  const BrokerReply reply =
-      broker.call({.call = BrokerCall::createStream, .name = {}, .other = {}});
+  BrokerReply reply = broker.call({.call = BrokerCall::createStream, .name = {}, .other = {}});
   const std::vector<std::string> parts = partsOf(reply.text);
-  return {parts.at(0),
-          std::make_unique<BrokeredDirectory>(broker, parts.at(1), BrokerArea::stream)};
+  return {parts.at(0), std::make_unique<BrokeredDirectory>(broker, parts.at(1), BrokerArea::stream,
+                                                           std::move(reply.file))};
 }
 
 std::unique_ptr<StreamDirectory> BrokeredAccess::outside() {
@@ -126,15 +125,14 @@ std::unique_ptr<StreamDirectory> BrokeredAccess::outside() {
 }
 
 std::optional<UnfinishedStream> BrokeredUnfinishedStreams::next() {
-  const BrokerReply reply =
-      broker.call({.call = BrokerCall::nextUnfinished, .name = {}, .other = {}});
+  BrokerReply reply = broker.call({.call = BrokerCall::nextUnfinished, .name = {}, .other = {}});
   if (reply.number == 0) {
     return std::nullopt;
   }
   const std::vector<std::string> parts = partsOf(reply.text);
-  return UnfinishedStream{
-      parts.at(0), parts.at(1),
-      std::make_unique<BrokeredDirectory>(broker, parts.at(2), BrokerArea::stream)};
+  return UnfinishedStream{parts.at(0), parts.at(1),
+                          std::make_unique<BrokeredDirectory>(
+                              broker, parts.at(2), BrokerArea::stream, std::move(reply.file))};
 }
 
 }  // namespace orvaned

@@ -40,9 +40,13 @@ class BrokerClient {
 
 class BrokeredDirectory : public StreamDirectory {
  public:
-  BrokeredDirectory(BrokerClient& broker, std::string path, BrokerArea area)
-      : StreamDirectory(std::move(path)), broker(broker), area(area) {}
+  // `lock` is the broker's descriptor of the locked folder: the stream is in use while either of
+  // the two processes lives.
+  BrokeredDirectory(BrokerClient& broker, std::string path, BrokerArea area,
+                    tool::Fd lock = tool::Fd())
+      : StreamDirectory(std::move(path)), broker(broker), area(area), lock(std::move(lock)) {}
 
+  int lockedFile() const override { return lock.get(); }
   tool::Fd append(const std::string& name) override;
   tool::Fd read(const std::string& name) override;
   void truncate(const std::string& name, std::uint64_t size) override;
@@ -57,6 +61,7 @@ class BrokeredDirectory : public StreamDirectory {
 
   BrokerClient& broker;
   const BrokerArea area;
+  const tool::Fd lock;
 };
 
 class BrokeredAccess : public StoreAccess {

@@ -38,6 +38,9 @@ class StreamDirectory {
   // All files in the folder, in any order.
   virtual std::vector<std::string> names() = 0;
 
+  // The folder's descriptor, which holds its lock; -1 if there is none.
+  virtual int lockedFile() const { return -1; }
+
   // For messages only.
   std::string pathOf(const std::string& name) const { return folder + "/" + name; }
   const std::string& path() const { return folder; }
@@ -60,6 +63,7 @@ class LocalDirectory : public StreamDirectory {
   bool lock();
 
   bool isOpen() const { return openError == 0; }
+  int lockedFile() const override { return folderFd.get(); }
 
   tool::Fd append(const std::string& name) override;
   tool::Fd read(const std::string& name) override;

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <regex>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "store/manifest_file.hpp"
@@ -14,6 +15,9 @@ namespace orvaned {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kTimeToDie{2};
+constexpr std::chrono::milliseconds kBetweenTries{10};
 
 // Removes a folder whose server died before the folder got its final name. It is empty.
 void removeUnnamed(const std::string& path) {
@@ -26,7 +30,8 @@ void removeUnnamed(const std::string& path) {
 }  // namespace
 
 LocalUnfinishedStreams::LocalUnfinishedStreams(
-    const std::string& store, const std::function<bool(const std::string& queue)>& isDead) {
+    const std::string& store, const std::function<bool(const std::string& queue)>& isDead)
+    : giveUpAt(std::chrono::steady_clock::now() + kTimeToDie) {
   static const std::regex streamFolder("(\\.?)(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)(\\.new)?");
   if (store == kNullStore) {
     return;
@@ -48,13 +53,23 @@ LocalUnfinishedStreams::LocalUnfinishedStreams(
   }
 }
 
+bool LocalUnfinishedStreams::lock(LocalDirectory& folder) const {
+  while (!folder.lock()) {
+    if (std::chrono::steady_clock::now() >= giveUpAt) {
+      return false;
+    }
+    std::this_thread::sleep_for(kBetweenTries);
+  }
+  return true;
+}
+
 std::optional<UnfinishedStream> LocalUnfinishedStreams::next() {
   while (!found.empty()) {
     const Found one = std::move(found.back());
     found.pop_back();
     auto folder = std::make_unique<LocalDirectory>(one.path);
     // One that cannot be opened is returned too: the attempt to finish it reports the cause.
-    if (folder->lock() || !folder->isOpen()) {
+    if (!folder->isOpen() || lock(*folder)) {
       return UnfinishedStream{one.queue, one.stream, std::move(folder)};
     }
   }

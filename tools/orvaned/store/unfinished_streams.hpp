@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -28,13 +29,15 @@ class UnfinishedStreams {
 };
 
 // The unfinished streams of a store whose server has ended; `isDead` decides that by the queue's
-// name. An unfinished stream of a running server is still being written.
+// name. An unfinished stream of a running server is still being written, and its folder is locked.
 class LocalUnfinishedStreams : public UnfinishedStreams {
  public:
   // Throws std::runtime_error when the store cannot be listed.
   LocalUnfinishedStreams(const std::string& store,
                          const std::function<bool(const std::string& queue)>& isDead);
 
+  // Waits up to 2 seconds in all for locked folders: the last process of a dead server may still be
+  // about to end.
   std::optional<UnfinishedStream> next() override;
 
  private:
@@ -44,7 +47,10 @@ class LocalUnfinishedStreams : public UnfinishedStreams {
     std::string stream;
   };
 
+  bool lock(LocalDirectory& folder) const;
+
   std::vector<Found> found;  // the last one is the next
+  const std::chrono::steady_clock::time_point giveUpAt;
 };
 
 }  // namespace orvaned

@@ -262,6 +262,9 @@ void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
   }
   try {
     const uid_t user = connection->producer().uid;
+    if (connection->ringBytes() == 0) {
+      leases->lockForQueues();
+    }
     pairs.emplace_back(context, PairProcesses::Kind::leased, leases->newQueueName(), user,
                        std::move(connection));
   } catch (const std::exception& e) {
