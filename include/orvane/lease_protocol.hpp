@@ -18,23 +18,36 @@ namespace orvane {
 //
 //   producer  "orvane 1 lease"               1 is the version of the protocol
 //          or "orvane 1 ring BYTES"          asks for a ring of BYTES bytes in place of queues
+//          or "orvane 1 totals"              asks for the totals of a ring, and needs no lease
 //   server    "lease NAME"                   NAME is the send queue's; the pair exists now
 //          or "ring NAME BYTES"              with two files (SCM_RIGHTS): the producer's, the
 //                                            server's; ring_reader.hpp makes them
 //          or "refused STATUS REASON"        STATUS is 1000 or more; then the connection ends
 //   server    "receipt stream=..."           after each stream that is stored (receipt.hpp)
 //          or "failed STATUS REASON"         after each stream that is not stored whole
+//   server    "totals NAME"                  the first ring that this user may see, in the order of
+//                                            their names, with one file (SCM_RIGHTS) of its totals,
+//                                            which can only be read
+//          or "totals"                       there is none
 //
 // Words of the form KEY=VALUE may follow a request; a server ignores keys that it does not know. A
 // server without rings refuses a request for one with kBadRequest, and the producer may ask again
 // for queues. The producer sends nothing after its request. The lease ends when either side closes
 // the connection.
+//
+// "orvane 1 totals after=NAME" asks for the first ring after NAME. Who asks for totals may ask
+// again on the same connection once it has read the answer, and so gets one ring after another.
 constexpr std::size_t kLongestLeasePacket = 512;
 constexpr std::string_view kLeaseRequest = "orvane 1 lease";
 
 // "orvane 1 lease" or "orvane 1 ring BYTES".
 struct LeaseRequest {
   std::uint64_t ringBytes = 0;  // 0: queues
+};
+
+// "orvane 1 totals" or "orvane 1 totals after=NAME".
+struct TotalsRequest {
+  std::string after;
 };
 
 // "lease NAME".
@@ -60,13 +73,21 @@ struct StreamFailed {
   std::string reason;
 };
 
-using LeaseReply = std::variant<LeaseGranted, RingGranted, LeaseRefused, Receipt, StreamFailed>;
+// "totals NAME", or "totals" if the name is empty.
+struct TotalsFound {
+  std::string name;  // of the lease
+};
+
+using LeaseReply =
+    std::variant<LeaseGranted, RingGranted, LeaseRefused, Receipt, StreamFailed, TotalsFound>;
 
 // Returns the packet of a request.
 ORVANE_API std::string packetOf(const LeaseRequest& request);
+ORVANE_API std::string packetOf(const TotalsRequest& request);
 
-// Returns the request in a packet, or nothing if the packet does not follow this protocol.
+// Returns the request in a packet, or nothing if the packet is no such request.
 ORVANE_API std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet);
+ORVANE_API std::optional<TotalsRequest> parseTotalsRequest(std::string_view packet);
 
 // Returns the packet of a reply. Each control character becomes "?", and a packet that is too long
 // is cut.

@@ -63,6 +63,13 @@ class ORVANE_API RingReader {
   // Waits for a batch, at most about 0.1 s: it looks for up to 50 us, and then sleeps.
   void wait();
 
+  // The producer's waits for room or for an answer since the ring was made, as it says.
+  struct Waits {
+    std::uint64_t nanoseconds;
+    std::uint64_t sleeps;
+  };
+  Waits producersWaits() const;
+
   // Returns the bytes that the producer has handed over and that are not answered yet; at most the
   // ring's size, whatever the producer wrote.
   std::uint64_t waiting() const;

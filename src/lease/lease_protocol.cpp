@@ -36,15 +36,28 @@ std::string_view nextWord(std::string_view& text) {
   return word;
 }
 
-// Parses "KEY=VALUE KEY=VALUE". No key is known yet.
-bool areOptions(std::string_view text) {
+// Parses "KEY=VALUE KEY=VALUE", and returns the value of `key`, "" if it is not there; nothing for
+// another form.
+std::optional<std::string> parseOptions(std::string_view text, std::string_view key) {
+  std::string value;
   while (!text.empty()) {
-    const std::size_t equals = nextWord(text).find('=');
+    const std::string_view word = nextWord(text);
+    const std::size_t equals = word.find('=');
     if (equals == 0 || equals == std::string_view::npos) {
-      return false;
+      return std::nullopt;
+    }
+    if (word.substr(0, equals) == key) {
+      value = word.substr(equals + 1);
     }
   }
-  return true;
+  return value;
+}
+
+// Removes "orvane 1 " from the begin of a request; returns false if it is not there.
+bool parseVersion(std::string_view& packet) {
+  return std::none_of(packet.begin(), packet.end(), isControlCharacter) &&
+         packet.find_last_of(' ') + 1 != packet.size() && nextWord(packet) == "orvane" &&
+         nextWord(packet) == "1";
 }
 
 // A queue's name is the name of a file in a folder, so it has no slash.
@@ -67,6 +80,9 @@ std::string textOfReply(const Receipt& reply) {
 std::string textOfReply(const StreamFailed& reply) {
   return "failed " + std::to_string(reply.status) + " " + reply.reason;
 }
+std::string textOfReply(const TotalsFound& reply) {
+  return reply.name.empty() ? "totals" : "totals " + reply.name;
+}
 
 }  // namespace
 
@@ -82,10 +98,12 @@ std::string packetOf(const LeaseRequest& request) {
                                 : "orvane 1 ring " + std::to_string(request.ringBytes);
 }
 
+std::string packetOf(const TotalsRequest& request) {
+  return request.after.empty() ? "orvane 1 totals" : "orvane 1 totals after=" + request.after;
+}
+
 std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet) {
-  if (std::any_of(packet.begin(), packet.end(), isControlCharacter) ||
-      packet.find_last_of(' ') + 1 == packet.size() || nextWord(packet) != "orvane" ||
-      nextWord(packet) != "1") {
+  if (!parseVersion(packet)) {
     return std::nullopt;
   }
   const std::string_view what = nextWord(packet);
@@ -99,7 +117,15 @@ std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet) {
   } else if (what != "lease") {
     return std::nullopt;
   }
-  return areOptions(packet) ? std::optional(request) : std::nullopt;
+  return parseOptions(packet, "") ? std::optional(request) : std::nullopt;
+}
+
+std::optional<TotalsRequest> parseTotalsRequest(std::string_view packet) {
+  if (!parseVersion(packet) || nextWord(packet) != "totals") {
+    return std::nullopt;
+  }
+  const auto after = parseOptions(packet, "after");
+  return after ? std::optional(TotalsRequest{*after}) : std::nullopt;
 }
 
 std::optional<LeaseReply> parseLeaseReply(std::string_view packet) {
@@ -119,6 +145,12 @@ std::optional<LeaseReply> parseLeaseReply(std::string_view packet) {
     return isQueueName(name) && bytes
                ? std::optional<LeaseReply>(RingGranted{std::string(name), *bytes})
                : std::nullopt;
+  }
+  if (packet == "totals") {
+    return TotalsFound{};
+  }
+  if (parseWord(packet, "totals ") && isQueueName(packet)) {
+    return TotalsFound{std::string(packet)};
   }
   if (parseWord(packet, "refused ")) {
     return parseFailure<LeaseRefused>(packet);

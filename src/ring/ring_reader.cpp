@@ -80,6 +80,12 @@ std::uint64_t RingReader::waiting() const {
   return state->end.filled();
 }
 
+RingReader::Waits RingReader::producersWaits() const {
+  const auto& producer = reinterpret_cast<const ProducerPage*>(state->page.get())->counters;
+  constexpr auto relaxed = std::memory_order_relaxed;
+  return {producer.blocked.load(relaxed), producer.nap.load(relaxed) / 2};
+}
+
 RingReader::Batch RingReader::receive() {
   return state->receive();
 }

@@ -44,6 +44,33 @@ TEST(LeaseRequestPacket, IsReadWithWordsThatAreNotKnownYet) {
   }
 }
 
+TEST(TotalsRequestPacket, NamesTheRingBeforeTheOneThatIsWanted) {
+  EXPECT_EQ(packetOf(TotalsRequest{}), "orvane 1 totals");
+  EXPECT_EQ(packetOf(TotalsRequest{"r_1"}), "orvane 1 totals after=r_1");
+}
+
+TEST(TotalsRequestPacket, IsReadWithWordsThatAreNotKnownYet) {
+  const std::pair<const char*, const char*> requests[] = {
+      {"orvane 1 totals", ""},          {"orvane 1 totals after=", ""},
+      {"orvane 1 totals after=r", "r"}, {"orvane 1 totals a=1 after=r=s b=2", "r=s"},
+      {"orvane 1 totals afters=r", ""}, {"orvane 1 totals after=q after=r", "r"}};
+  for (const auto& [packet, after] : requests) {
+    const auto request = parseTotalsRequest(packet);
+    ASSERT_TRUE(request) << packet;
+    EXPECT_EQ(request->after, after) << packet;
+    EXPECT_FALSE(parseLeaseRequest(packet)) << packet;
+  }
+}
+
+TEST(TotalsRequestPacket, IsNothingElse) {
+  for (const char* packet :
+       {"", "orvane", "orvane 1", "orvane 1 total", "orvane 1 totals ", "orvane 1 totals r",
+        "orvane 1 totals =r", "orvane 2 totals", "orvane 1 totals\n", "orvane 1 lease",
+        "orvane 1 ring 1048576", "totals"}) {
+    EXPECT_FALSE(parseTotalsRequest(packet)) << packet;
+  }
+}
+
 class NoLeaseRequest : public testing::TestWithParam<std::string> {};
 
 TEST_P(NoLeaseRequest, IsNotTakenForOne) {
@@ -60,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "orvane 1 ring", "orvane 1 ring ", "orvane 1 ring 0", "orvane 1 ring -1",
                     "orvane 1 ring +1", "orvane 1 ring 1x", "orvane 1 ring x",
                     "orvane 1 ring 18446744073709551616", "orvane 1 ring 1 2", "orvane 1 ring a=1",
-                    "orvane 1 ring 1  a=1", "orvane 1 ring 1\ta=1", "lease q"));
+                    "orvane 1 ring 1  a=1", "orvane 1 ring 1\ta=1", "orvane 1 totals", "lease q"));
 
 TEST(LeaseReplyPacket, HasOneFormForEachKind) {
   EXPECT_EQ(packetOf(LeaseGranted{"q"}), "lease q");
@@ -68,6 +95,8 @@ TEST(LeaseReplyPacket, HasOneFormForEachKind) {
   EXPECT_EQ(packetOf(LeaseRefused{1005, "too many"}), "refused 1005 too many");
   EXPECT_EQ(packetOf(kReceipt), kReceiptText);
   EXPECT_EQ(packetOf(StreamFailed{1003, "disk full"}), "failed 1003 disk full");
+  EXPECT_EQ(packetOf(TotalsFound{"r"}), "totals r");
+  EXPECT_EQ(packetOf(TotalsFound{}), "totals");
 }
 
 TEST(LeaseReplyPacket, IsCutToWhatAProducerReads) {
@@ -90,6 +119,8 @@ TEST(LeaseReply, IsReadFromItsPacket) {
   EXPECT_EQ(parsed<Receipt>(kReceiptText), kReceipt);
   EXPECT_EQ(parsed<StreamFailed>("failed 1000 a batch").status, 1000);
   EXPECT_EQ(parsed<StreamFailed>("failed 1000 a batch").reason, "a batch");
+  EXPECT_EQ(parsed<TotalsFound>("totals r").name, "r");
+  EXPECT_EQ(parsed<TotalsFound>("totals").name, "");
 }
 
 TEST(LeaseReply, HasAtMost512Bytes) {
@@ -103,16 +134,16 @@ TEST_P(NoLeaseReply, IsNotTakenForOne) {
   EXPECT_FALSE(parseLeaseReply(GetParam()));
 }
 
-INSTANTIATE_TEST_SUITE_P(Packet, NoLeaseReply,
-                         testing::Values("", "lease", "lease ", "lease a b", "lease a/b", "leaseq",
-                                         " lease q", "refused", "refused 1005", "refused 999 no",
-                                         "refused -1 no", "refused 2147483648 no", "refused x no",
-                                         "failed 15 late", "failed 1003", "receipt", "receipt x",
-                                         "lease a\nb", "refused 1005 \x1b[2J", "failed 1003 \x7f",
-                                         "ring", "ring ", "ring r", "ring r ", "ring  8",
-                                         "ring r x", "ring r 8 ", "ring r 8 9", "ring r 8x",
-                                         "ring r -8", "ring r/s 8", "ring r\n 8",
-                                         "ring r 18446744073709551616", "orvane 1 lease"));
+INSTANTIATE_TEST_SUITE_P(
+    Packet, NoLeaseReply,
+    testing::Values("", "lease", "lease ", "lease a b", "lease a/b", "leaseq", " lease q",
+                    "refused", "refused 1005", "refused 999 no", "refused -1 no",
+                    "refused 2147483648 no", "refused x no", "failed 15 late", "failed 1003",
+                    "receipt", "receipt x", "lease a\nb", "refused 1005 \x1b[2J",
+                    "failed 1003 \x7f", "ring", "ring ", "ring r", "ring r ", "ring  8", "ring r x",
+                    "ring r 8 ", "ring r 8 9", "ring r 8x", "ring r -8", "ring r/s 8", "ring r\n 8",
+                    "ring r 18446744073709551616", "orvane 1 lease", "totals ", "totals r ",
+                    "totals r s", "totals r/s", "totalsr", "totals\n"));
 
 }  // namespace
 }  // namespace orvane::test

@@ -56,6 +56,7 @@ class MappedFile {
 
 // Where the counters are, as docs/format.md has them.
 constexpr std::uint64_t kTail = 64;           // in the producer's file
+constexpr std::uint64_t kBlocked = 144;       // likewise
 constexpr std::uint64_t kAnswersTaken = 192;  // likewise
 constexpr std::uint64_t kHead = 64;           // in the server's file
 constexpr std::uint64_t kNap = 128;           // in both

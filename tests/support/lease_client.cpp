@@ -51,6 +51,15 @@ std::string LeaseClient::ask() const {
 
 LeaseClient::Ring LeaseClient::askForRing(std::uint64_t bytes) const {
   send("orvane 1 ring " + std::to_string(bytes));
+  return nextWithFiles();
+}
+
+LeaseClient::Ring LeaseClient::askForTotals(const std::string& after) const {
+  send("orvane 1 totals" + (after.empty() ? "" : " after=" + after));
+  return nextWithFiles();
+}
+
+LeaseClient::Ring LeaseClient::nextWithFiles() const {
   char packet[1024];
   iovec text = {packet, sizeof packet};
   alignas(cmsghdr) unsigned char control[CMSG_SPACE(8 * sizeof(int))];
@@ -61,7 +70,7 @@ LeaseClient::Ring LeaseClient::askForRing(std::uint64_t bytes) const {
   message.msg_controllen = sizeof control;
   const ssize_t size = recvmsg(socket.get(), &message, MSG_CMSG_CLOEXEC);
   orThrow(static_cast<int>(size), "recvmsg");
-  Ring ring = {std::string(packet, static_cast<std::size_t>(size)), {}};
+  Ring ring = {size > 0 ? std::string(packet, static_cast<std::size_t>(size)) : kEnd, {}};
   if (const cmsghdr* const rights = CMSG_FIRSTHDR(&message)) {
     for (std::size_t at = CMSG_LEN(0); at < rights->cmsg_len; at += sizeof(int)) {
       int file = -1;
@@ -70,6 +79,11 @@ LeaseClient::Ring LeaseClient::askForRing(std::uint64_t bytes) const {
     }
   }
   return ring;
+}
+
+bool LeaseClient::hasEnded() const {
+  pollfd end = {socket.get(), POLLRDHUP, 0};
+  return poll(&end, 1, 0) > 0;
 }
 
 Producer::Producer(const std::string& queue)

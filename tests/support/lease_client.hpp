@@ -27,12 +27,17 @@ class LeaseClient {
   // Asks for a lease; returns the answer, or only the name that it gives.
   std::string ask() const;
 
-  // Asks for a ring; returns the answer and the files that came with it.
+  // An answer and the files that came with it; kEnd when the connection has ended.
   struct Ring {
     std::string answer;
     std::vector<tool::Fd> files;
   };
   Ring askForRing(std::uint64_t bytes) const;
+  Ring askForTotals(const std::string& after = "") const;
+  Ring nextWithFiles() const;
+
+  // Has the server ended the connection? What it sent before can still be read.
+  bool hasEnded() const;
 
   void close() { socket.reset(); }
 

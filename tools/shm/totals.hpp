@@ -13,7 +13,7 @@ namespace tool {
 //
 //   offset  bytes
 //     0      8    "orvstats", written last, when the other fields are filled
-//     8      8    version of this layout, 1
+//     8      8    version of this layout, 1; with the fields of a ring, 2
 //    16      8    process of the server
 //    24      8    process of the worker that serves the pair
 //    32      8    messages that the send queue holds
@@ -60,13 +60,31 @@ struct Totals {
   Number unreadReceipts{0};
 };
 
+// The totals of a ring, in a file in memory that the server hands out over its socket. The messages
+// and their size are 0.
+//
+//     0    200    as above
+//   200      8    bytes of the ring
+//   208      8    bytes that waited in it when the worker last looked
+//   216      8    ns that the producer has waited for room or for an answer, as it says
+//   224      8    how often it slept meanwhile, as it says
+struct RingTotals {
+  Totals totals;
+  Totals::Number bytes{0};
+  Totals::Number waiting{0};
+  Totals::Number producerBlocked{0};
+  Totals::Number producerSleeps{0};
+};
+
 static_assert(Totals::Number::is_always_lock_free, "it is shared between processes");
 static_assert(sizeof(Totals) == 200);
+static_assert(sizeof(RingTotals) == 232);
 static_assert(offsetof(Totals, batches) == 64);
 static_assert(offsetof(Totals, stream) == 136);
 
 constexpr std::uint64_t kTotalsMagic = 0x737461747376726f;  // "orvstats"
 constexpr std::uint64_t kTotalsVersion = 1;
+constexpr std::uint64_t kRingTotalsVersion = 2;
 
 // While a lease has this many unread receipts, its worker receives no batch.
 constexpr std::uint64_t kMostUnreadReceipts = 4096;

@@ -231,7 +231,7 @@ TEST(Stat, WrongUseIsExplained) {
   const std::string begin = "exit 2: orvane: ";
   const std::string end = " (orvane --help shows the usage)\n";
   const std::string interval = begin + "--interval: must be seconds, 0 to 86400" + end;
-  EXPECT_EQ(usage({}), begin + "NAME is required" + end);
+  EXPECT_EQ(usage({}), "exit 2: orvane stat: NAME or --socket PATH is required\n");
   EXPECT_EQ(usage({"a/b"}),
             "exit 2: orvane stat: the queue name holds a character that is not allowed: use "
             "letters, digits and _.-\n");

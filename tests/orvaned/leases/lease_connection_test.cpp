@@ -109,8 +109,12 @@ class ForkingProducer {
   pid_t pid;
 };
 
-std::string noLimit(const ucred&, LeaseRequests::Count) {
+std::string noLimit(const ucred&, std::size_t) {
   return "";
+}
+
+LeaseRequests::Totals noTotals(uid_t, const std::string&) {
+  return {};
 }
 
 // On this kernel, and as on one without SO_PEERPIDFD.
@@ -154,15 +158,15 @@ TEST_P(PinnedProducer, ThatEndedBeforeItWasAcceptedGetsNoLease) {
   LeaseRequests desk(path, 0600);
   ForkingProducer producer(path);
   producer.end();
-  EXPECT_TRUE(desk.serve(noLimit).empty());
+  EXPECT_TRUE(desk.serve(noLimit, noTotals).empty());
   EXPECT_TRUE(producer.childSawTheEnd());
-  EXPECT_TRUE(desk.serve(noLimit).empty());
+  EXPECT_TRUE(desk.serve(noLimit, noTotals).empty());
 }
 
 TEST_P(PinnedProducer, GetsItsLeaseWhileItLives) {
   LeaseRequests desk(path, 0600);
   ForkingProducer producer(path);
-  EXPECT_EQ(desk.serve(noLimit).size(), 1U);
+  EXPECT_EQ(desk.serve(noLimit, noTotals).size(), 1U);
   EXPECT_TRUE(producer.childSawTheEnd());  // the connection went with the desk's answer
 }
 

@@ -82,9 +82,9 @@ class ServerLogLimitTest : public orvane::test::LeaseTest {
   // Which a user with all its leases is.
   void refuse(int times) const {
     for (int n = 1; n < times; ++n) {
-      const LeaseClient client(socket);
+      LeaseClient(socket).ask();
     }
-    EXPECT_TRUE(LeaseClient(socket).next().starts_with("refused 1005 "));
+    EXPECT_TRUE(LeaseClient(socket).ask().starts_with("refused 1005 "));
   }
 
   // The server's process that writes the log; waits for one that is not `other`.

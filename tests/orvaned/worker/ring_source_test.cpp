@@ -23,7 +23,8 @@ class RingSource : public testing::Test {
   }
 
   orvaned::Heartbeat heartbeat;
-  orvaned::RingSource source{kRing, heartbeat};
+  tool::RingTotals totals;
+  orvaned::RingSource source{kRing, heartbeat, totals};
   RawProducer producer{source.reader()};
 };
 
@@ -79,8 +80,22 @@ TEST_F(RingSource, HasNoMoreMessagesThanTheRingHasLines) {
   EXPECT_EQ(source.waiting(), 16384U) << "a forged tail counts for nothing";
 }
 
+TEST_F(RingSource, PublishesWhatWaitsAndWhatTheProducerSaysOfItsWaits) {
+  EXPECT_EQ(&source.totals(), &totals.totals);
+  producer.publish(bytesOf("batch"));
+  producer.file.put64(kNap, 7);  // three naps, and the fourth
+  producer.file.put64(kBlocked, 1'500'000'000);
+  ASSERT_TRUE(source.receive());
+  EXPECT_EQ(totals.waiting, 64U);
+  EXPECT_EQ(totals.producerBlocked, 1'500'000'000U);
+  EXPECT_EQ(totals.producerSleeps, 3U);
+  source.answer(responseOf(0));
+  ASSERT_FALSE(source.receive());
+  EXPECT_EQ(totals.waiting, 0U);
+}
+
 TEST_F(RingSource, ThatCannotBeMadeIsARuntimeError) {
-  EXPECT_THROW(orvaned::RingSource(kRing + 1, heartbeat), std::runtime_error);
+  EXPECT_THROW(orvaned::RingSource(kRing + 1, heartbeat, totals), std::runtime_error);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <optional>
 #include <orvane/orvane.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands/commands.hpp"
@@ -18,6 +19,7 @@
 #include "inspect/published_totals.hpp"
 #include "queue_list.hpp"
 #include "shm/shm_names.hpp"
+#include "transport/totals_requests.hpp"
 #include "units.hpp"
 
 namespace tool {
@@ -25,6 +27,7 @@ namespace {
 
 // The facts that only the server's totals show.
 struct Served {
+  bool isRing;
   std::uint64_t messages;
   std::uint64_t messageSize;
   std::uint64_t server;  // its process; 0 if it is dead
@@ -33,7 +36,7 @@ struct Served {
 struct Facts {
   std::string name;
   std::uint64_t bytes;
-  std::string mode;
+  std::string mode;  // of a queue
   std::string owner;
   std::optional<Served> served;
 };
@@ -43,12 +46,15 @@ std::string userName(uid_t user) {
   return entry != nullptr ? entry->pw_name : std::to_string(user);
 }
 
+Served servedFacts(const PublishedTotals& published) {
+  const Totals& totals = published.totals();
+  return {published.ring() != nullptr, totals.messages, totals.messageSize,
+          published.isServed() ? published.server() : 0};
+}
+
 std::optional<Served> servedFacts(const std::string& queue) {
   try {
-    const PublishedTotals published(queue);
-    const Totals& totals = published.totals();
-    return Served{totals.messages, totals.messageSize,
-                  published.isServed() ? published.server() : 0};
+    return servedFacts(PublishedTotals(queue));
   } catch (const Failure&) {
     return std::nullopt;
   }
@@ -69,13 +75,23 @@ std::optional<Facts> factsOf(const std::string& queue) {
                userName(send.st_uid), servedFacts(queue)};
 }
 
+Facts factsOf(ServedRing ring) {
+  const PublishedTotals published(std::move(ring));
+  const Totals& totals = published.totals();
+  return {published.name(), published.ring() != nullptr ? published.ring()->bytes.load() : 0, "",
+          userName(static_cast<uid_t>(totals.userPlusOne - 1)), servedFacts(published)};
+}
+
 using Row = std::array<std::string, 6>;
 
 Row rowOf(const Facts& facts) {
-  Row row = {facts.name, bytesText(static_cast<double>(facts.bytes)), "-", facts.mode, facts.owner,
-             "-"};
+  Row row = {facts.name,  bytesText(static_cast<double>(facts.bytes)),
+             "-",         facts.mode.empty() ? "-" : facts.mode,
+             facts.owner, "-"};
   if (const auto& served = facts.served) {
-    row[2] = std::to_string(served->messages) + " x " + std::to_string(served->messageSize);
+    row[2] = served->isRing
+                 ? "ring"
+                 : std::to_string(served->messages) + " x " + std::to_string(served->messageSize);
     row[5] = served->server != 0 ? std::to_string(served->server) : "nobody";
   }
   return row;
@@ -103,12 +119,13 @@ void printTable(const std::vector<Facts>& queues) {
 Json jsonOf(const Facts& facts) {
   const bool isKnown = facts.served.has_value();
   const bool isServed = isKnown && facts.served->server != 0;
+  const bool isQueue = isKnown && !facts.served->isRing;
   return {{"name", facts.name},
           {"bytes", facts.bytes},
-          {"mode", facts.mode},
+          {"mode", facts.mode.empty() ? Json() : Json(facts.mode)},
           {"owner", facts.owner},
-          {"messages", isKnown ? Json(facts.served->messages) : Json()},
-          {"messageSize", isKnown ? Json(facts.served->messageSize) : Json()},
+          {"messages", isQueue ? Json(facts.served->messages) : Json()},
+          {"messageSize", isQueue ? Json(facts.served->messageSize) : Json()},
           {"served", isKnown ? Json(isServed) : Json()},
           {"server", isServed ? Json(facts.served->server) : Json()}};
 }
@@ -121,37 +138,58 @@ void printJson(const std::vector<Facts>& queues) {
   printLine(list);
 }
 
-// Prints the queues of this machine, as a table or as JSON. A fact that this user may not read is
-// "-" or null.
-void listQueues(bool json) {
-  std::vector<Facts> queues;
+std::vector<Facts> queues() {
+  std::vector<Facts> found;
   for (const std::string& name : queuesHere()) {
     if (auto facts = factsOf(name)) {
-      queues.push_back(std::move(*facts));
+      found.push_back(std::move(*facts));
     }
   }
+  return found;
+}
+
+std::vector<Facts> ringsAt(const std::string& socket) {
+  std::vector<Facts> found;
+  for (ServedRing& ring : ringsServedAt(socket)) {
+    found.push_back(factsOf(std::move(ring)));
+  }
+  return found;
+}
+
+// Prints the queues of this machine or the rings of a server, as a table or as JSON. A fact that
+// this user may not read is "-" or null.
+void list(const std::string& socket, bool json) {
+  const std::vector<Facts> found = socket.empty() ? queues() : ringsAt(socket);
   if (json) {
-    printJson(queues);
-  } else if (queues.empty()) {
+    printJson(found);
+  } else if (!found.empty()) {
+    printTable(found);
+  } else if (socket.empty()) {
     std::puts("no queues on this machine: orvaned --queue NAME --store DIR serves one");
   } else {
-    printTable(queues);
+    std::printf("no rings at %s that this user may see\n", socket.c_str());
   }
 }
 
 }  // namespace
 
 Command addLs(CLI::App& app) {
-  CLI::App* ls = app.add_subcommand("ls", "List the queues of this machine");
+  CLI::App* ls =
+      app.add_subcommand("ls", "List the queues of this machine, or the rings of a server");
   const auto json = std::make_shared<bool>(false);
   ls->set_version_flag("--version", kVersion);
+  const auto socket = std::make_shared<std::string>();
+  ls->add_option("--socket", *socket,
+                 "List the rings of the server that leases them at this socket")
+      ->type_name("PATH");
   ls->add_flag("--json", *json, "Print JSON");
-  ls->footer(
-      std::string("SERVER is the process that serves the queue, or nobody if it is dead.\n"
-                  "- means that this user may not read the value, or that orvaned did not publish "
-                  "it.\n") +
-      kExitCodes);
-  return {ls, [json] { listQueues(*json); }};
+  ls->footer(std::string(
+                 "SERVER is the process that serves the queue, or nobody if it is dead.\n"
+                 "- means that this user may not read the value, or that orvaned did not publish "
+                 "it.\n"
+                 "A user sees the rings of its own leases; root and the server's user see all.\n") +
+             kExitCodes);
+  return {ls, [socket, json] { list(*socket, *json); }};
 }
 
 }  // namespace tool

@@ -1,6 +1,8 @@
 #include "leases/lease_connection.hpp"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
@@ -59,35 +61,52 @@ LeaseConnection::Request LeaseConnection::readRequest() {
     return isSignalled(socket.get(), POLLRDHUP) ? Request::end : Request::bad;
   }
   const auto length = static_cast<std::size_t>(size);
-  const auto parsed = length <= sizeof(packet)
-                          ? orvane::parseLeaseRequest(std::string_view(packet, length))
-                          : std::nullopt;
-  if (!parsed) {
+  if (length > sizeof(packet)) {
     return Request::bad;
   }
-  request = *parsed;
-  return Request::lease;
+  const std::string_view text(packet, length);
+  if (const auto lease = orvane::parseLeaseRequest(text)) {
+    request = *lease;
+    return Request::lease;
+  }
+  if (auto asked = orvane::parseTotalsRequest(text)) {
+    totals = std::move(*asked);
+    return Request::totals;
+  }
+  return Request::bad;
 }
 
-void LeaseConnection::sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring) {
-  std::string text = orvane::packetOf(reply);
+bool LeaseConnection::trySend(std::string text, std::span<const int> files) const {
+  constexpr std::size_t kMostFiles = 2;
   iovec bytes = {text.data(), text.size()};
-  const int files[] = {ring.producersFile(), ring.serversFile()};
-  alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof files)] = {};
+  alignas(cmsghdr) unsigned char control[CMSG_SPACE(kMostFiles * sizeof(int))] = {};
   msghdr message = {};
   message.msg_iov = &bytes;
   message.msg_iovlen = 1;
   message.msg_control = control;
-  message.msg_controllen = sizeof control;
+  message.msg_controllen = CMSG_SPACE(files.size_bytes());
   cmsghdr* const rights = CMSG_FIRSTHDR(&message);
   rights->cmsg_level = SOL_SOCKET;
   rights->cmsg_type = SCM_RIGHTS;
-  rights->cmsg_len = CMSG_LEN(sizeof files);
-  std::memcpy(CMSG_DATA(rights), files, sizeof files);
-  if (sendmsg(socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) < 0 && errno != EPIPE &&
-      errno != ECONNRESET) {
+  rights->cmsg_len = CMSG_LEN(files.size_bytes());
+  std::memcpy(CMSG_DATA(rights), files.data(), files.size_bytes());
+  return sendmsg(socket.get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+}
+
+void LeaseConnection::sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring) {
+  const int files[] = {ring.producersFile(), ring.serversFile()};
+  if (!trySend(orvane::packetOf(reply), files) && errno != EPIPE && errno != ECONNRESET) {
     throw std::system_error(errno, std::generic_category(), "cannot hand the ring over");
   }
+}
+
+bool LeaseConnection::sendTotals(const orvane::TotalsFound& reply, int file) {
+  int unread = 0;
+  if (ioctl(socket.get(), SIOCOUTQ, &unread) != 0 || unread != 0) {
+    return false;
+  }
+  const std::string packet = orvane::packetOf(reply);
+  return reply.name.empty() ? trySend(packet) : trySend(packet, {&file, 1});
 }
 
 void LeaseConnection::send(const orvane::LeaseReply& reply) {

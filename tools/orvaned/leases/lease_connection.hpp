@@ -7,6 +7,7 @@
 #include <optional>
 #include <orvane/lease_protocol.hpp>
 #include <orvane/ring_reader.hpp>
+#include <span>
 #include <string>
 
 #include "shm/fd.hpp"
@@ -17,8 +18,8 @@ namespace orvaned {
 // The server's end of a producer's connection (orvane/lease_protocol.hpp). Nothing here blocks.
 class LeaseConnection {
  public:
-  // What a producer has sent so far. Only `lease` in time gets a lease.
-  enum class Request { none, lease, bad, end };
+  // What the other side has sent so far. Only `lease` in time gets a lease.
+  enum class Request { none, lease, totals, bad, end };
 
   // isFull() from this many packets on, which are kept for a producer that does not read.
   static constexpr std::size_t kMostKept = tool::kMostUnreadReceipts;
@@ -30,6 +31,9 @@ class LeaseConnection {
   // The bytes of the ring that was requested; 0 for queues. To be read after Request::lease.
   std::uint64_t ringBytes() const { return request.ringBytes; }
 
+  // The ring after which the next one's totals were requested. To be read after Request::totals.
+  const std::string& totalsAfter() const { return totals.after; }
+
   // Sends a packet, or keeps it for sendKept() if the producer does not read: it may read its
   // receipts at any time. Nothing is ever dropped; instead, a worker receives no more batches while
   // isFull().
@@ -40,6 +44,11 @@ class LeaseConnection {
   // nothing if the producer has ended. Throws std::system_error if the system passes no files, as
   // when too many of them are on their way.
   void sendRing(const orvane::RingGranted& reply, const orvane::RingReader& ring);
+
+  // Answers a request for totals with the file of a ring's totals, or with none. Returns false if
+  // that is not possible now, or if an earlier answer was not read yet: each answer holds a
+  // descriptor of this user's.
+  bool sendTotals(const orvane::TotalsFound& reply, int file);
 
   std::size_t waiting() const { return kept.size(); }
   bool isFull() const { return kept.size() >= kMostKept; }
@@ -61,10 +70,12 @@ class LeaseConnection {
 
  private:
   bool trySend(const std::string& text) const;
+  bool trySend(std::string text, std::span<const int> files) const;
   void pinProducer();
 
   tool::Fd socket;
   orvane::LeaseRequest request;
+  orvane::TotalsRequest totals;
   ucred peer = {};
   tool::Fd process;
   bool tooLate = false;

@@ -15,6 +15,10 @@ namespace {
 
 constexpr std::chrono::seconds kTimeToAsk{5};
 constexpr std::chrono::seconds kBetweenTries{1};
+constexpr std::size_t kMostSilent = 32;  // connections of one user that have not asked yet
+constexpr std::size_t kMostReaders = 2;  // connections of one user that read totals
+constexpr char kUnderstood[] =
+    R"(this server understands "orvane 1 lease", "orvane 1 ring BYTES" and "orvane 1 totals")";
 
 // The reason why a ring of this size cannot be had; empty for a valid size, and for queues.
 std::string wrongSize(std::uint64_t bytes) {
@@ -39,41 +43,86 @@ void LeaseRequests::addTo(std::vector<pollfd>& events) const {
   }
 }
 
-std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit) {
-  acceptAll(limit);
-  std::vector<Connection> asked;
-  std::erase_if(pending, [&](PendingRequest& request) {
-    switch (request.connection->readRequest()) {
+std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit,
+                                                            const NextTotals& nextTotals) {
+  acceptAll();
+  std::vector<Connection> granted;
+  for (auto request = pending.begin(); request != pending.end();) {
+    bool isOver = true;
+    switch (request->connection->readRequest()) {
       case LeaseConnection::Request::lease:
-        if (const std::string reason = wrongSize(request.connection->ringBytes());
-            !reason.empty()) {
-          // Not kBadRequest: a producer that may do without a ring would then ask for queues, and
-          // nobody would learn of the size.
-          refuse(*request.connection, orvane::kNoPair, reason);
-        } else {
-          asked.push_back(std::move(request.connection));
+        if (mayLease(request, limit, granted)) {
+          granted.push_back(std::move(request->connection));
         }
-        return true;
+        break;
+      case LeaseConnection::Request::totals:
+        isOver = !answerTotals(request, nextTotals);
+        break;
       case LeaseConnection::Request::bad:
-        refuse(*request.connection, orvane::kBadRequest,
-               R"(this server understands "orvane 1 lease" and "orvane 1 ring BYTES")");
-        return true;
+        refuse(*request->connection, orvane::kBadRequest, kUnderstood);
+        break;
       case LeaseConnection::Request::end:
-        return true;
+        break;
       default:
-        if (Clock::now() < request.deadline) {
-          return false;
-        }
-        refuse(*request.connection, orvane::kBadRequest, "nothing was asked for in time");
-        return true;
+        isOver = isOverdue(*request);
     }
-  });
-  return asked;
+    request = isOver ? pending.erase(request) : std::next(request);
+  }
+  return granted;
 }
 
-// A user's connections count as its pairs even before they send a request. Otherwise one user could
-// keep the others away with open connections.
-void LeaseRequests::acceptAll(const Limit& limit) {
+// Who asked for totals has got an answer, and just leaves.
+bool LeaseRequests::isOverdue(const PendingRequest& request) {
+  if (Clock::now() < request.deadline) {
+    return false;
+  }
+  if (!request.readsTotals) {
+    refuse(*request.connection, orvane::kBadRequest, "nothing was asked for in time");
+  }
+  return true;
+}
+
+// A user's earlier connections count as its leases even before they send a request.
+bool LeaseRequests::mayLease(Pending::iterator request, const Limit& limit,
+                             const std::vector<Connection>& granted) const {
+  LeaseConnection& connection = *request->connection;
+  const uid_t user = connection.producer().uid;
+  if (const std::string reason = wrongSize(connection.ringBytes()); !reason.empty()) {
+    // Not kBadRequest: a producer that may do without a ring would then ask for queues, and nobody
+    // would learn of the size.
+    refuse(connection, orvane::kNoPair, reason);
+    return false;
+  }
+  const auto own = std::count_if(granted.begin(), granted.end(), [user](const Connection& one) {
+    return one->producer().uid == user;
+  });
+  const std::size_t before = countUntil(request, user, false) + static_cast<std::size_t>(own);
+  if (const std::string reason = limit(connection.producer(), before); !reason.empty()) {
+    refuse(connection, orvane::kLimitReached, reason);
+    return false;
+  }
+  return true;
+}
+
+// Returns false when the connection is over.
+bool LeaseRequests::answerTotals(Pending::iterator request, const NextTotals& nextTotals) const {
+  LeaseConnection& connection = *request->connection;
+  const uid_t user = connection.producer().uid;
+  if (!request->readsTotals && countUntil(pending.end(), user, true) >= kMostReaders) {
+    refuse(connection, orvane::kLimitReached,
+           "user " + std::to_string(user) + " reads totals over " + std::to_string(kMostReaders) +
+               " connections, as many as it may: end one");
+    return false;
+  }
+  request->readsTotals = true;
+  request->deadline = Clock::now() + kTimeToAsk;
+  const Totals totals = nextTotals(user, connection.totalsAfter());
+  return connection.sendTotals({totals.name}, totals.file);
+}
+
+// Connections are limited before they ask for anything. Otherwise one user could keep the others
+// away with open connections.
+void LeaseRequests::acceptAll() {
   for (;;) {
     tool::Fd fd = socket.accept();
     if (fd.get() < 0) {
@@ -85,14 +134,24 @@ void LeaseRequests::acceptAll(const Limit& limit) {
     if (connection->cameTooLate()) {
       continue;  // a forked child holds the connection, and would hold the lease
     }
-    const ucred& producer = connection->producer();
-    const std::string reason = limit(producer, pendingOf(producer.uid));
-    if (reason.empty()) {
+    const uid_t user = connection->producer().uid;
+    if (countUntil(pending.end(), user, false) < kMostSilent) {
       pending.push_back({std::move(connection), Clock::now() + kTimeToAsk});
     } else {
-      refuse(*connection, orvane::kLimitReached, reason);
+      refuse(*connection, orvane::kLimitReached,
+             "user " + std::to_string(user) + " has " + std::to_string(kMostSilent) +
+                 " connections that have not asked for anything yet");
     }
   }
+}
+
+// The number of a user's connections before `end` that read totals, or that have not asked yet.
+std::size_t LeaseRequests::countUntil(Pending::const_iterator end, uid_t user,
+                                      bool readsTotals) const {
+  return static_cast<std::size_t>(
+      std::count_if(pending.begin(), end, [&](const PendingRequest& one) {
+        return one.readsTotals == readsTotals && one.connection->producer().uid == user;
+      }));
 }
 
 // Waits a second when no file descriptor is free, instead of trying all the time.
@@ -107,13 +166,6 @@ void LeaseRequests::waitToAccept(int error) {
             "cannot accept a connection, and tries again each second: %s",
             std::generic_category().message(error).c_str());
   }
-}
-
-LeaseRequests::Count LeaseRequests::pendingOf(uid_t user) const {
-  const auto own = std::count_if(pending.begin(), pending.end(), [user](const auto& one) {
-    return one.connection->producer().uid == user;
-  });
-  return {static_cast<std::size_t>(own), pending.size()};
 }
 
 void refuse(LeaseConnection& connection, int status, const std::string& reason) {

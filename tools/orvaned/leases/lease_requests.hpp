@@ -14,28 +14,33 @@
 
 namespace orvaned {
 
-// Accepts the connections of producers and reads their requests for leases. It never waits; a
-// connection without a request within some seconds is refused.
+// Accepts connections, reads their requests for leases, and answers those for totals. It never
+// waits; a connection without a request within some seconds is refused.
 class LeaseRequests {
  public:
   using Connection = std::unique_ptr<LeaseConnection>;
 
-  // The number of connections without a request yet: of one user, and of all users.
-  struct Count {
-    std::size_t own;
-    std::size_t all;
+  // The reason why the producer may not have another lease beside its `pending` requests; empty if
+  // it may.
+  using Limit = std::function<std::string(const ucred& producer, std::size_t pending)>;
+
+  // The file of a ring's totals; -1 and no name: there is none.
+  struct Totals {
+    std::string name;
+    int file = -1;
   };
 
-  // The reason why the producer may not request another pair; empty if it may.
-  using Limit = std::function<std::string(const ucred& producer, Count pending)>;
+  // Returns the first ring after `after`, in the order of names, that the user may see.
+  using NextTotals = std::function<Totals(uid_t user, const std::string& after)>;
 
   LeaseRequests(const std::string& path, mode_t mode) : socket(path, mode) {}
 
   // Adds what poll() is to wait for.
   void addTo(std::vector<pollfd>& events) const;
 
-  // Reads what has come; returns the connections whose producers have sent a valid request.
-  std::vector<Connection> serve(const Limit& limit);
+  // Reads what has come; returns the connections whose producers have sent a valid request for a
+  // lease.
+  std::vector<Connection> serve(const Limit& limit, const NextTotals& nextTotals);
 
   int lockFile() const { return socket.lockFile(); }
 
@@ -45,14 +50,20 @@ class LeaseRequests {
   struct PendingRequest {
     Connection connection;
     Clock::time_point deadline;
+    bool readsTotals = false;
   };
+  using Pending = std::list<PendingRequest>;
 
-  void acceptAll(const Limit& limit);
+  void acceptAll();
   void waitToAccept(int error);
-  Count pendingOf(uid_t user) const;
+  bool mayLease(Pending::iterator request, const Limit& limit,
+                const std::vector<Connection>& granted) const;
+  bool answerTotals(Pending::iterator request, const NextTotals& nextTotals) const;
+  static bool isOverdue(const PendingRequest& request);
+  std::size_t countUntil(Pending::const_iterator end, uid_t user, bool readsTotals) const;
 
   LeaseSocket socket;
-  std::list<PendingRequest> pending;
+  Pending pending;
   Clock::time_point acceptAgain;
   bool cannotAccept = false;
 };

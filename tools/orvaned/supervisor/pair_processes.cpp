@@ -15,6 +15,7 @@
 #include "supervisor/pair_files.hpp"
 #include "supervisor/pair_tasks.hpp"
 #include "worker/confinement.hpp"
+#include "worker/ring_totals_file.hpp"
 
 namespace orvaned {
 namespace {
@@ -180,17 +181,24 @@ void PairProcesses::startProcesses() {
         return runBroker(context.options, name, tool::Fd(file), context.supervisor);
       },
       Child::Orphaned::continues);
+  if (connection && connection->ringBytes() != 0) {
+    ringTotals = RingTotalsFile::newFile();
+  }
   child = std::make_unique<Child>([&, file = workersEnd.get()](Heartbeat& heartbeat) {
     nameProcess("orvaned-worker");
     std::vector<int> files = {file};
     if (connection) {
-      files.insert(files.end(), {connection->fd(), connection->pidfd()});
+      files.insert(files.end(), {connection->fd(), connection->pidfd(), ringTotals.get()});
     }
     context.keepOnly(files, LogAccess::left);
-    return runWorker(context.options, name, connection.get(), tool::Fd(file), context.supervisor,
-                     heartbeat);
+    return runWorker(context.options, name, connection.get(), tool::Fd(file), std::move(ringTotals),
+                     context.supervisor, heartbeat);
   });
   broker.socket = std::move(workersEnd);
+}
+
+int PairProcesses::ringTotalsFile() const {
+  return isServing() && RingTotalsFile::isSealed(ringTotals.get()) ? ringTotals.get() : -1;
 }
 
 void PairProcesses::postNotice() {

@@ -57,6 +57,10 @@ class PairProcesses {
 
   Kind kind() const { return pairKind; }
   const LeaseConnection* lease() const { return connection.get(); }
+  const std::string& queueName() const { return name; }
+
+  // The file of a ring's totals, once its worker serves it; otherwise -1.
+  int ringTotalsFile() const;
 
  private:
   enum class Phase { serving, notice };
@@ -81,6 +85,7 @@ class PairProcesses {
   const std::string subject;  // of the log lines about the pair and of its worker
   std::unique_ptr<Child> child;
   BrokerProcess broker;
+  tool::Fd ringTotals;
   Phase phase = Phase::serving;
   const char* notice;
   bool killed = false;

@@ -19,6 +19,7 @@
 #include "worker/end_watch.hpp"
 #include "worker/queue_pair.hpp"
 #include "worker/ring_source.hpp"
+#include "worker/ring_totals_file.hpp"
 #include "worker/worker.hpp"
 
 namespace orvaned {
@@ -79,10 +80,11 @@ void logReady(const Logger& log, const Options& options, const std::string& queu
 class Source {
  public:
   Source(const Options& options, const std::string& queueName, LeaseConnection* lease,
-         Heartbeat& heartbeat)
+         const tool::Fd& ringTotals, Heartbeat& heartbeat)
       : name(queueName), lease(lease) {
     if (const std::uint64_t bytes = ringBytes(lease)) {
-      ring.emplace(bytes, heartbeat);
+      totals.emplace(ringTotals, bytes, lease->producer().uid);
+      ring.emplace(bytes, heartbeat, totals->totals());
     } else {
       queues.emplace(queueName, geometryFor(options, lease), ownerOf(lease), &heartbeat);
     }
@@ -112,6 +114,7 @@ class Source {
   const std::string name;
   LeaseConnection* const lease;
   std::optional<QueuePair> queues;
+  std::optional<RingTotalsFile> totals;
   std::optional<RingSource> ring;
 };
 
@@ -119,8 +122,8 @@ class Source {
 // have written into them has been read yet.
 struct Prepared {
   Prepared(const Options& options, const std::string& queueName, LeaseConnection* lease,
-           BrokerClient& broker, Heartbeat& heartbeat)
-      : source(options, queueName, lease, heartbeat),
+           const tool::Fd& ringTotals, BrokerClient& broker, Heartbeat& heartbeat)
+      : source(options, queueName, lease, ringTotals, heartbeat),
         watch(lease, std::chrono::seconds(lease != nullptr ? 0 : options.idleLimit)),
         store(storeFor(options, queueName, broker), queueName, options.sync),
         worker(queueName, source.batches(), store, lease, Capture(options.capture, queueName)) {}
@@ -132,9 +135,10 @@ struct Prepared {
 };
 
 void serve(const Options& options, const std::string& queueName, LeaseConnection* lease,
-           BrokerClient& broker, pid_t supervisor, Heartbeat& heartbeat, const Logger& log) {
+           const tool::Fd& ringTotals, BrokerClient& broker, pid_t supervisor, Heartbeat& heartbeat,
+           const Logger& log) {
   broker.checkStore();
-  Prepared prepared(options, queueName, lease, broker, heartbeat);
+  Prepared prepared(options, queueName, lease, ringTotals, broker, heartbeat);
   dropRights(options.confinement, supervisor);
   prepared.source.grantRing(heartbeat);
   restrictCalls(options.confinement, &heartbeat.refusedCall);
@@ -151,13 +155,13 @@ void serve(const Options& options, const std::string& queueName, LeaseConnection
 }  // namespace
 
 int runWorker(const Options& options, const std::string& queueName, LeaseConnection* lease,
-              tool::Fd brokerSocket, pid_t supervisor, Heartbeat& heartbeat) {
+              tool::Fd brokerSocket, tool::Fd ringTotals, pid_t supervisor, Heartbeat& heartbeat) {
   const Logger log("orvaned");
   // The log needs the broker until the process ends.
   static BrokerClient broker(std::move(brokerSocket));
   broker.redirectLog();
   try {
-    serve(options, queueName, lease, broker, supervisor, heartbeat, log);
+    serve(options, queueName, lease, ringTotals, broker, supervisor, heartbeat, log);
     return 0;
   } catch (const PairFailed& e) {
     log.log(LEVEL_ERROR, "serve", kFailed, "%s", doublePercent(e.what()).c_str());

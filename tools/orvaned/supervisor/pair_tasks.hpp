@@ -16,10 +16,11 @@ namespace orvaned {
 // The task of a worker process: creates the queue pair, confines itself, and serves the pair until
 // EndWatch ends it. The supervisor removes the pair's names later. `lease` is null for a fixed
 // name; a lease's producer is sent the name of its pair, or the reason why there is none.
-// `brokerSocket` is the socket to the process that opens its files. Returns the exit code: 0, or 1
-// after an error, which is logged. Any other exception passes through.
+// `brokerSocket` is the socket to the process that opens its files, `ringTotals` the file for the
+// totals of a ring. Returns the exit code: 0, or 1 after an error, which is logged. Any other
+// exception passes through.
 int runWorker(const Options& options, const std::string& queueName, LeaseConnection* lease,
-              tool::Fd brokerSocket, pid_t supervisor, Heartbeat& heartbeat);
+              tool::Fd brokerSocket, tool::Fd ringTotals, pid_t supervisor, Heartbeat& heartbeat);
 
 // The task of its broker process, until the worker and the process that finishes its stream have
 // ended. If the supervisor has died by then, it removes the pair's names, because a producer would

@@ -246,12 +246,30 @@ void Supervisor::serveRequests() {
   if (!requests) {
     return;
   }
-  const auto limit = [this](const ucred& producer, LeaseRequests::Count pending) {
+  const auto limit = [this](const ucred& producer, std::size_t pending) {
     return limitReachedBy(producer, pending);
   };
-  for (auto& connection : requests->serve(limit)) {
+  const auto totals = [this](uid_t user, const std::string& after) {
+    return nextTotals(user, after);
+  };
+  for (auto& connection : requests->serve(limit, totals)) {
     startLease(std::move(connection));
   }
+}
+
+// A user may see its own rings; root and the server's user may see all.
+LeaseRequests::Totals Supervisor::nextTotals(uid_t user, const std::string& after) const {
+  LeaseRequests::Totals next;
+  for (const PairProcesses& pair : pairs) {
+    const bool isSeen = pair.lease() != nullptr &&
+                        (user == 0 || user == geteuid() || user == pair.lease()->producer().uid);
+    const bool isNext =
+        pair.queueName() > after && (next.name.empty() || pair.queueName() < next.name);
+    if (const int file = isSeen && isNext ? pair.ringTotalsFile() : -1; file >= 0) {
+      next = {pair.queueName(), file};
+    }
+  }
+  return next;
 }
 
 void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
@@ -274,8 +292,8 @@ void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
   }
 }
 
-std::string Supervisor::limitReachedBy(const ucred& producer, LeaseRequests::Count pending) const {
-  std::size_t own = pending.own;
+std::string Supervisor::limitReachedBy(const ucred& producer, std::size_t pending) const {
+  std::size_t own = pending;
   for (const PairProcesses& pair : pairs) {
     const LeaseConnection* lease = pair.lease();
     own += lease != nullptr && lease->producer().uid == producer.uid ? 1 : 0;

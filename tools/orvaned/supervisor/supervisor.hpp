@@ -54,7 +54,8 @@ class Supervisor {
   void stop();
   void serveRequests();
   void startLease(std::unique_ptr<LeaseConnection> connection);
-  std::string limitReachedBy(const ucred& producer, LeaseRequests::Count pending) const;
+  std::string limitReachedBy(const ucred& producer, std::size_t pending) const;
+  LeaseRequests::Totals nextTotals(uid_t user, const std::string& after) const;
   std::string noRoomFor(const LeaseConnection& request) const;
   std::string noRoomInShm() const;
   std::string noRoomForRing(const LeaseConnection& request) const;

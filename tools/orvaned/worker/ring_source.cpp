@@ -15,12 +15,13 @@ std::unique_ptr<orvane::RingReader> newRing(std::uint64_t bytes) {
 
 }  // namespace
 
-RingSource::RingSource(std::uint64_t bytes, Heartbeat& heartbeat)
-    : watched(heartbeat), ring(newRing(bytes)) {}
+RingSource::RingSource(std::uint64_t bytes, Heartbeat& heartbeat, tool::RingTotals& totals)
+    : watched(heartbeat), ring(newRing(bytes)), published(totals) {}
 
 std::optional<std::span<const unsigned char>> RingSource::receive() {
   try {
     const orvane::RingReader::Batch batch = ring->receive();
+    publishWaits();
     if (batch.data == nullptr) {
       return std::nullopt;
     }
@@ -30,6 +31,14 @@ std::optional<std::span<const unsigned char>> RingSource::receive() {
   } catch (const Ox_ErrnoException& e) {
     throw SourceBroken(e.message());
   }
+}
+
+void RingSource::publishWaits() {
+  constexpr auto relaxed = std::memory_order_relaxed;
+  const orvane::RingReader::Waits waits = ring->producersWaits();
+  published.waiting.store(ring->waiting(), relaxed);
+  published.producerBlocked.store(waits.nanoseconds, relaxed);
+  published.producerSleeps.store(waits.sleeps, relaxed);
 }
 
 // A frame takes at least one line of 64 bytes.

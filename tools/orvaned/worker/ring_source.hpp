@@ -12,7 +12,7 @@ namespace orvaned {
 class RingSource : public BatchSource {
  public:
   // Throws std::runtime_error when the memory cannot be allocated. `heartbeat` counts the messages.
-  RingSource(std::uint64_t bytes, Heartbeat& heartbeat);
+  RingSource(std::uint64_t bytes, Heartbeat& heartbeat, tool::RingTotals& totals);
 
   // The files for the producer.
   const orvane::RingReader& reader() const { return *ring; }
@@ -23,12 +23,14 @@ class RingSource : public BatchSource {
   void postPending() override {}       // receive() does it
   void discardResponses() override {}  // the producer does it before it opens a stream
   bool wait() override;
-  tool::Totals& totals() override { return counted; }
+  tool::Totals& totals() override { return published.totals; }
 
  private:
+  void publishWaits();
+
   Heartbeat& watched;
   const std::unique_ptr<orvane::RingReader> ring;
-  tool::Totals counted;
+  tool::RingTotals& published;
 };
 
 }  // namespace orvaned

@@ -53,7 +53,11 @@ TotalsFile::TotalsFile(const std::string& queueName, const Geometry& geometry,
     unlink(path.c_str());
     throw;
   }
-  publish(geometry, readers, user);
+  lock(file.get());
+  giveTo(readers, geometry);
+  mapped->messages = geometry.messages;
+  mapped->messageSize = geometry.messageSize;
+  publish(*mapped, tool::kTotalsVersion, user);
 }
 
 // A file with holes would work until /dev/shm is full; then a write into it would kill the worker.
@@ -68,21 +72,10 @@ void TotalsFile::allocate() {
   mapped = new (memory) Totals;
 }
 
-void TotalsFile::publish(const Geometry& geometry, std::optional<gid_t> readers,
-                         std::optional<uid_t> user) {
-  lock(file.get());
-  // If the group cannot be set here, it cannot be set for the queues, which report the error.
+// If the group cannot be set here, it cannot be set for the queues, which report the error.
+void TotalsFile::giveTo(std::optional<gid_t> readers, const Geometry& geometry) {
   const bool given = readers && fchown(file.get(), static_cast<uid_t>(-1), *readers) == 0;
   fchmod(file.get(), given ? kGroupReads : kOwnersMode | (geometry.mode & kAnyoneReads));
-  mapped->version = tool::kTotalsVersion;
-  mapped->server = static_cast<std::uint64_t>(getppid());
-  mapped->worker = static_cast<std::uint64_t>(getpid());
-  mapped->messages = geometry.messages;
-  mapped->messageSize = geometry.messageSize;
-  mapped->madeAt = wallClockNow();
-  mapped->madeAtMonotonic = tool::monotonicNow();
-  mapped->userPlusOne = user ? std::uint64_t{*user} + 1 : 0;
-  mapped->magic = tool::kTotalsMagic;
 }
 
 TotalsFile::~TotalsFile() {
@@ -90,6 +83,16 @@ TotalsFile::~TotalsFile() {
   if (removesName) {
     unlink(path.c_str());
   }
+}
+
+void publish(Totals& totals, std::uint64_t version, std::optional<uid_t> user) {
+  totals.version = version;
+  totals.server = static_cast<std::uint64_t>(getppid());
+  totals.worker = static_cast<std::uint64_t>(getpid());
+  totals.madeAt = wallClockNow();
+  totals.madeAtMonotonic = tool::monotonicNow();
+  totals.userPlusOne = user ? std::uint64_t{*user} + 1 : 0;
+  totals.magic = tool::kTotalsMagic;
 }
 
 }  // namespace orvaned

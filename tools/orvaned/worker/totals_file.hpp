@@ -30,12 +30,15 @@ class TotalsFile {
 
  private:
   void allocate();
-  void publish(const Geometry& geometry, std::optional<gid_t> readers, std::optional<uid_t> user);
+  void giveTo(std::optional<gid_t> readers, const Geometry& geometry);
 
   const std::string path;
   tool::Fd file;  // its lock shows that this process lives
   tool::Totals* mapped = nullptr;
   bool removesName = true;
 };
+
+// Fills in what does not change, in the worker.
+void publish(tool::Totals& totals, std::uint64_t version, std::optional<uid_t> user);
 
 }  // namespace orvaned
