@@ -248,8 +248,10 @@ Granted askFor(const LeaseRequest& request, const std::string& path, const Deadl
   }
   if (auto* granted = std::get_if<RingGranted>(&reply);
       granted != nullptr && granted->bytes == request.ringBytes && packet.files.size() == 2) {
-    auto ring = std::make_shared<ring::Producer>(packet.files[0], packet.files[1], granted->bytes,
-                                                 [fd] { return hasEnded(fd); });
+    auto ring = std::make_shared<ring::Producer>(
+        packet.files[0], packet.files[1], granted->bytes,
+        ring::Producer::Connection{[fd] { return hasEnded(fd); },
+                                   [fd] { shutdown(fd, SHUT_RDWR); }});
     return {std::move(connection), std::move(granted->name), std::move(ring)};
   }
   failUnexpected(fd, packet.text);

@@ -39,9 +39,9 @@ Mapping mapChecked(const File& file, std::uint64_t size, std::uint64_t mapped, b
 }  // namespace
 
 Producer::Producer(const File& mine, const File& servers, std::uint64_t bytes,
-                   ServerEnded serverEnded)
+                   Connection connection)
     : bytes(bytes),
-      serverEnded(std::move(serverEnded)),
+      connection(std::move(connection)),
       madeInFork(forkCount()),
       page(mapChecked(mine, kPage + bytes, kPage, true)),
       data(mine.get(), kPage, bytes, true, true),
@@ -113,7 +113,7 @@ bool Producer::awaitHead(std::uint64_t wanted, unsigned int timeout) {
   const std::int64_t deadline = begin + std::int64_t{timeout} * 1'000'000'000;
   const std::uint64_t before = counters.blocked.load(std::memory_order_relaxed);
   while (!hasReached(end.head(), wanted) && LinuxSystem::now() < deadline) {
-    if (serverEnded()) {
+    if (connection.hasEnded()) {
       requireValid(end.look());  // it may have answered just before it ended
       if (hasReached(end.head(), wanted)) {
         break;
@@ -153,6 +153,7 @@ const pvk_shm_response_t* Producer::takeError() {
 
 void Producer::requireValid(bool valid) const {
   if (!valid) {
+    connection.end();
     fail(kLeaseLost, "The server broke the rules of its ring: take another lease");
   }
 }

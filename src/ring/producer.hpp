@@ -17,11 +17,14 @@ namespace orvane::ring {
 // It belongs to a lease, and several writers may use it one after another.
 class Producer {
  public:
-  // Returns whether the server has ended the lease.
-  using ServerEnded = std::function<bool()>;
+  // The connection of the lease.
+  struct Connection {
+    std::function<bool()> hasEnded;  // by the server
+    std::function<void()> end;
+  };
 
   // `mine` and `servers` are the files of a ring of `bytes` bytes. Throws Ox_ErrnoException.
-  Producer(const File& mine, const File& servers, std::uint64_t bytes, ServerEnded serverEnded);
+  Producer(const File& mine, const File& servers, std::uint64_t bytes, Connection connection);
 
   // A forked child does not have the ring, and may only destroy this object.
   bool isInForkedChild() const { return forkCount() != madeInFork; }
@@ -67,7 +70,7 @@ class Producer {
   void requireValid(bool valid) const;
 
   const std::uint64_t bytes;
-  const ServerEnded serverEnded;
+  const Connection connection;
   const unsigned int madeInFork;
   Mapping page;
   Mapping data;

@@ -70,6 +70,28 @@ TEST(LeaseRing, HasTheMemoryThatTheServerSent) {
             (std::vector<Record>{{.type = 4, .seqNo = 1}}));
 }
 
+// A producer that sees only alive() must learn of it too.
+TEST(LeaseRing, EndsTheLeaseWhenTheServerBreaksARule) {
+  RingServer ring;
+  const UnsealedFile servers(8192);
+  char identity[24];
+  ASSERT_EQ(pread(ring.reader.serversFile(), identity, sizeof identity, 0), 24);
+  ASSERT_EQ(pwrite(servers.get(), identity, sizeof identity, 0), 24);
+  ASSERT_EQ(fcntl(servers.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL), 0);
+  ring.server.serve(
+      {.says = ring.granted(), .files = {ring.reader.producersFile(), servers.get()}});
+  const auto lease = ring.lease();
+  RingWriter writer("s", lease->ring(), 1, 1, false);
+  writer.open();
+  EXPECT_TRUE(lease->alive());
+  constexpr off_t kHead = 64;
+  const std::uint64_t beyond = 4096;  // more than what was sent
+  ASSERT_EQ(pwrite(servers.get(), &beyond, sizeof beyond, kHead), 8);
+  EXPECT_TRUE(throwsErrno(901, "The server broke the rules of its ring: take another lease",
+                          [&] { writer.close(); }));
+  EXPECT_FALSE(lease->alive());
+}
+
 TEST(LeaseRing, KeepsNoFileOpenButItsSocket) {
   RingServer ring;
   ring.server.serve({.says = ring.granted(), .files = ring.files()});

@@ -33,7 +33,11 @@ class HostileServer : public testing::Test {
   }
 
   std::unique_ptr<Producer> made() {
-    return std::make_unique<Producer>(mine, theirs, kRing, [this] { return ended(); });
+    return std::make_unique<Producer>(mine, theirs, kRing, connection());
+  }
+
+  Producer::Connection connection() {
+    return {[this] { return ended(); }, [this] { hasLeft = true; }};
   }
 
   // One frame of a whole quarter.
@@ -48,6 +52,7 @@ class HostileServer : public testing::Test {
   const MappedFile producers{mine.get(), true};
   const MappedFile servers{theirs.get(), true};
   std::function<bool()> ended = [] { return false; };
+  bool hasLeft = false;  // the producer, its lease
 };
 
 TEST_F(HostileServer, MustSayInBothFilesWhatRingItMade) {
@@ -65,20 +70,23 @@ TEST_F(HostileServer, MustSendFilesOfTheRightSize) {
   EXPECT_TRUE(throwsErrno(901,
                           "The server's memory is not a ring of 2101248 bytes: client and server "
                           "versions differ; install the same release of both",
-                          [this] { Producer(mine, theirs, 2 * kRing, ended); }));
+                          [this] { Producer(mine, theirs, 2 * kRing, connection()); }));
   const File large = ring::makeFile("large", 8193);
   seal(large, ring::Sealed::size);
   EXPECT_TRUE(throwsErrno(901,
                           "The server's memory is not a ring of 8192 bytes: client and server "
                           "versions differ; install the same release of both",
-                          [&] { Producer(mine, large, kRing, ended); }));
+                          [&] { Producer(mine, large, kRing, connection()); }));
 }
 
 TEST_F(HostileServer, MayNotReleaseWhatWasNotSent) {
   const std::unique_ptr<Producer> producer = made();
   sendQuarter(*producer);
+  EXPECT_FALSE(producer->awaitReleased(0));
+  EXPECT_FALSE(hasLeft);
   servers.put64(kHead, 262145);
   EXPECT_TRUE(throwsErrno(901, kServerBroke, [&] { producer->awaitReleased(1); }));
+  EXPECT_TRUE(hasLeft);
 }
 
 TEST_F(HostileServer, MayNotTakeRoomBack) {
