@@ -19,7 +19,7 @@ RING = ["ring_tests"]
 OVER_RINGS = ["writer_tests */Ring.*"]  # of the tests that run over both transports
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
 ORVANED = [
-    "orvaned_call_tests OutputFile*:StreamFolder*:SegmentCount.*:Worker*",
+    "orvaned_call_tests OutputFile*:StreamFolder*:Segment*:Worker*",
     "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:"
     "StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
     "Step.*:WorkersLog.*:TotalsTest.*:QueuePairTest.*:LargeStream.*",
@@ -38,8 +38,8 @@ TABLE = [
     Row(["src/lease/*"], LEASE),
     Row(["src/ring/*"], RING + OVER_RINGS + LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
-        "worker", "stream_state", "output_file", "stream_folder", "manifest_file", "manifest_content",
-        "unfinished_streams", "unfinished_stream_folder", "recovery")], ORVANED),
+        "worker", "stream_state", "output_file", "segment_finish", "stream_folder", "manifest_file",
+        "manifest_content", "unfinished_streams", "unfinished_stream_folder", "recovery")], ORVANED),
     Row(["tools/store_format/manifest_*.?pp"], STORE_FORMAT),
 ]
 

@@ -120,6 +120,7 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
   LeasedProducer victim = producerFor(GetParam());
   EXPECT_EQ(victim.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
   const std::string stored = folderOf(victim.name) + "/segment-000000";
+  EXPECT_TRUE(eventually([&] { return fs::exists(stored); }));
   put(attack->otherStream, stored);
   put(attack->store, store.path());
   put(attack->otherQueue, "/dev/shm/" + victim.name);
@@ -158,6 +159,7 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorkerOfARing) {
   LeasedProducer victim = producerFor(GetParam());
   EXPECT_EQ(victim.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
   const std::string stored = folderOf(victim.name) + "/segment-000000";
+  EXPECT_TRUE(eventually([&] { return fs::exists(stored); }));
   put(attack->otherStream, stored);
   put(attack->store, store.path());
   put(attack->otherQueue, "/dev/shm/" + victim.name);

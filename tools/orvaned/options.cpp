@@ -44,7 +44,8 @@ checks and finishes its streams.
 
 --sync decides when stored data is on the disk itself, where it survives a power cut:
   always   before its batch is answered
-  segment  at the end of each segment and each stream
+  segment  after the end of its segment, while the next one comes in: before the end of that one
+           is answered, and before the stream's receipt
   none     when the system decides to
 If the server is killed, nothing that was answered is lost, with any of the three.
 

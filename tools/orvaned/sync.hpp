@@ -7,7 +7,7 @@ namespace orvaned {
 // When written data is brought onto the disk itself, where it survives a power cut.
 enum class Sync {
   always,   // at each flush: before a batch is answered
-  segment,  // at the end of each segment and each stream
+  segment,  // a segment while the next one comes in, all at the end of the stream
   none      // when the system decides to
 };
 

@@ -23,7 +23,7 @@ TEST(BrokerMessagesTest, AreRefusedWhenTheyAreNone) {
   EXPECT_EQ(orvaned::parseRequest(good)->name, "from");
   EXPECT_EQ(orvaned::parseRequest(good)->other, "to");
   EXPECT_FALSE(orvaned::parseRequest(std::span(good).first(23)));
-  for (const auto& [offset, value] : {std::pair(4, 11), std::pair(8, 2), std::pair(12, 7)}) {
+  for (const auto& [offset, value] : {std::pair(4, 12), std::pair(8, 2), std::pair(12, 7)}) {
     auto bad = good;
     bad[static_cast<std::size_t>(offset)] = static_cast<unsigned char>(value);
     EXPECT_FALSE(orvaned::parseRequest(bad)) << offset;

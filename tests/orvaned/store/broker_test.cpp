@@ -4,14 +4,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "log.hpp"
+#include "orvaned/store/running_broker.hpp"
 #include "store/brokered_store.hpp"
 #include "store/store.hpp"
 #include "supervisor/child.hpp"
@@ -39,34 +38,6 @@ using Names = std::vector<std::string>;
 constexpr char kNotAllowed[] = "the broker refuses: this process may not do that to this file";
 constexpr char kNotOutside[] =
     "the broker refuses: this process may not do that to the records outside a stream";
-
-// A broker in a thread of this process, and the client's end of its socket.
-class RunningBroker {
- public:
-  explicit RunningBroker(const orvaned::Broker::Task& task)
-      : RunningBroker(task, orvaned::connectedSockets()) {}
-  ~RunningBroker() {
-    shutdown(file, SHUT_RDWR);
-    thread.join();
-  }
-  RunningBroker(const RunningBroker&) = delete;
-  RunningBroker& operator=(const RunningBroker&) = delete;
-
-  BrokerClient client;
-
- private:
-  RunningBroker(const orvaned::Broker::Task& task, std::pair<Fd, Fd> ends)
-      : client(Fd(dup(ends.first.get()))),
-        ours(std::move(ends.first)),
-        file(ours.get()),
-        thread([task, end = std::move(ends.second)]() mutable {
-          orvaned::Broker(task, std::move(end)).run();
-        }) {}
-
-  Fd ours;
-  int file;
-  std::thread thread;
-};
 
 void write(const Fd& file, const std::string& text) {
   ASSERT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
@@ -174,6 +145,37 @@ TEST_F(BrokerTest, RenamesAFileToItsFinalNameOnly) {
                             [&] { callFile(BrokerCall::rename, names.first, names.second); }));
   }
   EXPECT_EQ(stream.folder->names(), (Names{"other-records", "segment-000000.part"}));
+}
+
+TEST_F(BrokerTest, FinishesASegment) {
+  const StoreAccess::NewStream stream = access.createStream();
+  stream.folder->append("manifest.part");
+  write(stream.folder->append("segment-000000.part"), "hello");
+  stream.folder->startFinish("segment-000000", "its line");
+  const auto result = stream.folder->finishResult(true);
+  ASSERT_TRUE(result);
+  EXPECT_TRUE(result->listed);
+  EXPECT_EQ(result->error, "");
+  EXPECT_EQ(stream.folder->names(), (Names{"manifest.part", "segment-000000"}));
+  EXPECT_EQ(readFile(stream.folder->path() + "/manifest.part"), "its line\n");
+}
+
+TEST_F(BrokerTest, FinishesNothingButASegment) {
+  const auto finish = [&](BrokerArea area, const std::string& name) {
+    call({.call = BrokerCall::finishSegment, .area = area, .name = name, .other = "line"});
+  };
+  EXPECT_TRUE(throwsErrno(1003, "the broker refuses: no stream is open",
+                          [&] { finish(BrokerArea::stream, "segment-000000"); }));
+  const StoreAccess::NewStream stream = access.createStream();
+  stream.folder->append("manifest.part");
+  stream.folder->append("other-records");
+  for (const char* name : {"", "..", "manifest", "other-records", "segment-000000.part", "segment-",
+                           "../segment-000000", "segment-123456789012345678901"}) {
+    EXPECT_TRUE(throwsErrno(1003, kNotAllowed, [&] { finish(BrokerArea::stream, name); })) << name;
+  }
+  EXPECT_TRUE(throwsErrno(1003, kNotOutside,
+                          [&] { finish(BrokerArea::outside, "orders-outside-records"); }));
+  EXPECT_EQ(readFile(stream.folder->path() + "/manifest.part"), "");
 }
 
 TEST_F(BrokerTest, FollowsNoLinkAndOpensNothingButARegularFile) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <map>
 #include <utility>
 
@@ -13,7 +14,7 @@ namespace orvane::test {
 
 namespace {
 
-// The files that were opened for appending, by their descriptors: calls on others are none of the
+// The files that were opened, by their descriptors: calls on others are none of the
 // test's.
 std::map<int, std::string>& recordedFiles() {
   static std::map<int, std::string> files;
@@ -59,6 +60,12 @@ FileCalls& fileCalls() {
 tool::Fd RecordedDirectory::append(const std::string& name) {
   note("append", " " + name);
   tool::Fd file = LocalDirectory::append(name);
+  recordedFiles()[file.get()] = name;
+  return file;
+}
+tool::Fd RecordedDirectory::read(const std::string& name) {
+  note("read", " " + name);
+  tool::Fd file = LocalDirectory::read(name);
   recordedFiles()[file.get()] = name;
   return file;
 }
@@ -131,6 +138,12 @@ REPLACED int fdatasync(int fd) {
   if (isRecorded(fd)) {
     record("fdatasync", fd);
     if (isToFail("fdatasync")) {
+      return -1;
+    }
+  } else if (fileCalls().duringSync) {
+    const std::string descriptor = "/proc/self/fd/" + std::to_string(fd);
+    errno = fileCalls().duringSync(std::filesystem::read_symlink(descriptor));
+    if (errno != 0) {
       return -1;
     }
   }

@@ -30,6 +30,10 @@ struct FileCalls {
 
   // Done in the next change of a name.
   std::function<void()> duringRename = {};
+
+  // Done in each fdatasync of a file that is not recorded, in the caller's thread; returns what the
+  // call fails with, or 0.
+  std::function<int(const std::string& path)> duringSync = {};
 };
 
 // Each test begins with a new one of these.
@@ -46,6 +50,7 @@ class RecordedDirectory : public orvaned::LocalDirectory {
   using LocalDirectory::LocalDirectory;
 
   tool::Fd append(const std::string& name) override;
+  tool::Fd read(const std::string& name) override;
   void truncate(const std::string& name, std::uint64_t size) override;
   void remove(const std::string& name) override;
   void rename(const std::string& from, const std::string& to) override;

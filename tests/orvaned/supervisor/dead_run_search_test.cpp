@@ -129,6 +129,7 @@ TEST_F(LeaseRecoveryTest, AnUnfinishedStreamIsFinished) {
   LeasedProducer producer(socket);
   EXPECT_EQ(producer.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
   const std::string stream = streamOf(producer.name);
+  EXPECT_TRUE(eventually([&] { return fs::exists(folderOf(producer.name) + "/segment-000000"); }));
   die();
   EXPECT_FALSE(fs::exists(folderOf(producer.name) + "/manifest"));
   start();

@@ -4,7 +4,9 @@
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <csignal>
+#include <filesystem>
 
+#include "support/eventually.hpp"
 #include "support/served.hpp"
 #include "support/server_process.hpp"
 #include "support/temp_folder.hpp"
@@ -18,6 +20,7 @@ using orvane::pvk_shm_response_t;
 using orvane::test::BatchBytes;
 using orvane::test::Bytes;
 using orvane::test::bytesOf;
+using orvane::test::eventually;
 using orvane::test::namesIn;
 using orvane::test::QueueName;
 using orvane::test::readFile;
@@ -37,8 +40,9 @@ const Record kClose{.type = 3, .seqNo = 5};
 
 class ServerDeathTest : public testing::TestWithParam<const char*> {
  protected:
-  // Starts a server, has it answer these batches, and kills it.
-  void dieAfter(std::initializer_list<std::initializer_list<Record>> batches) {
+  // Starts a server, has it answer these batches, waits for this file, and kills it.
+  void dieAfter(std::initializer_list<std::initializer_list<Record>> batches,
+                const std::string& file) {
     ServerProcess server(arguments());
     ASSERT_TRUE(server.isServing());
     message_queue send(open_only, name.c_str());
@@ -48,6 +52,7 @@ class ServerDeathTest : public testing::TestWithParam<const char*> {
       send.send(batch.data(), batch.size(), 1);
       EXPECT_EQ(statusOf(answers), 0);
     }
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(stream() + "/" + file); })) << file;
     server.killAll();
     EXPECT_EQ(server.wait(), -SIGKILL);
   }
@@ -86,7 +91,7 @@ class ServerDeathTest : public testing::TestWithParam<const char*> {
 };
 
 TEST_P(ServerDeathTest, LeavesWhatItAnsweredAndTheNextServerFinishesIt) {
-  dieAfter({{kOpen, kHello, kEnd}, {kOn}});
+  dieAfter({{kOpen, kHello, kEnd}, {kOn}}, "segment-000000");
   EXPECT_EQ(namesIn(stream()), (Names{"manifest.part", "segment-000000", "segment-000001.part"}));
 
   const std::string receipt =
@@ -112,13 +117,13 @@ TEST_P(ServerDeathTest, LeavesWhatItAnsweredAndTheNextServerFinishesIt) {
 }
 
 TEST_P(ServerDeathTest, IsFoundOnlyOnce) {
-  dieAfter({{kOpen, kHello}});
+  dieAfter({{kOpen, kHello}}, "segment-000000.part");
   EXPECT_NE(nextServersLog().find("a dead server"), std::string::npos);
   EXPECT_EQ(nextServersLog(false).find("a dead server"), std::string::npos);
 }
 
 TEST_P(ServerDeathTest, DoesNotHideDamage) {
-  dieAfter({{kOpen, kHello, kEnd}});
+  dieAfter({{kOpen, kHello, kEnd}}, "segment-000000");
   writeFile(stream() + "/segment-000000", "hellp");
   EXPECT_NE(nextServersLog().find("damaged files: 1, see its manifest"), std::string::npos);
   EXPECT_NE(readFile(stream() + "/manifest")
@@ -128,7 +133,7 @@ TEST_P(ServerDeathTest, DoesNotHideDamage) {
 }
 
 TEST_P(ServerDeathTest, DoesNotTouchAStreamThatHadEnded) {
-  dieAfter({{kOpen, kHello, kEnd, kClose}});
+  dieAfter({{kOpen, kHello, kEnd, kClose}}, "manifest");
   const std::string manifest = readFile(stream() + "/manifest");
   EXPECT_TRUE(manifest.ends_with("end=closed\nreason=\n")) << manifest;
   EXPECT_EQ(nextServersLog(false).find("a dead server"), std::string::npos);

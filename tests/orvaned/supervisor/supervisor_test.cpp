@@ -98,6 +98,7 @@ TEST_F(SupervisorTest, EndsAWorkerWhoseBrokerDiedAndFinishesItsStream) {
   start();
   LeasedProducer producer(socket);
   EXPECT_EQ(producer.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
+  EXPECT_TRUE(eventually([&] { return fs::exists(folderOf(producer.name) + "/segment-000000"); }));
   killBrokers();
   EXPECT_EQ(producer.client.next(), "failed 1008 what served the queue died");
   EXPECT_TRUE(server->says(" error 1008 pair::step: queue " + producer.name +
@@ -113,6 +114,7 @@ TEST_F(SupervisorTest, FinishesTheStreamOfAWorkerThatEndedWithoutItsBroker) {
   auto producer = std::make_unique<LeasedProducer>(socket);
   const std::string queue = producer->name;
   EXPECT_EQ(producer->queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
+  EXPECT_TRUE(eventually([&] { return fs::exists(folderOf(queue) + "/segment-000000"); }));
   const pid_t worker = server->workerOf(queue);
   stop(server->process());
   killBrokers();

@@ -12,10 +12,12 @@
 #include <orvane/orvane.hpp>
 #include <orvane/server_status.hpp>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "log.hpp"
+#include "store/segment_finish.hpp"
 #include "store_format/manifest_lines.hpp"
 
 namespace orvaned {
@@ -56,6 +58,8 @@ bool isAllowed(const BrokerRequest& request) {
       return isChangeable(request.name) || isFinalName(request.name);
     case BrokerCall::rename:
       return isFinalName(request.other) && request.name == request.other + tool::kUnfinished;
+    case BrokerCall::finishSegment:
+      return isSegment(request.name);
     case BrokerCall::sync:
     case BrokerCall::names:
       return true;
@@ -116,6 +120,12 @@ void Broker::answer(const BrokerRequest& request) {
   BrokerReply reply;
   reply.serial = request.serial;
   try {
+    if (request.call != BrokerCall::append) {
+      awaitFinish();
+    }
+    if (request.call == BrokerCall::finishSegment) {
+      return startFinish(request);
+    }
     perform(request, reply);
   } catch (const std::exception& e) {
     reply.error = EIO;
@@ -161,6 +171,30 @@ void Broker::performOnFile(const BrokerRequest& request, BrokerReply& reply) {
       return folder.sync();
     default:
       return listNames(request.number, reply);
+  }
+}
+
+// In a thread, so that the confined process can have the next segment's file opened meanwhile.
+void Broker::startFinish(const BrokerRequest& request) {
+  const auto finish = [this, &folder = folderOf(request), request] {
+    const FinishResult result = finishSegment(folder, request.name, request.other);
+    BrokerReply reply;
+    reply.serial = request.serial;
+    reply.error = result.error.empty() ? 0 : EIO;
+    reply.number = result.listed ? 1 : 0;
+    reply.text = result.error;
+    sendReply(socket, reply);
+  };
+  try {
+    finishing = std::async(std::launch::async, finish);
+  } catch (const std::system_error&) {
+    finish();  // no room for another thread
+  }
+}
+
+void Broker::awaitFinish() const {
+  if (finishing.valid()) {
+    finishing.wait();
   }
 }
 

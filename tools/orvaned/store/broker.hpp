@@ -1,5 +1,6 @@
 #pragma once
 
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,6 +43,8 @@ class Broker {
   void answer(const BrokerRequest& request);
   void perform(const BrokerRequest& request, BrokerReply& reply);
   void performOnFile(const BrokerRequest& request, BrokerReply& reply);
+  void startFinish(const BrokerRequest& request);
+  void awaitFinish() const;
   void createStream(BrokerReply& reply);
   void listNames(std::uint64_t from, BrokerReply& reply);
   void findUnfinished(BrokerReply& reply);
@@ -58,6 +61,7 @@ class Broker {
   bool isConcluded = false;  // it has its manifest, or a process is about to write it
   Outside outside;
   LogLimiter limiter;
+  std::future<void> finishing;  // a segment of the open stream; its end is waited for first
 };
 
 }  // namespace orvaned

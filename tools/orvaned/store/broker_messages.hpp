@@ -18,8 +18,9 @@ namespace orvaned {
 //   request   serial 4, call 4, area 4, size of the name 4, number 8, name, other text
 //   reply     serial 4, error 4, number 8, text; with or without one file (SCM_RIGHTS)
 //
-// A reply carries the serial of its request: a process that continues after another one died skips
-// the replies that the dead one did not receive.
+// `finishSegment` is answered when the segment is finished; until then the broker opens files, but
+// any other request waits. A reply carries the serial of its request: a process that continues
+// after another one died skips the replies that the dead one did not receive.
 enum class BrokerCall : std::uint32_t {
   checkStore,      // can the store be written to?
   createStream,    // -> text: id, path; closes the previous stream's folder
@@ -30,6 +31,7 @@ enum class BrokerCall : std::uint32_t {
   rename,          // name, other: the new name
   sync,            //
   names,           // number: how many to skip -> text: names, each ended by '/'; number: all
+  finishSegment,   // name: the final one, other: its line -> number: 1 if it is listed
   nextUnfinished,  // -> number: 1 when there is one; text: queue, id, path
   log              // number: kind * 2^32 + code, other: line; no reply
 };

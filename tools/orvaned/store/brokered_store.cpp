@@ -1,5 +1,6 @@
 #include "store/brokered_store.hpp"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cstddef>
@@ -16,23 +17,62 @@ constexpr std::size_t kLongestLine = 8192;
 // A target of the log is a plain function, so it finds its broker here.
 BrokerClient* logBroker = nullptr;
 
+[[noreturn]] void throwBrokerEnded() {
+  throw Ox_ErrnoException(orvane::kStoreFailed,
+                          "the process that opens this worker's files has ended", "");
+}
+
 }  // namespace
 
 BrokerReply BrokerClient::call(BrokerRequest request) {
-  request.serial = ++serial;
-  if (sendRequest(socket, request)) {
-    while (auto reply = receiveReply(socket)) {
-      if (reply->serial != request.serial) {
-        continue;
+  send(request);
+  for (;;) {
+    BrokerReply reply = receive();
+    if (reply.serial == startedSerial) {
+      started = std::move(reply);
+    } else if (reply.serial == request.serial) {
+      if (reply.error != 0) {
+        throw Ox_ErrnoException(orvane::kStoreFailed, reply.text, "");
       }
-      if (reply->error != 0) {
-        throw Ox_ErrnoException(orvane::kStoreFailed, reply->text, "");
-      }
-      return std::move(*reply);
+      return reply;
     }
   }
-  throw Ox_ErrnoException(orvane::kStoreFailed,
-                          "the process that opens this worker's files has ended", "");
+}
+
+void BrokerClient::start(BrokerRequest request) {
+  send(request);
+  started.reset();
+  startedSerial = request.serial;
+}
+
+std::optional<BrokerReply> BrokerClient::startedReply(bool wait) {
+  while (!started && (wait || hasReply())) {
+    BrokerReply reply = receive();
+    if (reply.serial == startedSerial) {
+      started = std::move(reply);
+    }
+  }
+  return std::exchange(started, std::nullopt);
+}
+
+void BrokerClient::send(BrokerRequest& request) {
+  request.serial = ++serial;
+  if (!sendRequest(socket, request)) {
+    throwBrokerEnded();
+  }
+}
+
+BrokerReply BrokerClient::receive() {
+  auto reply = receiveReply(socket);
+  if (!reply) {
+    throwBrokerEnded();
+  }
+  return std::move(*reply);
+}
+
+bool BrokerClient::hasReply() const {
+  pollfd reply = {socket.get(), POLLIN, 0};
+  return poll(&reply, 1, 0) > 0;
 }
 
 void BrokerClient::checkStore() {
@@ -111,6 +151,18 @@ std::vector<std::string> BrokeredDirectory::names() {
       return found;
     }
   }
+}
+
+void BrokeredDirectory::startFinish(const std::string& finalName, const std::string& line) {
+  broker.start({.call = BrokerCall::finishSegment, .area = area, .name = finalName, .other = line});
+}
+
+std::optional<FinishResult> BrokeredDirectory::finishResult(bool wait) {
+  auto reply = broker.startedReply(wait);
+  if (!reply) {
+    return std::nullopt;
+  }
+  return FinishResult{reply->number != 0, std::move(reply->text)};
 }
 
 StoreAccess::NewStream BrokeredAccess::createStream() {

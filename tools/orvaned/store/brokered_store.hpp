@@ -21,6 +21,12 @@ class BrokerClient {
   // Throws Ox_ErrnoException (orvane::kStoreFailed) with the broker's text.
   BrokerReply call(BrokerRequest request);
 
+  // Sends a request whose reply is taken later, by the next call: one at a time.
+  void start(BrokerRequest request);
+
+  // That reply. If not `wait`, nothing while it has not come. Throws when the broker has died.
+  std::optional<BrokerReply> startedReply(bool wait);
+
   // Throws std::runtime_error like checkWritable().
   void checkStore();
 
@@ -30,11 +36,16 @@ class BrokerClient {
   void redirectLog();
 
  private:
+  void send(BrokerRequest& request);
+  BrokerReply receive();
+  bool hasReply() const;
   static void sendLine(const LogLine& line);
   bool trySend(const LogLine& line);
 
   const tool::Fd socket;
   std::uint32_t serial = 0;
+  std::uint32_t startedSerial = 0;
+  std::optional<BrokerReply> started;  // a reply that came before it was asked for
   std::uint64_t dropped = 0;
 };
 
@@ -54,6 +65,9 @@ class BrokeredDirectory : public StreamDirectory {
   void rename(const std::string& from, const std::string& to) override;
   void sync() override;
   std::vector<std::string> names() override;
+  bool finishesInBackground() const override { return true; }
+  void startFinish(const std::string& finalName, const std::string& line) override;
+  std::optional<FinishResult> finishResult(bool wait) override;
 
  private:
   BrokerReply call(BrokerCall what, const std::string& name, std::uint64_t number = 0,

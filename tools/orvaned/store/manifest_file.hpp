@@ -44,11 +44,13 @@ class Manifest {
   void resume(std::uint64_t size) { file.resume(size); }
 
   void add(const SegmentSummary& segment) { line(textOf(segment)); }
+  void add(const std::string& segmentLine) { line(segmentLine); }
   void add(const tool::UnfinishedFile& unfinished) { line(textOf(unfinished)); }
   void addDamaged(const std::string& name, const std::string& reason);
 
   void flush() { file.flush(); }
   void settle() { file.settle(); }
+  void catchUp() { file.catchUp(); }
 
   // Adds the last lines, with or without those that only the stream's own server knows; or adds
   // none.

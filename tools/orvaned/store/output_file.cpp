@@ -101,6 +101,10 @@ void OutputFile::resume(std::uint64_t size) {
   dataSynced = false;  // the process that wrote it may not have synced it
 }
 
+void OutputFile::catchUp() {
+  end = ::lseek(fd.get(), 0, SEEK_END);
+}
+
 void OutputFile::writeBuffer() {
   const Bytes bytes(buffer.get(), buffered);
   write(bytes);
@@ -163,7 +167,7 @@ void OutputFile::startWriting() {
 void OutputFile::create() {
   fd = folder->append(name);
   created = true;
-  end = ::lseek(fd.get(), 0, SEEK_END);
+  catchUp();
 }
 
 // A file that was removed accepts every byte and loses all of them when it is closed.

@@ -42,6 +42,9 @@ class OutputFile {
   // Continues an existing file after its first `size` bytes.
   void resume(std::uint64_t size);
 
+  // Goes on after what another process has appended to the file.
+  void catchUp();
+
   // What this object has written to the file; after a flush, everything that was appended.
   std::uint64_t records() const { return writtenRecords; }
   std::uint64_t bytes() const { return writtenBytes; }

@@ -1,12 +1,19 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "shm/fd.hpp"
 
 namespace orvaned {
+
+// What became of a segment that was finished in the background.
+struct FinishResult {
+  bool listed = false;  // the manifest has its line
+  std::string error;    // empty: all of it is done
+};
 
 // The folder of one stream: LocalDirectory uses the folder itself, BrokeredDirectory asks the
 // broker of a confined process. Every name is that of a file in the folder. Nothing here follows a
@@ -40,6 +47,13 @@ class StreamDirectory {
 
   // The folder's descriptor, which holds its lock; -1 if there is none.
   virtual int lockedFile() const { return -1; }
+
+  // Can finish a segment (segment_finish.hpp) while its caller goes on, one segment at a time?
+  virtual bool finishesInBackground() const { return false; }
+  virtual void startFinish(const std::string& /*finalName*/, const std::string& /*line*/) {}
+
+  // The result of the last start. If not `wait`, nothing while the segment is not finished yet.
+  virtual std::optional<FinishResult> finishResult(bool /*wait*/) { return std::nullopt; }
 
   // For messages only.
   std::string pathOf(const std::string& name) const { return folder + "/" + name; }

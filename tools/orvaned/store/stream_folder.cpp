@@ -32,6 +32,17 @@ StreamFolder::Segment::Segment(StreamDirectory* folder, const pvk_shm_message_t&
   summary.parameters[2] = first.segParam3;
 }
 
+SegmentSummary StreamFolder::Segment::line(std::string fileName) const {
+  SegmentSummary line = summary;
+  line.records = file.records();
+  line.bytes = file.bytes();
+  line.checksum = file.checksum();
+  if (line.bytes > 0) {
+    line.file = std::move(fileName);
+  }
+  return line;
+}
+
 StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
                            const std::string& stream, Sync sync)
     : folder(std::move(folder)),
@@ -49,7 +60,10 @@ void StreamFolder::storeSegmentData(const ShmBatch::Entry& entry) {
 
 void StreamFolder::endSegment(const pvk_shm_message_t& header) {
   begin(header);
-  finishSegment();
+  awaitFinish();
+  if (!startFinish()) {
+    finishSegment();
+  }
 }
 
 void StreamFolder::storeOther(const ShmBatch::Entry& entry) {
@@ -62,19 +76,22 @@ void StreamFolder::flush() {
   }
   other.flush();
   manifest.flush();
+  takeFinishResult(false);
 }
 
 void StreamFolder::end(orvane::StreamEnd how, const std::string& reason, std::uint64_t skipped) {
   summary.receipt.end = how;
-  try {
-    settle();
-  } catch (const Ox_ErrnoException&) {
-    if (how != orvane::StreamEnd::broken) {
-      throw;
+  for (const auto step : {&StreamFolder::settle, &StreamFolder::awaitFinish}) {
+    try {
+      (this->*step)();
+    } catch (const Ox_ErrnoException&) {
+      if (how != orvane::StreamEnd::broken) {
+        throw;
+      }
     }
   }
   if (segment) {
-    how == orvane::StreamEnd::closed ? finishSegment() : abandonSegment();
+    how == orvane::StreamEnd::closed ? finishSegment() : abandon(*std::exchange(segment, nullptr));
   }
   // Only once: a manifest whose writing failed must not be continued.
   if (!std::exchange(manifestTried, true)) {
@@ -96,6 +113,38 @@ void StreamFolder::settle() {
   manifest.flush();
 }
 
+// The manifest's file must hold all of its lines: the broker adds the next one.
+bool StreamFolder::startFinish() {
+  if (sync != Sync::segment || !folder || !folder->finishesInBackground()) {
+    return false;
+  }
+  segment->file.flush();
+  manifest.flush();
+  if (segment->file.bytes() == 0) {
+    return false;
+  }
+  folder->startFinish(segment->name, textOf(segment->line(segment->name)));
+  finishing = std::move(segment);
+  return true;
+}
+
+void StreamFolder::takeFinishResult(bool wait) {
+  const auto result = finishing ? folder->finishResult(wait) : std::nullopt;
+  if (!result) {
+    return;
+  }
+  const auto ended = std::move(finishing);
+  manifest.catchUp();
+  if (result->listed) {
+    count(summary.receipt, ended->line(ended->name));
+  } else {
+    abandon(*ended);
+  }
+  if (!result->error.empty()) {
+    throw Ox_ErrnoException(orvane::kStoreFailed, result->error, "");
+  }
+}
+
 // The manifest has its line before the file gets its final name, so that every file with a final
 // name can be checked.
 void StreamFolder::finishSegment() {
@@ -106,19 +155,12 @@ void StreamFolder::finishSegment() {
   ended->file.finish(ended->name);
 }
 
-void StreamFolder::abandonSegment() {
-  const auto ended = std::move(segment);
-  list(*ended, ended->name + kUnfinished);
+void StreamFolder::abandon(const Segment& ended) {
+  list(ended, ended.name + kUnfinished);
 }
 
 void StreamFolder::list(const Segment& ended, std::string fileName) {
-  SegmentSummary line = ended.summary;
-  line.records = ended.file.records();
-  line.bytes = ended.file.bytes();
-  line.checksum = ended.file.checksum();
-  if (line.bytes > 0) {
-    line.file = std::move(fileName);
-  }
+  const SegmentSummary line = ended.line(std::move(fileName));
   count(summary.receipt, line);
   manifest.add(line);
 }

@@ -14,7 +14,9 @@ namespace orvaned {
 //   segment-000000   the data of a segment, under its final name once the segment has ended
 //   other-records    records of other types: 48-byte header and data, as they came
 //   manifest         the list of it all (manifest_file.hpp), once the stream has ended
-// Stores every record that it gets; StreamState checks them before. Throws Ox_ErrnoException
+// Stores every record that it gets; StreamState checks them before. With Sync::segment, a segment
+// that has ended is finished (segment_finish.hpp) while the next one is stored; the end of that one
+// and the end of the stream wait for it. Throws Ox_ErrnoException
 // (orvane::kStoreFailed); the stream can then only be ended as broken.
 class StreamFolder {
  public:
@@ -26,7 +28,8 @@ class StreamFolder {
   void endSegment(const orvane::pvk_shm_message_t& header);
   void storeOther(const orvane::ShmBatch::Entry& entry);
 
-  // Passes to the system what was stored so far; with Sync::always, to the disk.
+  // Passes to the system what was stored so far; with Sync::always, to the disk. Fails if a segment
+  // could not be finished in the background.
   void flush();
 
   // Ends the stream. Closing it also ends its last segment; otherwise that segment stays marked as
@@ -41,6 +44,7 @@ class StreamFolder {
  private:
   struct Segment {
     Segment(StreamDirectory* folder, const orvane::pvk_shm_message_t& first, Sync sync);
+    SegmentSummary line(std::string fileName) const;
 
     SegmentSummary summary;
     std::string name;
@@ -49,8 +53,11 @@ class StreamFolder {
 
   void begin(const orvane::pvk_shm_message_t& first);
   void settle();
+  bool startFinish();
+  void takeFinishResult(bool wait);
+  void awaitFinish() { takeFinishResult(true); }
   void finishSegment();
-  void abandonSegment();
+  void abandon(const Segment& ended);
   void list(const Segment& ended, std::string fileName);
   void finishManifest(const std::string& reason, std::uint64_t skipped);
 
@@ -60,7 +67,8 @@ class StreamFolder {
   bool manifestTried = false;
   OutputFile other;
   std::unique_ptr<Segment> segment;
-  StreamSummary summary;  // of what has ended so far
+  std::unique_ptr<Segment> finishing;  // the one before, in the background
+  StreamSummary summary;               // of what has ended so far
 };
 
 // Appends a record in wire form.
