@@ -18,7 +18,7 @@ def check_store(scene):
 
 def check_origin(scene, stream):
     """What is stored was sent: all of it when the stream is closed, else its beginning."""
-    if scene.strangers and stream.queue == scene.queue:
+    if stream.queue in scene.strangers:
         return
     if stream.end == "closed":
         known = any(map(stream.holds, scene.contents))

@@ -56,7 +56,9 @@ class Scene:
         self.moment = "missed"
         self.may_fail = 0
         self.dead_runs = []  # the processes of servers that the case only pretends to have been
-        self.strangers = False  # another program also sends to the fixed name
+        self.strangers = set()  # the queues and rings that another program also sends to
+        self.has_queue = True  # a fixed one
+        self.transports = ["queue", "ring"]  # of a lease
         self.undo = lambda: None  # what an administrator would mend after the fault
         self.needs_recovery = False  # what the store refused, only the next start can finish
 
@@ -69,9 +71,9 @@ class Scene:
                     self.folder, [*self.prefix, *command], **options)
 
     def start_server(self, prefix=(), environment=None, options=(), is_ready=None):
-        command = [*prefix, self.binaries / "orvaned", "--queue", self.queue,
-                   "--socket", self.socket, "--store", self.store, "--sync", self.sync,
-                   *self.geometry, *options]
+        queue = ["--queue", self.queue] if self.has_queue else []
+        command = [*prefix, self.binaries / "orvaned", *queue, "--socket", self.socket,
+                   "--store", self.store, "--sync", self.sync, *self.geometry, *options]
         server = self.program(Server, "orvaned", command, environment=environment,
                               is_ready=is_ready or self.says_ready)
         self.servers.append(server)
@@ -79,11 +81,17 @@ class Scene:
 
     def says_ready(self, server):
         return all(re.search(rf" serving .*{re.escape(place)}[ ,]", server.errors)
-                   for place in (self.queue, str(self.socket)))
+                   for place in [self.queue, str(self.socket)][not self.has_queue:])
 
     def has_names(self, _server):
         """For a server whose log may fail: before it, nobody had these names."""
         return self.socket.exists() and self.seen(SHM + "/" + self.queue).exists()
+
+    def use_rings_only(self):
+        """The server has no queue, and all producers ask for rings."""
+        self.has_queue = False
+        self.transports = ["ring"]
+        self.way = self.rng.choice(["one leased", "eight leased"])
 
     def serve(self, **options):
         """A server that is ready; one that a fault may keep from it is for start_server()."""
@@ -99,9 +107,9 @@ class Scene:
         self.contents.append(file.read_bytes())
         return file
 
-    def start_send(self, way, files, prefix=(), environment=None, timeout=30):
+    def start_send(self, way, files, prefix=(), environment=None, timeout=30, transport=None):
         place = ["--queue", self.queue] if way == "fixed" else [
-            "--socket", self.socket, "--transport", self.rng.choice(["queue", "ring"])]
+            "--socket", self.socket, "--transport", transport or self.rng.choice(self.transports)]
         command = [*prefix, self.binaries / "orvane", "send", *place, "--timeout", timeout,
                    "--segment-size", self.segment_size, *files]
         send = self.program(Send, "send", command, files=files, timeout=timeout,
@@ -173,16 +181,21 @@ class Scene:
             if server.process.returncode != 0 and not (server.killed or server.may_give_up):
                 raise Broken(f"{server.name} ended by itself: {server.errors.strip()[-400:]}")
             server = self.serve()
-        self.check_new_producer("fixed")
+        if self.has_queue:
+            self.check_new_producer("fixed")
         self.check_new_producer("leased")
+        if self.has_queue:
+            self.check_example()
+        if server.held_at_start:
+            poll(server.holds_no_more_than_at_start, STOP_BOUND,
+                 f"{server.name} did not come back to {server.held_at_start} files, workers, KiB")
+
+    def check_example(self):
         example = self.program(Program, "smallest_producer",
                                [self.binaries / "smallest_producer", self.queue])
         self.others.append(example)
         if example.wait() != 0:
             raise Broken(f"the example failed: {example.errors.strip()}")
-        if server.held_at_start:
-            poll(server.holds_no_more_than_at_start, STOP_BOUND,
-                 f"{server.name} did not come back to {server.held_at_start} files, workers, KiB")
 
     def check_recovery(self):
         """Nothing is left of dead servers, whose last processes may outlive them a little."""
@@ -194,7 +207,7 @@ class Scene:
 
     def check_new_producer(self, way):
         """A new producer is served, if other programs use its queue after the answers to their messages."""
-        for _ in range(50 if self.strangers and way == "fixed" else 1):
+        for _ in range(50 if way == "fixed" and self.queue in self.strangers else 1):
             probe = self.start_send(way, [self.new_file(3000)])
             if probe.wait() == 0:
                 return

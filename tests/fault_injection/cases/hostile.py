@@ -165,7 +165,7 @@ def attack_beside_leases(scene):
     """Leaves the fixed queue to the attacker; the producers with a lease must not notice."""
     if scene.way.startswith("one fixed"):
         scene.way = scene.rng.choice(["one leased", "eight leased"])
-    scene.strangers = True
+    scene.strangers.add(scene.queue)
     scene.send()
     scene.until_an_instant()
 
@@ -206,3 +206,8 @@ def record(rng, number):
 def record_of(kind, place):
     """An open or a close."""
     return struct.pack(">IIQQIIIIII", kind, 0, place, 0, 1, 0, 0, 0, 0, 0xAABBCCDD)
+
+
+def data_of(place, data):
+    """A record of the first segment, however large."""
+    return struct.pack(">IIQQIIIIII", 1, len(data), place, 0, 0, 1, 0, 0, 0, 0xAABBCCDD) + data
