@@ -174,6 +174,12 @@ class Scene:
             server.check_end()
         self.check_leftovers()
 
+    def require_stored(self, sends):
+        """Of producers that have ended and must not have noticed the fault."""
+        for send in sends:
+            if send.process.returncode != 0:
+                raise Broken(f"{send.name} noticed what it must not: {send.errors.strip()}")
+
     def check_service(self):
         """The same server, or else the next one at the same place, serves new producers."""
         server = self.servers[-1]

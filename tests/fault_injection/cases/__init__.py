@@ -25,4 +25,4 @@ def case(text, needs=(), often=1):
 
 
 from cases import (processes, system_calls, space, hostile, names, clock, log,  # noqa: E402,F401
-                   supervisor, rings)  # noqa: E402,F401
+                   supervisor, rings, instructions)  # noqa: E402,F401
