@@ -1,5 +1,5 @@
-"""Producers that break the rules of their rings. The streams of others go on; the lease ends with
-its reason, or goes on where no rule was broken."""
+"""Producers that break the rules of their rings, while the streams of others go on: the lease ends
+with its reason, or goes on where no rule was broken. And what a server of rings has in /dev/shm."""
 
 import contextlib
 import os
@@ -9,6 +9,7 @@ import socket
 
 from cases import case
 from cases.hostile import data_of, record_of
+from cases.space import mount
 from programs import START_BOUND, Broken, poll
 from ring import ANSWERS_TAKEN, BYTES, LINE, PAGE, TAIL, Ring
 
@@ -95,6 +96,22 @@ def ring_files_sent(scene):
             if ring.over or not ring.packets[0].endswith(" end=closed"):
                 raise Broken(f"{ring.queue} was not served: {ring.packets}")
         check_given_back(kept, passed)
+
+
+@case("/dev/shm of 1 MiB: everything is stored over rings, and queues are refused",
+      needs=("mounts",))
+def small_shm_with_rings(scene):
+    mount(scene, "/dev/shm", 1 << 20)
+    scene.use_rings_only()
+    scene.geometry = ["--messages", 1, "--message-size", "1MiB"]
+    scene.serve()
+    scene.moment = "before"
+    sends = scene.send()
+    refused = scene.start_send("leased", [scene.new_file(3000)], transport="queue")
+    if refused.wait() != 1 or "--shm-limit" not in refused.errors:
+        raise Broken(f"{refused.name} was not refused with a reason: {refused.errors.strip()}")
+    scene.may_fail = 1
+    scene.undo = lambda: scene.require_stored(sends)
 
 
 @contextlib.contextmanager
