@@ -6,11 +6,13 @@ import os
 import random
 import select
 import socket
+from pathlib import Path
 
 from cases import case
 from cases.hostile import data_of, record_of
+from cases.processes import EVERYBODY
 from cases.space import mount
-from programs import START_BOUND, Broken, poll
+from programs import START_BOUND, STOP_BOUND, Broken, living_processes, poll
 from ring import ANSWERS_TAKEN, BYTES, LINE, PAGE, TAIL, Ring
 
 BROKEN_RULE = "failed 1000 The producer broke the rules of its ring: "
@@ -112,6 +114,27 @@ def small_shm_with_rings(scene):
         raise Broken(f"{refused.name} was not refused with a reason: {refused.errors.strip()}")
     scene.may_fail = 1
     scene.undo = lambda: scene.require_stored(sends)
+
+
+@case("SIGKILL to all processes of a server of rings: nothing of it is left in /dev/shm", often=2)
+def ring_server_killed(scene):
+    scene.use_rings_only()
+    server = scene.serve()
+    scene.send(may_fail=EVERYBODY)
+    scene.until_an_instant()
+    server.kill_all()
+    poll(lambda: not living_processes(server.pid), STOP_BOUND,
+         f"the processes of {server.name} were not gone")
+    if left := [path.name for path in scene.our_shm_files()]:
+        raise Broken(f"left in /dev/shm by a server of rings: {', '.join(left)}")
+    gone = [path for path in (scene.socket, Path(f"{scene.socket}.lock")) if not path.exists()]
+    if gone:
+        raise Broken(f"no longer there, and so not found by the next server: {gone}")
+    streams = scene.streams()
+    scene.serve()
+    scene.check_recovery()
+    if lost := set(streams) - set(scene.streams()):
+        raise Broken(f"streams of the dead server that the next one did not finish: {lost}")
 
 
 @contextlib.contextmanager
