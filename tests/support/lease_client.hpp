@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <queue/message_queue.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -71,12 +72,18 @@ class Producer {
 
 // A producer with a lease.
 struct LeasedProducer {
+  // Throws the server's answer if it gives no lease.
   explicit LeasedProducer(const std::string& socketPath)
-      : client(socketPath), name(client.ask()), queues(name) {}
+      : client(socketPath), name(granted(client.ask())), queues(name) {}
 
   LeaseClient client;
   const std::string name;
   Producer queues;
+
+ private:
+  static std::string granted(const std::string& answer) {
+    return answer.starts_with("orvane-") ? answer : throw std::runtime_error(answer);
+  }
 };
 
 }  // namespace orvane::test
