@@ -11,8 +11,19 @@ def size_name(size):
     return f"{size} B" if size < 1024 else f"{size // 1024} KiB"
 
 
-def lines_of(path):
+def all_lines_of(path):
     return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
+
+
+def lines_of(path):
+    """The measurements; not what was left out because it failed."""
+    return [record for record in all_lines_of(path) if "left_out" not in record]
+
+
+def left_out_of(results):
+    """What failed twice in one round, of all questions."""
+    return [record for path in sorted(results.glob("*.jsonl")) for record in all_lines_of(path)
+            if "left_out" in record]
 
 
 def by_round(records, keys, value):

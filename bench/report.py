@@ -9,6 +9,7 @@ moment of the machine hits both sides of some rounds and does not move the media
 
 import argparse
 import collections
+import math
 import os
 import pathlib
 import platform
@@ -18,15 +19,25 @@ import subprocess
 import sys
 import time
 
-from measured import (SIZES, Google, by_round, lines_of, mechanism_of, median, size_name, stream_runs,
-                      stream_sizes)
+from measured import (SIZES, Google, by_round, left_out_of, lines_of, mechanism_of, median, size_name,
+                      stream_runs, stream_sizes)
 
 SINGLE_PEERS = ["pipe", "Unix stream", "ZeroMQ", "nng"]
 
 
+def ratios(left, right):
+    """The ratio of each round that measured both."""
+    return [left[n] / right[n] for n in left if n in right]
+
+
 def ratio(left, right):
-    """The median of the rounds' ratios."""
-    return statistics.median(left[n] / right[n] for n in left if n in right)
+    """The median of the rounds' ratios; not a number if no round measured both."""
+    found = ratios(left, right)
+    return statistics.median(found) if found else float("nan")
+
+
+def in_text(value):
+    return "-" if math.isnan(value) else f"{value:.{2 if value < 10 else 0}f}"
 
 
 def table(head, rows):
@@ -74,8 +85,8 @@ def stream_table(results, work):
         for size in sizes:
             run = runs.get((form, size, work))
             if run:
-                times = ratio(runs["orvane", size, work], run)
-                row.append(f"{median(run) / 1e6:,.0f} MB/s (x{times:.{2 if times < 10 else 0}f})")
+                times = ratio(runs.get(("orvane", size, work), {}), run)
+                row.append(f"{median(run) / 1e6:,.0f} MB/s (x{in_text(times)})")
             else:
                 row.append("-")
         rows.append(row)
@@ -109,8 +120,8 @@ def goal_rows(runs, label, work, forms, wanted):
         if form is None:
             row.append("-")
             continue
-        times = ratio(runs["orvane", size, work], runs[form, size, work])
-        row.append(f"{times:.{2 if times < 10 else 0}f} / {goal:g}")
+        times = ratio(runs.get(("orvane", size, work), {}), runs[form, size, work])
+        row.append(f"{in_text(times)} / {goal:g}")
     return row
 
 
@@ -141,7 +152,7 @@ def round_trip_table(results):
     rows = []
     for key in sorted((key for key in p50 if key[1] == 0), key=lambda key: median(p50[key])):
         rows.append([key[0], f"{median(p50[key]):.1f} us", f"{median(p99[key]):.1f} us",
-                     f"{ratio(p50[key], unix):.2f}" if unix else "-"])
+                     in_text(ratio(p50[key], unix)) if unix else "-"])
     return table(["there and back", "p50", "p99", "p50 / Unix stream's"], rows)
 
 
@@ -152,15 +163,18 @@ def idle_table(results):
     return table(["pairs", "of one core", "each"], rows)
 
 
+def speed(run):
+    return f"{median(run) / 1e6:,.0f} MB/s" if run else "-"
+
+
 def demo_table(results):
     runs = by_round(lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
     rows = []
     for size in sorted({size for _, size in runs}):
-        stream, null = runs["stream", size], runs["null store", size]
-        disk, dd = runs["disk", size], runs["dd", size]
-        rows.append([size_name(size), f"{median(stream) / 1e6:,.0f} MB/s", f"{median(null) / 1e6:,.0f} MB/s",
-                     f"{ratio(null, stream):.2f}", f"{median(dd) / 1e6:,.0f} MB/s",
-                     f"{median(disk) / 1e6:,.0f} MB/s", f"{ratio(disk, dd):.2f}"])
+        stream, null, disk, dd = (runs.get((form, size), {}) for form in
+                                  ("stream", "null store", "disk", "dd"))
+        rows.append([size_name(size), speed(stream), speed(null), in_text(ratio(null, stream)),
+                     speed(dd), speed(disk), in_text(ratio(disk, dd))])
     return table(["records of", "stream", "null store", "ratio", "dd", "disk", "ratio"], rows)
 
 
@@ -174,7 +188,7 @@ def sweep_rows(records, key, default):
         row = [setting]
         for size in sizes:
             run = runs.get((setting, size))
-            row.append(f"{ratio(run, runs[default, size]):.2f}" if run else "-")
+            row.append(in_text(ratio(run, runs.get((default, size), {}))) if run else "-")
         rows.append(row)
     return sizes, rows
 
@@ -199,6 +213,17 @@ def pause_table(results):
             row.append(f"{median(run):,.0f} us" if run else "-")
         row.append(f"{idle[pauses]:.2f} %" if pauses in idle else "-")
     return table(["shortest-longest, us", "stream of 1 KiB", "round trip", "after 20 ms", "idle"], rows)
+
+
+def left_out_table(results):
+    rows = []
+    for record in left_out_of(results):
+        case = ", ".join(f"{name} {value}" for name, value in record.items()
+                         if name not in ("question", "round", "left_out"))
+        rows.append([record["question"], case, str(record["round"]), record["left_out"]])
+    if not rows:
+        return "Nothing was left out because it failed."
+    return table(["question", "left out", "from round", "because"], rows)
 
 
 def first_line(command):
@@ -253,7 +278,7 @@ def main():
     parser.add_argument("results", type=pathlib.Path)
     parser.add_argument("--docs", type=pathlib.Path)
     arguments = parser.parse_args()
-    blocks = {"machine": machine()}
+    blocks = {"machine": machine(), "left-out": left_out_table(arguments.results)}
     for name, make in TABLES.items():
         made = make(arguments.results)
         if made.count("\n") > 1:

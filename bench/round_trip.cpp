@@ -6,6 +6,7 @@
 #include <random>
 #include <thread>
 
+#include "attempts.hpp"
 #include "command_line.hpp"
 #include "load.hpp"
 #include "queue_link.hpp"
@@ -140,6 +141,12 @@ void throughServer(const Setup& setup, unsigned think, Trips& trips) {
   makeTrips(setup, think, there, back, trips);
 }
 
+Run inProcess(const std::string& name, const Run& run) {
+  return [name, run](const Setup& setup, unsigned think, Trips& trips) {
+    runAlone(name, [&] { run(setup, think, trips); });
+  };
+}
+
 struct Form {
   std::string name;
   Run run;
@@ -161,7 +168,7 @@ std::vector<Form> allForms(const Setup& setup) {
         {"polling " + pauses, betweenTwo("queues", queues(Wait::polling, pausesNamed(pauses)))});
   }
   if (!setup.orvaned.empty()) {
-    all.push_back({"orvaned", throughServer});
+    all.push_back({"orvaned", inProcess("orvaned", throughServer)});
   }
   const std::size_t batch = Load(kDataSize).batchSize(256);
   for (const Peer& peer : peers()) {
@@ -183,12 +190,10 @@ float percentile(Trips& trips, std::size_t percent) {
   return trips.microseconds[index];
 }
 
-void print(const Form& form, unsigned think, int round, Trips& trips) {
-  std::printf(R"({"question":"round trip","form":"%s","think_us":%u,"round":%d,"trips":%zu,)"
-              R"("p50_us":%.2f,"p99_us":%.2f})"
+void print(const std::string& fields, int round, Trips& trips) {
+  std::printf(R"({"question":"round trip",%s,"round":%d,"trips":%zu,"p50_us":%.2f,"p99_us":%.2f})"
               "\n",
-              form.name.c_str(), think, round, trips.count, percentile(trips, 50),
-              percentile(trips, 99));
+              fields.c_str(), round, trips.count, percentile(trips, 50), percentile(trips, 99));
   std::fflush(stdout);
 }
 
@@ -199,13 +204,17 @@ void runAll(const Setup& setup) {
       return std::find(setup.forms.begin(), setup.forms.end(), form.name) == setup.forms.end();
     });
   }
+  Attempts attempts("round trip");
   for (int round = 0; round < setup.rounds; ++round) {
     std::shuffle(forms.begin(), forms.end(), std::mt19937(static_cast<unsigned>(round)));
     for (const unsigned think : setup.thinks) {
       for (const Form& form : forms) {
-        const Shared<Trips> trips;
-        form.run(setup, think, *trips);
-        print(form, think, round, *trips);
+        const std::string fields = field("form", form.name) + "," + field("think_us", think);
+        attempts.measure(fields, round, [&] {
+          const Shared<Trips> trips;
+          form.run(setup, think, *trips);
+          print(fields, round, *trips);
+        });
       }
     }
   }

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +41,18 @@ double cpuSecondsOf(pid_t pid) {
   return static_cast<double>(user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+// The socket's file is there before anybody listens.
+bool listensAt(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  const bool connected =
+      connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(connection);
+  return connected;
+}
+
 }  // namespace
 
 Served::Served(const std::string& program, const std::string& store)
@@ -52,8 +66,9 @@ Served::Served(const std::string& program, const std::string& store)
           "--log-level", "error", "--pairs-per-user", "256", nullptr);
     _exit(127);
   }
-  for (int looks = 0; !std::filesystem::exists(path); ++looks) {
+  for (int looks = 0; !listensAt(path); ++looks) {
     if (looks == kMostLooks || waitpid(pid, nullptr, WNOHANG) != 0) {
+      kill(pid, SIGTERM);
       throw std::runtime_error(program + " does not serve");
     }
     usleep(kLook);

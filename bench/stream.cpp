@@ -5,6 +5,7 @@
 #include <random>
 #include <stdexcept>
 
+#include "attempts.hpp"
 #include "command_line.hpp"
 #include "forms.hpp"
 
@@ -17,6 +18,8 @@ struct Setup {
   std::vector<std::string> forms;
   std::vector<std::string> geometries = {"8x1048968"};
   std::vector<std::string> pauses = {"50-5000"};
+  std::string fail;
+  int failures = 1;
   int rounds = 5;
   double seconds = 0.2;
 };
@@ -45,6 +48,12 @@ std::vector<Case> allCases(const Setup& setup, const std::vector<Form>& forms) {
   return cases;
 }
 
+std::string fieldsOf(const Case& one) {
+  return field("form", one.form->name) + "," + field("geometry", one.geometry) + "," +
+         field("pauses", one.pauses) + "," + field("size", one.size) + "," +
+         field("work", one.work);
+}
+
 void run(const Case& one, int round, Clock::duration time) {
   Geometry geometry = geometryNamed(one.geometry);
   geometry.pauses = pausesNamed(one.pauses);
@@ -53,16 +62,32 @@ void run(const Case& one, int round, Clock::duration time) {
   if (!rate) {
     return;
   }
-  std::printf(R"({"question":"stream","form":"%s","geometry":"%s","pauses":"%s","size":%zu,)"
-              R"("work":"%s","round":%d,"bytes_per_second":%.0f})"
+  std::printf(R"({"question":"stream",%s,"round":%d,"bytes_per_second":%.0f})"
               "\n",
-              one.form->name.c_str(), one.geometry.c_str(), one.pauses.c_str(), one.size,
-              one.work.c_str(), round, *rate);
+              fieldsOf(one).c_str(), round, *rate);
   std::fflush(stdout);
 }
 
+// The same form, but its producer fails so many times before it works.
+Form failing(Form form, int times) {
+  const auto left = std::make_shared<int>(times);
+  form.make = [make = form.make, left](const Geometry& geometry, std::size_t capacity) {
+    --*left;
+    return make(geometry, capacity);
+  };
+  form.produce = [produce = form.produce, left](Link& link, const Load& load, std::size_t capacity,
+                                                Clock::duration time) {
+    if (*left >= 0) {
+      throw std::runtime_error("the producer fails, as --fail asks");
+    }
+    return produce(link, load, capacity, time);
+  };
+  return form;
+}
+
 // Of all forms, or of those that were asked for.
-std::vector<Form> chosenForms(const std::vector<std::string>& names) {
+std::vector<Form> chosenForms(const Setup& setup) {
+  const std::vector<std::string>& names = setup.forms;
   std::vector<Form> chosen;
   for (const Form& form : allForms()) {
     if (!names.empty() && std::find(names.begin(), names.end(), form.name) == names.end()) {
@@ -72,7 +97,7 @@ std::vector<Form> chosenForms(const std::vector<std::string>& names) {
       std::fprintf(stderr, "left out: %s (%s)\n", form.name.c_str(), form.missing.c_str());
       continue;
     }
-    chosen.push_back(form);
+    chosen.push_back(form.name == setup.fail ? failing(form, setup.failures) : form);
   }
   return chosen;
 }
@@ -81,13 +106,14 @@ std::vector<Form> chosenForms(const std::vector<std::string>& names) {
 void runAll(const Setup& setup) {
   const auto time =
       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(setup.seconds));
-  const std::vector<Form> forms = chosenForms(setup.forms);
+  const std::vector<Form> forms = chosenForms(setup);
   std::vector<Case> cases = allCases(setup, forms);
+  Attempts attempts("stream");
   std::mt19937 random;
   for (int round = 0; round < setup.rounds; ++round) {
     std::shuffle(cases.begin(), cases.end(), random);
     for (const Case& one : cases) {
-      run(one, round, time);
+      attempts.measure(fieldsOf(one), round, [&] { run(one, round, time); });
     }
   }
 }
@@ -105,6 +131,8 @@ int main(int argc, char** argv) {
   line.add("--form", setup.forms, "Which forms; all without it");
   line.add("--geometry", setup.geometries, "MESSAGESxBYTES of orvane's queue");
   line.add("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us");
+  line.add("--fail", setup.fail, "Form whose producer fails, to try what happens then");
+  line.add("--failures", setup.failures, "How many times it fails before it works");
   line.add("--rounds", setup.rounds, "How often everything is measured, in turn");
   line.add("--seconds", setup.seconds, "How long each time");
   return line.run(argc, argv, [&] { bench::runAll(setup); });

@@ -80,4 +80,8 @@ void runTogether(const std::string& name, const std::function<void()>& first,
   }
 }
 
+void runAlone(const std::string& name, const std::function<void()>& work) {
+  runTogether(name, work, [] {});
+}
+
 }  // namespace bench

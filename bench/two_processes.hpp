@@ -53,4 +53,7 @@ class Meeting {
 void runTogether(const std::string& name, const std::function<void()>& first,
                  const std::function<void()>& second);
 
+// The same for one process, so that this program goes on if it fails or hangs.
+void runAlone(const std::string& name, const std::function<void()>& work);
+
 }  // namespace bench
