@@ -1,14 +1,17 @@
 // The whole way: a producer, the real orvaned, and its store, up to the receipt that says that all
-// is stored. Beside it, with a store that keeps nothing, the same records to a reader that decodes
-// them; and with a store on a disk, dd of as many bytes. Prints a line of JSON for each
-// measurement.
+// is stored. Over queues and over a ring. Beside it, with a store that keeps nothing, the same
+// records to a reader in a process of this program; and with a store on a disk, dd of as many
+// bytes. Prints a line of JSON for each measurement.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <utility>
+#include <vector>
 
+#include "attempts.hpp"
 #include "command_line.hpp"
 #include "forms.hpp"
 #include "served.hpp"
@@ -33,17 +36,18 @@ double secondsSince(Clock::time_point begin) {
 }
 
 // Bytes per second, from open() to the receipt.
-double throughServer(const Served& server, const Load& load, std::size_t bytes) {
+double throughServer(const Served& server, orvane::Transport transport, const Load& load,
+                     std::size_t bytes) {
   const std::uint64_t records = bytes / load.data().size();
-  orvane::Lease lease(server.socket(), kTimeout);
-  orvane::ShmWriter writer("", lease.queueName(), kTimeout, kTimeout, false);
+  orvane::Lease lease(server.socket(), kTimeout, transport);
+  const auto writer = orvane::makeWriter("", lease, kTimeout, kTimeout);
   const auto begin = Clock::now();
-  writer.open();
+  writer->open();
   for (std::uint64_t i = 0; i < records; ++i) {
-    writer.writeSegment(load.data().data(), load.data().size());
+    writer->writeSegment(load.data().data(), load.data().size());
   }
-  writer.endSegment();
-  writer.close();
+  writer->endSegment();
+  writer->close();
   const std::string receipt = textOf(lease.receipt(kTimeout));
   const double taken = secondsSince(begin);
   const std::string stored = "records=" + std::to_string(records) +
@@ -72,56 +76,76 @@ void clear(const std::filesystem::path& folder) {
   }
 }
 
-void print(const char* what, std::size_t size, int round, double rate) {
-  std::printf(R"({"question":"demo","form":"%s","size":%zu,"round":%d,"bytes_per_second":%.0f})"
-              "\n",
-              what, size, round, rate);
-  std::fflush(stdout);
-}
+struct Way {
+  std::string name;
+  std::function<double(const Load&)> measure;  // bytes per second
+};
 
-using Measure = std::function<double(const Load&)>;
-
-// Both measures of each size in turn, in each round in another order.
-void compare(const Setup& setup, std::pair<const char*, Measure> one,
-             std::pair<const char*, Measure> other) {
+// All ways with each size in turn, in each round in another order.
+void compare(const Setup& setup, Attempts& attempts, std::vector<Way> ways) {
   for (int round = 0; round < setup.rounds; ++round) {
     for (const std::size_t size : setup.sizes) {
       const Load load(size);
-      print(one.first, size, round, one.second(load));
-      print(other.first, size, round, other.second(load));
+      for (const Way& way : ways) {
+        const std::string fields = field("form", way.name) + "," + field("size", size);
+        attempts.measure(fields, round, [&] {
+          const double rate = way.measure(load);
+          std::printf(R"({"question":"demo",%s,"round":%d,"bytes_per_second":%.0f})"
+                      "\n",
+                      fields.c_str(), round, rate);
+          std::fflush(stdout);
+        });
+      }
     }
-    std::swap(one, other);
+    std::rotate(ways.begin(), ways.begin() + 1, ways.end());
   }
+}
+
+// A stream to a reader that does as much as orvaned with the null store: for a queue it decodes,
+// and for a ring it also touches every byte.
+Way betweenTwo(const std::string& name, const std::string& form, Work work, double seconds) {
+  const auto time =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  const std::vector<Form> forms = allForms();
+  const auto found =
+      std::find_if(forms.begin(), forms.end(), [&](const Form& one) { return one.name == form; });
+  return {name, [form = *found, work, time](const Load& load) {
+            return measure(form, Geometry(), load, work, time)->bytesPerSecond;
+          }};
 }
 
 // The disk comes last: it goes on working when what was asked of it is done.
 void runAll(const Setup& setup) {
+  using orvane::Transport;
   const std::filesystem::path folder = std::filesystem::path(setup.store) / uniqueName();
   std::filesystem::create_directory(folder);
-  const auto time =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(setup.seconds));
-  const Form orvane = allForms().front();
+  Attempts attempts("demo");
+  const auto through = [](const std::string& name, const Served& server, Transport transport,
+                          std::size_t bytes) {
+    return Way{name, [&server, transport, bytes](const Load& load) {
+                 return throughServer(server, transport, load, bytes);
+               }};
+  };
   const Served keepsNothing(setup.orvaned, "/dev/null");
-  compare(
-      setup,
-      {"stream",
-       [&](const Load& load) { return *measure(orvane, Geometry(), load, Work::headers, time); }},
-      {"null store",
-       [&](const Load& load) { return throughServer(keepsNothing, load, setup.bytes * 4); }});
+  compare(setup, attempts,
+          {betweenTwo("stream", "orvane", Work::headers, setup.seconds),
+           through("null store", keepsNothing, Transport::queue, setup.bytes * 4),
+           betweenTwo("ring, stream", "orvane, ring", Work::bytes, setup.seconds),
+           through("ring, null store", keepsNothing, Transport::ring, setup.bytes * 4)});
+  const auto clearing = [&](Way way) {
+    return Way{way.name, [&folder, measure = way.measure](const Load& load) {
+                 clear(folder);  // also what a way that failed has left
+                 const double rate = measure(load);
+                 clear(folder);
+                 return rate;
+               }};
+  };
   const Served keepsAll(setup.orvaned, folder);
-  compare(setup,
-          {"disk",
-           [&](const Load& load) {
-             const double rate = throughServer(keepsAll, load, setup.bytes);
-             clear(folder);
-             return rate;
-           }},
-          {"dd", [&](const Load&) {
-             const double rate = throughDd(folder, setup.bytes);
-             clear(folder);
-             return rate;
-           }});
-  std::filesystem::remove(folder);
+  compare(setup, attempts,
+          {clearing(through("disk", keepsAll, Transport::queue, setup.bytes)),
+           clearing(through("ring, disk", keepsAll, Transport::ring, setup.bytes)),
+           clearing({"dd", [&](const Load&) { return throughDd(folder, setup.bytes); }})});
+  std::filesystem::remove_all(folder);
 }
 
 }  // namespace

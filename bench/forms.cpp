@@ -132,6 +132,8 @@ struct Results {
   Sent sent;
   Clock::time_point begin;
   Clock::time_point finish;
+  double sendersCpu = 0;
+  double receiversCpu = 0;
   Tally tally;
 };
 
@@ -149,7 +151,9 @@ std::vector<Form> allForms() {
       return std::make_unique<QueueLink>(geometry, capacity, wait);
     };
   };
-  const auto ring = [](const Geometry&, std::size_t) { return std::make_unique<LeasedRingLink>(); };
+  const auto ring = [](const Geometry& geometry, std::size_t) {
+    return std::make_unique<LeasedRingLink>(geometry.frame);
+  };
   std::vector<Form> all = {
       {"orvane, ring", Messages::batches, ring, kUnlimited, throughRing, ""},
       {"orvane, ring in place", Messages::batches, ring, kUnlimited, inPlace, ""},
@@ -172,8 +176,8 @@ std::vector<Form> allForms() {
   return all;
 }
 
-std::optional<double> measure(const Form& form, const Geometry& geometry, const Load& load,
-                              Work work, Clock::duration time) {
+std::optional<Speed> measure(const Form& form, const Geometry& geometry, const Load& load,
+                             Work work, Clock::duration time) {
   const bool batches = form.messages == Form::Messages::batches;
   const std::size_t limit = std::min(geometry.messageSize, form.largest);
   const std::size_t capacity = batches ? load.batchSize(limit) : load.recordSize();
@@ -187,8 +191,10 @@ std::optional<double> measure(const Form& form, const Geometry& geometry, const 
       [&] {
         link->beSender();
         results->start.wait();
+        const double cpu = cpuSeconds();
         results->begin = Clock::now();
         results->sent = form.produce(*link, load, capacity, time);
+        results->sendersCpu = cpuSeconds() - cpu;
         results->end.wait();  // some mechanisms send what is left in the background
         link->leave();
       },
@@ -196,11 +202,13 @@ std::optional<double> measure(const Form& form, const Geometry& geometry, const 
         link->beReceiver();
         Tally tally;
         results->start.wait();
+        const double cpu = cpuSeconds();
         while (!tally.ended) {
           const Bytes message = link->receive();
           batches ? tally.takeBatch(message, work) : tally.takeRecord(message, work);
         }
         results->finish = Clock::now();
+        results->receiversCpu = cpuSeconds() - cpu;
         results->tally = tally;
         link->endReceiving();
         results->end.wait();
@@ -208,7 +216,9 @@ std::optional<double> measure(const Form& form, const Geometry& geometry, const 
       });
   results->tally.require(load, results->sent, work);
   const std::chrono::duration<double> taken = results->finish - results->begin;
-  return static_cast<double>(results->tally.dataBytes) / taken.count();
+  const auto bytes = static_cast<double>(results->tally.dataBytes);
+  return Speed{bytes / taken.count(),
+               (results->sendersCpu + results->receiversCpu) / (bytes / 1e9)};
 }
 
 }  // namespace bench

@@ -28,8 +28,13 @@ struct Form {
 // orvane beside the bare queue, and each peer in both forms.
 std::vector<Form> allForms();
 
-// Bytes of data per second, or nothing where not one record fits a message.
-std::optional<double> measure(const Form& form, const Geometry& geometry, const Load& load,
-                              Work work, Clock::duration time);
+struct Speed {
+  double bytesPerSecond;  // of data
+  double cpuPerGb;        // seconds that both processes used for 10^9 bytes of data
+};
+
+// Nothing where not one record fits a message.
+std::optional<Speed> measure(const Form& form, const Geometry& geometry, const Load& load,
+                             Work work, Clock::duration time);
 
 }  // namespace bench

@@ -19,6 +19,7 @@ namespace {
 struct Setup {
   std::string orvaned;
   std::vector<std::size_t> pairs = {1, 4, 16};
+  std::vector<std::size_t> rings = {1, 4, 16};
   std::vector<std::string> pauses;
   double seconds = 10;
 };
@@ -28,11 +29,12 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned kTimeout = 30;
 
 // As a share of one processor.
-double share(const std::string& orvaned, std::size_t pairs, double seconds) {
-  const Served server(orvaned, "/dev/null");
+double share(const std::string& orvaned, orvane::Transport transport, std::size_t count,
+             double seconds) {
+  Served server(orvaned, "/dev/null");
   std::list<orvane::Lease> leases;
-  for (std::size_t i = 0; i < pairs; ++i) {
-    leases.emplace_back(server.socket(), kTimeout);
+  for (std::size_t i = 0; i < count; ++i) {
+    leases.emplace_back(server.socket(), kTimeout, transport);
   }
   const double before = server.cpuSeconds();
   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
@@ -55,13 +57,20 @@ double shareOfPolling(const std::string& pauses, double seconds) {
   return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC / seconds;
 }
 
-void runAll(const Setup& setup) {
-  for (const std::size_t count : setup.pairs) {
-    std::printf(R"({"question":"idle","pairs":%zu,"seconds":%g,"cpu_percent":%.2f})"
+void measureLeases(const Setup& setup, const char* name, orvane::Transport transport,
+                   const std::vector<std::size_t>& counts) {
+  for (const std::size_t count : counts) {
+    std::printf(R"({"question":"idle","%s":%zu,"seconds":%g,"cpu_percent":%.3f})"
                 "\n",
-                count, setup.seconds, 100 * share(setup.orvaned, count, setup.seconds));
+                name, count, setup.seconds,
+                100 * share(setup.orvaned, transport, count, setup.seconds));
     std::fflush(stdout);
   }
+}
+
+void runAll(const Setup& setup) {
+  measureLeases(setup, "pairs", orvane::Transport::queue, setup.pairs);
+  measureLeases(setup, "rings", orvane::Transport::ring, setup.rings);
   for (const std::string& one : setup.pauses) {
     std::printf(R"({"question":"idle","pauses":"%s","seconds":%g,"cpu_percent":%.2f})"
                 "\n",
@@ -77,6 +86,7 @@ int main(int argc, char** argv) {
   bench::CommandLine line("bench_idle", "Measures what an idle orvaned costs.");
   line.addRequired("--orvaned", setup.orvaned, "The server");
   line.add("--pairs", setup.pairs, "Pairs of queues that it serves");
+  line.add("--rings", setup.rings, "Rings that it serves");
   line.add("--pause", setup.pauses,
            "SHORTEST-LONGEST pause of a reader, in us, to measure as well");
   line.add("--seconds", setup.seconds, "How long each time");

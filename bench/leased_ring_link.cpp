@@ -35,7 +35,8 @@ void sendGrant(int connection, const orvane::RingReader& ring) {
 
 }  // namespace
 
-LeasedRingLink::LeasedRingLink() : listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+LeasedRingLink::LeasedRingLink(std::size_t frame)
+    : frame(frame), listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -52,6 +53,7 @@ LeasedRingLink::~LeasedRingLink() {
 
 void LeasedRingLink::beSender() {
   leased.emplace(path, kTimeout, orvane::Transport::ring);
+  leased->ring()->setUsualFrame(frame);
 }
 
 void LeasedRingLink::beReceiver() {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <orvane/orvane.hpp>
+#include <ring/producer.hpp>
 #include <string>
 
 #include "link.hpp"
@@ -13,7 +14,8 @@ namespace bench {
 // next one is asked for.
 class LeasedRingLink : public Link {
  public:
-  LeasedRingLink();
+  // The writer hands a frame over when it has `frame` bytes.
+  explicit LeasedRingLink(std::size_t frame = orvane::ring::Producer::kUsualFrame);
   ~LeasedRingLink() override;
 
   void beSender() override;
@@ -31,6 +33,7 @@ class LeasedRingLink : public Link {
  private:
   void answer();
 
+  const std::size_t frame;
   const std::string path = "/tmp/" + uniqueName();
   int listening;
   int connection = -1;

@@ -30,12 +30,24 @@ def by_round(records, keys, value):
     """{key: {round: value}}, a key being the tuple of the fields `keys`."""
     found = collections.defaultdict(dict)
     for record in records:
-        found[tuple(record[key] for key in keys)][record["round"]] = record[value]
+        if value in record:
+            found[tuple(record[key] for key in keys)][record["round"]] = record[value]
     return found
 
 
 def median(values):
     return statistics.median(values.values())
+
+
+def ratios(left, right):
+    """The ratio of each round that measured both."""
+    return [left[n] / right[n] for n in left if n in right]
+
+
+def ratio(left, right):
+    """The median of the rounds' ratios; not a number if no round measured both."""
+    found = ratios(left, right)
+    return statistics.median(found) if found else float("nan")
 
 
 class Google:
@@ -54,14 +66,30 @@ class Google:
         return sorted({size for _, size in self.found})
 
 
-def stream_runs(results):
-    return by_round(lines_of(results / "stream.jsonl"), ("form", "size", "work"), "bytes_per_second")
+def stream_runs(results, value="bytes_per_second"):
+    return by_round(lines_of(results / "stream.jsonl"), ("form", "size", "work"), value)
+
+
+def trip_runs(results):
+    return by_round(lines_of(results / "round_trip.jsonl"), ("form", "think_us"), "p50_us")
+
+
+def demo_runs(results):
+    return by_round(lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
 
 
 def stream_sizes(runs):
     return sorted({size for _, size, _ in runs})
 
 
+RING = "orvane, ring"
+
+
 def mechanism_of(form):
     """A peer's name, in whichever of its forms."""
     return form if form.startswith("queue") else re.sub(", (batches|one by one)$", "", form)
+
+
+def ring_first(names, rate_of):
+    """The ring's forms, then all others; the fastest first."""
+    return sorted(names, key=lambda name: (not name.startswith(RING), -rate_of(name)))

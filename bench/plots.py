@@ -19,7 +19,7 @@ QUEUE = "#e59866"
 
 
 def colour_of(name):
-    if name.startswith(("orvane", "write", "BatchView", "batchView", "null", "disk")):
+    if name.startswith(("orvane", "ring,", "write", "BatchView", "batchView", "null", "disk")):
         return OURS
     return QUEUE if name.startswith("queue") else THEIRS
 
@@ -51,7 +51,7 @@ def draw_stream(results, path):
             if of == size and work == "bytes":
                 name = measured.mechanism_of(form)
                 best[name] = max(best[name], measured.median(run) / 1e6)
-        names = sorted(best, key=best.get, reverse=True)
+        names = measured.ring_first(best, best.get)
         bars(axes, names, [best[name] for name in names], "MB/s")
         axes.set_title(f"records of {measured.size_name(size)}")
     figure.tight_layout()
@@ -73,7 +73,7 @@ def draw_google(results, name, title, path):
 def draw_round_trip(results, path):
     p50 = measured.by_round(measured.lines_of(results / "round_trip.jsonl"), ("form", "think_us"), "p50_us")
     found = {form: measured.median(run) for (form, think), run in p50.items() if think == 0}
-    names = sorted(found, key=found.get)
+    names = measured.ring_first(found, lambda name: -found[name])
     figure, axes = plt.subplots(figsize=(6, 3))
     bars(axes, names, [found[name] for name in names], "us there and back, median")
     save(figure, path)
@@ -84,7 +84,8 @@ def draw_demo(results, path):
     sizes = sorted({size for _, size in runs})
     figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.2 * len(sizes), 1.8))
     for axes, size in zip(all_axes, sizes):
-        names = ["stream", "null store", "disk", "dd"]
+        names = [name for name in ("ring, stream", "ring, null store", "stream", "null store", "ring, disk",
+                                   "disk", "dd") if (name, size) in runs]
         bars(axes, names, [measured.median(runs[name, size]) / 1e6 for name in names], "MB/s")
         axes.set_title(f"records of {measured.size_name(size)}")
     figure.tight_layout()

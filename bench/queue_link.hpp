@@ -3,6 +3,7 @@
 #include <chrono>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
+#include <ring/producer.hpp>
 #include <vector>
 
 #include "link.hpp"
@@ -16,10 +17,11 @@ struct Pauses {
   std::chrono::microseconds longest{5000};
 };
 
-// As orvaned is started by default.
+// As orvaned is started by default, and as a ring's writer works by default.
 struct Geometry {
   std::size_t messages = 8;
   std::size_t messageSize = 1048968;
+  std::size_t frame = orvane::ring::Producer::kUsualFrame;
   Pauses pauses = {};
 };
 

@@ -9,45 +9,20 @@ moment of the machine hits both sides of some rounds and does not move the media
 
 import argparse
 import collections
-import math
 import os
 import pathlib
 import platform
 import re
-import statistics
 import subprocess
 import sys
 import time
 
-from measured import (SIZES, Google, by_round, left_out_of, lines_of, mechanism_of, median, size_name,
-                      stream_runs, stream_sizes)
+import ring_goals
+from measured import (RING, SIZES, Google, by_round, demo_runs, left_out_of, lines_of, mechanism_of, median, ratio,
+                      ring_first, size_name, stream_runs, stream_sizes, trip_runs)
+from tables import in_text, table
 
 SINGLE_PEERS = ["pipe", "Unix stream", "ZeroMQ", "nng"]
-
-
-def ratios(left, right):
-    """The ratio of each round that measured both."""
-    return [left[n] / right[n] for n in left if n in right]
-
-
-def ratio(left, right):
-    """The median of the rounds' ratios; not a number if no round measured both."""
-    found = ratios(left, right)
-    return statistics.median(found) if found else float("nan")
-
-
-def in_text(value):
-    return "-" if math.isnan(value) else f"{value:.{2 if value < 10 else 0}f}"
-
-
-def table(head, rows):
-    """Markdown, aligned so that it can be read on a terminal as well."""
-    cells = [head] + rows
-    widths = [max(len(row[i]) for row in cells) for i in range(len(head))]
-    padded = [[cell.ljust(w) if i == 0 else cell.rjust(w) for i, (cell, w) in
-               enumerate(zip(row, widths))] for row in cells]
-    rule = ["-" * w if i == 0 else "-" * (w - 1) + ":" for i, w in enumerate(widths)]
-    return "\n".join("| " + " | ".join(row) + " |" for row in [padded[0], rule] + padded[1:])
 
 
 def append_table(results):
@@ -80,7 +55,7 @@ def stream_table(results, work):
     speed = {form: max(median(runs[form, size, work]) for size in sizes
                        if (form, size, work) in runs) for form in forms}
     rows = []
-    for form in sorted(forms, key=lambda form: (form != "orvane", -speed[form])):
+    for form in ring_first(forms, lambda form: speed[form]):
         row = [form]
         for size in sizes:
             run = runs.get((form, size, work))
@@ -94,16 +69,17 @@ def stream_table(results, work):
 
 
 def readme_table(results):
-    """Each mechanism in the better of its forms."""
+    """Each mechanism in the better of its forms; orvane over a ring and over queues."""
     runs = stream_runs(results)
     sizes = stream_sizes(runs)
     best = collections.defaultdict(dict)
     for (form, size, work), run in runs.items():
-        if work == "bytes" and not form.startswith(("queue", "orvane,")):
-            cell = best[mechanism_of(form)]
+        ours = form == "orvane" or form.startswith(RING)
+        if work == "bytes" and (ours or not form.startswith(("queue", "orvane"))):
+            cell = best["orvane, queue" if form == "orvane" else mechanism_of(form)]
             cell[size] = max(cell.get(size, 0), median(run) / 1e6)
-    rows = [[name] + [f"{cells[size]:,.0f}" if size in cells else "-" for size in sizes]
-            for name, cells in sorted(best.items(), key=lambda item: -sum(item[1].values()))]
+    rows = [[name] + [f"{best[name][size]:,.0f}" if size in best[name] else "-" for size in sizes]
+            for name in ring_first(best, lambda name: sum(best[name].values()))]
     return table(["MB/s with records of"] + [size_name(size) for size in sizes], rows)
 
 
@@ -145,22 +121,25 @@ def goals_table(results):
 
 
 def round_trip_table(results):
-    records = lines_of(results / "round_trip.jsonl")
-    p50 = by_round(records, ("form", "think_us"), "p50_us")
-    p99 = by_round(records, ("form", "think_us"), "p99_us")
-    unix = p50.get(("Unix stream", 0))
+    p50 = trip_runs(results)
+    p99 = by_round(lines_of(results / "round_trip.jsonl"), ("form", "think_us"), "p99_us")
     rows = []
-    for key in sorted((key for key in p50 if key[1] == 0), key=lambda key: median(p50[key])):
-        rows.append([key[0], f"{median(p50[key]):.1f} us", f"{median(p99[key]):.1f} us",
-                     in_text(ratio(p50[key], unix)) if unix else "-"])
-    return table(["there and back", "p50", "p99", "p50 / Unix stream's"], rows)
+    for form, _ in sorted((key for key in p50 if key[1] == 0), key=lambda key: median(p50[key])):
+        row = [form, f"{median(p50[form, 0]):.1f} us", f"{median(p99[form, 0]):.1f} us",
+               in_text(ratio(p50[form, 0], p50.get(("Unix stream", 0), {})))]
+        rested = p50.get((form, 20000))
+        row.append(f"{median(rested):.1f} us" if rested else "-")
+        row.append(in_text(ratio(rested or {}, p50.get(("Unix stream", 20000), {}))))
+        rows.append(row)
+    return table(["there and back", "p50", "p99", "p50 / Unix stream's", "p50 after 20 ms", "/ Unix stream's"],
+                 rows)
 
 
 def idle_table(results):
-    rows = [[str(record["pairs"]), f"{record['cpu_percent']:.2f} %",
-             f"{record['cpu_percent'] / record['pairs']:.2f} %"]
-            for record in lines_of(results / "idle.jsonl") if "pairs" in record]
-    return table(["pairs", "of one core", "each"], rows)
+    rows = [[f"{record[kind]} {kind}", f"{record['cpu_percent']:.2f} %",
+             f"{record['cpu_percent'] / record[kind]:.3f} %"]
+            for kind in ("pairs", "rings") for record in lines_of(results / "idle.jsonl") if kind in record]
+    return table(["leases", "of one core", "each"], rows)
 
 
 def speed(run):
@@ -168,13 +147,14 @@ def speed(run):
 
 
 def demo_table(results):
-    runs = by_round(lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
+    runs = demo_runs(results)
     rows = []
-    for size in sorted({size for _, size in runs}):
-        stream, null, disk, dd = (runs.get((form, size), {}) for form in
-                                  ("stream", "null store", "disk", "dd"))
-        rows.append([size_name(size), speed(stream), speed(null), in_text(ratio(null, stream)),
-                     speed(dd), speed(disk), in_text(ratio(disk, dd))])
+    for prefix, transport in (("ring, ", "ring"), ("", "queue")):
+        for size in sorted({size for _, size in runs}):
+            stream, null, disk, dd = (runs.get((form, size), {}) for form in
+                                      (prefix + "stream", prefix + "null store", prefix + "disk", "dd"))
+            rows.append([f"{transport}, {size_name(size)}", speed(stream), speed(null),
+                         in_text(ratio(null, stream)), speed(dd), speed(disk), in_text(ratio(disk, dd))])
     return table(["records of", "stream", "null store", "ratio", "dd", "disk", "ratio"], rows)
 
 
@@ -182,10 +162,10 @@ def sweep_rows(records, key, default):
     runs = by_round(records, (key, "size"), "bytes_per_second")
     sizes = sorted({size for _, size in runs})
     settings = list(dict.fromkeys(record[key] for record in sorted(
-        records, key=lambda record: [int(part) for part in re.split("[x-]", record[key])])))
+        records, key=lambda record: [int(part) for part in re.split("[x-]", str(record[key]))])))
     rows = []
     for setting in settings:
-        row = [setting]
+        row = [str(setting)]
         for size in sizes:
             run = runs.get((setting, size))
             row.append(in_text(ratio(run, runs.get((default, size), {}))) if run else "-")
@@ -199,6 +179,17 @@ def geometry_table(results):
         messages, size = map(int, row[0].split("x"))
         row.insert(1, f"{messages * size / (1 << 20):.1f} MiB")
     return table(["messages x bytes", "in all"] + [size_name(size) for size in sizes], rows)
+
+
+def frame_table(results):
+    """Each form by itself: its speed divided by that with the default."""
+    rows = []
+    sizes = SIZES
+    records = lines_of(results / "frame.jsonl")
+    for form in dict.fromkeys(sorted(record["form"] for record in records)):
+        sizes, found = sweep_rows([record for record in records if record["form"] == form], "frame", 262144)
+        rows += [[f"{form}; {int(frame) >> 10} KiB"] + cells for frame, *cells in found]
+    return table(["frames of"] + [size_name(size) for size in sizes], rows)
 
 
 def pause_table(results):
@@ -240,6 +231,10 @@ def machine():
 
 TABLES = {
     "readme": readme_table,
+    "ring-cells": ring_goals.cells_table,
+    "ring-goals": ring_goals.singles_table,
+    "ring-speeds": ring_goals.speeds_table,
+    "ring-costs": ring_goals.cost_table,
     "goals": goals_table,
     "stream-bytes": lambda results: stream_table(results, "bytes"),
     "stream-headers": lambda results: stream_table(results, "headers"),
@@ -249,6 +244,7 @@ TABLES = {
     "idle": idle_table,
     "demo": demo_table,
     "geometry": geometry_table,
+    "frame": frame_table,
     "pause": pause_table,
 }
 

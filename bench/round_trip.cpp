@@ -1,5 +1,6 @@
 // How long one record and its answer take, there and back: over each mechanism, with a reader that
-// waits in it, and through orvaned, which polls. Prints a line of JSON for each measurement.
+// waits in it, and through orvaned, which polls its queues and sleeps in its rings. Prints a line
+// of JSON for each measurement.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -8,6 +9,7 @@
 
 #include "attempts.hpp"
 #include "command_line.hpp"
+#include "leased_ring_link.hpp"
 #include "load.hpp"
 #include "queue_link.hpp"
 #include "served.hpp"
@@ -39,8 +41,60 @@ struct Trips {
   std::array<float, kMostTrips> microseconds = {};
 };
 
-// One record in its own batch, and any answer to it.
-void makeTrips(const Setup& setup, unsigned think, Link& there, Link& back, Trips& trips) {
+// Sends a record in its own batch, and waits for the answer to it.
+class Client {
+ public:
+  Client() = default;
+  virtual ~Client() = default;
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  virtual void send(const orvane::pvk_shm_message_t& header, Bytes data) = 0;
+  virtual void awaitAnswer() = 0;
+};
+
+class LinkClient : public Client {
+ public:
+  LinkClient(Link& there, Link& back) : there(there), back(back) {}
+
+  void send(const orvane::pvk_shm_message_t& header, Bytes data) override {
+    Packer packer(there.room());
+    packer.add(header, data);
+    there.send(packer.finish());
+  }
+  void awaitAnswer() override { back.receive(); }
+
+ private:
+  Link& there;
+  Link& back;
+};
+
+// What a RingWriter does when it flushes each record.
+class RingClient : public Client {
+ public:
+  explicit RingClient(const orvane::Lease& lease) : ring(*lease.ring()) {}
+
+  void send(const orvane::pvk_shm_message_t& header, Bytes data) override {
+    unsigned char* const place = ring.place(data.size(), kTimeout);
+    if (place == nullptr) {
+      throw std::runtime_error("no room for a record");
+    }
+    unsigned char* const end = header.serializeToBuffer(place);
+    std::copy(data.begin(), data.end(), end);
+    ring.commit(data.size());
+    ring.publish();
+  }
+  void awaitAnswer() override {
+    if (!ring.awaitReleased(kTimeout) || ring.takeError() != nullptr) {
+      throw std::runtime_error("a record was not answered, or with an error");
+    }
+  }
+
+ private:
+  orvane::ring::Producer& ring;
+};
+
+void makeTrips(const Setup& setup, unsigned think, Client& client, Trips& trips) {
   const Load load(kDataSize);
   const auto end = Clock::now() + std::chrono::duration<double>(setup.seconds);
   while (Clock::now() < end && trips.count < kMostTrips) {
@@ -48,16 +102,12 @@ void makeTrips(const Setup& setup, unsigned think, Link& there, Link& back, Trip
       std::this_thread::sleep_for(std::chrono::microseconds(think));
     }
     const auto begin = Clock::now();
-    Packer packer(there.room());
-    packer.add(load.header(trips.count + 1), load.data());  // the open record was number 0
-    there.send(packer.finish());
-    back.receive();
+    client.send(load.header(trips.count + 1), load.data());  // the open record was number 0
+    client.awaitAnswer();
     trips.microseconds[trips.count++] =
         static_cast<float>(Microseconds(Clock::now() - begin).count());
   }
-  Packer packer(there.room());
-  packer.add(closeRecord(trips.count + 1), {});
-  there.send(packer.finish());
+  client.send(closeRecord(trips.count + 1), {});
 }
 
 void answerAll(Link& there, Link& back) {
@@ -90,7 +140,8 @@ Run betweenTwo(const std::string& name, const MakeLinks& make) {
           back.beReceiver();
           there.beSender();
           (*meeting)->wait();
-          makeTrips(setup, think, there, back, trips);
+          LinkClient client(there, back);
+          makeTrips(setup, think, client, trips);
           (*end)->wait();
           there.leave();
           back.leave();
@@ -128,17 +179,52 @@ class ServedQueue : public Link {
   std::vector<unsigned char> buffer;
 };
 
+void sendTo(const Setup& setup, unsigned think, Client& client, Trips& trips) {
+  client.send(orvane::pvk_shm_message_t(), {});  // an open record
+  client.awaitAnswer();
+  makeTrips(setup, think, client, trips);
+}
+
 void throughServer(const Setup& setup, unsigned think, Trips& trips) {
   const Served server(setup.orvaned, "/dev/null");
   const orvane::Lease lease(server.socket(), kTimeout);
   ServedQueue there(lease.queueName());
   ServedQueue back(orvane::getMessageQueueResponseName(lease.queueName()));
-  orvane::pvk_shm_message_t open;
-  Packer packer(there.room());
-  packer.add(open, {});
-  there.send(packer.finish());
-  back.receive();
-  makeTrips(setup, think, there, back, trips);
+  LinkClient client(there, back);
+  sendTo(setup, think, client, trips);
+}
+
+void throughServersRing(const Setup& setup, unsigned think, Trips& trips) {
+  const Served server(setup.orvaned, "/dev/null");
+  const orvane::Lease lease(server.socket(), kTimeout, orvane::Transport::ring);
+  RingClient client(lease);
+  sendTo(setup, think, client, trips);
+}
+
+void answerFrames(LeasedRingLink& ring) {
+  Tally tally;
+  while (!tally.ended) {
+    tally.takeBatch(ring.receive(), Work::bytes);
+  }
+  ring.endReceiving();
+}
+
+void throughRing(const Setup& setup, unsigned think, Trips& trips) {
+  LeasedRingLink ring;
+  const Shared<Meeting> end(2U);
+  runTogether(
+      "orvane, ring",
+      [&] {
+        ring.beSender();
+        RingClient client(ring.lease());
+        makeTrips(setup, think, client, trips);
+        end->wait();
+      },
+      [&] {
+        ring.beReceiver();
+        answerFrames(ring);
+        end->wait();
+      });
 }
 
 Run inProcess(const std::string& name, const Run& run) {
@@ -162,6 +248,7 @@ std::vector<Form> allForms(const Setup& setup) {
     };
   };
   std::vector<Form> all = {
+      {"orvane, ring", throughRing},
       {"orvane's queues", betweenTwo("queues", queues(Wait::inQueue, Pauses()))}};
   for (const std::string& pauses : setup.pauses) {
     all.push_back(
@@ -169,6 +256,7 @@ std::vector<Form> allForms(const Setup& setup) {
   }
   if (!setup.orvaned.empty()) {
     all.push_back({"orvaned", inProcess("orvaned", throughServer)});
+    all.push_back({"orvaned, ring", inProcess("orvaned, ring", throughServersRing)});
   }
   const std::size_t batch = Load(kDataSize).batchSize(256);
   for (const Peer& peer : peers()) {

@@ -2,12 +2,14 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace bench {
 
-// A real orvaned that leases queues; stopped at the end.
+// A real orvaned that leases queues and rings; stopped at the end.
 class Served {
  public:
   // Waits until it serves.
@@ -18,12 +20,22 @@ class Served {
 
   const std::string& socket() const { return path; }
 
-  // The processor time that it and its workers have used so far, in seconds.
-  double cpuSeconds() const;
+  // The processor time that it and its workers have used so far, in seconds; of a worker that has
+  // ended, what it had used when this was last called.
+  double cpuSeconds();
+
+  // The memory that they have now, in bytes; see memoryOf().
+  std::size_t memory() const;
 
  private:
+  std::vector<pid_t> processes() const;
+
   std::string path;
   pid_t pid;
+  std::map<pid_t, double> used;  // seconds
 };
+
+// The proportional set size of a process, in bytes: each page that it shares counts by its share.
+std::size_t memoryOf(pid_t pid);
 
 }  // namespace bench

@@ -18,6 +18,7 @@ struct Setup {
   std::vector<std::string> forms;
   std::vector<std::string> geometries = {"8x1048968"};
   std::vector<std::string> pauses = {"50-5000"};
+  std::vector<std::size_t> frames = {orvane::ring::Producer::kUsualFrame};
   std::string fail;
   int failures = 1;
   int rounds = 5;
@@ -28,6 +29,7 @@ struct Case {
   const Form* form;
   std::string geometry;
   std::string pauses;
+  std::size_t frame;
   std::size_t size;
   std::string work;
 };
@@ -37,9 +39,11 @@ std::vector<Case> allCases(const Setup& setup, const std::vector<Form>& forms) {
   for (const Form& form : forms) {
     for (const std::string& geometry : setup.geometries) {
       for (const std::string& pauses : setup.pauses) {
-        for (const std::size_t size : setup.sizes) {
-          for (const std::string& work : setup.works) {
-            cases.push_back({&form, geometry, pauses, size, work});
+        for (const std::size_t frame : setup.frames) {
+          for (const std::size_t size : setup.sizes) {
+            for (const std::string& work : setup.works) {
+              cases.push_back({&form, geometry, pauses, frame, size, work});
+            }
           }
         }
       }
@@ -50,21 +54,22 @@ std::vector<Case> allCases(const Setup& setup, const std::vector<Form>& forms) {
 
 std::string fieldsOf(const Case& one) {
   return field("form", one.form->name) + "," + field("geometry", one.geometry) + "," +
-         field("pauses", one.pauses) + "," + field("size", one.size) + "," +
-         field("work", one.work);
+         field("pauses", one.pauses) + "," + field("frame", one.frame) + "," +
+         field("size", one.size) + "," + field("work", one.work);
 }
 
 void run(const Case& one, int round, Clock::duration time) {
   Geometry geometry = geometryNamed(one.geometry);
   geometry.pauses = pausesNamed(one.pauses);
+  geometry.frame = one.frame;
   const Work work = one.work == "bytes" ? Work::bytes : Work::headers;
-  const auto rate = measure(*one.form, geometry, Load(one.size), work, time);
-  if (!rate) {
+  const auto speed = measure(*one.form, geometry, Load(one.size), work, time);
+  if (!speed) {
     return;
   }
-  std::printf(R"({"question":"stream",%s,"round":%d,"bytes_per_second":%.0f})"
+  std::printf(R"({"question":"stream",%s,"round":%d,"bytes_per_second":%.0f,"cpu_per_gb":%.4f})"
               "\n",
-              fieldsOf(one).c_str(), round, *rate);
+              fieldsOf(one).c_str(), round, speed->bytesPerSecond, speed->cpuPerGb);
   std::fflush(stdout);
 }
 
@@ -131,6 +136,7 @@ int main(int argc, char** argv) {
   line.add("--form", setup.forms, "Which forms; all without it");
   line.add("--geometry", setup.geometries, "MESSAGESxBYTES of orvane's queue");
   line.add("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us");
+  line.add("--frame", setup.frames, "Bytes at which a ring's writer hands a frame over");
   line.add("--fail", setup.fail, "Form whose producer fails, to try what happens then");
   line.add("--failures", setup.failures, "How many times it fails before it works");
   line.add("--rounds", setup.rounds, "How often everything is measured, in turn");

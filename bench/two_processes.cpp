@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <stdexcept>
 
 namespace bench {
@@ -57,6 +58,12 @@ void Meeting::wait() {
   while (missing > 0) {
     sched_yield();
   }
+}
+
+double cpuSeconds() {
+  timespec time = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
 void runTogether(const std::string& name, const std::function<void()>& first,

@@ -48,6 +48,9 @@ class Meeting {
   std::atomic<unsigned> missing;
 };
 
+// The processor time that this process has used so far, in seconds.
+double cpuSeconds();
+
 // Runs both at once, each in a separate process. Throws when one of them fails, or takes longer
 // than 20 s; the other is killed then.
 void runTogether(const std::string& name, const std::function<void()>& first,

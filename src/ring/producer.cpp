@@ -12,10 +12,6 @@ namespace orvane::ring {
 
 namespace {
 
-// A frame is handed over when it has so many bytes, so that the server begins early, and what it
-// reads is still in the processor's cache.
-constexpr std::uint64_t kUsualFrame = std::uint64_t{256} << 10;
-
 constexpr std::uint64_t kBeforeRecords = kFrameHeader + layout::kMetaDataSize;
 
 template <typename Page>
@@ -56,7 +52,7 @@ std::uint64_t Producer::largestRecord() const {
 
 unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
   const std::uint64_t needed = layout::kHeaderSize + len;
-  if (records > 0 && used + needed > std::min(kUsualFrame, largestFrame(bytes))) {
+  if (records > 0 && used + needed > std::min(usualFrame, largestFrame(bytes))) {
     publish();
   }
   if (records == 0) {
@@ -65,7 +61,7 @@ unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
   if (wholeLines(used + needed) > end.room() && !makeRoom(needed, timeout)) {
     return nullptr;
   }
-  limit = std::max(used + needed, std::min(kUsualFrame, end.room() / kLine * kLine));
+  limit = std::max(used + needed, std::min(usualFrame, end.room() / kLine * kLine));
   return frame + used;
 }
 
