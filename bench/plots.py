@@ -1,12 +1,14 @@
 """One picture for each question that the benchmarks answer."""
 
 import collections
+import statistics
 
 import matplotlib
 
 matplotlib.use("svg")
 import matplotlib.pyplot as plt  # noqa: E402  (the back end is chosen first)
 
+import growth  # noqa: E402
 import measured  # noqa: E402
 
 # So that the same results give the same file.
@@ -40,11 +42,18 @@ def bars(axes, names, values, unit):
     axes.spines[["top", "right"]].set_visible(False)
 
 
+def in_a_row(sizes, width, height):
+    figure, all_axes = plt.subplots(1, len(sizes), figsize=(width * len(sizes), height), squeeze=False)
+    return figure, all_axes.flat
+
+
 def draw_stream(results, path):
     """Each mechanism in the better of its forms, at each size."""
     runs = measured.stream_runs(results)
     sizes = measured.stream_sizes(runs)
-    figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.6 * len(sizes), 3.6))
+    if not sizes:
+        return
+    figure, all_axes = in_a_row(sizes, 3.6, 3.6)
     for axes, size in zip(all_axes, sizes):
         best = collections.defaultdict(float)
         for (form, of, work), run in runs.items():
@@ -61,7 +70,9 @@ def draw_stream(results, path):
 def draw_google(results, name, title, path):
     runs = measured.Google(results / name)
     sizes = runs.sizes()
-    figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.2 * len(sizes), 1.8))
+    if not sizes:
+        return
+    figure, all_axes = in_a_row(sizes, 3.2, 1.8)
     for axes, size in zip(all_axes, sizes):
         names = sorted(name for name, of in runs.found if of == size)
         bars(axes, names, [measured.median(runs.found[name, size]) for name in names], title)
@@ -71,8 +82,10 @@ def draw_google(results, name, title, path):
 
 
 def draw_round_trip(results, path):
-    p50 = measured.by_round(measured.lines_of(results / "round_trip.jsonl"), ("form", "think_us"), "p50_us")
-    found = {form: measured.median(run) for (form, think), run in p50.items() if think == 0}
+    found = {form: measured.median(run) for (form, think), run in measured.trip_runs(results).items()
+             if think == 0}
+    if not found:
+        return
     names = measured.ring_first(found, lambda name: -found[name])
     figure, axes = plt.subplots(figsize=(6, 3))
     bars(axes, names, [found[name] for name in names], "us there and back, median")
@@ -80,9 +93,11 @@ def draw_round_trip(results, path):
 
 
 def draw_demo(results, path):
-    runs = measured.by_round(measured.lines_of(results / "demo.jsonl"), ("form", "size"), "bytes_per_second")
+    runs = measured.demo_runs(results)
     sizes = sorted({size for _, size in runs})
-    figure, all_axes = plt.subplots(1, len(sizes), figsize=(3.2 * len(sizes), 1.8))
+    if not sizes:
+        return
+    figure, all_axes = in_a_row(sizes, 3.2, 1.8)
     for axes, size in zip(all_axes, sizes):
         names = [name for name in ("ring, stream", "ring, null store", "stream", "null store", "ring, disk",
                                    "disk", "dd") if (name, size) in runs]
@@ -92,10 +107,38 @@ def draw_demo(results, path):
     save(figure, path)
 
 
+def draw_growth(results, path):
+    """Each question by the number of producers: the medians, and the quartiles around them."""
+    if not growth.growth_runs(results, "bytes_per_second"):
+        return
+    figure, all_axes = plt.subplots(2, 3, figsize=(10.5, 5.6))
+    for axes, (title, factor, runs_of) in zip(all_axes.flat, growth.QUESTIONS):
+        runs = runs_of(results)
+        for transport, colour in (("ring", OURS), ("queue", QUEUE)):
+            counts = sorted(count for name, count in runs if name == transport)
+            values = [[value * factor for value in runs[transport, count].values()] for count in counts]
+            spread = [statistics.quantiles(some, n=4, method="inclusive") if len(some) > 1 else some * 3
+                      for some in values]
+            axes.plot(counts, [middle for _, middle, _ in spread], marker="o", markersize=3, color=colour,
+                      label=transport)
+            axes.fill_between(counts, [low for low, _, _ in spread], [high for _, _, high in spread],
+                              color=colour, alpha=0.2, linewidth=0)
+        axes.set_xscale("log", base=2)
+        axes.set_ylim(bottom=0)
+        axes.set_xlabel("producers")
+        axes.set_title(title)
+        axes.spines[["top", "right"]].set_visible(False)
+    all_axes.flat[0].legend(frameon=False)
+    figure.tight_layout()
+    save(figure, path)
+
+
 def draw(results, folder):
+    """Nothing is drawn of a question that was not asked."""
     folder.mkdir(exist_ok=True)
     draw_stream(results, folder / "stream.svg")
     draw_google(results, "append.json", "ns a record", folder / "append.svg")
     draw_google(results, "read.json", "ns a record", folder / "read.svg")
     draw_round_trip(results, folder / "round_trip.svg")
     draw_demo(results, folder / "demo.svg")
+    draw_growth(results, folder / "growth.svg")

@@ -17,6 +17,7 @@ import subprocess
 import sys
 import time
 
+import growth
 import ring_goals
 from measured import (RING, SIZES, Google, by_round, demo_runs, left_out_of, lines_of, mechanism_of, median, ratio,
                       ring_first, size_name, stream_runs, stream_sizes, trip_runs)
@@ -229,6 +230,16 @@ def machine():
             f"{release}; {first_line(['c++', '--version'])}.")
 
 
+def with_plot(name, text, make):
+    """A block with the picture, for a document that has no such picture before its first run."""
+
+    def made(results):
+        found = make(results)
+        return f"![{text}](plots/{name}.svg)\n\n{found}" if found.count("\n") > 1 else found
+
+    return made
+
+
 TABLES = {
     "readme": readme_table,
     "ring-cells": ring_goals.cells_table,
@@ -243,6 +254,7 @@ TABLES = {
     "round-trip": round_trip_table,
     "idle": idle_table,
     "demo": demo_table,
+    "growth": with_plot("growth", "Many producers at once", growth.growth_table),
     "geometry": geometry_table,
     "frame": frame_table,
     "pause": pause_table,
@@ -282,9 +294,9 @@ def main():
     for name, text in blocks.items():
         print(f"{name}:\n\n{text}\n")
     if arguments.docs:
-        draw_plots(arguments.results, arguments.docs / "docs" / "plots")
         for document in ("docs/performance.md", "README.md"):
             fill_in(arguments.docs / document, blocks)
+        draw_plots(arguments.results, arguments.docs / "docs" / "plots")
 
 
 if __name__ == "__main__":

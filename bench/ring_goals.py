@@ -2,6 +2,7 @@
 import math
 import statistics
 
+from growth import MIB, beyond_its_ring, grown
 from measured import (SIZES, demo_runs, lines_of, median, ratio, ratios, size_name, stream_runs, trip_runs)
 from tables import in_text, spread_in_text, table, thousands
 
@@ -108,6 +109,11 @@ def singles_table(results):
         single_row("round trips after 20 ms, p50 / Unix stream's", trip_ratio(results, 20000), "", "<= 1",
                    at_most(1)),
         single_row("processor time of an idle lease", idle_share(results), " %", "<= 0.05 %", at_most(0.05)),
+        single_row("speed of 64 producers / of 2", grown(results, "bytes_per_second"), "", ">= 0.8", at_least(0.8)),
+        single_row("processor time per GB of 64 producers / of 2", grown(results, "cpu_per_gb"), "", "<= 1.2",
+                   at_most(1.2)),
+        single_row("memory of a lease beside its ring", beyond_its_ring(results) / MIB, " MiB", "<= 2 MiB",
+                   at_most(2)),
     ]
     return table(["ring", "measured", "goal", "met"], rows)
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ class Served {
   double cpuSeconds();
 
   // The memory that they have now, in bytes; see memoryOf().
-  std::size_t memory() const;
+  std::optional<std::size_t> memory() const;
 
  private:
   std::vector<pid_t> processes() const;
@@ -36,6 +37,7 @@ class Served {
 };
 
 // The proportional set size of a process, in bytes: each page that it shares counts by its share.
-std::size_t memoryOf(pid_t pid);
+// Nothing if this process may not know: only root may look into confined workers.
+std::optional<std::size_t> memoryOf(pid_t pid);
 
 }  // namespace bench

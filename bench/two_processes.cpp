@@ -17,25 +17,6 @@ namespace {
 
 constexpr unsigned kMostSeconds = 20;
 
-pid_t start(const std::function<void()>& work) {
-  const pid_t pid = fork();
-  if (pid < 0) {
-    failWithErrno("cannot fork");
-  }
-  if (pid > 0) {
-    return pid;
-  }
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  alarm(kMostSeconds);
-  try {
-    work();
-    _exit(0);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "%s\n", e.what());
-    _exit(1);
-  }
-}
-
 void* mapShared(std::size_t size) {
   void* const memory =
       mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -60,6 +41,25 @@ void Meeting::wait() {
   }
 }
 
+pid_t startProcess(const std::function<void()>& work, unsigned mostSeconds) {
+  const pid_t pid = fork();
+  if (pid < 0) {
+    failWithErrno("cannot fork");
+  }
+  if (pid > 0) {
+    return pid;
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  alarm(mostSeconds);
+  try {
+    work();
+    _exit(0);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s\n", e.what());
+    _exit(1);
+  }
+}
+
 double cpuSeconds() {
   timespec time = {};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
@@ -68,7 +68,8 @@ double cpuSeconds() {
 
 void runTogether(const std::string& name, const std::function<void()>& first,
                  const std::function<void()>& second) {
-  const std::array<pid_t, 2> both = {start(first), start(second)};
+  const std::array<pid_t, 2> both = {startProcess(first, kMostSeconds),
+                                     startProcess(second, kMostSeconds)};
   bool failed = false;
   for (std::size_t ended = 0; ended < both.size();) {
     int status = 0;

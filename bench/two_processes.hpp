@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <functional>
 #include <new>
@@ -47,6 +49,10 @@ class Meeting {
  private:
   std::atomic<unsigned> missing;
 };
+
+// Starts a process that does this and ends. It is killed after so many seconds, or when this
+// program ends.
+pid_t startProcess(const std::function<void()>& work, unsigned mostSeconds);
 
 // The processor time that this process has used so far, in seconds.
 double cpuSeconds();
