@@ -2,7 +2,7 @@
 import math
 
 from measured import by_round, lines_of, median, ratio
-from tables import in_text, table
+from tables import table
 
 MIB = 1 << 20
 TRANSPORTS = ["ring", "queue"]
@@ -31,11 +31,15 @@ QUESTIONS = [
 ]
 
 
+def number(value):
+    return f"{value:,.0f}" if value >= 100 else f"{value:.3g}"
+
+
 def growth_table(results):
     found = [(factor, runs(results)) for _, factor, runs in QUESTIONS]
     keys = {key for _, runs in found for key in runs}
     rows = [[f"{transport}, {producers}"] + [
-        in_text(median(runs[transport, producers]) * factor) if (transport, producers) in runs else "-"
+        number(median(runs[transport, producers]) * factor) if (transport, producers) in runs else "-"
         for factor, runs in found]
         for transport in TRANSPORTS for producers in sorted(count for name, count in keys if name == transport)]
     return table(["producers"] + [title for title, _, _ in QUESTIONS], rows)

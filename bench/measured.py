@@ -86,7 +86,9 @@ RING = "orvane, ring"
 
 
 def mechanism_of(form):
-    """A peer's name, in whichever of its forms."""
+    """A peer's name, in whichever of its forms; orvane itself is over a queue where it names no other."""
+    if form == "orvane":
+        return "orvane, queue"
     return form if form.startswith("queue") else re.sub(", (batches|one by one)$", "", form)
 
 

@@ -124,6 +124,7 @@ def draw_growth(results, path):
             axes.fill_between(counts, [low for low, _, _ in spread], [high for _, _, high in spread],
                               color=colour, alpha=0.2, linewidth=0)
         axes.set_xscale("log", base=2)
+        axes.xaxis.set_major_formatter("{x:g}")
         axes.set_ylim(bottom=0)
         axes.set_xlabel("producers")
         axes.set_title(title)

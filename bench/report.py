@@ -77,7 +77,7 @@ def readme_table(results):
     for (form, size, work), run in runs.items():
         ours = form == "orvane" or form.startswith(RING)
         if work == "bytes" and (ours or not form.startswith(("queue", "orvane"))):
-            cell = best["orvane, queue" if form == "orvane" else mechanism_of(form)]
+            cell = best[mechanism_of(form)]
             cell[size] = max(cell.get(size, 0), median(run) / 1e6)
     rows = [[name] + [f"{best[name][size]:,.0f}" if size in best[name] else "-" for size in sizes]
             for name in ring_first(best, lambda name: sum(best[name].values()))]
