@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <memory>
 #include <thread>
 
 #include "orvaned/store/background_finish_fixture.hpp"
@@ -129,18 +130,20 @@ TEST(StreamFolderOfADeadBroker, ListsAsUnfinishedWhatWasNotSynced) {
   orvaned::BrokerClient client(std::move(ours));
   auto created = orvaned::BrokeredAccess(client, store.path()).createStream();
   const std::string path = created.folder->path();
-  orvaned::StreamFolder stream(std::move(created.folder), "q", created.id, orvaned::Sync::segment);
+  auto stream = std::make_unique<orvaned::StreamFolder>(std::move(created.folder), "q", created.id,
+                                                        orvaned::Sync::segment);
   pvk_shm_message_t header;
   header.type = 1;
   header.len = 5;
   const Bytes data = bytesOf("hello");
-  stream.storeSegmentData({header, data.data()});
-  stream.endSegment(header);
+  stream->storeSegmentData({header, data.data()});
+  stream->endSegment(header);
   char byte = 0;
   ASSERT_EQ(recv(told.get(), &byte, 1, 0), 1);
   broker.signal(SIGKILL);
   EXPECT_TRUE(throwsErrno(1003, "the process that opens this worker's files has ended",
-                          [&] { stream.end(StreamEnd::closed, "", 0); }));
+                          [&] { stream->end(StreamEnd::closed, "", 0); }));
+  stream.reset();  // the worker has the folder's lock too
   while (!broker.ended()) {
     std::this_thread::yield();
   }
