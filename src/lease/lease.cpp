@@ -146,14 +146,12 @@ struct Packet {
   std::vector<ring::File> files;
 };
 
-// Takes the files out of all control messages, so that none stays open.
+// Takes the files out of all control messages, so that none stays open. There are no messages of
+// other types, because nothing asked the socket for them.
 std::vector<ring::File> filesOf(msghdr& message) {
   std::vector<ring::File> files;
   for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
        part = CMSG_NXTHDR(&message, part)) {
-    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS) {
-      continue;
-    }
     const unsigned char* const end = reinterpret_cast<unsigned char*>(part) + part->cmsg_len;
     for (const unsigned char* at = CMSG_DATA(part); at + sizeof(int) <= end; at += sizeof(int)) {
       int fd = -1;

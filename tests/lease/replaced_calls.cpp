@@ -51,6 +51,10 @@ REPLACED int socket(int domain, int type, int protocol) noexcept {
   return static_cast<int>(callOrFail("socket", SYS_socket, domain, type, protocol));
 }
 
+REPLACED int memfd_create(const char* name, unsigned int flags) noexcept {
+  return static_cast<int>(callOrFail("memfd_create", SYS_memfd_create, name, flags));
+}
+
 REPLACED int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
   if (name == SO_SNDTIMEO && size == sizeof(timeval)) {
     replacedCalls().sendLimits.push_back(*static_cast<const timeval*>(value));

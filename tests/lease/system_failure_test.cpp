@@ -5,6 +5,7 @@
 #include <string>
 
 #include "orvane/lease.hpp"
+#include "orvane/ring_reader.hpp"
 #include "replaced_calls.hpp"
 #include "support/allocations.hpp"
 #include "support/fake_server.hpp"
@@ -28,6 +29,18 @@ testing::AssertionResult refuses(const char* call, int error, ox_status_t status
   return namesIn("/proc/self/fd").size() <= before
              ? result
              : testing::AssertionFailure() << "a descriptor was left open";
+}
+
+TEST(RingMemory, IsMadeBySystemsThatCannotForbidItsExecution) {
+  failNext("memfd_create", EINVAL);
+  EXPECT_NO_THROW(RingReader{kSmallestRing});
+  EXPECT_EQ(replacedCalls().failing, "");
+}
+
+TEST(RingMemory, IsNotTriedAgainAfterAnotherError) {
+  failNext("memfd_create", EMFILE);
+  EXPECT_TRUE(throwsErrno(901, "Cannot allocate a ring's memory: Too many open files",
+                          [] { RingReader{kSmallestRing}; }));
 }
 
 TEST(LeaseTaking, ReportsThatASocketCannotBeMade) {

@@ -241,6 +241,17 @@ long wake(const unsigned char* word) {
   return syscall(SYS_futex, word, 1 /* FUTEX_WAKE */, 1, nullptr, nullptr, 0);
 }
 
+TEST(RingReaderWait, OfTheProducerIsAsThatSays) {
+  RingReader ring(kRing);
+  RawProducer producer(ring);
+  EXPECT_EQ(ring.producersWaits().nanoseconds, 0U);
+  EXPECT_EQ(ring.producersWaits().sleeps, 0U);
+  producer.file.put64(kBlocked, ~std::uint64_t{0});
+  producer.file.put64(kNap, 5);  // it sleeps for the third time
+  EXPECT_EQ(ring.producersWaits().nanoseconds, ~std::uint64_t{0});
+  EXPECT_EQ(ring.producersWaits().sleeps, 2U);
+}
+
 TEST(RingReaderWait, IsEndedByAProducerThatWakesIt) {
   RingReader ring(kRing);
   RawProducer producer(ring);
