@@ -132,7 +132,7 @@ void runAll(const Setup& setup) {
            through("null store", keepsNothing, Transport::queue, setup.bytes * 4),
            betweenTwo("ring, stream", "orvane, ring", Work::bytes, setup.seconds),
            through("ring, null store", keepsNothing, Transport::ring, setup.bytes * 4)});
-  const auto clearing = [&](Way way) {
+  const auto clearing = [&](const Way& way) {
     return Way{way.name, [&folder, measure = way.measure](const Load& load) {
                  clear(folder);  // also what a way that failed has left
                  const double rate = measure(load);

@@ -158,7 +158,7 @@ double leaseTime(const AllFound& all, unsigned count, std::size_t percent) {
 }
 
 struct ServersPart {
-  double cpuSeconds;
+  double cpuSeconds = 0;
   std::optional<std::size_t> memory;  // that came with the leases
 };
 

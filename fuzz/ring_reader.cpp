@@ -210,10 +210,11 @@ class CheckedRing : public orvaned::BatchSource {
   void postPending() override { ring.postPending(); }
   void discardResponses() override { ring.discardResponses(); }
   bool wait() override { return waits-- <= 0 || ring.wait(); }
-  tool::QueueStats& stats() override { return ring.stats(); }
+  tool::Totals& totals() override { return ring.totals(); }
 
   orvaned::Heartbeat heartbeat;
-  orvaned::RingSource ring{kRing, heartbeat};
+  tool::RingTotals published;
+  orvaned::RingSource ring{kRing, heartbeat, published};
   std::vector<Bytes> received;
   int waits = 0;  // how often the worker really waits: each time may take 0.1 s
 
@@ -234,12 +235,12 @@ class Again : public orvaned::BatchSource {
   void postPending() override {}
   void discardResponses() override {}
   bool wait() override { return true; }
-  tool::QueueStats& stats() override { return totals; }
+  tool::Totals& totals() override { return counted; }
 
  private:
   const std::vector<Bytes>& batches;
   std::size_t next = 0;
-  tool::QueueStats totals;
+  tool::Totals counted;
 };
 
 const orvaned::Ending kEnding = {"the server was stopped", "the server was stopped"};

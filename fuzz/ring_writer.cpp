@@ -46,8 +46,9 @@ class Server {
     std::memcpy(servers.at(0), &identity, sizeof identity);
     seal(producersFile, orvane::ring::Sealed::size);
     seal(serversFile, orvane::ring::Sealed::size);
-    producer = std::make_shared<orvane::ring::Producer>(producersFile, serversFile, kRing,
-                                                        [this] { return looks-- <= 0; });
+    producer = std::make_shared<orvane::ring::Producer>(
+        producersFile, serversFile, kRing,
+        orvane::ring::Producer::Connection{[this] { return looks-- <= 0; }, [] {}});
   }
 
   // Before each call: how often the writer finds the server alive.

@@ -90,7 +90,7 @@ TEST_F(RingLease, IsLoggedAndLeavesNothingInSharedMemory) {
 
 TEST_F(RingLease, OfADeadServerLeavesItsSocketAndAStreamThatTheNextOneFinishes) {
   const Lease lease = newLease();
-  const std::string name = lease.queueName();
+  const std::string& name = lease.queueName();
   RingWriter writer = writerOf(lease, 1);
   writer.open();
   write(writer, record('x'));
@@ -112,7 +112,7 @@ TEST_F(RingLease, OfADeadServerLeavesItsSocketAndAStreamThatTheNextOneFinishes) 
 // Another server does not take its stream, as long as one of its processes may write into it.
 TEST_F(RingLease, OfADeadServerIsInUseUntilItsWorkerIsDead) {
   const Lease lease = newLease();
-  const std::string name = lease.queueName();
+  const std::string& name = lease.queueName();
   RingWriter writer = writerOf(lease, 1);
   writer.open();
   write(writer, "x");

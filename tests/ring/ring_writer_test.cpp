@@ -143,7 +143,7 @@ TEST(RingWriterTrace, NamesItsCalls) {
 TEST(RingWriterTrace, NamesItsConstructionAndItsEnd) {
   const RingStream stream;
   RecordingSink sink(RecordingSink::Tracing::on);
-  RingWriter("x", stream.lease->ring(), 7, 0, false);
+  { const RingWriter writer("x", stream.lease->ring(), 7, 0, false); }
   EXPECT_EQ(sink.take(), (std::vector{entered("RingWriter"), left("RingWriter"),
                                       entered("~RingWriter"), left("~RingWriter")}));
   EXPECT_ANY_THROW(RingWriter("x", stream.lease->ring(), 0, 0, false));

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include "ring/raw_ring.hpp"
 #include "shm/totals.hpp"

@@ -25,7 +25,6 @@ namespace fs = std::filesystem;
 
 using orvaned::BrokerArea;
 using orvaned::BrokerCall;
-using orvaned::BrokerClient;
 using orvaned::BrokeredAccess;
 using orvaned::BrokerRequest;
 using orvaned::LocalDirectory;
