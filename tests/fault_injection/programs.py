@@ -1,5 +1,6 @@
 """The real programs: started, signalled, and waited for no longer than they may take."""
 
+import contextlib
 import os
 import re
 import signal
@@ -16,6 +17,8 @@ LOCK_BOUND = 2
 
 LOST_LINE = re.compile(r"write\(2, .*(INJECTED|= \?)")
 LOG_PROCESS = "orvaned-log"  # the server's child that writes its log
+
+LEASE_LOCK = re.compile(r"/dev/shm/\.orvane-[^/]+\.lock")
 
 MEMORY_SLACK = 512  # KiB that a heap may grow by without a leak
 
@@ -67,6 +70,15 @@ def name_of(pid):
         return Path("/proc", str(pid), "comm").read_text().strip()
     except (FileNotFoundError, ProcessLookupError):
         return ""
+
+
+def open_files(pid):
+    """What its descriptors stand for; one that it closes meanwhile is left out."""
+    found = []
+    for fd in os.listdir(f"/proc/{pid}/fd"):
+        with contextlib.suppress(FileNotFoundError):
+            found.append(os.readlink(f"/proc/{pid}/fd/{fd}"))
+    return found
 
 
 def parent_of(pid):
@@ -192,10 +204,12 @@ class Server(Program):
                 if pid != self.pid and parent_of(pid) not in (self.pid, None)]
 
     def held(self):
-        """How many open files, worker processes, and KiB of memory its supervisor has."""
+        """How many open files, worker processes, and KiB of memory its supervisor has. The lock that
+        comes with the first leased queue, and stays, does not count."""
         status = Path("/proc", str(self.pid), "status").read_text()
         memory = int(re.search(r"RssAnon:\s*(\d+) kB", status)[1])
-        return len(os.listdir(f"/proc/{self.pid}/fd")), len(self.workers()), memory
+        files = [path for path in open_files(self.pid) if not LEASE_LOCK.fullmatch(path)]
+        return len(files), len(self.workers()), memory
 
     def holds_no_more_than_at_start(self):
         now, start = self.held(), self.held_at_start
