@@ -6,6 +6,7 @@ import time
 from pathlib import Path
 
 from cases import case
+from cases.hostile import ANSWER, connect
 from cases.processes import EVERYBODY
 from programs import START_BOUND, Broken
 from scene import remove
@@ -49,10 +50,12 @@ def second_server(scene):
 
 @case("the names that leases would get next, taken by another program", often=2)
 def lease_names_taken(scene):
-    server = scene.serve()
+    scene.serve()
     shm = scene.seen("/dev/shm")
-    run = next(path.name[1:-len(".lock")] for path in shm.iterdir()
-               if path.name.endswith(f"-{server.pid}.lock") and path.name.startswith(".orvane-"))
+    client = connect(scene, b"orvane 1 lease")
+    client.settimeout(START_BOUND)
+    run = client.recv(ANSWER).decode().removeprefix("lease ").rpartition("_")[0]
+    client.close()
     kind = scene.rng.choice(["file", "text", "pipe"])
     number = scene.rng.choice([lambda n: str(n), lambda n: f"{n:016x}"])
     part = scene.rng.choice(["{}", "{}Response", ".{}.new", ".{}.stats"])
