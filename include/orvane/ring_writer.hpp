@@ -102,7 +102,7 @@ class ORVANE_API RingWriter : public ChannelWriter {
   std::uint64_t segParam3 = 0;
   unsigned char* reserved = nullptr;  // the place of reserve(), until the next call
   std::uint64_t reservedLength = 0;
-  bool closing = false;  // the close record was sent, and its answer is awaited
+  bool closing = false;  // not open any more, and the answer to the close record is awaited
 };
 
 }  // namespace orvane

@@ -107,8 +107,8 @@ void limitSending(int connection, std::chrono::microseconds limit) {
 
 // Blocks while the server's queue of waiting connections is full.
 ring::File connectTo(const std::string& path, const Deadline& deadline) {
-  ring::File connection(newSocket());
   const sockaddr_un address = addressOf(path);
+  ring::File connection(newSocket());
   do {
     limitSending(connection.get(), deadline.left<std::chrono::microseconds>());
     if (connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
@@ -154,7 +154,7 @@ std::vector<ring::File> filesOf(msghdr& message) {
        part = CMSG_NXTHDR(&message, part)) {
     const unsigned char* const end = reinterpret_cast<unsigned char*>(part) + part->cmsg_len;
     for (const unsigned char* at = CMSG_DATA(part); at + sizeof(int) <= end; at += sizeof(int)) {
-      int fd = -1;
+      int fd{};
       std::memcpy(&fd, at, sizeof fd);
       files.emplace_back(fd);
     }
@@ -172,11 +172,11 @@ Packet receivePacket(int connection, const Deadline& deadline) {
   msghdr message = {};
   message.msg_iov = &bytes;
   message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
   ssize_t received;
   do {
     waitToReceive(connection, deadline);
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
     received = recvmsg(connection, &message, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
     // If the server left without reading the request, the first call reports a reset connection,
     // and the next one returns the packet that the server had sent.
@@ -184,8 +184,8 @@ Packet receivePacket(int connection, const Deadline& deadline) {
   if (received < 0) {
     failLost(connection, "Cannot hear the server: " + reasonOf(errno));
   }
-  std::vector<ring::File> files = filesOf(message);
   const auto size = static_cast<std::size_t>(received);
+  std::vector<ring::File> files = filesOf(message);
   if (size == 0) {
     failLost(connection, "The server ended the lease without a reason: it died or was stopped");
   }

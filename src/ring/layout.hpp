@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -52,14 +53,14 @@ constexpr std::uint64_t wholeLines(std::uint64_t bytes) {
 }
 
 constexpr bool isRingSize(std::uint64_t bytes) {
-  return bytes >= kSmallestRing && bytes <= kLargestRing && (bytes & (bytes - 1)) == 0;
+  return bytes >= kSmallestRing && bytes <= kLargestRing && std::has_single_bit(bytes);
 }
 
 struct Identity {
   std::uint64_t magic = kMagic;
   std::uint32_t version = kVersion;
   std::uint32_t line = kLine;
-  std::uint64_t bytes = 0;
+  std::uint64_t bytes{};
 };
 
 // The counters of both pages. `Atomic` is std::atomic; a model checker has one of its own.

@@ -30,6 +30,16 @@ constexpr int kSizeSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
   fail(kLeaseLost, "Cannot ", what, " a ring's memory: ", std::generic_category().message(error));
 }
 
+// Address space in which nothing is.
+unsigned char* reservedSpace(std::size_t size) {
+  void* const reserved =
+      mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (reserved == MAP_FAILED) {
+    failWithErrno("reserve", errno);
+  }
+  return static_cast<unsigned char*>(reserved);
+}
+
 }  // namespace
 
 File::~File() {
@@ -47,13 +57,7 @@ File& File::operator=(File&& other) noexcept {
 
 // Mapped twice: address space for both is reserved first, so that nothing else comes in between.
 Mapping::Mapping(int file, std::uint64_t offset, std::size_t bytes, bool writable, bool twice)
-    : size(twice ? 2 * bytes : bytes), madeInFork(forkCount()) {
-  void* const reserved =
-      mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (reserved == MAP_FAILED) {
-    failWithErrno("reserve", errno);
-  }
-  address = static_cast<unsigned char*>(reserved);
+    : size(twice ? 2 * bytes : bytes), address(reservedSpace(size)), madeInFork(forkCount()) {
   for (std::size_t at = 0; at < size; at += bytes) {
     if (mmap(address + at, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ,
              MAP_SHARED | MAP_FIXED, file, static_cast<off_t>(offset)) == MAP_FAILED) {
@@ -73,16 +77,9 @@ Mapping::~Mapping() {
 }
 
 Mapping::Mapping(Mapping&& other) noexcept
-    : address(std::exchange(other.address, nullptr)),
-      size(other.size),
+    : size(other.size),
+      address(std::exchange(other.address, nullptr)),
       madeInFork(other.madeInFork) {}
-
-Mapping& Mapping::operator=(Mapping&& other) noexcept {
-  std::swap(address, other.address);
-  std::swap(size, other.size);
-  std::swap(madeInFork, other.madeInFork);
-  return *this;
-}
 
 std::uint64_t checkedRingSize(std::uint64_t bytes) {
   if (!isRingSize(bytes)) {
@@ -92,22 +89,22 @@ std::uint64_t checkedRingSize(std::uint64_t bytes) {
   return bytes;
 }
 
-// All memory is allocated here: where there is none left, a later access would kill the process.
+// All memory is allocated here, which also sets the size: where there is none left, a later access
+// would kill the process.
 File makeFile(const char* name, std::uint64_t bytes) {
   int fd = memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING | kNeverExecutable);
   if (fd < 0 && errno == EINVAL) {
     fd = memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING);
   }
   File file(fd);
-  if (fd < 0 || ftruncate(fd, static_cast<off_t>(bytes)) != 0 ||
-      fallocate(fd, 0, 0, static_cast<off_t>(bytes)) != 0) {
+  if (fd < 0 || fallocate(fd, 0, 0, static_cast<off_t>(bytes)) != 0) {
     failWithErrno("allocate", errno);
   }
   return file;
 }
 
 void seal(const File& file, Sealed what) {
-  const int seals = kSizeSeals | (what == Sealed::sizeAndWriting ? F_SEAL_FUTURE_WRITE : 0);
+  const int seals = what == Sealed::sizeAndWriting ? kSizeSeals | F_SEAL_FUTURE_WRITE : kSizeSeals;
   if (fcntl(file.get(), F_ADD_SEALS, seals) != 0) {
     failWithErrno("seal", errno);
   }
@@ -116,7 +113,7 @@ void seal(const File& file, Sealed what) {
 void requireSealed(const File& file, std::uint64_t bytes) {
   struct stat status = {};
   const int seals = fcntl(file.get(), F_GET_SEALS);
-  if (seals < 0 || (seals & kSizeSeals) != kSizeSeals || fstat(file.get(), &status) != 0 ||
+  if (seals == -1 || (seals & kSizeSeals) != kSizeSeals || fstat(file.get(), &status) != 0 ||
       static_cast<std::uint64_t>(status.st_size) != bytes) {
     fail(kLeaseLost, "The server's memory is not a ring of ", bytes,
          " bytes: client and server versions differ; install the same release of both");

@@ -45,19 +45,17 @@ class File {
 // A part of a file in memory. A forked child does not have it.
 class Mapping {
  public:
-  Mapping() = default;
   // Throws Ox_ErrnoException.
   Mapping(int file, std::uint64_t offset, std::size_t bytes, bool writable, bool twice = false);
   ~Mapping();
   Mapping(Mapping&& other) noexcept;
-  Mapping& operator=(Mapping&& other) noexcept;
 
   unsigned char* get() const { return address; }
 
  private:
-  unsigned char* address = nullptr;
-  std::size_t size = 0;
-  unsigned int madeInFork = 0;
+  const std::size_t size;
+  unsigned char* address;
+  const unsigned int madeInFork;
 };
 
 // Returns `bytes`, or throws kStatusInvalidArgument if a ring cannot have this size.

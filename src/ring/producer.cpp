@@ -27,9 +27,10 @@ Page& pageAt(const Mapping& mapping, std::uint64_t bytes) {
   return page;
 }
 
-Mapping mapChecked(const File& file, std::uint64_t size, std::uint64_t mapped, bool writable) {
+template <typename Page>
+Mapping mapPage(const File& file, std::uint64_t size, bool writable) {
   requireSealed(file, size);
-  return Mapping(file.get(), 0, mapped, writable);
+  return Mapping(file.get(), 0, sizeof(Page), writable);
 }
 
 }  // namespace
@@ -39,12 +40,14 @@ Producer::Producer(const File& mine, const File& servers, std::uint64_t bytes,
     : bytes(bytes),
       connection(std::move(connection)),
       madeInFork(forkCount()),
-      page(mapChecked(mine, kPage + bytes, kPage, true)),
+      page(mapPage<ProducerPage>(mine, kPage + bytes, true)),
       data(mine.get(), kPage, bytes, true, true),
-      serversPage(mapChecked(servers, sizeof(ServerPage), sizeof(ServerPage), false)),
+      serversPage(mapPage<ServerPage>(servers, sizeof(ServerPage), false)),
       counters(pageAt<ProducerPage>(page, bytes).counters),
       server(pageAt<const ServerPage>(serversPage, bytes)),
-      end(counters, server.counters, bytes) {}
+      end(counters, server.counters, bytes) {
+  beginFrame();
+}
 
 std::uint64_t Producer::largestRecord() const {
   return largestFrame(bytes) - kBeforeRecords - layout::kHeaderSize;
@@ -54,9 +57,6 @@ unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
   const std::uint64_t needed = layout::kHeaderSize + len;
   if (records > 0 && used + needed > std::min(usualFrame, largestFrame(bytes))) {
     publish();
-  }
-  if (records == 0) {
-    beginFrame();
   }
   if (wholeLines(used + needed) > end.room() && !makeRoom(needed, timeout)) {
     return nullptr;
@@ -68,6 +68,8 @@ unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
 void Producer::beginFrame() {
   frame = data.get() + (end.tail() & (bytes - 1));
   used = kBeforeRecords;
+  limit = 0;  // place() has not asked for room
+  records = 0;
 }
 
 void Producer::publish() {
@@ -81,8 +83,7 @@ void Producer::publish() {
   metaData.numEntries = records;
   layout::writeMetaData(frame + kFrameHeader, metaData);
   end.publish(end.tail() + wholeLines(used));
-  records = 0;
-  limit = 0;
+  beginFrame();
   takeAnswers();
 }
 
@@ -93,7 +94,6 @@ bool Producer::makeRoom(std::uint64_t needed, unsigned int timeout) {
     return true;
   }
   publish();
-  beginFrame();
   return awaitHead(end.tail() + largestFrame(bytes) - bytes, timeout);
 }
 

@@ -87,10 +87,10 @@ class Producer {
   const ServerPage& server;
   ProducerEnd<LinuxSystem> end;
   std::uint64_t usualFrame = kUsualFrame;
-  unsigned char* frame = nullptr;  // that is being built
-  std::uint64_t used = 0;          // its bytes
-  std::uint64_t limit = 0;         // of its bytes, for which there is room
-  std::uint32_t records = 0;       // in it
+  unsigned char* frame{};   // that is being built
+  std::uint64_t used{};     // its bytes
+  std::uint64_t limit{};    // of its bytes, for which there is room
+  std::uint32_t records{};  // in it
   std::uint64_t frames = 0;
   std::uint64_t answersTaken = 0;
   pvk_shm_response_t error;  // status 0: none

@@ -93,7 +93,7 @@ RingReader::Batch RingReader::receive() {
 RingReader::Batch RingReader::State::receive() {
   if (pending) {
     if (!write(*pending)) {
-      return {nullptr, 0};
+      return {};
     }
     pending.reset();
     release();
@@ -102,18 +102,17 @@ RingReader::Batch RingReader::State::receive() {
     failBroken("its tail is not where it can be");
   }
   if (end.filled() == 0) {
-    return {nullptr, 0};
+    return {};
   }
   const unsigned char* const frame = data.get() + (end.head() & (bytes - 1));
   const std::uint64_t size = readOnce(frame);
-  const std::uint64_t number = readOnce(frame + sizeof size);
   if (size > largestFrame(bytes) - kFrameHeader || wholeLines(kFrameHeader + size) > end.filled()) {
     failBroken("a frame is larger than what was handed over or may be");
   }
-  if (number != frames + 1) {
+  if (readOnce(frame + sizeof size) != frames + 1) {
     failBroken("a frame is missing");
   }
-  frames = number;
+  ++frames;
   inHand = wholeLines(kFrameHeader + size);
   std::memcpy(copy.get(), frame + kFrameHeader, size);
   return {copy.get(), size};

@@ -75,7 +75,6 @@ void RingWriter::open() {
   RecordSteps::fillOpen(*this);
   write_data(&header, nullptr, timeout, true);
   header.seqNo += 1;
-  closing = false;
   isOpen = true;
 }
 

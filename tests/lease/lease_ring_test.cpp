@@ -114,6 +114,13 @@ TEST(LeaseRing, RejectsASizeThatNoRingHas) {
   }
 }
 
+TEST(LeaseRing, IsRejectedForItsTimeoutFirst) {
+  const FakeServer server;
+  EXPECT_TRUE(
+      throwsErrno(9, "Invalid timeout, specified value 0 was less than minimum allowed value of 1",
+                  [&] { Lease(server.path(), 0, Transport::ring, 5); }));
+}
+
 TEST(LeaseRing, IsRefusedWithAnotherNumberOfFiles) {
   for (const std::size_t count : {0U, 1U, 3U, 253U}) {
     RingServer ring;
@@ -176,6 +183,19 @@ TEST(LeaseFiles, AreClosedIfTheyComeWithAReceipt) {
   ring.server.say("failed 1003 disk full", std::vector<int>(253, ring.reader.serversFile()));
   EXPECT_TRUE(throwsErrno(1003, "disk full", [&] { lease->receipt(kLong); }));
   EXPECT_EQ(openFiles(), before);
+  ring.server.say("", ring.files());
+  EXPECT_TRUE(throwsErrno(901,
+                          "The server ended the lease without a reason: it died or was stopped",
+                          [&] { lease->receipt(kLong); }));
+  EXPECT_EQ(openFiles(), before);
+}
+
+TEST(LeaseFiles, AreClosedIfTheyComeWithAnUnexpectedPacket) {
+  RingServer ring;
+  ring.server.serve({.says = ring.granted(), .files = ring.files()});
+  const auto lease = ring.lease();
+  ring.server.awaitScript();
+  const std::size_t before = openFiles();
   ring.server.say("nonsense", ring.files());
   EXPECT_TRUE(throwsErrno(901, unexpected("nonsense"), [&] { lease->receipt(kLong); }));
   EXPECT_EQ(openFiles(), before);

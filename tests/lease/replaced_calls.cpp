@@ -52,6 +52,7 @@ REPLACED int socket(int domain, int type, int protocol) noexcept {
 }
 
 REPLACED int memfd_create(const char* name, unsigned int flags) noexcept {
+  replacedCalls().memfdFlags.push_back(flags);
   return static_cast<int>(callOrFail("memfd_create", SYS_memfd_create, name, flags));
 }
 
@@ -93,6 +94,18 @@ REPLACED int poll(pollfd* fds, nfds_t count, int timeout) {
     return 1;
   }
   return static_cast<int>(callOrFail("poll", SYS_poll, fds, count, timeout));
+}
+
+REPLACED int shutdown(int fd, int how) noexcept {
+  if (replacedCalls().beforeShutdown) {
+    std::exchange(replacedCalls().beforeShutdown, nullptr)();
+  }
+  return static_cast<int>(callOrFail("shutdown", SYS_shutdown, fd, how));
+}
+
+REPLACED int nanosleep(const timespec* pause, timespec* left) {
+  replacedCalls().pauses.push_back(*pause);
+  return static_cast<int>(callOrFail("nanosleep", SYS_nanosleep, pause, left));
 }
 
 REPLACED int clock_gettime(clockid_t clock, timespec* now) noexcept {

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/time.h>
+#include <time.h>
 
 #include <functional>
 #include <string>
@@ -19,6 +20,9 @@ struct ReplacedCalls {
   // Done before the next send.
   std::function<void()> beforeSend = {};
 
+  // Done before the next shutdown.
+  std::function<void()> beforeShutdown = {};
+
   // So many polls say that there is something to receive, though there may be nothing.
   int falseAlarms = 0;
 
@@ -31,6 +35,8 @@ struct ReplacedCalls {
   // Each look at the clock that nobody sets finds it a day later.
   bool steadyClockJumps = false;
 
+  std::vector<unsigned int> memfdFlags = {};
+  std::vector<timespec> pauses = {};
   std::vector<int> sendFlags = {};
   std::vector<int> recvFlags = {};
   std::vector<timeval> sendLimits = {};

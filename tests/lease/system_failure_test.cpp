@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "orvane/lease.hpp"
 #include "orvane/ring_reader.hpp"
@@ -35,12 +38,39 @@ TEST(RingMemory, IsMadeBySystemsThatCannotForbidItsExecution) {
   failNext("memfd_create", EINVAL);
   EXPECT_NO_THROW(RingReader{kSmallestRing});
   EXPECT_EQ(replacedCalls().failing, "");
+  constexpr unsigned int kUsual = MFD_CLOEXEC | MFD_ALLOW_SEALING;
+  constexpr unsigned int kNoExec = 8;  // MFD_NOEXEC_SEAL, of Linux 6.3
+  EXPECT_EQ(replacedCalls().memfdFlags,
+            (std::vector<unsigned int>{kUsual | kNoExec, kUsual, kUsual | kNoExec}));
 }
 
 TEST(RingMemory, IsNotTriedAgainAfterAnotherError) {
   failNext("memfd_create", EMFILE);
   EXPECT_TRUE(throwsErrno(901, "Cannot allocate a ring's memory: Too many open files",
                           [] { RingReader{kSmallestRing}; }));
+}
+
+// The producer does not wake the reader when it reads an answer.
+TEST(RingReaderWait, TakesFiveMillisecondsWhileAnErrorHasNoRoom) {
+  RingReader ring(kSmallestRing);
+  pvk_shm_response_t response;
+  for (int i = 0; i < 16; ++i) {
+    ring.answer(response);
+  }
+  response.assign(1003, "disk full");
+  ring.answer(response);
+  ring.wait();
+  ASSERT_EQ(replacedCalls().pauses.size(), 1U);
+  EXPECT_EQ(replacedCalls().pauses[0].tv_sec, 0);
+  EXPECT_EQ(replacedCalls().pauses[0].tv_nsec, 5'000'000);
+}
+
+TEST(LeaseTaking, RejectsAPathBeforeItMakesASocket) {
+  failNext("socket", EMFILE);
+  EXPECT_TRUE(throwsErrno(
+      900, "A socket's path has 1 to 107 bytes, none of them zero; this one has 0 bytes",
+      [] { Lease("", kLong); }));
+  EXPECT_EQ(replacedCalls().failing, "socket");
 }
 
 TEST(LeaseTaking, ReportsThatASocketCannotBeMade) {
@@ -71,6 +101,21 @@ TEST(LeaseTaking, ReportsThatItHasNoRoomForFiles) {
   EXPECT_TRUE(refuses("", 0, 901,
                       "The server sent files that this process has no room for: raise its limit of "
                       "open files"));
+}
+
+// They may be the last descriptors that this process can have.
+TEST(LeaseTaking, ClosesFilesThatAreNotAllBeforeItEndsTheLease) {
+  FakeServer server;
+  server.serve({.says = {"lease q"}, .files = {0, 1}});
+  const std::size_t before = namesIn("/proc/self/fd").size();
+  std::size_t atShutdown = 0;
+  replacedCalls().losesFiles = true;
+  replacedCalls().beforeShutdown = [&] {
+    server.awaitScript();
+    atShutdown = namesIn("/proc/self/fd").size();
+  };
+  EXPECT_ANY_THROW(Lease(server.path(), kLong));
+  EXPECT_EQ(atShutdown, before + 2) << "its end and the server's";
 }
 
 TEST(LeaseTaking, LeavesNoSocketOpenWhenMemoryRunsOut) {

@@ -286,6 +286,13 @@ TEST_F(HandOver, RejectsATailThatGoesBackOrBeyondTheRing) {
   EXPECT_FALSE(server.await());
 }
 
+TEST_F(HandOver, LooksForAsLongAsItIsAsked) {
+  const std::uint64_t seen = 0;
+  EXPECT_TRUE(ring::awaitOther<RecordedSystem>(
+      servers.nap, producers.tail, seen, [] { return true; }, [] { return false; }, 5'000'000'000));
+  EXPECT_EQ(RecordedSystem::time, kStart + 5'000'000'000);
+}
+
 constexpr std::uint64_t kFar = 0x1'0000'0040;  // more than 32 bits
 
 TEST_F(HandOver, LetsTheProducerCountBeyond4GiB) {

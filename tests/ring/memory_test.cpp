@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "raw_ring.hpp"
+#include "ring/fork_count.hpp"
 #include "support/child.hpp"
 #include "support/limits.hpp"
 #include "support/temp_folder.hpp"
@@ -28,6 +29,15 @@ using ring::Mapping;
 using ring::Sealed;
 
 constexpr std::size_t kPageSize = 4096;
+
+constexpr std::uint64_t k4GiB = std::uint64_t{1} << 32;
+
+// A file of zeros without memory of its own.
+File sparseFile(std::uint64_t bytes) {
+  File file(memfd_create("sparse", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  orThrow(ftruncate(file.get(), static_cast<off_t>(bytes)), "ftruncate");
+  return file;
+}
 
 int sealsOf(int file) {
   return fcntl(file, F_GET_SEALS);
@@ -81,6 +91,7 @@ TEST(RingFile, IsClosedOnceAtItsEnd) {
 TEST(RingFile, IsClosedAsTheLowestDescriptorToo) {
   Child child([] {
     close(0);
+    errno = EINVAL;  // of an earlier call
     if (makeFile("test", kPageSize).get() != 0) {
       throw std::runtime_error("it is another descriptor");
     }
@@ -123,6 +134,8 @@ TEST(RingFile, IsRefusedWithoutRoomForIt) {
   const FileSizeLimit limit(kPageSize);
   EXPECT_TRUE(throwsErrno(901, "Cannot allocate a ring's memory: File too large",
                           [] { makeFile("test", 2 * kPageSize); }));
+  EXPECT_TRUE(throwsErrno(901, "Cannot allocate a ring's memory: File too large",
+                          [] { makeFile("test", k4GiB + kPageSize); }));
 }
 
 TEST(RingSeal, KeepsTheSizeAndAllowsToWrite) {
@@ -166,6 +179,13 @@ TEST(RingMapping, ShowsThePartOfTheFileThatItWasMadeFor) {
   EXPECT_FALSE(isWritable(mapping.get()));
 }
 
+TEST(RingMapping, ShowsAPartThatBeginsBeyond4GiB) {
+  const File file = sparseFile(k4GiB + kPageSize);
+  orThrow(static_cast<int>(pwrite(file.get(), "abc", 3, k4GiB)), "pwrite");
+  const Mapping mapping(file.get(), k4GiB, kPageSize, false);
+  EXPECT_EQ(Bytes(mapping.get(), mapping.get() + 4), hex("61 62 63 00"));
+}
+
 TEST(RingMapping, ShowsTheSameBytesTwiceInARow) {
   const File file = makeFile("test", 3 * kPageSize);
   const Mapping mapping(file.get(), kPageSize, 2 * kPageSize, true, true);
@@ -202,10 +222,6 @@ TEST(RingMapping, MovesToANewOwner) {
     Mapping second(std::move(first));
     EXPECT_EQ(first.get(), nullptr);  // NOLINT(bugprone-use-after-move): it is empty
     EXPECT_EQ(second.get(), data);
-    Mapping third;
-    EXPECT_EQ(third.get(), nullptr);
-    third = std::move(second);
-    EXPECT_EQ(third.get(), data);
     EXPECT_TRUE(isMapped(data + kPageSize));
   }
   EXPECT_FALSE(isMapped(data));
@@ -250,6 +266,65 @@ TEST(RingMapping, DoesNotUnmapWhatAForkedChildHasAtItsAddress) {
   EXPECT_EQ(child.nextChange(), "exit 0");
 }
 
+// So many forks, each by the child of the one before, as far as this process can tell.
+class ManyForks {
+ public:
+  ManyForks() { ring::forks += kForks; }
+  ~ManyForks() { ring::forks -= kForks; }
+  ManyForks(const ManyForks&) = delete;
+  ManyForks& operator=(const ManyForks&) = delete;
+
+ private:
+  static constexpr unsigned int kForks = 65536;
+};
+
+TEST(RingMapping, IsLeftAloneAfterAnyNumberOfForks) {
+  const File file = makeFile("test", kPageSize);
+  std::optional<Mapping> mapping(std::in_place, file.get(), 0, kPageSize, true);
+  unsigned char* const data = mapping->get();
+  {
+    const ManyForks forks;
+    mapping.reset();
+  }
+  EXPECT_TRUE(isMapped(data));
+  munmap(data, kPageSize);
+}
+
+TEST(RingMapping, IsUnmappedByTheProcessThatMadeItAfterManyForks) {
+  const File file = makeFile("test", kPageSize);
+  const ManyForks forks;
+  std::optional<Mapping> mapping(std::in_place, file.get(), 0, kPageSize, true);
+  const unsigned char* const data = mapping->get();
+  mapping.reset();
+  EXPECT_FALSE(isMapped(data));
+}
+
+TEST(RingForks, AreCountedFromTheProcessThatLoadedTheLibrary) {
+  EXPECT_EQ(ring::forkCount(), 0U);
+  Child child([] {
+    if (ring::forkCount() != 1) {
+      throw std::runtime_error("the child counts other forks");
+    }
+    Child grandchild([] {
+      if (ring::forkCount() != 2) {
+        throw std::runtime_error("the grandchild counts other forks");
+      }
+    });
+    if (grandchild.nextChange() != "exit 0") {
+      throw std::runtime_error("in the grandchild");
+    }
+  });
+  EXPECT_EQ(child.nextChange(), "exit 0");
+}
+
+TEST(RingSize, IsAPowerOfTwoThatARingMayHave) {
+  EXPECT_EQ(ring::checkedRingSize(2097152), 2097152U);
+  EXPECT_TRUE(throwsErrno(9,
+                          "A ring has 1048576 to 268435456 bytes, a power of two; this one would "
+                          "have 4296015872",
+                          [] { ring::checkedRingSize(k4GiB + 1048576); }));
+}
+
 std::string notARing(const std::string& bytes) {
   return "The server's memory is not a ring of " + bytes +
          " bytes: client and server versions differ; install the same release of both";
@@ -268,6 +343,9 @@ TEST(RingCheck, RefusesAnotherSize) {
   seal(file, Sealed::size);
   EXPECT_TRUE(throwsErrno(901, notARing("4095"), [&] { requireSealed(file, 4095); }));
   EXPECT_TRUE(throwsErrno(901, notARing("4097"), [&] { requireSealed(file, 4097); }));
+  const File large = sparseFile(k4GiB + kPageSize);
+  seal(large, Sealed::size);
+  EXPECT_TRUE(throwsErrno(901, notARing("4096"), [&] { requireSealed(large, 4096); }));
 }
 
 TEST(RingCheck, RefusesAFileThatMayChangeItsSize) {

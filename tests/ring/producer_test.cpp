@@ -1,13 +1,18 @@
 #include "ring/producer.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <functional>
 #include <memory>
 
+#include "orvane/ring_writer.hpp"
 #include "raw_ring.hpp"
+#include "ring/fork_count.hpp"
 #include "support/throws.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {
@@ -71,6 +76,10 @@ TEST_F(HostileServer, MustSendFilesOfTheRightSize) {
                           "The server's memory is not a ring of 2101248 bytes: client and server "
                           "versions differ; install the same release of both",
                           [this] { Producer(mine, theirs, 2 * kRing, connection()); }));
+  EXPECT_TRUE(throwsErrno(901,
+                          "The server's memory is not a ring of 4296019968 bytes: client and "
+                          "server versions differ; install the same release of both",
+                          [this] { Producer(mine, theirs, 4294967296 + kRing, connection()); }));
   const File large = ring::makeFile("large", 8193);
   seal(large, ring::Sealed::size);
   EXPECT_TRUE(throwsErrno(901,
@@ -127,6 +136,27 @@ TEST_F(HostileServer, GetsNoFrameTwiceWhenItsAnswersAreTooMany) {
   EXPECT_EQ(producer->placeInFrame(0), nullptr);
   EXPECT_NO_THROW(producer->publish());
   EXPECT_EQ(producers.get64(kTail), 128U);
+}
+
+TEST_F(HostileServer, GetsOneCloseRecordWhenItsAnswersAreTooMany) {
+  RingWriter writer("s", std::shared_ptr<Producer>(made()), 1, 0, false);
+  writer.open();
+  EXPECT_EQ(producers.get64(kTail), 128U);
+  servers.put64(kAnswersWritten, 17);
+  EXPECT_TRUE(throwsErrno(901, kServerBroke, [&] { writer.close(); }));
+  EXPECT_EQ(producers.get64(kTail), 256U);
+  EXPECT_TRUE(throwsErrno(901, kServerBroke, [&] { writer.close(); })) << "it is not answered";
+  EXPECT_EQ(producers.get64(kTail), 256U);
+}
+
+TEST_F(HostileServer, GivesErrorsThatAreDiscarded) {
+  const std::unique_ptr<Producer> producer = made();
+  const Bytes answer = hex("eb030000 64 69 73 6b 00");
+  std::memcpy(servers.at(kFirstAnswer), answer.data(), answer.size());
+  servers.put64(kAnswersWritten, 1);
+  producer->discardAnswers();
+  EXPECT_EQ(producers.get64(kAnswersTaken), 1U);
+  EXPECT_EQ(producer->takeError(), nullptr);
 }
 
 TEST_F(HostileServer, GetsAFrameWhenItHasItsUsualSize) {
@@ -201,10 +231,79 @@ TEST_F(HostileServer, SeesTheTimeThatItBlockedAddedUp) {
   const std::unique_ptr<Producer> producer = made();
   sendQuarter(*producer);
   EXPECT_EQ(producers.get64(144), 0U);
-  producers.put64(144, 5'000'000'000);  // more than 32 bits
+  producers.put64(144, 4'000'000'000);  // 32 bits will be too few
+  const Stopwatch watch;
   EXPECT_FALSE(producer->awaitReleased(1));
   EXPECT_FALSE(producer->awaitReleased(1));
-  EXPECT_GE(producers.get64(144), 7'000'000'000U);
+  EXPECT_GE(producers.get64(144), 6'000'000'000U);
+  EXPECT_LE(static_cast<double>(producers.get64(144)), 4e9 + watch.seconds() * 1e9);
+}
+
+TEST_F(HostileServer, CannotTellItsProducersProcessByAFewBitsOfTheForks) {
+  const std::unique_ptr<Producer> before = made();
+  ring::forks += 65536;
+  EXPECT_TRUE(before->isInForkedChild());
+  EXPECT_FALSE(made()->isInForkedChild());
+  ring::forks -= 65536;
+  EXPECT_FALSE(before->isInForkedChild());
+}
+
+// The files of a ring as large as none that a server makes; only what is written has memory.
+class SparseRing {
+ public:
+  explicit SparseRing(std::uint64_t bytes) : mine(made(4096 + bytes)), theirs(made(8192)) {
+    for (const File* const file : {&mine, &theirs}) {
+      const Bytes identity = hex("6f727672696e6700 01000000 40000000");
+      orThrow(static_cast<int>(pwrite(file->get(), identity.data(), 16, 0)), "pwrite");
+      orThrow(static_cast<int>(pwrite(file->get(), &bytes, 8, 16)), "pwrite");
+    }
+  }
+
+  std::uint64_t tail() const {
+    std::uint64_t tail = 0;
+    orThrow(static_cast<int>(pread(mine.get(), &tail, 8, kTail)), "pread");
+    return tail;
+  }
+
+  const File mine;
+  const File theirs;
+
+ private:
+  static File made(std::uint64_t bytes) {
+    File file(memfd_create("sparse", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    orThrow(ftruncate(file.get(), static_cast<off_t>(bytes)), "ftruncate");
+    seal(file, ring::Sealed::size);
+    return file;
+  }
+};
+
+TEST(RingProducer, CountsBeyond4GiB) {
+  const SparseRing ring(34359738368);
+  Producer producer(ring.mine, ring.theirs, 34359738368, {[] { return false; }, [] {}});
+  EXPECT_EQ(producer.largestRecord(), 8589934520U);
+  const unsigned char* const first = producer.place(0, 1);
+  producer.commit(0);
+  EXPECT_EQ(producer.place(4294967295, 1), first + 128) << "more than a usual frame";
+  EXPECT_EQ(ring.tail(), 128U);
+
+  producer.setUsualFrame(8589934592);
+  EXPECT_EQ(producer.place(0, 1), first + 128);
+  EXPECT_EQ(producer.placeInFrame(8589934520), first + 128);
+  EXPECT_EQ(producer.placeInFrame(8589934521), nullptr);
+  producer.commit(4294967296);
+  EXPECT_EQ(producer.placeInFrame(0), first + 128 + 48 + 4294967296);
+  producer.publish();
+  EXPECT_EQ(ring.tail(), 128U + 4294967424U);
+}
+
+TEST(RingProducer, RefusesARingThatIsLargerThanItSays) {
+  const SparseRing ring(4296015872);
+  const std::uint64_t said = 1048576;
+  orThrow(static_cast<int>(pwrite(ring.mine.get(), &said, 8, 16)), "pwrite");
+  orThrow(static_cast<int>(pwrite(ring.theirs.get(), &said, 8, 16)), "pwrite");
+  EXPECT_TRUE(throwsErrno(901, kOtherForm, [&] {
+    Producer(ring.mine, ring.theirs, 4296015872, {[] { return false; }, [] {}});
+  }));
 }
 
 }  // namespace

@@ -100,9 +100,16 @@ TEST_F(RingAnswers, ReleaseEachFrameOnce) {
   EXPECT_EQ(head(), 64U);
 }
 
+TEST_F(RingAnswers, ReleaseNothingBeforeTheFirstFrame) {
+  ring.answer(responseOf(0));
+  EXPECT_EQ(written(), 1U);
+  EXPECT_EQ(head(), 0U);
+}
+
 TEST_F(RingAnswers, AreLostByAProducerThatForgesWhatItHasTaken) {
   fill();
-  for (const std::uint64_t taken : {std::uint64_t{17}, std::uint64_t{1} << 63, ~std::uint64_t{0}}) {
+  for (const std::uint64_t taken : {std::uint64_t{17}, std::uint64_t{0x1'0000'0001},
+                                    std::uint64_t{1} << 63, ~std::uint64_t{0}}) {
     take(taken);
     serve(0, "lost");
     EXPECT_EQ(written(), 16U) << taken;

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <regex>
@@ -62,6 +63,15 @@ TEST(RingReaderConstruction, TakesTheLargestSize) {
   const RingReader ring(268435456);
   ASSERT_EQ(fstat(ring.producersFile(), &status), 0);
   EXPECT_EQ(status.st_size, 268439552);
+}
+
+TEST(RingReaderConstruction, GivesItsFilesNamesThatTheListOfAProcesssFilesShows) {
+  const RingReader ring(kRing);
+  const auto nameOf = [](int file) {
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)).string();
+  };
+  EXPECT_EQ(nameOf(ring.producersFile()), "/memfd:orvane-ring (deleted)");
+  EXPECT_EQ(nameOf(ring.serversFile()), "/memfd:orvane-ring-server (deleted)");
 }
 
 TEST(RingReaderConstruction, ReportsThatThereIsNoMemory) {

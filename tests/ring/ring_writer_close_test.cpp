@@ -48,6 +48,28 @@ TEST(RingWriterClose, ThrowsTheServersErrorAndIsClosedThen) {
   EXPECT_EQ(stream.sent(), Records{{.type = 0}});
 }
 
+TEST(RingWriterClose, OfAWriterThatWasNeverOpenWaitsForNoAnswer) {
+  RingStream stream({.timeout = 1});
+  stream.writer->stop(false);
+  EXPECT_NO_THROW(stream.writer->close());
+}
+
+TEST(RingWriterClose, OfAStreamThatHasItsAnswerWaitsForNoOther) {
+  for (const std::int32_t status : {0, 1003}) {
+    RingStream stream({.timeout = 1});
+    stream.open();
+    EXPECT_TRUE(throwsErrno(15, kNoAnswer, [&] { stream.writer->close(); }));
+    stream.sent(status, "disk full");
+    if (status == 0) {
+      EXPECT_NO_THROW(stream.writer->close());
+    } else {
+      EXPECT_TRUE(throwsErrno(1003, "disk full", [&] { stream.writer->close(); }));
+    }
+    stream.writer->stop(false);
+    EXPECT_NO_THROW(stream.writer->close()) << status;
+  }
+}
+
 TEST(RingWriterClose, ThatTimesOutWaitsAgainWithoutASecondRecord) {
   RingStream stream({.timeout = 1});
   stream.open();

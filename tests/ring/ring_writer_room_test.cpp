@@ -95,6 +95,14 @@ TEST(RingWriterReserve, MayTakeTheLargestRecordAndNoMore) {
                           [&] { stream.writer->reserve(131073); }));
 }
 
+TEST(RingWriterReserve, ThatIsTooLargeLeavesAnEarlierPlaceAsItWas) {
+  RingStream stream;
+  stream.open();
+  stream.writer->reserve(5);
+  EXPECT_ANY_THROW(stream.writer->reserve(131073));
+  EXPECT_TRUE(throwsErrno(9, notReserved("6", "5"), [&] { stream.writer->commit(6); }));
+}
+
 TEST(RingWriterReserve, NeedsAnOpenWriterAndAnAlgorithm) {
   RingStream stream;
   EXPECT_TRUE(throwsErrno(44, kRingNotOpen, [&] { stream.writer->reserve(1); }));
@@ -219,6 +227,11 @@ TEST(RingWriterRoom, IsNotAskedForByARecordThatIsTooLarge) {
                           "Could not fit header (type=1) with data length 262073 into the batch, "
                           "even after batch has been flushed",
                           [&] { stream.write(std::string(kLargestRecord + 1, 'x')); }));
+  stream.writer->setSegmentAlg(kOrvaneSegBounded, 0, 0, 0);
+  EXPECT_TRUE(throwsErrno(85,
+                          "Segment too large error.  Received segment of size 131073 bytes, but "
+                          "the maximum allowed segment size is 131072 bytes",
+                          [&] { stream.writer->reserve(131073); }));
 }
 
 TEST(RingWriterRoom, IsUsedAgainAndAgainWithRecordsOfOddSizes) {
@@ -297,6 +310,7 @@ TEST(RingWriterInAForkedChild, ThrowsAndSendsNothing) {
     const std::pair<const char*, std::function<void()>> calls[] = {
         {"commit", [&] { writer.commit(1); }},
         {"reserve", [&] { writer.reserve(1); }},
+        {"commit without a place", [&] { writer.commit(1); }},
         {"writeSegment", [&] { stream.write("c"); }},
         {"endSegment", [&] { writer.endSegment(); }},
         {"stop", [&] { writer.stop(true); }},

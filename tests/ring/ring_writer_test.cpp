@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <stdexcept>
 
+#include "ring/producer.hpp"
 #include "ring_stream.hpp"
+#include "support/child.hpp"
 #include "support/recording_sink.hpp"
 #include "support/throws.hpp"
 
@@ -52,6 +55,17 @@ TEST(RingWriterRecords, FillAFrameOf256KiBToTheByte) {
   stream.write(std::string(262144 - 24 - 48 - 48 + 1, 'c'));  // a byte too long after that one
   EXPECT_EQ(stream.sent().size(), 1U);
   EXPECT_EQ(stream.flushed().size(), 1U);
+}
+
+TEST(RingWriterRecords, MayBeMoreThan65536InAFrame) {
+  RingStream stream({.bytes = 16 * kRing});
+  stream.lease->ring()->setUsualFrame(4 * kRing);
+  stream.open();
+  for (int i = 0; i < 65537; ++i) {
+    stream.write("");
+  }
+  stream.writer->stop(false);
+  EXPECT_EQ(stream.sent().size(), 65538U);
 }
 
 TEST(RingWriterRecords, MayTakeAQuarterOfALargeRingAlone) {
@@ -138,6 +152,41 @@ TEST(RingWriterTrace, NamesItsCalls) {
                                       left("write_data"), left("open")}));
   stream.writer->open();
   EXPECT_EQ(sink.take(), (std::vector{entered("open"), left("open")}));
+}
+
+TEST(RingWriterTrace, NamesReserveAndCommit) {
+  RingStream stream;
+  RecordingSink sink(RecordingSink::Tracing::on);
+  EXPECT_ANY_THROW(stream.writer->reserve(1));
+  EXPECT_EQ(sink.take(), (std::vector{entered("reserve"), left("reserve")}));
+  stream.open();
+  sink.take();
+  std::memset(stream.writer->reserve(2), 'x', 2);
+  EXPECT_EQ(sink.take(), (std::vector{entered("reserve"), left("reserve")}));
+  stream.writer->commit(1);
+  EXPECT_EQ(sink.take(), (std::vector{entered("commit"),
+                                      traced("write_data: write header.type =1, len=1, timeout=7s"),
+                                      left("commit")}));
+  Child child([&] {
+    EXPECT_ANY_THROW(stream.writer->commit(1));
+    if (sink.take() != std::vector{entered("commit"), left("commit")}) {
+      throw std::runtime_error("a commit that throws is not traced");
+    }
+  });
+  EXPECT_EQ(child.nextChange(), "exit 0");
+}
+
+TEST(RingWriterTrace, NamesClose) {
+  RingStream stream;
+  stream.open();
+  const AnsweringThread server(stream.reader);
+  RecordingSink sink(RecordingSink::Tracing::on);
+  stream.writer->close();
+  EXPECT_EQ(sink.take(), (std::vector{entered("close"), entered("write_data"),
+                                      traced("write_data: write header.type =3, len=0, timeout=7s"),
+                                      left("write_data"), left("close")}));
+  stream.writer->close();
+  EXPECT_EQ(sink.take(), (std::vector{entered("close"), left("close")}));
 }
 
 TEST(RingWriterTrace, NamesItsConstructionAndItsEnd) {
