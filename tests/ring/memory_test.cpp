@@ -179,6 +179,8 @@ TEST(RingCheck, RefusesWhatIsNoFileInMemory) {
   const File file(open((folder.path() + "/file").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_TRUE(throwsErrno(901, notARing("4096"), [&] { requireSealed(file, 4096); }));
   EXPECT_TRUE(throwsErrno(901, notARing("4096"), [] { requireSealed(File(), 4096); }));
+  const File noMemory(open("/proc/self/stat", O_RDONLY | O_CLOEXEC));  // it cannot have seals
+  EXPECT_TRUE(throwsErrno(901, notARing("0"), [&] { requireSealed(noMemory, 0); }));
 }
 
 }  // namespace
