@@ -44,6 +44,14 @@ class RingLease : public LeaseTest {
     }
   }
 
+  // Its folder has another name, which begins with a dot, until it is locked.
+  void awaitStream() const {
+    ASSERT_TRUE(eventually([this] {
+      const Words names = namesIn(store.path());
+      return !names.empty() && !names.front().starts_with(".");
+    }));
+  }
+
   static std::string receiptOf(Lease& lease) { return textOf(lease.receipt(kLong)); }
 };
 
@@ -95,7 +103,7 @@ TEST_F(RingLease, OfADeadServerLeavesItsSocketAndAStreamThatTheNextOneFinishes) 
   writer.open();
   write(writer, record('x'));
   write(writer, record('y'));  // hands the first one over
-  ASSERT_TRUE(eventually([&] { return !namesIn(store.path()).empty(); }));
+  awaitStream();
   const std::string path = folderOf(name) + "/segment-000000.part";
   ASSERT_TRUE(eventually([&] {
     return std::filesystem::exists(path) && std::filesystem::file_size(path) == record('x').size();
@@ -117,7 +125,7 @@ TEST_F(RingLease, OfADeadServerIsInUseUntilItsWorkerIsDead) {
   writer.open();
   write(writer, "x");
   const pid_t worker = server->workerOfRing();
-  ASSERT_TRUE(eventually([&] { return !namesIn(store.path()).empty(); }));
+  awaitStream();
   kill(worker, SIGSTOP);
   server->signal(SIGSTOP);  // its end would let the worker continue
   for (const pid_t child : server->children()) {

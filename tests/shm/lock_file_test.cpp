@@ -6,10 +6,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <stdexcept>
+#include <string>
+#include <thread>
 #include <utility>
 
 #include "support/await.hpp"
@@ -199,6 +202,35 @@ TEST_F(LockFileTest, AnotherUsersFileIsLeftAlone) {
                            ": it belongs to another user: remove it, or take another name");
   EXPECT_FALSE(LockFile::takeOver(path));
   EXPECT_EQ(readFile(path), "4711\n");
+}
+
+// Another server would take it for a dead owner's, and keep it for seconds.
+TEST(NewLockFile, IsLockedBeforeItCanBeFound) {
+  const std::string path = "/dev/shm/.new-lock-" + std::to_string(getpid()) + ".lock";
+  std::atomic<bool> done = false;
+  int taken = 0;
+  std::thread other([&] {
+    while (!done) {
+      taken += LockFile::takeOver(path) ? 1 : 0;
+    }
+  });
+  for (int i = 0; i < 1000; ++i) {
+    const LockFile lock = LockFile::ofNewName(path);
+    EXPECT_EQ(readFile(path), std::to_string(getpid()) + "\n");
+  }
+  done = true;
+  other.join();
+  EXPECT_EQ(taken, 0);
+  EXPECT_FALSE(fs::exists(path));
+}
+
+TEST(NewLockFile, IsMadeAsAnyOtherWhereItsNameIsTaken) {
+  const TempFolder folder;
+  const std::string path = folder.path() + "/lock";
+  writeFile(path, "4711\n");
+  const LockFile lock = LockFile::ofNewName(path);
+  EXPECT_EQ(readFile(path), std::to_string(getpid()) + "\n");
+  EXPECT_FALSE(LockFile::takeOver(path));
 }
 
 TEST(LockPath, IsHiddenBesideTheQueues) {

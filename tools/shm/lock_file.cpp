@@ -69,6 +69,11 @@ bool isDead(pid_t process) {
   return process > 0 && kill(process, 0) != 0 && errno == ESRCH;
 }
 
+bool writeOwner(const Fd& fd) {
+  const std::string owner = std::to_string(getpid()) + "\n";
+  return ftruncate(fd.get(), 0) == 0 && pwrite(fd.get(), owner.data(), owner.size(), 0) >= 0;
+}
+
 }  // namespace
 
 LockFile::LockFile(const std::string& path) : path(path) {
@@ -90,12 +95,23 @@ LockFile::LockFile(const std::string& path) : path(path) {
       break;
     }
   }
-  const std::string owner = std::to_string(getpid()) + "\n";
-  if (ftruncate(fd.get(), 0) != 0 || pwrite(fd.get(), owner.data(), owner.size(), 0) < 0) {
+  if (!writeOwner(fd)) {
     const int error = errno;
     unlink(path.c_str());
     fail(path, error);
   }
+}
+
+// The file gets its name last. Without /proc, it is made as any other.
+LockFile LockFile::ofNewName(const std::string& path) {
+  const std::string folder = path.substr(0, path.rfind('/'));
+  Fd fd(open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+  const std::string unnamed = "/proc/self/fd/" + std::to_string(fd.get());
+  if (fd.get() >= 0 && tryLock(path, fd) && writeOwner(fd) &&
+      linkat(AT_FDCWD, unnamed.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+    return {path, std::move(fd)};
+  }
+  return LockFile(path);
 }
 
 std::optional<LockFile> LockFile::takeOver(const std::string& path, uid_t user) {

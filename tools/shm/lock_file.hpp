@@ -20,6 +20,10 @@ class LockFile {
   // seconds for their end.
   explicit LockFile(const std::string& path);
 
+  // Makes a file of a name that no other process uses. It is locked before it can be found, so that
+  // nobody takes it for a dead owner's, and this does not wait. Throws std::runtime_error.
+  static LockFile ofNewName(const std::string& path);
+
   // Locks the file of a dead owner; the file then holds no process number. Returns nothing if there
   // is no such file, if it is locked, or if it does not belong to `user`. Throws std::runtime_error
   // if the file cannot be opened, as ownerOf does.

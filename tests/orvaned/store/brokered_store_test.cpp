@@ -45,17 +45,14 @@ TEST(BrokerClientTest, PassesOverRepliesToOthers) {
 TEST(BrokerClientTest, AStreamStaysLockedWhenItsBrokerHasDied) {
   const TempFolder store;
   auto [ours, theirs] = orvaned::connectedSockets();
+  const tool::Fd connection(dup(ours.get()));
   BrokerClient client(std::move(ours));
-  orvaned::StoreAccess::NewStream stream;
-  {
-    std::thread thread([&store, end = std::move(theirs)]() mutable {
-      orvaned::Broker broker({store.path(), "orders", Sync::none}, tool::Fd(dup(end.get())));
-      shutdown(end.get(), SHUT_RD);  // after what was asked, the broker sees the end
-      broker.run();
-    });
-    stream = BrokeredAccess(client, store.path()).createStream();
-    thread.join();
-  }
+  std::thread broker([&store, end = std::move(theirs)]() mutable {
+    orvaned::Broker({store.path(), "orders", Sync::none}, std::move(end)).run();
+  });
+  orvaned::StoreAccess::NewStream stream = BrokeredAccess(client, store.path()).createStream();
+  shutdown(connection.get(), SHUT_WR);  // the broker ends
+  broker.join();
   orvaned::LocalDirectory folder(store.path() + "/orders-" + stream.id);
   EXPECT_FALSE(folder.lock());
   stream.folder.reset();

@@ -73,7 +73,7 @@ LeaseRun::LeaseRun() : name("orvane-" + tool::timeAndProcess()) {}
 
 void LeaseRun::lockForQueues() {
   if (!lock) {
-    lock.emplace(tool::lockPathOf(name));
+    lock.emplace(tool::LockFile::ofNewName(tool::lockPathOf(name)));
   }
 }
 
