@@ -18,7 +18,8 @@ LOCK_BOUND = 2
 LOST_LINE = re.compile(r"write\(2, .*(INJECTED|= \?)")
 LOG_PROCESS = "orvaned-log"  # the server's child that writes its log
 
-LEASE_LOCK = re.compile(r"/dev/shm/\.orvane-[^/]+\.lock")
+# The system shows the name of the file, or that it had none when it was made.
+LEASE_LOCK = re.compile(r"/dev/shm/(\.orvane-[^/]+\.lock|#\d+ \(deleted\))")
 
 MEMORY_SLACK = 512  # KiB that a heap may grow by without a leak
 
