@@ -71,7 +71,7 @@ std::vector<LeaseRequests::Connection> LeaseRequests::serve(const Limit& limit,
   return granted;
 }
 
-// Who asked for totals has got an answer, and just leaves.
+// A connection that has received totals ends without a refusal.
 bool LeaseRequests::isOverdue(const PendingRequest& request) {
   if (Clock::now() < request.deadline) {
     return false;

@@ -9,7 +9,7 @@
 
 namespace orvaned {
 
-// What became of a segment that was finished in the background.
+// The result of finishing a segment in the background.
 struct FinishResult {
   bool listed = false;  // the manifest has its line
   std::string error;    // empty: all of it is done

@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,9 +12,9 @@
 
 #include "log.hpp"
 #include "shm/shm_names.hpp"
+#include "supervisor/lease_limits.hpp"
 #include "supervisor/pair_files.hpp"
 #include "worker/confinement.hpp"
-#include "worker/queue_pair.hpp"
 
 namespace orvaned {
 namespace {
@@ -34,11 +33,6 @@ constexpr std::size_t kUsualEvents = 32;
 tool::Fd openSignals() {
   sigset_t signals = supervisorSignals();
   return tool::Fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
-
-std::size_t memory() {
-  return static_cast<std::size_t>(sysconf(_SC_PHYS_PAGES)) *
-         static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
 }  // namespace
@@ -247,7 +241,7 @@ void Supervisor::serveRequests() {
     return;
   }
   const auto limit = [this](const ucred& producer, std::size_t pending) {
-    return limitReachedBy(producer, pending);
+    return limitReachedBy(producer, pending, options, pairs);
   };
   const auto totals = [this](uid_t user, const std::string& after) {
     return nextTotals(user, after);
@@ -274,7 +268,7 @@ LeaseRequests::Totals Supervisor::nextTotals(uid_t user, const std::string& afte
 
 void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
   LeaseConnection* const asking = connection.get();
-  if (const std::string reason = noRoomFor(*asking); !reason.empty()) {
+  if (const std::string reason = noRoomFor(*asking, options, pairs); !reason.empty()) {
     refuse(*asking, orvane::kLimitReached, reason);
     return;
   }
@@ -290,72 +284,6 @@ void Supervisor::startLease(std::unique_ptr<LeaseConnection> connection) {
       refuse(*asking, orvane::kNoPair, e.what());
     }
   }
-}
-
-std::string Supervisor::limitReachedBy(const ucred& producer, std::size_t pending) const {
-  std::size_t own = pending;
-  for (const PairProcesses& pair : pairs) {
-    const LeaseConnection* lease = pair.lease();
-    own += lease != nullptr && lease->producer().uid == producer.uid ? 1 : 0;
-  }
-  if (own < options.pairsPerUser) {
-    return "";
-  }
-  return "user " + std::to_string(producer.uid) + " has " + std::to_string(own) +
-         " leases, as many as it may: end one, or start orvaned with a larger --pairs-per-user";
-}
-
-// The reason why there is no memory for what was requested; empty if there is.
-std::string Supervisor::noRoomFor(const LeaseConnection& request) const {
-  return request.ringBytes() == 0 ? noRoomInShm() : noRoomForRing(request);
-}
-
-std::string Supervisor::noRoomInShm() const {
-  const auto queueLeases = std::count_if(pairs.begin(), pairs.end(), [](const PairProcesses& pair) {
-    return pair.lease() != nullptr && pair.lease()->ringBytes() == 0;
-  });
-  const std::size_t bytes =
-      (static_cast<std::size_t>(queueLeases) + 1) * bytesOfPair(options.geometry);
-  const std::size_t limit = shmLimit();
-  if (bytes <= limit) {
-    return "";
-  }
-  return "the leases would take " + std::to_string(bytes) + " bytes of /dev/shm, of " +
-         std::to_string(limit) +
-         " that they may: end one, or start orvaned with a larger --shm-limit";
-}
-
-std::string Supervisor::noRoomForRing(const LeaseConnection& request) const {
-  const uid_t user = request.producer().uid;
-  std::size_t own = request.ringBytes();
-  std::size_t all = own;
-  for (const PairProcesses& pair : pairs) {
-    if (const LeaseConnection* lease = pair.lease()) {
-      all += lease->ringBytes();
-      own += lease->producer().uid == user ? lease->ringBytes() : 0;
-    }
-  }
-  const std::size_t limit = options.ringLimit != 0 ? options.ringLimit : memory() / 4;
-  const std::size_t ownLimit = options.ringLimitPerUser != 0 ? options.ringLimitPerUser : limit / 2;
-  const auto would = [](const std::string& whose, std::size_t bytes, std::size_t most,
-                        const std::string& option) {
-    return "the rings" + whose + " would take " + std::to_string(bytes) + " bytes, of " +
-           std::to_string(most) + " that they may: end one, or start orvaned with a larger " +
-           option;
-  };
-  if (own > ownLimit) {
-    return would(" of user " + std::to_string(user), own, ownLimit, "--ring-limit-per-user");
-  }
-  return all > limit ? would("", all, limit, "--ring-limit") : "";
-}
-
-// If the size of /dev/shm is unknown, there is no limit here, and creating a pair may fail.
-std::size_t Supervisor::shmLimit() const {
-  struct statvfs shm = {};
-  if (options.shmLimit != 0 || statvfs(tool::kShmFolder, &shm) != 0) {
-    return options.shmLimit != 0 ? options.shmLimit : SIZE_MAX;
-  }
-  return shm.f_blocks * shm.f_frsize / 2;
 }
 
 void Supervisor::stepPairs() {

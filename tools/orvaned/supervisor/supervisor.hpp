@@ -54,12 +54,7 @@ class Supervisor {
   void stop();
   void serveRequests();
   void startLease(std::unique_ptr<LeaseConnection> connection);
-  std::string limitReachedBy(const ucred& producer, std::size_t pending) const;
   LeaseRequests::Totals nextTotals(uid_t user, const std::string& after) const;
-  std::string noRoomFor(const LeaseConnection& request) const;
-  std::string noRoomInShm() const;
-  std::string noRoomForRing(const LeaseConnection& request) const;
-  std::size_t shmLimit() const;
   void stepPairs();
   std::size_t deadPairs() const;
   void conclude(const std::string& queue, BrokerProcess broker, bool died);
