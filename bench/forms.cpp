@@ -126,6 +126,20 @@ Sent oneByOne(Link& link, const Load& load, std::size_t, Clock::duration time) {
   return {sent, sumBelow(sent)};
 }
 
+void takeMessage(Form::Messages what, Link& link, Tally& tally, Work work) {
+  switch (what) {
+    case Form::Messages::batches:
+      return tally.takeBatch(link.receive(), work);
+    case Form::Messages::records:
+      return tally.takeRecord(link.receive(), work);
+    case Form::Messages::inRing:
+      return dynamic_cast<LeasedRingLink&>(link).receiveInPlace(
+          [&](const orvane::ShmBatch::Entry& entry) {
+            tally.take(entry.header, entry.data, work);
+          });
+  }
+}
+
 struct Results {
   Meeting start{2};
   Meeting end{2};
@@ -156,7 +170,7 @@ std::vector<Form> allForms() {
   };
   std::vector<Form> all = {
       {"orvane, ring", Messages::batches, ring, kUnlimited, throughRing, ""},
-      {"orvane, ring in place", Messages::batches, ring, kUnlimited, inPlace, ""},
+      {"orvane, ring in place", Messages::inRing, ring, kUnlimited, inPlace, ""},
       {"orvane", Messages::batches, answering(Wait::polling), kUnlimited, throughWriter, ""},
       {"orvane, waiting reader", Messages::batches, answering(Wait::inQueue), kUnlimited,
        throughWriter, ""},
@@ -178,7 +192,7 @@ std::vector<Form> allForms() {
 
 std::optional<Speed> measure(const Form& form, const Geometry& geometry, const Load& load,
                              Work work, Clock::duration time) {
-  const bool batches = form.messages == Form::Messages::batches;
+  const bool batches = form.messages != Form::Messages::records;
   const std::size_t limit = std::min(geometry.messageSize, form.largest);
   const std::size_t capacity = batches ? load.batchSize(limit) : load.recordSize();
   if (capacity == 0 || capacity > limit) {
@@ -204,8 +218,7 @@ std::optional<Speed> measure(const Form& form, const Geometry& geometry, const L
         results->start.wait();
         const double cpu = cpuSeconds();
         while (!tally.ended) {
-          const Bytes message = link->receive();
-          batches ? tally.takeBatch(message, work) : tally.takeRecord(message, work);
+          takeMessage(form.messages, *link, tally, work);
         }
         results->finish = Clock::now();
         results->receiversCpu = cpuSeconds() - cpu;

@@ -15,10 +15,11 @@ namespace bench {
 
 using Clock = std::chrono::steady_clock;
 
-// What is measured: `produce` sends records over the link for so long, and then a close record.
+// What is measured: `produce` sends records over the link for so long, and then a close record. The
+// consumer reads what a message holds: a batch, one record, or a batch that stays in its ring.
 struct Form {
   std::string name;
-  enum class Messages { batches, records } messages;
+  enum class Messages { batches, records, inRing } messages;
   std::function<std::unique_ptr<Link>(const Geometry&, std::size_t capacity)> make;
   std::size_t largest;
   std::function<Sent(Link&, const Load&, std::size_t capacity, Clock::duration)> produce;

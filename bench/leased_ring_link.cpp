@@ -69,15 +69,12 @@ void LeasedRingLink::answer() {
 }
 
 Bytes LeasedRingLink::receive() {
-  answer();
-  owesAnswer = true;
-  for (;;) {
-    const orvane::RingReader::Batch batch = ring->receive();
-    if (batch.data != nullptr) {
-      return {batch.data, batch.size};
-    }
+  orvane::RingReader::Batch batch = {};
+  for (answer(); (batch = ring->receive()).data == nullptr;) {
     ring->wait();
   }
+  owesAnswer = true;
+  return {batch.data, batch.size};
 }
 
 }  // namespace bench

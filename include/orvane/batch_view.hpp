@@ -10,6 +10,10 @@
 
 namespace orvane {
 
+namespace layout {
+class BatchCheck;
+}
+
 // The reader of a received batch, for bytes from a process that is not trusted.
 //   for (const ShmBatch::Entry& entry : BatchView(message, size)) {
 //     store(entry.header, entry.data);
@@ -37,6 +41,7 @@ class ORVANE_API BatchView {
   Iterator end() const;
 
  private:
+  friend class layout::BatchCheck;
   struct Stride;
 
   const unsigned char* bytes;

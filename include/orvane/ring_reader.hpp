@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "orvane/batch.hpp"
 #include "orvane/export.hpp"
 #include "orvane/records.hpp"
 
@@ -28,8 +29,8 @@ constexpr std::uint64_t kDefaultRing = std::uint64_t{8} << 20;
 //   }
 //
 // It makes the ring's memory and owns it. The producer is not trusted: it may write anything at any
-// time. So each batch is copied once and then stays as it is, and receive() checks all that the
-// producer wrote. One thread uses a ring at a time.
+// time. So receive() copies each batch once, and checks all that the producer wrote around it. For
+// a server that needs no copy there is receiveInPlace(). One thread uses a ring at a time.
 class ORVANE_API RingReader {
  public:
   struct Batch {
@@ -55,6 +56,23 @@ class ORVANE_API RingReader {
   // no answers, there is no next batch. Throws kStatusCorruptMagic if the producer broke the ring's
   // rules: end its lease then.
   Batch receive();
+
+  // Begins to read the next batch where it is, without a copy; instead of receive(), and under the
+  // same conditions. Returns false if there is none.
+  //   if (ring.receiveInPlace()) {
+  //     for (ShmBatch::Entry entry(nullptr); ring.next(entry);) {
+  //       ... read the bytes at entry.data, each of them once ...
+  //     }
+  //     ring.answer(response);
+  //   }
+  bool receiveInPlace();
+
+  // Reads the next record of this batch into `entry`; returns false after the last one. The header
+  // is a private copy that was checked. The data, which is valid until answer(), is still the
+  // producer's to change: what is checked or summed first and used later must be copied before.
+  // Throws as BatchView's constructor does if this is not a valid batch, so records before the
+  // mistake have been returned by then; the batch can still be answered.
+  bool next(ShmBatch::Entry& entry);
 
   // Answers the batch and gives its room back. The answer may be lost if its status is 0 and the
   // producer reads none.

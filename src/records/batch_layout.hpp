@@ -3,6 +3,7 @@
 #include "orvane/batch.hpp"
 #include "orvane/records.hpp"
 #include "records/big_endian.hpp"
+#include "records/failure.hpp"
 
 // The bytes of a batch, all integers big-endian, no padding anywhere:
 //
@@ -57,7 +58,10 @@ inline void writeHeader(unsigned char* p, const pvk_shm_message_t& header) {
 }
 
 // Every reader calls it when a header's magic word is wrong.
-[[noreturn]] void failCorruptHeader(std::uint32_t magic);
+[[noreturn, gnu::cold]] inline void failCorruptHeader(std::uint32_t magic) {
+  fail(kStatusCorruptMagic, "Could not deserialize pvk_shm_message from",
+       " buffer because the magic value ", magic, " is corrupt (expected=", kHeaderMagicWord, ")");
+}
 
 inline void readHeader(pvk_shm_message_t& header, const unsigned char* p) {
   header.type = loadBig32(&p[kType]);

@@ -2,15 +2,8 @@
 
 #include "orvane/records.hpp"
 #include "records/batch_layout.hpp"
-#include "records/failure.hpp"
 
 namespace orvane {
-
-void layout::failCorruptHeader(std::uint32_t magic) {
-  fail(kStatusCorruptMagic, "Could not deserialize pvk_shm_message from",
-       " buffer because the magic value ", magic,
-       " is corrupt (expected=", layout::kHeaderMagicWord, ")");
-}
 
 unsigned long pvk_shm_message_t::getSerializedSize() {
   return layout::kHeaderSize;

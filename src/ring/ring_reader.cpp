@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "orvane/status.hpp"
+#include "records/batch_check.hpp"
 #include "records/failure.hpp"
 #include "ring/hand_over.hpp"
 #include "ring/memory.hpp"
@@ -23,6 +24,21 @@ using namespace ring;  // NOLINT(google-build-using-namespace): this is the ring
 // Reads once, whatever the producer does meanwhile.
 std::uint64_t readOnce(const unsigned char* p) {
   return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(p), __ATOMIC_RELAXED);
+}
+
+template <std::size_t kSize>
+struct PrivateCopy {
+  unsigned char bytes[kSize];
+};
+
+// The same for more bytes. For all that the compiler knows, the asm changes the copy, so it cannot
+// go back to the producer's bytes.
+template <std::size_t kSize>
+PrivateCopy<kSize> copyOnce(const unsigned char* p) {
+  PrivateCopy<kSize> copy;
+  std::memcpy(copy.bytes, p, kSize);
+  asm volatile("" : "+m"(copy));
+  return copy;
 }
 
 }  // namespace
@@ -48,6 +64,8 @@ struct RingReader::State {
   }
 
   Batch receive();
+  Batch frameInPlace();
+  bool next(ShmBatch::Entry& entry);
   bool write(const pvk_shm_response_t& response);
   void release();
 
@@ -60,6 +78,9 @@ struct RingReader::State {
   ServerPage& own;
   ServerEnd<LinuxSystem> end;
   const std::unique_ptr<unsigned char[]> copy;
+  Batch inPlace = {};                       // the batch that next() reads
+  std::optional<layout::BatchCheck> check;  // of its headers, once next() has begun
+  const unsigned char* position = nullptr;  // of its next header
   std::uint64_t frames = 0;
   std::uint64_t inHand = 0;  // bytes of the frame that is not answered yet
   std::uint64_t answers = 0;
@@ -91,6 +112,47 @@ RingReader::Batch RingReader::receive() {
 }
 
 RingReader::Batch RingReader::State::receive() {
+  const Batch batch = frameInPlace();
+  if (batch.data == nullptr) {
+    return {};
+  }
+  std::memcpy(copy.get(), batch.data, batch.size);
+  return {copy.get(), batch.size};
+}
+
+bool RingReader::receiveInPlace() {
+  const Batch batch = state->frameInPlace();
+  if (batch.data == nullptr) {
+    return false;
+  }
+  state->inPlace = batch;
+  state->check.reset();
+  return true;
+}
+
+bool RingReader::next(ShmBatch::Entry& entry) {
+  return state->next(entry);
+}
+
+bool RingReader::State::next(ShmBatch::Entry& entry) {
+  if (!check) {
+    const auto metaData = copyOnce<layout::kMetaDataSize>(inPlace.data);
+    check.emplace(metaData.bytes, inPlace.size);
+    position = inPlace.data + layout::kMetaDataSize;
+  }
+  if (!check->expectHeader()) {
+    return false;
+  }
+  const auto header = copyOnce<layout::kHeaderSize>(position);
+  const std::size_t size = check->take(header.bytes);
+  layout::readHeader(entry.header, header.bytes);
+  entry.data = entry.header.len > 0 ? position + layout::kHeaderSize : nullptr;
+  position += size;
+  return true;
+}
+
+// The next frame's batch, where it is.
+RingReader::Batch RingReader::State::frameInPlace() {
   if (pending) {
     if (!write(*pending)) {
       return {};
@@ -114,8 +176,7 @@ RingReader::Batch RingReader::State::receive() {
   }
   ++frames;
   inHand = wholeLines(kFrameHeader + size);
-  std::memcpy(copy.get(), frame + kFrameHeader, size);
-  return {copy.get(), size};
+  return {frame + kFrameHeader, size};
 }
 
 void RingReader::answer(const pvk_shm_response_t& response) {
