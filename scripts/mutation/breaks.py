@@ -30,7 +30,7 @@ SWAPS = [(re.compile(token), other) for token, other in [
 NUMBER = re.compile(r"(?<![\w.\"])(0x[0-9A-Fa-f]+|\d+)(?![\w.\"])")
 LITERAL = re.compile(r"'(?:[^'\\]|\\.[^']*)'|\"((?:[^\"\\]|\\.)*)\"")
 # In a narrower type it is the same number, or the compiler warns of it.
-CONSTANT = re.compile(r"\s*constexpr [\w: ]+ = [^;]*;")
+CONSTANT = re.compile(r"\s*(static )?constexpr [\w: ]+ = [^;]*;")
 WIDTH = re.compile(r"int\d\d_t|size_t|off_t|unsigned (int|long)")
 NOT_BROKEN = re.compile(r"\s*(#|namespace\b|template\b|static_assert\b|$)")
 

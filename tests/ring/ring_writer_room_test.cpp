@@ -167,6 +167,49 @@ TEST(RingWriterRoom, IsWaitedForForTheTimeout) {
   EXPECT_EQ(stream.flushed(), Records()) << "what found no room is left out";
 }
 
+TEST(RingWriterRoom, IsWaitedForNoLongerThanTheTimeout) {
+  RingStream stream({.timeout = 4});
+  stream.open();
+  fillRing(stream);
+  const Stopwatch watch;
+  EXPECT_ANY_THROW(stream.write("a"));
+  EXPECT_LT(watch.seconds(), 7.5);
+}
+
+// Fills the ring but for 160 KiB, and begins a frame of 50 KiB there.
+void fillRingAndBeginAFrame(RingStream& stream) {
+  stream.open();
+  stream.writer->setSegmentAlg(kOrvaneSegUnbounded, 0, 0, 0);
+  for (int i = 0; i < 3; ++i) {
+    stream.write(std::string(kLargestRecord, 'x'));
+  }
+  stream.write(std::string(100 << 10, 'x'));
+  stream.writer->stop(false);
+  stream.write(std::string(50 << 10, 'a'));
+}
+
+TEST(RingWriterRoom, ThatIsThereWhenItIsLookedForKeepsTheFrameTogether) {
+  RingStream stream;
+  fillRingAndBeginAFrame(stream);
+  while (!stream.sent().empty()) {
+  }
+  stream.write(std::string(120 << 10, 'b'));
+  EXPECT_TRUE(stream.sent().empty()) << "the frame is not full";
+  EXPECT_EQ(stream.flushed().size(), 2U);
+}
+
+TEST(RingWriterRoom, IsWaitedForWhenTheFrameHasBeenHandedOver) {
+  RingStream stream({.timeout = 1});
+  fillRingAndBeginAFrame(stream);
+  EXPECT_TRUE(throwsErrno(15, kNoRoom, [&] { stream.write(std::string(120 << 10, 'b')); }));
+  Records last;
+  for (Records more = stream.sent(); !more.empty(); more = stream.sent()) {
+    last = more;
+  }
+  ASSERT_EQ(last.size(), 1U);
+  EXPECT_EQ(last.front().data, Bytes(50 << 10, 'a'));
+}
+
 TEST(RingWriterRoom, IsWaitedForByAStopForItsOwnTimeout) {
   RingStream stream({.timeout = 60, .stopTimeout = 0});
   stream.open();
