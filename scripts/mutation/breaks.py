@@ -27,7 +27,7 @@ SWAPS = [(re.compile(token), other) for token, other in [
     (r" \| [A-Z][A-Z0-9_]+\b", ""), (r"\b[A-Z][A-Z0-9_]+ \| ", ""), (r"\bMSG_\w+\b", "0"),
     (r"\bPOLLRDHUP\b", "POLLIN"),
 ]]
-NUMBER = re.compile(r"(?<![\w.\"])(0x[0-9A-Fa-f]+|\d+)(?![\w.\"])")
+NUMBER = re.compile(r"(?<![\w.\"'])(0x[0-9A-Fa-f]+|\d+(?:'\d+)*)(?![\w.\"'])")
 LITERAL = re.compile(r"'(?:[^'\\]|\\.[^']*)'|\"((?:[^\"\\]|\\.)*)\"")
 # In a narrower type it is the same number, or the compiler warns of it.
 CONSTANT = re.compile(r"\s*(static )?constexpr [\w: ]+ = [^;]*;")
@@ -67,10 +67,11 @@ def line_breaks(line):
                 yield line[:match.start()] + other + line[match.end():]
     for match in NUMBER.finditer(code):
         if not in_text(match.start()):
-            number = match[1]
+            number = match[1].replace("'", "")
             base, form = (16, "0x%X") if number.startswith("0x") else (
                 8, "0%o") if number.startswith("0") and len(number) > 1 else (10, "%d")
-            other = form % (int(number, base) + 1)
+            value = int(number, base)
+            other = form % (2 * value if "'" in match[1] else value + 1)  # 1'000'001 shows nowhere
             yield line[:match.start()] + other + line[match.end():]
     for match in filter(lambda one: one[1], literals):
         middle = match.start(1) + len(match[1]) // 2

@@ -15,6 +15,14 @@ NAMESPACES = ["unshare", "--mount", "--ipc", "--net", "--pid", "--fork", "--kill
 
 SHORTEST_TIMEOUT = 15  # seconds
 
+# Tests that take longer than this, in milliseconds, mostly wait. They come last, many at once: most
+# breaks are noticed before them, and a break that makes a test hang is.
+QUICK = 100
+WAITING_AT_ONCE = 6
+
+# Tests of one executable: a filter as GoogleTest takes it, and in how many processes they are run.
+Part = collections.namedtuple("Part", "executable filter processes timeout")
+
 
 class Failure(Exception):
     """What keeps breaks from being tried at all."""
@@ -28,9 +36,9 @@ def output_of(command, **options):
 
 
 def split(test):
-    """An executable's name, and its arguments for a test of the table."""
+    """An executable's name, and the filter of its tests, for a test of the table."""
     name, _, tests = test.partition(" ")
-    return name, [f"--gtest_filter={tests}"] if tests else []
+    return name, tests or "*"
 
 
 def noticing(text):
@@ -47,7 +55,7 @@ class Tree:
         # Short, because a socket's path is; the tree itself must not be hidden.
         self.temporary = "/mnt" if Path("/tmp") in root.parents else "/tmp"
         self.broken = None  # the last break's path, whose objects are still those of the break
-        self.seconds = {}  # how long each test takes when nothing is broken
+        self.parts = {}  # of each test of the table: those that are quick, and those that wait
         self.noticed_by = collections.defaultdict(collections.Counter)  # path: tests' names
         self.copy()
 
@@ -86,14 +94,20 @@ class Tree:
             raise Failure(f"scripts/mutation/table.py names tests that are not built: {', '.join(missing)}")
         self.ninja(*(f"bin/{name}" for name in sorted(executables)))
         for test in tests:
+            name, tests_filter = split(test)
             start = time.monotonic()
-            code, text = self.run(test, [], 1200)
-            self.seconds[test] = time.monotonic() - start
-            ran = re.search(r"\[==========\] (\d+) tests? from", text)
+            code, text = self.run(Part(name, tests_filter, 1, 1200))
+            seconds = time.monotonic() - start
             if code != 0:
                 raise Failure(f"{test} fails although nothing is broken:\n{text[-4000:]}")
-            if ran is None or ran[1] == "0":
+            took = re.findall(r"\[       OK \] (\S+) \((\d+) ms\)", text)
+            if not took:
                 raise Failure(f"scripts/mutation/table.py: {test}: this filter fits no test")
+            quick = [one for one, milliseconds in took if int(milliseconds) < QUICK]
+            waiting = [one for one, milliseconds in took if int(milliseconds) >= QUICK]
+            timeout = max(SHORTEST_TIMEOUT, 5 * seconds)
+            self.parts[test] = (Part(name, ":".join(quick), 1, SHORTEST_TIMEOUT) if quick else None,
+                                Part(name, ":".join(waiting), WAITING_AT_ONCE, timeout) if waiting else None)
 
     def compiled_into(self, executables):
         """The files of the source tree that any of these executables was compiled from."""
@@ -118,44 +132,54 @@ class Tree:
         lines = (self.root / one.path).read_text().splitlines()
         lines[one.first:one.last] = one.new
         self.write(one.path, "\n".join(lines) + "\n")
-        for test in self.likely_first(one.path, tests):
+        for part in self.in_order(one.path, tests):
             # Only now: most breaks are noticed by the first test, and need no other executable.
             try:
-                self.ninja(f"bin/{split(test)[0]}")
+                self.ninja(f"bin/{part.executable}")
             except Failure:
                 return "unbuildable", ""
-            code, text = self.run(test, ["--gtest_fail_fast"], self.timeout(split(test)[0]))
+            code, text = self.run(part, "--gtest_fail_fast")
             if code != 0:
                 name = noticing(text)
-                self.noticed_by[one.path][split(test)[0], name] += 1
-                return "noticed", f"{split(test)[0]} {name}"
+                self.noticed_by[one.path][part.executable, name] += 1
+                return "noticed", f"{part.executable} {name}"
         return "survived", ""
 
-    def likely_first(self, path, tests):
-        """The tests, after those that noticed most of the other breaks of this file."""
+    def in_order(self, path, tests):
+        """Those that noticed most of the other breaks of this file, then the quick, then the others."""
         likely = collections.defaultdict(list)
         for (executable, name), _ in self.noticed_by[path].most_common(12):
             if name and executable in {split(test)[0] for test in tests}:
                 likely[executable].append(name)
-        return [f"{executable} {':'.join(names)}" for executable, names in likely.items()] + list(tests)
+        parts = [Part(executable, ":".join(names), 1, SHORTEST_TIMEOUT)
+                 for executable, names in likely.items()]
+        return parts + [self.parts[test][which] for which in (0, 1) for test in tests
+                        if self.parts[test][which] is not None]
 
-    def timeout(self, executable):
-        usual = max(seconds for test, seconds in self.seconds.items() if split(test)[0] == executable)
-        return max(SHORTEST_TIMEOUT, 5 * usual)
-
-    def run(self, test, arguments, timeout):
-        """The exit code and the output of a test; a code of None when it took too long."""
-        name, own_arguments = split(test)
+    def run(self, part, *arguments):
+        """The exit code and the output of a part's first process that fails; a code of None when it took
+        too long."""
         command = [*NAMESPACES, *([] if os.geteuid() == 0 else ["--map-root-user"]), "sh", "-c", SANDBOX,
-                   "sh", self.build / "bin" / name, *own_arguments, *arguments]
-        process = subprocess.Popen(command, cwd=self.build, text=True, errors="replace",
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT,
-                                   env={**os.environ, "TMPDIR": self.temporary})
-        try:
-            text, _ = process.communicate(timeout=timeout)
-            return process.returncode, text
-        except subprocess.TimeoutExpired:
-            process.kill()
-            text, _ = process.communicate()
-            return None, text
+                   "sh", self.build / "bin" / part.executable, f"--gtest_filter={part.filter}", *arguments]
+        processes = [subprocess.Popen(command, cwd=self.build, text=True, errors="replace",
+                                      stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                      stderr=subprocess.STDOUT,
+                                      env={**os.environ, "TMPDIR": self.temporary,
+                                           "GTEST_TOTAL_SHARDS": str(part.processes),
+                                           "GTEST_SHARD_INDEX": str(index)})
+                     for index in range(part.processes)]
+        end = time.monotonic() + part.timeout
+        result = (0, "")
+        for process in processes:
+            if result[0] != 0:
+                process.kill()
+            try:
+                text, _ = process.communicate(timeout=max(0, end - time.monotonic()))
+                code = process.returncode
+            except subprocess.TimeoutExpired:
+                process.kill()
+                text, _ = process.communicate()
+                code = None
+            if result[0] == 0:
+                result = (code, text)
+        return result

@@ -40,10 +40,10 @@ struct LinuxSystem {
     return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
   }
 
-  // Sleeps while the low half of `counter` is that of `seen`, at most `nanoseconds`.
+  // Sleeps while the low half of `counter` is that of `seen`, at most `nanoseconds`, less than 1 s.
   static void wait(const Atomic<std::uint64_t>& counter, std::uint64_t seen,
                    std::int64_t nanoseconds) {
-    const timespec limit = {nanoseconds / 1'000'000'000, nanoseconds % 1'000'000'000};
+    const timespec limit = {0, nanoseconds};
     syscall(SYS_futex, &counter, FUTEX_WAIT, static_cast<std::uint32_t>(seen), &limit, nullptr, 0);
   }
 

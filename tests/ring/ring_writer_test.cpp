@@ -199,5 +199,17 @@ TEST(RingWriterTrace, NamesItsConstructionAndItsEnd) {
   EXPECT_EQ(sink.take(), (std::vector{entered("RingWriter"), left("RingWriter")}));
 }
 
+TEST(RingWriterTrace, HasTheCloseOfADestructionInItsScope) {
+  RingStream stream;
+  stream.open();
+  const AnsweringThread server(stream.reader);
+  RecordingSink sink(RecordingSink::Tracing::on);
+  stream.writer.reset();
+  EXPECT_EQ(sink.take(),
+            (std::vector{entered("~RingWriter"), entered("close"), entered("write_data"),
+                         traced("write_data: write header.type =3, len=0, timeout=7s"),
+                         left("write_data"), left("close"), left("~RingWriter")}));
+}
+
 }  // namespace
 }  // namespace orvane::test
