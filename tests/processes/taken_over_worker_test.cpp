@@ -105,6 +105,10 @@ class TakenOverWorker : public LeaseTest {
     attack->armed = true;
   }
 
+  static bool hasEnded(pid_t worker) {
+    return worker == 0 || eventually([worker] { return stateOf(worker) == '\0'; });
+  }
+
   const std::string attackPath = folder.path() + "/attack";
   const SharedFile attack{attackPath};
 };
@@ -128,8 +132,11 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
   attack->other = server->workerOf(victim.name);
   attack->supervisor = server->process();
   const Words before = namesIn(store.path());
+  pid_t last = 0;
   for (const Attack& one : break_in::attacks()) {
+    EXPECT_TRUE(hasEnded(last)) << "it could take the next attack over";
     LeasedProducer hostile = producerFor(GetParam());
+    last = server->workerOf(hostile.name);
     attackWith(one.name, hostile.queues);
     // It comes back with an error, or its worker ends.
     const bool ended = eventually([&] {
@@ -166,8 +173,11 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorkerOfARing) {
   put(attack->serverSocket, socket);
   attack->other = server->workerOf(victim.name);
   attack->supervisor = server->process();
+  pid_t last = 0;
   for (const Attack& one : break_in::attacks()) {
+    EXPECT_TRUE(hasEnded(last)) << "it could take the next attack over";
     const Lease lease(socket, 60, Transport::ring, kSmallestRing);
+    last = server->workerOfRing();
     RingWriter hostile("stream", lease.ring(), 60, 60, false);
     arm(one.name);
     hostile.open();
