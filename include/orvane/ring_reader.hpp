@@ -70,8 +70,8 @@ class ORVANE_API RingReader {
   // Reads the next record of this batch into `entry`; returns false after the last one. The header
   // is a private copy that was checked. The data, which is valid until answer(), is still the
   // producer's to change: what is checked or summed first and used later must be copied before.
-  // Throws as BatchView's constructor does if this is not a valid batch, so records before the
-  // mistake have been returned by then; the batch can still be answered.
+  // Throws as BatchView's constructor does if this is not a valid batch, and leaves `entry` as it
+  // was; records before the mistake have been returned by then. The batch can still be answered.
   bool next(ShmBatch::Entry& entry);
 
   // Answers the batch and gives its room back. The answer may be lost if its status is 0 and the

@@ -71,6 +71,13 @@ TEST_F(RingReaderInPlace, ReturnsAllRecordsOfABatch) {
   EXPECT_FALSE(ring.next(entry)) << "there is no more when it is asked again";
 }
 
+TEST_F(RingReaderInPlace, ReturnsARecordOfOneByte) {
+  const Bytes batch = BatchBytes().records({{.data = bytesOf("x")}, {.seqNo = 1}}).bytes();
+  producer.publish(batch);
+  ASSERT_TRUE(ring.receiveInPlace());
+  EXPECT_EQ(rest(), recordsOf(batch));
+}
+
 TEST_F(RingReaderInPlace, ReturnsTheBatchesInTheirOrder) {
   const Bytes first = BatchBytes().records({{.seqNo = 1}}).bytes();
   const Bytes second = BatchBytes().records({{.seqNo = 2}, {.seqNo = 3}}).bytes();
@@ -173,6 +180,7 @@ TEST_F(RingReaderInPlace, ReturnsTheRecordsBeforeAMistake) {
     ASSERT_TRUE(ring.next(entry));
     EXPECT_EQ(entry.header.seqNo, 2U);
     EXPECT_TRUE(isRefusedAsByView(batch, [&] { ring.next(entry); }));
+    EXPECT_EQ(entry.header.seqNo, 2U) << "it is as it was";
     ring.answer(responseOf(1000, "no batch"));
   }
 }
