@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 
 #include "ring/layout.hpp"
@@ -21,7 +22,7 @@
 // a model checker another.
 namespace orvane::ring {
 
-constexpr std::int64_t kLookFor = 50'000;          // ns before a side sleeps
+constexpr std::int64_t kLookFor = 50'000;          // ns that a side looks before it sleeps
 constexpr std::int64_t kLongestNap = 100'000'000;  // ns: then the caller looks for the peer's death
 
 // Wakes a sleeper once for each nap. That a nap was ended may be remembered only if a sleeper was
@@ -40,22 +41,48 @@ class Waker {
   std::uint32_t ended = 0;  // even: no nap
 };
 
-// Looks for `lookFor` nanoseconds until `isReached()`, then sleeps while `counter` is `seen`, at
+// How long a side looks before it sleeps. To look is in vain while the other side rests, or has no
+// processor because more processes run than there are. Each time that it was in vain, the side
+// sleeps at once in twice as many of the next waits.
+class Patience {
+ public:
+  // In this wait, in nanoseconds.
+  std::int64_t lookFor() const { return left > 0 ? 0 : kLookFor; }
+
+  void succeeded() { left = skipped = 0; }
+  void failed() {
+    if (left > 0) {
+      --left;
+    } else {
+      left = skipped = std::min(2 * skipped + 1, kMostSkipped);
+    }
+  }
+
+ private:
+  static constexpr unsigned int kMostSkipped = 15;
+
+  unsigned int skipped = 0;  // waits without a look since the last one that was in vain
+  unsigned int left = 0;     // of them
+};
+
+// Looks until `isReached()`, as long as `patience` says, then sleeps while `counter` is `seen`, at
 // most once. Each `look()` reads the counter into `seen`. Returns false if the last one found that
 // the other side broke the rules.
 template <typename System, typename Nap, typename Word, typename Look, typename Reached>
 bool awaitOther(Nap& nap, const Word& counter, const std::uint64_t& seen, const Look& look,
-                const Reached& isReached, std::int64_t lookFor = kLookFor) {
-  const std::int64_t sleepAt = System::now() + lookFor;
+                const Reached& isReached, Patience& patience) {
+  const std::int64_t sleepAt = System::now() + patience.lookFor();
   do {
     if (!look()) {
       return false;
     }
     if (isReached()) {
+      patience.succeeded();
       return true;
     }
     System::pause();
   } while (System::now() < sleepAt);
+  patience.failed();
   const std::uint32_t naps = nap.load(System::kRelaxed);
   nap.store(naps + 1, System::kRelease);  // a side that sees this nap also sees its `want`
   System::fence();
@@ -117,7 +144,7 @@ class ProducerEnd {
     mine.want.store(wanted, System::kRelaxed);
     return awaitOther<System>(
         mine.nap, other.head, released, [&] { return look(); },
-        [&] { return hasReached(released, wanted); });
+        [&] { return hasReached(released, wanted); }, patience);
   }
 
  private:
@@ -126,6 +153,7 @@ class ProducerEnd {
   const std::uint64_t bytes;
   std::uint64_t position = 0;
   std::uint64_t released = 0;  // the head as last seen
+  Patience patience;
   Waker<System> waker;
 };
 
@@ -168,11 +196,9 @@ class ServerEnd {
   // Waits for a frame, for a moment; at most one nap. Returns false only if the producer broke the
   // rules.
   bool await() {
-    const bool valid = awaitOther<System>(
+    return awaitOther<System>(
         mine.nap, other.tail, published, [&] { return look(); }, [&] { return filled() > 0; },
-        idle ? 0 : kLookFor);
-    idle = filled() == 0;
-    return valid;
+        patience);
   }
 
  private:
@@ -181,7 +207,7 @@ class ServerEnd {
   const std::uint64_t bytes;
   std::uint64_t position = 0;
   std::uint64_t published = 0;  // the tail as last seen
-  bool idle = false;            // nothing came during the last wait: do not look for long again
+  Patience patience;
   Waker<System> waker;
 };
 

@@ -206,19 +206,48 @@ TEST_F(HandOver, CountsItsNapsBeyondSixteenBits) {
   EXPECT_EQ(servers.nap, 65538U);
 }
 
-TEST_F(HandOver, LetsTheServerLookForLongOnlyAfterSomethingCame) {
-  std::int64_t sleptAt = 0;
-  RecordedSystem::atWait = [&] { sleptAt = RecordedSystem::time; };
-  const auto lookedFor = [&](std::int64_t begin) {
-    server.await();
-    return sleptAt - begin;
-  };
-  EXPECT_EQ(lookedFor(RecordedSystem::time), 50'000);
-  EXPECT_EQ(lookedFor(RecordedSystem::time), 10'000) << "it looks once";
+// How many nanoseconds each of the next waits looks before it sleeps; a wait looks once at least.
+std::vector<std::int64_t> looks(int waits, const std::function<void()>& await) {
+  std::vector<std::int64_t> times;
+  for (; waits > 0; --waits) {
+    const std::int64_t begin = RecordedSystem::time;
+    RecordedSystem::atWait = [&] { times.push_back(RecordedSystem::time - begin); };
+    await();
+  }
+  return times;
+}
+
+std::vector<std::int64_t> oneLookIn(std::initializer_list<int> waits) {
+  std::vector<std::int64_t> times;
+  for (const int count : waits) {
+    times.push_back(50'000);
+    times.insert(times.end(), static_cast<std::size_t>(count - 1), 10'000);
+  }
+  return times;
+}
+
+TEST_F(HandOver, LooksLessAndLessOftenInVain) {
+  const auto often = oneLookIn({2, 4, 8, 16, 16, 16});
+  EXPECT_EQ(looks(62, [&] { server.await(); }), often);
+  EXPECT_EQ(looks(62, [&] { producer.await(64); }), often);
+}
+
+TEST_F(HandOver, LetsTheServerLookAgainAfterALookThatWasNotInVain) {
+  const auto await = [&] { server.await(); };
+  EXPECT_EQ(looks(3, await), (std::vector<std::int64_t>{50'000, 10'000, 50'000}));
   producers.tail = 64;
-  EXPECT_TRUE(server.await());
+  await();
   server.release(64);
-  EXPECT_EQ(lookedFor(RecordedSystem::time), 50'000);
+  EXPECT_EQ(looks(6, await), oneLookIn({2, 4}));
+}
+
+TEST_F(HandOver, LetsTheProducerLookAgainAfterALookThatWasNotInVain) {
+  const auto await = [&] { producer.await(64); };
+  producer.publish(64);
+  EXPECT_EQ(looks(3, await), (std::vector<std::int64_t>{50'000, 10'000, 50'000}));
+  servers.head = 64;
+  await();
+  EXPECT_EQ(looks(6, [&] { producer.await(128); }), oneLookIn({2, 4}));
 }
 
 TEST_F(HandOver, LooksOnceMoreAfterItsFence) {
@@ -284,13 +313,6 @@ TEST_F(HandOver, RejectsATailThatGoesBackOrBeyondTheRing) {
   EXPECT_TRUE(server.await());
   producers.tail = 1280;
   EXPECT_FALSE(server.await());
-}
-
-TEST_F(HandOver, LooksForAsLongAsItIsAsked) {
-  const std::uint64_t seen = 0;
-  EXPECT_TRUE(ring::awaitOther<RecordedSystem>(
-      servers.nap, producers.tail, seen, [] { return true; }, [] { return false; }, 5'000'000'000));
-  EXPECT_EQ(RecordedSystem::time, kStart + 5'000'000'000);
 }
 
 constexpr std::uint64_t kFar = 0x1'0000'0040;  // more than 32 bits
