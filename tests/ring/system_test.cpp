@@ -9,6 +9,9 @@
 #include <memory>
 #include <thread>
 
+#include "support/await.hpp"
+#include "support/waiting_thread.hpp"
+
 namespace orvane::test {
 namespace {
 
@@ -97,23 +100,40 @@ TEST(LinuxSystemFence, OrdersAStoreBeforeALoad) {
   EXPECT_EQ(std::make_unique<TwoThreads>()->play(), 0);
 }
 
+constexpr std::uint64_t kSeen = 0x70007;  // more than 16 bits
+
 TEST(LinuxSystemWait, IsNoLongerThanItMayBe) {
-  const std::atomic<std::uint64_t> counter = 7;
+  const std::atomic<std::uint64_t> counter = 0x1'0000'0000 + kSeen;  // its low half is compared
   const std::int64_t begin = LinuxSystem::now();
   for (int i = 0; i < 40; ++i) {
-    LinuxSystem::wait(counter, 7, 1'000'000);
+    LinuxSystem::wait(counter, kSeen, 1'000'000);
   }
   EXPECT_GE(LinuxSystem::now() - begin, 40 * 1'000'000);
   EXPECT_LT(LinuxSystem::now() - begin, std::int64_t{30} * 1'000'000'000);
 }
 
 TEST(LinuxSystemWait, IsOverAtOnceWhenTheCounterHasMoved) {
-  const std::atomic<std::uint64_t> counter = 0x10001;  // its low half is compared as a whole
+  const std::atomic<std::uint64_t> counter = kSeen;
   const std::int64_t begin = LinuxSystem::now();
   for (int i = 0; i < 400; ++i) {
-    LinuxSystem::wait(counter, 1, 900'000'000);
+    LinuxSystem::wait(counter, kSeen % 65536, 900'000'000);
   }
   EXPECT_LT(LinuxSystem::now() - begin, std::int64_t{100} * 1'000'000'000);
+}
+
+TEST(LinuxSystemWake, ReturnsWhetherSomeoneSlept) {
+  const std::atomic<std::uint64_t> counter = kSeen;
+  EXPECT_FALSE(LinuxSystem::wake(counter));
+  std::atomic<bool> awake = false;
+  WaitingThread sleeper([&] {
+    while (!awake) {
+      LinuxSystem::wait(counter, kSeen, 100'000'000);
+    }
+  });
+  sleeper.awaitSleep();
+  EXPECT_TRUE(eventually([&] { return LinuxSystem::wake(counter); })) << "a wait may just be over";
+  awake = true;
+  sleeper.returns();
 }
 
 }  // namespace
