@@ -35,7 +35,7 @@ struct PrivateCopy {
 // go back to the producer's bytes.
 template <std::size_t kSize>
 PrivateCopy<kSize> copyOnce(const unsigned char* p) {
-  PrivateCopy<kSize> copy;
+  PrivateCopy<kSize> copy = {};
   std::memcpy(copy.bytes, p, kSize);
   asm volatile("" : "+m"(copy));
   return copy;
