@@ -35,6 +35,22 @@ TEST_F(StreamFolderInBackground, StoresTheNextSegmentWhileTheOneBeforeIsSynced) 
   EXPECT_EQ(textOf(stream.receipt()), receipt(" records=2 bytes=10 segments=2 end=closed"));
 }
 
+TEST_F(StreamFolderInBackground, ListsASegmentWithoutDataOnce) {
+  StreamFolder stream = makeStream();
+  storeData(stream, 0, "hello");
+  endSegment(stream, 0);
+  endSegment(stream, 1);
+  awaitBroker();
+  stream.end(StreamEnd::closed, "", 0);
+  EXPECT_EQ(files(), (Names{"manifest", "segment-000000"}));
+  EXPECT_EQ(file("manifest"),
+            head() + kHello +
+                "\nsegment number=1 records=0 bytes=0 algorithm=0 parameters=0,0,0 "
+                "crc32=00000000 file=-\nother-records=0 bytes=0 crc32=00000000\nskipped=0\n" +
+                receipt(" records=1 bytes=5 segments=1 "
+                        "end=closed\nrecords=1\nbytes=5\nend=closed\nreason=\n"));
+}
+
 TEST_F(StreamFolderInBackground, HasOneSegmentInTheBackground) {
   closeGate();
   StreamFolder stream = makeStream();

@@ -1,6 +1,11 @@
 // Which folders of a store are streams that a dead server left.
 
+#include <optional>
+#include <thread>
+
 #include "recovery_fixture.hpp"
+#include "store/stream_directory.hpp"
+#include "support/waiting_thread.hpp"
 
 namespace orvane::test {
 namespace {
@@ -45,6 +50,32 @@ TEST_F(RecoveryTest, AFolderThatIsLinkedFromTheStoreIsLeftAlone) {
   recover();
   EXPECT_EQ(namesIn(elsewhere.path()), Names{});
   EXPECT_EQ(sink.take(), std::vector<Line>{});
+}
+
+TEST_F(RecoveryTest, AStreamWhoseFolderStaysLockedIsLeftAlone) {
+  orvaned::LocalDirectory held(folder);
+  ASSERT_TRUE(held.lock());
+  const Stopwatch watch;
+  recover();
+  EXPECT_GE(watch.seconds(), 1.99) << "its holder may be about to die";
+  EXPECT_EQ(files(), Names{});
+  EXPECT_EQ(sink.take(), std::vector<Line>{});
+}
+
+TEST_F(RecoveryTest, AStreamIsFinishedIfItsFolderIsUnlockedMeanwhile) {
+  std::optional<orvaned::LocalDirectory> held(folder);
+  ASSERT_TRUE(held->lock());
+  std::thread recovery([this] { recover(); });
+  held.reset();
+  recovery.join();
+  EXPECT_EQ(files(), Names{"manifest"});
+}
+
+TEST_F(RecoveryTest, AStreamIsLockedWhileItIsFinished) {
+  orvaned::LocalUnfinishedStreams streams(store.path(), [](const std::string&) { return true; });
+  const auto stream = streams.next();
+  ASSERT_TRUE(stream);
+  EXPECT_FALSE(orvaned::LocalDirectory(folder).lock());
 }
 
 }  // namespace
