@@ -22,7 +22,7 @@ ORVANED = [
     "orvaned_call_tests OutputFile*:StreamFolder*:Segment*:Worker*",
     "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:SyncTest.*:"
     "StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
-    "Step.*:WorkersLog.*:TotalsTest.*:QueuePairTest.*:LargeStream.*",
+    "Step.*:WorkerSource.*:WorkersLog.*:TotalsTest.*:QueuePairTest.*:LargeStream.*",
     "store_format_tests Manifest*:*Line.*",
 ]
 STORE_FORMAT = [
