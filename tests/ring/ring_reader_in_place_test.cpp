@@ -209,9 +209,10 @@ TEST_F(RingReaderInPlace, ReportsABrokenRule) {
 TEST_F(RingReaderInPlace, FetchesAHeaderOnce) {
   constexpr std::uint64_t kFrame = 128;  // what this batch takes in the ring
   const Bytes batch = BatchBytes().records({{.type = 1, .data = bytesOf("data")}}).bytes();
-  const auto lenAt = [this](std::uint64_t frame) {
+  const MappedFile again(ring.producersFile(), true);
+  const auto lenAt = [&](std::uint64_t frame) {
     return reinterpret_cast<std::uint32_t*>(
-        producer.file.at(kData + frame * kFrame % kRing + 16 + kFirstHeader + kLen));
+        again.at(kData + frame * kFrame % kRing + 16 + kFirstHeader + kLen));
   };
   std::atomic<std::uint32_t*> len = lenAt(0);
   std::atomic<bool> stopped = false;
