@@ -1,7 +1,8 @@
 // The whole way: a producer, the real orvaned, and its store, up to the receipt that says that all
 // is stored. Over queues and over a ring. Beside it, with a store that keeps nothing, the same
 // records to a reader in a process of this program; and with a store on a disk, dd of as many
-// bytes. Prints a line of JSON for each measurement.
+// bytes. On the disk also what is compressed: text, and noise, which does not shrink. Prints a line
+// of JSON for each measurement.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -13,6 +14,7 @@
 
 #include "attempts.hpp"
 #include "command_line.hpp"
+#include "content.hpp"
 #include "forms.hpp"
 #include "served.hpp"
 
@@ -21,6 +23,7 @@ namespace {
 
 constexpr unsigned kTimeout = 60;
 constexpr std::size_t kBlock = 512 << 10;
+constexpr std::size_t kContent = 64 << 20;
 
 struct Setup {
   std::string orvaned;
@@ -35,28 +38,28 @@ double secondsSince(Clock::time_point begin) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-// Bytes per second, from open() to the receipt.
-double throughServer(const Served& server, orvane::Transport transport, const Load& load,
-                     std::size_t bytes) {
-  const std::uint64_t records = bytes / load.data().size();
+// Bytes per second, from open() to the receipt. `data` returns the data of each record.
+template <typename Data>
+double throughServer(const Served& server, orvane::Transport transport, const Data& data,
+                     std::size_t size, std::size_t bytes) {
+  const std::uint64_t records = bytes / size;
   orvane::Lease lease(server.socket(), kTimeout, transport);
   const auto writer = orvane::makeWriter("", lease, kTimeout, kTimeout);
   const auto begin = Clock::now();
   writer->open();
   for (std::uint64_t i = 0; i < records; ++i) {
-    writer->writeSegment(load.data().data(), load.data().size());
+    writer->writeSegment(data(i).data(), size);
   }
   writer->endSegment();
   writer->close();
   const std::string receipt = textOf(lease.receipt(kTimeout));
   const double taken = secondsSince(begin);
   const std::string stored = "records=" + std::to_string(records) +
-                             " bytes=" + std::to_string(records * load.data().size()) +
-                             " segments=1 end=closed";
+                             " bytes=" + std::to_string(records * size) + " segments=1 end=closed";
   if (receipt.find(stored) == std::string::npos) {
     throw std::runtime_error("the receipt says: " + receipt);
   }
-  return static_cast<double>(records * load.data().size()) / taken;
+  return static_cast<double>(records * size) / taken;
 }
 
 double throughDd(const std::string& folder, std::size_t bytes) {
@@ -123,7 +126,8 @@ void runAll(const Setup& setup) {
   const auto through = [](const std::string& name, const Served& server, Transport transport,
                           std::size_t bytes) {
     return Way{name, [&server, transport, bytes](const Load& load) {
-                 return throughServer(server, transport, load, bytes);
+                 const auto same = [&load](std::uint64_t) { return load.data(); };
+                 return throughServer(server, transport, same, load.data().size(), bytes);
                }};
   };
   const Served keepsNothing(setup.orvaned, "/dev/null");
@@ -141,10 +145,29 @@ void runAll(const Setup& setup) {
                }};
   };
   const Served keepsAll(setup.orvaned, folder);
-  compare(setup, attempts,
-          {clearing(through("disk", keepsAll, Transport::queue, setup.bytes)),
-           clearing(through("ring, disk", keepsAll, Transport::ring, setup.bytes)),
-           clearing({"dd", [&](const Load&) { return throughDd(folder, setup.bytes); }})});
+  std::vector<Way> ways = {
+      clearing(through("disk", keepsAll, Transport::queue, setup.bytes)),
+      clearing(through("ring, disk", keepsAll, Transport::ring, setup.bytes)),
+      clearing({"dd", [&](const Load&) { return throughDd(folder, setup.bytes); }})};
+#ifdef BENCH_ZSTD
+  const auto changing = [&](const std::string& name, const Served& server, const Content& content) {
+    return clearing({name, [&server, &content, &setup](const Load& load) {
+                       const std::size_t size = load.data().size();
+                       return throughServer(
+                           server, Transport::ring,
+                           [&](std::uint64_t number) { return content.record(number, size); }, size,
+                           setup.bytes);
+                     }});
+  };
+  const Content text = Content::text(kContent);
+  const Content noise = Content::noise(kContent);
+  const Served compresses(setup.orvaned, folder, {"--compress", "zstd:1"});
+  ways.push_back(changing("text, disk", keepsAll, text));
+  ways.push_back(changing("text, zstd:1", compresses, text));
+  ways.push_back(changing("noise, disk", keepsAll, noise));
+  ways.push_back(changing("noise, zstd:1", compresses, noise));
+#endif
+  compare(setup, attempts, ways);
   std::filesystem::remove_all(folder);
 }
 

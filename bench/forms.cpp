@@ -166,7 +166,7 @@ std::vector<Form> allForms() {
     };
   };
   const auto ring = [](const Geometry& geometry, std::size_t) {
-    return std::make_unique<LeasedRingLink>(geometry.frame);
+    return std::make_unique<LeasedRingLink>(geometry.frame, geometry.ring);
   };
   std::vector<Form> all = {
       {"orvane, ring", Messages::batches, ring, kUnlimited, throughRing, ""},

@@ -33,7 +33,7 @@ struct Setup {
   std::string orvaned;
   std::string store = ".";
   std::vector<unsigned> producers = {1, 2, 4, 8, 16, 32, 64};
-  std::vector<std::string> transports = {"ring", "queue"};
+  std::vector<std::string> transports = {"ring", "small ring", "queue"};
   std::size_t size = 1024;
   int rounds = 5;
   double seconds = 0.3;
@@ -57,19 +57,24 @@ double since(Clock::time_point begin) {
   return Seconds(Clock::now() - begin).count();
 }
 
+std::uint64_t ringOf(const std::string& transport) {
+  return transport == "small ring" ? orvane::kSmallestRing : orvane::kDefaultRing;
+}
+
 // One producer, with the lease that it keeps.
 class Producer {
  public:
   Producer(const std::string& server, const std::string& transport)
       : socket(server),
-        transport(transport == "ring" ? orvane::Transport::ring : orvane::Transport::queue) {}
+        transport(transport == "queue" ? orvane::Transport::queue : orvane::Transport::ring),
+        ringBytes(ringOf(transport)) {}
 
   // The seconds that it took to get a lease.
   double takeLease() {
     writer.reset();
     lease.reset();
     const auto begin = Clock::now();
-    lease = std::make_unique<orvane::Lease>(socket, kTimeout, transport);
+    lease = std::make_unique<orvane::Lease>(socket, kTimeout, transport, ringBytes);
     const double taken = since(begin);
     writer = orvane::makeWriter("", *lease, kTimeout, kTimeout);
     return taken;
@@ -95,6 +100,7 @@ class Producer {
  private:
   const std::string socket;
   const orvane::Transport transport;
+  const std::uint64_t ringBytes;
   std::unique_ptr<orvane::Lease> lease;
   std::unique_ptr<orvane::ChannelWriter> writer;
 };
@@ -173,7 +179,7 @@ std::string leaseMemory(const AllFound& all, unsigned count, const ServersPart& 
 }
 
 void printGrowth(const std::string& fields, int round, const AllFound& all, unsigned count,
-                 const ServersPart& server) {
+                 const std::string& transport, const ServersPart& server) {
   const double bytes =
       sumOf(all, count, [](const Found& found) { return static_cast<double>(found.bytes); });
   const double cpu =
@@ -188,7 +194,7 @@ void printGrowth(const std::string& fields, int round, const AllFound& all, unsi
               R"(%s"ring_bytes":%zu,"lease_p50_us":%.1f,"lease_p99_us":%.1f})"
               "\n",
               fields.c_str(), round, bytes / Seconds(end - begin).count(), cpu / (bytes / 1e9),
-              leaseMemory(all, count, server).c_str(), std::size_t{orvane::kDefaultRing},
+              leaseMemory(all, count, server).c_str(), static_cast<std::size_t>(ringOf(transport)),
               leaseTime(all, count, 50), leaseTime(all, count, 99));
   std::fflush(stdout);
 }
@@ -234,7 +240,7 @@ void withoutStore(const Setup& setup, const std::string& transport, unsigned cou
   crowd.awaitAll();
   const auto memoryTaken =
       memory && memoryThen ? std::optional(*memoryThen - *memory) : std::nullopt;
-  printGrowth(fields, round, *all, count, {cpuUsed, memoryTaken});
+  printGrowth(fields, round, *all, count, transport, {cpuUsed, memoryTaken});
   printShortStreams(fields, "null", round, *all, count);
 }
 
@@ -300,7 +306,8 @@ int main(int argc, char** argv) {
   line.addRequired("--orvaned", setup.orvaned, "The server");
   line.add("--store", setup.store, "Folder on the disk to store to");
   line.add("--producers", setup.producers, "How many there are at once");
-  line.addChoices("--transport", setup.transports, {"ring", "queue"}, "Over what they send");
+  line.addChoices("--transport", setup.transports, {"ring", "small ring", "queue"},
+                  "Over what they send; a small ring has 1 MiB");
   line.addBytes("--size", setup.size, "Data bytes of a record");
   line.add("--rounds", setup.rounds, "How often everything is measured, in turn");
   line.add("--seconds", setup.seconds, "How long each time");

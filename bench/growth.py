@@ -5,7 +5,7 @@ from measured import by_round, lines_of, median, ratio
 from tables import table
 
 MIB = 1 << 20
-TRANSPORTS = ["ring", "queue"]
+TRANSPORTS = ["ring", "small ring", "queue"]
 
 
 def growth_runs(results, value):

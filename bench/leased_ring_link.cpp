@@ -13,13 +13,13 @@ namespace {
 
 constexpr unsigned kTimeout = 30;
 
-void sendGrant(int connection, const orvane::RingReader& ring) {
-  std::string packet = packetOf(orvane::RingGranted{"ring", orvane::kDefaultRing});
-  iovec bytes = {packet.data(), packet.size()};
+void sendGrant(int connection, const orvane::RingReader& ring, std::uint64_t bytes) {
+  std::string packet = packetOf(orvane::RingGranted{"ring", bytes});
+  iovec text = {packet.data(), packet.size()};
   const std::array<int, 2> files = {ring.producersFile(), ring.serversFile()};
   alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(sizeof files)> control = {};
   msghdr message = {};
-  message.msg_iov = &bytes;
+  message.msg_iov = &text;
   message.msg_iovlen = 1;
   message.msg_control = control.data();
   message.msg_controllen = control.size();
@@ -35,8 +35,10 @@ void sendGrant(int connection, const orvane::RingReader& ring) {
 
 }  // namespace
 
-LeasedRingLink::LeasedRingLink(std::size_t frame)
-    : frame(frame), listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+LeasedRingLink::LeasedRingLink(std::size_t frame, std::size_t ringBytes)
+    : frame(frame),
+      ringBytes(ringBytes),
+      listening(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
@@ -52,14 +54,14 @@ LeasedRingLink::~LeasedRingLink() {
 }
 
 void LeasedRingLink::beSender() {
-  leased.emplace(path, kTimeout, orvane::Transport::ring);
+  leased.emplace(path, kTimeout, orvane::Transport::ring, ringBytes);
   leased->ring()->setUsualFrame(frame);
 }
 
 void LeasedRingLink::beReceiver() {
   connection = accept(listening, nullptr, nullptr);
-  ring = std::make_unique<orvane::RingReader>(orvane::kDefaultRing);
-  sendGrant(connection, *ring);
+  ring = std::make_unique<orvane::RingReader>(ringBytes);
+  sendGrant(connection, *ring, ringBytes);
 }
 
 void LeasedRingLink::answer() {

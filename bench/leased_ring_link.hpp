@@ -15,7 +15,8 @@ namespace bench {
 class LeasedRingLink : public Link {
  public:
   // The writer hands a frame over when it has `frame` bytes.
-  explicit LeasedRingLink(std::size_t frame = orvane::ring::Producer::kUsualFrame);
+  explicit LeasedRingLink(std::size_t frame = orvane::ring::Producer::kUsualFrame,
+                          std::size_t ringBytes = orvane::kDefaultRing);
   ~LeasedRingLink() override;
 
   void beSender() override;
@@ -45,6 +46,7 @@ class LeasedRingLink : public Link {
   void answer();
 
   const std::size_t frame;
+  const std::size_t ringBytes;
   const std::string path = "/tmp/" + uniqueName();
   int listening;
   int connection = -1;

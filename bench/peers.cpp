@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <system_error>
 
@@ -41,7 +42,9 @@ std::vector<Peer> peers() {
   all.push_back({.name = "nng", .make = {}, .missing = "libnng-dev is not installed"});
 #endif
 #ifdef BENCH_ICEORYX
-  all.push_back({"iceoryx", makeIceoryx});
+  // Its daemon has thirty chunks of 1 MiB; of larger ones it has ten, which are too few when eight
+  // messages are on their way. A chunk begins with the message's size.
+  all.push_back({"iceoryx", makeIceoryx, (std::size_t{1} << 20) - sizeof(std::uint64_t)});
 #else
   all.push_back({.name = "iceoryx", .make = {}, .missing = "libiceoryx-posh-dev is not installed"});
 #endif

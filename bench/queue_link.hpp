@@ -22,6 +22,7 @@ struct Geometry {
   std::size_t messages = 8;
   std::size_t messageSize = 1048968;
   std::size_t frame = orvane::ring::Producer::kUsualFrame;
+  std::size_t ring = orvane::kDefaultRing;
   Pauses pauses = {};
 };
 

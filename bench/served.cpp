@@ -44,18 +44,30 @@ bool listensAt(const std::string& path) {
   return connected;
 }
 
+[[noreturn]] void become(const std::string& program, const std::string& socketPath,
+                         const std::string& store, const std::vector<std::string>& options) {
+  std::vector<const char*> words = {program.c_str(), "--socket",         socketPath.c_str(),
+                                    "--store",       store.c_str(),      "--log-level",
+                                    "error",         "--pairs-per-user", "256"};
+  for (const std::string& option : options) {
+    words.push_back(option.c_str());
+  }
+  words.push_back(nullptr);
+  execv(program.c_str(), const_cast<char**>(words.data()));
+  _exit(127);
+}
+
 }  // namespace
 
-Served::Served(const std::string& program, const std::string& store)
+Served::Served(const std::string& program, const std::string& store,
+               const std::vector<std::string>& options)
     : path(std::filesystem::temp_directory_path() / uniqueName()), pid(fork()) {
   if (pid < 0) {
     failWithErrno("cannot fork");
   }
   if (pid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
-    execl(program.c_str(), program.c_str(), "--socket", path.c_str(), "--store", store.c_str(),
-          "--log-level", "error", "--pairs-per-user", "256", nullptr);
-    _exit(127);
+    become(program, path, store, options);
   }
   for (int looks = 0; !listensAt(path); ++looks) {
     if (looks == kMostLooks || waitpid(pid, nullptr, WNOHANG) != 0) {

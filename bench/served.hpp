@@ -14,7 +14,8 @@ namespace bench {
 class Served {
  public:
   // Waits until it serves.
-  Served(const std::string& program, const std::string& store);
+  Served(const std::string& program, const std::string& store,
+         const std::vector<std::string>& options = {});
   ~Served();
   Served(const Served&) = delete;
   Served& operator=(const Served&) = delete;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <random>
 #include <stdexcept>
+#include <utility>
 
 #include "attempts.hpp"
 #include "command_line.hpp"
@@ -19,6 +20,7 @@ struct Setup {
   std::vector<std::string> geometries = {"8x1048968"};
   std::vector<std::string> pauses = {"50-5000"};
   std::vector<std::size_t> frames = {orvane::ring::Producer::kUsualFrame};
+  std::vector<std::size_t> rings = {orvane::kDefaultRing};
   std::string fail;
   int failures = 1;
   int rounds = 5;
@@ -26,42 +28,48 @@ struct Setup {
 };
 
 struct Case {
-  const Form* form;
+  const Form* form = nullptr;
   std::string geometry;
   std::string pauses;
   std::size_t frame;
+  std::size_t ring;
   std::size_t size;
   std::string work;
 };
 
+// Every combination of the settings.
 std::vector<Case> allCases(const Setup& setup, const std::vector<Form>& forms) {
-  std::vector<Case> cases;
-  for (const Form& form : forms) {
-    for (const std::string& geometry : setup.geometries) {
-      for (const std::string& pauses : setup.pauses) {
-        for (const std::size_t frame : setup.frames) {
-          for (const std::size_t size : setup.sizes) {
-            for (const std::string& work : setup.works) {
-              cases.push_back({&form, geometry, pauses, frame, size, work});
-            }
-          }
-        }
+  std::vector<Case> cases(1);
+  const auto vary = [&cases](const auto& settings, const auto& set) {
+    std::vector<Case> more;
+    for (const Case& one : cases) {
+      for (const auto& setting : settings) {
+        set(more.emplace_back(one), setting);
       }
     }
-  }
+    cases = std::move(more);
+  };
+  vary(forms, [](Case& one, const Form& form) { one.form = &form; });
+  vary(setup.geometries, [](Case& one, const std::string& name) { one.geometry = name; });
+  vary(setup.pauses, [](Case& one, const std::string& name) { one.pauses = name; });
+  vary(setup.frames, [](Case& one, std::size_t bytes) { one.frame = bytes; });
+  vary(setup.rings, [](Case& one, std::size_t bytes) { one.ring = bytes; });
+  vary(setup.sizes, [](Case& one, std::size_t bytes) { one.size = bytes; });
+  vary(setup.works, [](Case& one, const std::string& name) { one.work = name; });
   return cases;
 }
 
 std::string fieldsOf(const Case& one) {
   return field("form", one.form->name) + "," + field("geometry", one.geometry) + "," +
          field("pauses", one.pauses) + "," + field("frame", one.frame) + "," +
-         field("size", one.size) + "," + field("work", one.work);
+         field("ring", one.ring) + "," + field("size", one.size) + "," + field("work", one.work);
 }
 
 void run(const Case& one, int round, Clock::duration time) {
   Geometry geometry = geometryNamed(one.geometry);
   geometry.pauses = pausesNamed(one.pauses);
   geometry.frame = one.frame;
+  geometry.ring = one.ring;
   const Work work = one.work == "bytes" ? Work::bytes : Work::headers;
   const auto speed = measure(*one.form, geometry, Load(one.size), work, time);
   if (!speed) {
@@ -137,6 +145,7 @@ int main(int argc, char** argv) {
   line.add("--geometry", setup.geometries, "MESSAGESxBYTES of orvane's queue");
   line.add("--pause", setup.pauses, "SHORTEST-LONGEST pause of a polling reader, in us");
   line.add("--frame", setup.frames, "Bytes at which a ring's writer hands a frame over");
+  line.add("--ring", setup.rings, "Bytes of a ring");
   line.add("--fail", setup.fail, "Form whose producer fails, to try what happens then");
   line.add("--failures", setup.failures, "How many times it fails before it works");
   line.add("--rounds", setup.rounds, "How often everything is measured, in turn");

@@ -45,4 +45,18 @@ if(ORVANE_BUILD_TOOLS)
   install(TARGETS orvaned orvane_command RUNTIME COMPONENT tools)
   install(FILES docs/man/orvane.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   install(FILES docs/man/orvaned.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
+
+  set(completions packaging/completion)
+  install(FILES ${completions}/orvane.bash RENAME orvane COMPONENT tools
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES ${completions}/orvane.fish COMPONENT tools
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+  # Where zsh looks for what a package installs, and for what the machine's owner does.
+  if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
+    set(zsh_folder vendor-completions)
+  else()
+    set(zsh_folder site-functions)
+  endif()
+  install(FILES ${completions}/_orvane COMPONENT tools
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder})
 endif()

@@ -24,6 +24,7 @@
 #include "scribbled_producer.hpp"
 #include "scribbler.hpp"
 #include "store/store.hpp"
+#include "store_format/manifest.hpp"
 #include "store_format/manifest_reader.hpp"
 #include "worker/ring_source.hpp"
 #include "worker/worker.hpp"
@@ -142,7 +143,7 @@ class Rounds {
 // The lines of all files of a stream. Each file is as its line says.
 std::vector<std::string> filesOf(const std::filesystem::path& stream) {
   std::vector<std::string> lines;
-  for (std::string& line : tool::linesOfManifest(stream / tool::kManifest)) {
+  for (std::string& line : linesOf(tool::readManifest(stream / tool::kManifest))) {
     if (const auto file = tool::fileIn(line)) {
       REQUIRE(tool::faultOf(stream / file->name, file->content).empty());
       lines.push_back(std::move(line));

@@ -60,7 +60,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
   ${here}/orvane-tools/postinst
   ${here}/orvane-tools/prerm
   ${here}/orvane-tools/postrm)
-install(FILES ${here}/orvaned@.service DESTINATION lib/systemd/system COMPONENT tools)
+install(FILES ${here}/orvaned@.service ${here}/orvaned-prune@.service ${here}/orvaned-prune@.timer
+  DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES ${here}/orvaned.sysusers DESTINATION lib/sysusers.d RENAME orvaned.conf COMPONENT tools)
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)

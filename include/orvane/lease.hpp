@@ -40,12 +40,15 @@ enum class Transport {
 class ORVANE_API Lease {
  public:
   // Asks the server that listens at `socketPath` for a pair or a ring, and waits at most `timeout`,
-  // which is 1 or more. A ring has `ringBytes` bytes, as ring_reader.hpp describes. Throws
+  // which is 1 or more. A ring has `ringBytes` bytes, as ring_reader.hpp describes. The server
+  // keeps `label` with each stream of this lease, so that the stream can be found; a label has at
+  // most 128 bytes and no control characters, and one that is empty is none. A server that does not
+  // know labels gives a lease without. Throws kStatusInvalidArgument for another label;
   // kLeaseNoServer; kStatusTimedOut; kLeaseLost if the server ended meanwhile or has another
   // version of the protocol; or the status and reason of the server's refusal. Nothing is leased
   // then.
   Lease(const std::string& socketPath, unsigned int timeout, Transport transport = Transport::queue,
-        std::uint64_t ringBytes = kDefaultRing);
+        std::uint64_t ringBytes = kDefaultRing, const std::string& label = {});
 
   // Gives the pair back. The server ends a stream that is still open as cut off.
   ~Lease();

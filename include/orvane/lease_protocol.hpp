@@ -18,6 +18,7 @@ namespace orvane {
 //
 //   producer  "orvane 1 lease"               1 is the version of the protocol
 //          or "orvane 1 ring BYTES"          asks for a ring of BYTES bytes in place of queues
+//             "... label=TEXT"               names the streams of the lease (escaped_text.hpp)
 //          or "orvane 1 totals"              asks for the totals of a ring, and needs no lease
 //   server    "lease NAME"                   NAME is the send queue's; the pair exists now
 //          or "ring NAME BYTES"              with two files (SCM_RIGHTS): the producer's, the
@@ -39,10 +40,12 @@ namespace orvane {
 // again on the same connection once it has read the answer, and so gets one ring after another.
 constexpr std::size_t kLongestLeasePacket = 512;
 constexpr std::string_view kLeaseRequest = "orvane 1 lease";
+constexpr std::size_t kLongestLabel = 128;  // bytes, before it is escaped
 
-// "orvane 1 lease" or "orvane 1 ring BYTES".
+// "orvane 1 lease" or "orvane 1 ring BYTES", with or without "label=TEXT".
 struct LeaseRequest {
   std::uint64_t ringBytes = 0;  // 0: queues
+  std::string label = {};       // empty: none
 };
 
 // "orvane 1 totals" or "orvane 1 totals after=NAME".
@@ -81,7 +84,11 @@ struct TotalsFound {
 using LeaseReply =
     std::variant<LeaseGranted, RingGranted, LeaseRefused, Receipt, StreamFailed, TotalsFound>;
 
-// Returns the packet of a request.
+// Is this a label that a request may have? It has at most kLongestLabel bytes and no control
+// characters.
+ORVANE_API bool isLabel(std::string_view text);
+
+// Returns the packet of a request. Its label must be valid.
 ORVANE_API std::string packetOf(const LeaseRequest& request);
 ORVANE_API std::string packetOf(const TotalsRequest& request);
 

@@ -19,6 +19,7 @@
 #include "orvane/ring_writer.hpp"
 #include "orvane/process_name.hpp"
 
+#include "orvane/escaped_text.hpp"
 #include "orvane/lease_protocol.hpp"
 #include "orvane/ring_reader.hpp"
 #include "orvane/server_status.hpp"

@@ -255,31 +255,58 @@ Granted askFor(const LeaseRequest& request, const std::string& path, const Deadl
   failUnexpected(fd, packet.text);
 }
 
-// A server of a release before rings refuses the request for one.
-Granted askFor(Transport transport, std::uint64_t ringBytes, const std::string& path,
+// What to ask for, until the server understands it: a server may know neither labels nor rings.
+std::vector<LeaseRequest> requestsFor(Transport transport, std::uint64_t ringBytes,
+                                      const std::string& label) {
+  std::vector<LeaseRequest> requests;
+  for (const Transport one : {Transport::ring, Transport::queue}) {
+    if (transport != one && transport != Transport::automatic) {
+      continue;
+    }
+    const std::uint64_t bytes = one == Transport::ring ? ringBytes : 0;
+    if (!label.empty()) {
+      requests.push_back({bytes, label});
+    }
+    requests.push_back({bytes});
+  }
+  return requests;
+}
+
+Granted askFor(const std::vector<LeaseRequest>& requests, const std::string& path,
                const Deadline& deadline) {
-  if (transport != Transport::queue) {
+  for (auto request = requests.begin();; ++request) {
     try {
-      return askFor(LeaseRequest{ringBytes}, path, deadline);
+      return askFor(*request, path, deadline);
     } catch (const Ox_ErrnoException& e) {
-      if (transport == Transport::ring || e.status() != kBadRequest) {
+      if (e.status() != kBadRequest || request + 1 == requests.end()) {
         throw;
       }
     }
   }
-  return askFor(LeaseRequest{}, path, deadline);
+}
+
+void checkLabel(const std::string& label) {
+  if (label.size() > kLongestLabel) {
+    fail(kStatusInvalidArgument, "A label has at most " + std::to_string(kLongestLabel) +
+                                     " bytes; this one has " + std::to_string(label.size()) +
+                                     ": shorten it");
+  }
+  if (!isLabel(label)) {
+    fail(kStatusInvalidArgument, "A label has no control characters; this one has: remove them");
+  }
 }
 
 }  // namespace
 
 Lease::Lease(const std::string& socketPath, unsigned int timeout, Transport transport,
-             std::uint64_t ringBytes)
+             std::uint64_t ringBytes, const std::string& label)
     : connection(-1) {
   validateTimeout(timeout);
+  checkLabel(label);
   if (transport != Transport::queue) {
     ring::checkedRingSize(ringBytes);
   }
-  Granted granted = askFor(transport, ringBytes, socketPath, Deadline(timeout));
+  Granted granted = askFor(requestsFor(transport, ringBytes, label), socketPath, Deadline(timeout));
   name = std::move(granted.name);
   producer = std::move(granted.ring);
   connection = granted.connection.release();

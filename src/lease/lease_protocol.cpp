@@ -4,6 +4,7 @@
 
 #include "lease/control_character.hpp"
 #include "lease/number.hpp"
+#include "orvane/escaped_text.hpp"
 
 namespace orvane {
 namespace {
@@ -93,9 +94,15 @@ std::string packetOf(const LeaseReply& reply) {
   return packet;
 }
 
+bool isLabel(std::string_view text) {
+  return text.size() <= kLongestLabel && std::none_of(text.begin(), text.end(), isControlCharacter);
+}
+
 std::string packetOf(const LeaseRequest& request) {
-  return request.ringBytes == 0 ? std::string(kLeaseRequest)
-                                : "orvane 1 ring " + std::to_string(request.ringBytes);
+  const std::string what = request.ringBytes == 0
+                               ? std::string(kLeaseRequest)
+                               : "orvane 1 ring " + std::to_string(request.ringBytes);
+  return request.label.empty() ? what : what + " label=" + escaped(request.label);
 }
 
 std::string packetOf(const TotalsRequest& request) {
@@ -117,7 +124,13 @@ std::optional<LeaseRequest> parseLeaseRequest(std::string_view packet) {
   } else if (what != "lease") {
     return std::nullopt;
   }
-  return parseOptions(packet, "") ? std::optional(request) : std::nullopt;
+  const auto word = parseOptions(packet, "label");
+  const auto label = word ? unescaped(*word) : std::nullopt;
+  if (!label || !isLabel(*label)) {
+    return std::nullopt;
+  }
+  request.label = *label;
+  return request;
 }
 
 std::optional<TotalsRequest> parseTotalsRequest(std::string_view packet) {

@@ -12,7 +12,7 @@
 namespace orvane {
 
 inline bool ShmBatch::hasRoomFor(std::uint32_t len) const {
-  return std::uint64_t{len} + layout::kHeaderSize <= bufferSize - used;
+  return len + layout::kHeaderSize <= bufferSize - used;
 }
 
 [[gnu::always_inline]] inline void ShmBatch::append(const pvk_shm_message_t& entryHeader,
@@ -33,7 +33,7 @@ inline bool ShmBatch::hasRoomFor(std::uint32_t len) const {
     std::memcpy(writePos + layout::kHeaderSize, data, len);
   }
   // Computed again, because the call before has too few registers to keep it.
-  const std::uint64_t size = std::uint64_t{len} + layout::kHeaderSize;
+  const std::uint64_t size = len + layout::kHeaderSize;
   used += size;
   metaData.numEntries += 1;
   writePos += size;

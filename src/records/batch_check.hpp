@@ -22,8 +22,7 @@ class BatchCheck {
     left = size - kMetaDataSize;
     if (count > left / kHeaderSize) {
       fail(kStatusInvalidArgument, "Could not read batch because its ", count,
-           " entries need at least ", std::uint64_t{count} * kHeaderSize, " bytes but only ", left,
-           " are there");
+           " entries need at least ", count * kHeaderSize, " bytes but only ", left, " are there");
     }
   }
 

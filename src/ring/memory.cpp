@@ -59,7 +59,7 @@ File& File::operator=(File&& other) noexcept {
 Mapping::Mapping(int file, std::uint64_t offset, std::size_t bytes, bool writable, bool twice)
     : size(twice ? 2 * bytes : bytes), address(reservedSpace(size)), madeInFork(forkCount()) {
   for (std::size_t at = 0; at < size; at += bytes) {
-    if (mmap(address + at, bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ,
+    if (mmap(address + at, bytes, PROT_READ | (writable ? PROT_WRITE : PROT_NONE),
              MAP_SHARED | MAP_FIXED, file, static_cast<off_t>(offset)) == MAP_FAILED) {
       const int error = errno;
       munmap(address, size);

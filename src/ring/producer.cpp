@@ -55,7 +55,7 @@ std::uint64_t Producer::largestRecord() const {
 
 unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
   const std::uint64_t needed = layout::kHeaderSize + len;
-  if (records > 0 && used + needed > std::min(usualFrame, largestFrame(bytes))) {
+  if (used + needed > std::min(usualFrame, largestFrame(bytes))) {
     publish();
   }
   if (wholeLines(used + needed) > end.room() && !makeRoom(needed, timeout)) {

@@ -9,6 +9,7 @@
 #include "ring/fork_count.hpp"
 #include "ring/hand_over.hpp"
 #include "ring/memory.hpp"
+#include "ring/prefetch.hpp"
 #include "ring/system.hpp"
 
 namespace orvane::ring {
@@ -43,6 +44,7 @@ class Producer {
   // A place for a record of `len` data bytes in the frame that is being built: first 48 bytes for
   // its header, then its data. Null if there is none.
   unsigned char* placeInFrame(std::uint64_t len) const {
+    prefetchAfter(frame + used, len);
     return used + layout::kHeaderSize + len <= limit ? frame + used : nullptr;
   }
 

@@ -37,7 +37,7 @@ struct LinuxSystem {
   static std::int64_t now() {
     timespec time = {};
     clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
   }
 
   // Sleeps while the low half of `counter` is that of `seen`, at most `nanoseconds`, less than 1 s.

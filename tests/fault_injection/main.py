@@ -7,6 +7,7 @@ operating system orders the processes does not, so a rare failure may need a few
 import argparse
 import concurrent.futures
 import contextlib
+import gc
 import os
 import shutil
 import signal
@@ -38,7 +39,7 @@ class Result:
         self.failure = ""
 
 
-def run_case(number, seed, programs, folder):
+def run_case(number, options, folder):
     """Runs one case in its own folder, which stays when the case fails."""
     result = Result(number)
     if interrupted.is_set():
@@ -47,7 +48,7 @@ def run_case(number, seed, programs, folder):
         return result
     folder = folder / str(number)
     folder.mkdir()
-    scene = Scene(seed, number, programs, folder)
+    scene = Scene(options.seed, number, options.programs, folder, options.compress)
     try:
         result.case.inject(scene)
         scene.finish()
@@ -74,11 +75,12 @@ def run_all(numbers, options, folder):
     lock = threading.Lock()
 
     def run(number):
-        result = run_case(number, options.seed, options.programs, folder)
+        result = run_case(number, options, folder)
+        gc.collect()  # a scene and its actions refer to each other, and have all that was sent
         with lock:
             results.append(result)
             if result.failure:
-                print(table.failure(result, options.seed, folder), flush=True)
+                print(table.failure(result, options, folder), flush=True)
             elif sys.stderr.isatty():
                 print(f"\r{len(results)} of {len(numbers)}", end="\r", file=sys.stderr)
 
@@ -97,6 +99,8 @@ def parse_options():
                         help="any text; without it, the time")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="cases side by side")
     parser.add_argument("--case", type=int, metavar="NUMBER", help="run this one alone")
+    parser.add_argument("--compress", metavar="METHOD",
+                        help="give every server this option; some of what is sent shrinks then")
     parser.add_argument("--only", metavar="NAME", help="only the kinds with this in their name")
     parser.add_argument("--require-all", action="store_true", default="CI" in os.environ,
                         help="fail when a case cannot be run here; so it is with CI set")
@@ -126,7 +130,7 @@ def main():
     failed = any(result.failure for result in results)
     if not failed:
         shutil.rmtree(folder)
-    table.show(results, options.seed, time.monotonic() - start)
+    table.show(results, options, time.monotonic() - start)
     left_out = any(result.not_run for result in results)
     if interrupted.is_set():
         print(f"interrupted before {len(numbers) - len(results)} more")

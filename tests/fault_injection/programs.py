@@ -15,7 +15,8 @@ START_BOUND = SLOWNESS * 5
 STOP_BOUND = SLOWNESS * 15
 LOCK_BOUND = 2
 
-LOST_LINE = re.compile(r"write\(2, .*(INJECTED|= \?)")
+# The process that writes the log reads its lines from its descriptor 3, and writes them to 2.
+LOST_LINE = re.compile(r"write\(2, .*(INJECTED|= \?)|recvfrom\(3, .*= \?")
 LOG_PROCESS = "orvaned-log"  # the server's child that writes its log
 
 # The system shows the name of the file, or that it had none when it was made.
@@ -225,7 +226,7 @@ class Server(Program):
         self.process.wait()
 
     def could_not_log(self):
-        """The fault hit the log: a write to standard error failed, or ended its process."""
+        """The fault hit the log: a write to standard error failed, or its process was ended."""
         return self.trace is not None and LOST_LINE.search(self.trace.read_text(errors="replace"))
 
     def check_end(self):

@@ -31,8 +31,17 @@ def remove(path):
         path.unlink(missing_ok=True)
 
 
+def text_of(rng, size):
+    """Lines that no other text has, about a third as large when they are compressed."""
+    words = [b"%x" % rng.getrandbits(40) for _ in range(64)]
+    text = bytearray()
+    while len(text) < size:
+        text += b"%08x %s %s\n" % (rng.getrandbits(32), rng.choice(words), rng.choice(words))
+    return bytes(text[:size])
+
+
 class Scene:
-    def __init__(self, seed, number, binaries, folder):
+    def __init__(self, seed, number, binaries, folder, compression=None):
         self.rng = rng = random.Random(f"{seed}/{number}")
         self.binaries = binaries
         self.folder = folder
@@ -43,6 +52,11 @@ class Scene:
         self.way = rng.choice(list(WAYS))
         self.segments = rng.randrange(1, 25)
         self.size = rng.randrange(100_000, 2_000_000) // len(WAYS[self.way])
+        self.compression = compression  # of the server
+        if compression:
+            # What is compressed is decided after 1 MiB of a segment: some are longer, some shorter.
+            self.segments = rng.randrange(1, 4)
+            self.size = rng.randrange(500_000, 4_000_000)
         self.segment_size = self.size // self.segments + 1
         self.geometry = ["--messages", rng.randrange(1, 9),
                          "--message-size", rng.choice([2048, 8192, 65536])]
@@ -73,7 +87,8 @@ class Scene:
     def start_server(self, prefix=(), environment=None, options=(), is_ready=None):
         queue = ["--queue", self.queue] if self.has_queue else []
         command = [*prefix, self.binaries / "orvaned", *queue, "--socket", self.socket,
-                   "--store", self.store, "--sync", self.sync, *self.geometry, *options]
+                   "--store", self.store, "--sync", self.sync, *self.geometry,
+                   *(["--compress", self.compression] if self.compression else []), *options]
         server = self.program(Server, "orvaned", command, environment=environment,
                               is_ready=is_ready or self.says_ready)
         self.servers.append(server)
@@ -103,13 +118,25 @@ class Scene:
 
     def new_file(self, size):
         file = self.folder / f"file-{len(self.contents)}"
-        file.write_bytes(self.rng.randbytes(size))
+        file.write_bytes(self.new_content(size))
         self.contents.append(file.read_bytes())
         return file
 
-    def start_send(self, way, files, prefix=(), environment=None, timeout=30, transport=None):
-        place = ["--queue", self.queue] if way == "fixed" else [
+    def new_content(self, size):
+        """With compression some of it shrinks, and some changes in the middle."""
+        if not self.compression:
+            return self.rng.randbytes(size)
+        middle = self.rng.choice([0, size, self.rng.randrange(size + 1)])
+        parts = [self.rng.randbytes(middle), text_of(self.rng, size - middle)]
+        self.rng.shuffle(parts)
+        return b"".join(parts)
+
+    def start_send(self, way, files, prefix=(), environment=None, timeout=30, transport=None,
+                   label=None):
+        """With a label, all files are sent over one lease."""
+        place = ["--queue", self.queue, "--take-over"] if way == "fixed" else [
             "--socket", self.socket, "--transport", transport or self.rng.choice(self.transports)]
+        place += [] if label is None else ["--label", label]
         command = [*prefix, self.binaries / "orvane", "send", *place, "--timeout", timeout,
                    "--segment-size", self.segment_size, *files]
         send = self.program(Send, "send", command, files=files, timeout=timeout,
@@ -148,6 +175,8 @@ class Scene:
         """Waits until a random part of what is being sent is stored, or for a random time."""
         by_progress = self.rng.random() < 0.8
         part = self.rng.random() * sum(map(len, self.contents))
+        if self.compression:
+            part *= self.rng.random()
         pause = self.rng.uniform(0, 0.001 if by_progress else 0.05)
         while by_progress and self.stored_bytes() < part and any(s.runs() for s in self.sends):
             time.sleep(0.0005)

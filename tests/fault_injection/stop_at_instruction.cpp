@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -24,6 +25,15 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kLongest{500};
 
 class Ended : public std::exception {};
+
+// Nobody may trace a process that has ended, and whose parent does not know it yet.
+bool hasEnded(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(file, line);  // "4711 (orvaned) Z ..."
+  const std::size_t name = line.rfind(") ");
+  return name == std::string::npos || line[name + 2] == 'Z' || line[name + 2] == 'X';
+}
 
 class Traced {
  public:
@@ -52,10 +62,11 @@ class Traced {
     if (ptrace(what, pid, nullptr, long{number}) == 0) {
       return;
     }
-    if (errno == ESRCH) {
+    const int error = errno;
+    if (error == ESRCH || hasEnded(pid)) {
       throw Ended();
     }
-    throw std::runtime_error("cannot trace " + std::to_string(pid) + ": " + strerror(errno));
+    throw std::runtime_error("cannot trace " + std::to_string(pid) + ": " + strerror(error));
   }
 
   void awaitStop() {

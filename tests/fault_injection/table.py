@@ -19,12 +19,16 @@ def row(case, results):
             sum(bool(result.failure) for result in ran)]
 
 
-def show(results, seed, seconds):
+def name_of(options):
+    return options.seed + (f" --compress {options.compress}" if options.compress else "")
+
+
+def show(results, options, seconds):
     rows = [row(case, own) for case in cases
             if (own := [result for result in results if result.case == case])]
     total = ["all", "", *(sum(row[n] for row in rows) for n in range(2, len(HEAD)))]
-    print(f"Faults with seed {seed}, {seconds:.0f} s. Columns: when the fault came, seen from the "
-          "streams; what the\nproducers reported: everything stored, a failure with its cause, or "
+    print(f"Faults with seed {name_of(options)}, {seconds:.0f} s. Columns: when the fault came, seen "
+          "from the streams; what the\nproducers reported: everything stored, a failure with its cause, or "
           "nothing, because they were killed.\n")
     show_rows([HEAD, *rows, total])
     ways = Counter(result.way for result in results if result.way)
@@ -45,7 +49,7 @@ def show_rows(rows):
         print("| " + " | ".join(texts + numbers) + " |")
 
 
-def failure(result, seed, folder):
+def failure(result, options, folder):
     return (f"WRONG: {result.case.name} ({result.way}, {result.moment}): {result.failure}\n"
-            f"  repeat: ./dev faults --case {result.number} 1 {seed}\n"
+            f"  repeat: ./dev faults --case {result.number} 1 {name_of(options)}\n"
             f"  logs: {folder}/{result.number}")

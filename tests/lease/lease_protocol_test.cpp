@@ -27,6 +27,55 @@ TEST(LeaseRequestPacket, HasOneFormForEachTransport) {
   EXPECT_EQ(packetOf(LeaseRequest{18446744073709551615U}), "orvane 1 ring 18446744073709551615");
 }
 
+TEST(LeaseRequestPacket, HasTheLabelAsOneWord) {
+  EXPECT_EQ(packetOf(LeaseRequest{0, "app.log"}), "orvane 1 lease label=app.log");
+  EXPECT_EQ(packetOf(LeaseRequest{1048576, "daily=50% \xc3\xa4"}),
+            "orvane 1 ring 1048576 label=daily=50%25%20\xc3\xa4");
+}
+
+TEST(LeaseRequestPacket, HasRoomForTheLongestLabel) {
+  const LeaseRequest longest{18446744073709551615U, std::string(128, ' ')};
+  const std::string packet = packetOf(longest);
+  EXPECT_EQ(packet.size(), 425U);
+  const auto read = parseLeaseRequest(packet);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->ringBytes, longest.ringBytes);
+  EXPECT_EQ(read->label, longest.label);
+}
+
+TEST(LeaseRequestPacket, GivesItsLabelBack) {
+  const std::pair<const char*, const char*> requests[] = {
+      {"orvane 1 lease", ""},
+      {"orvane 1 lease label=", ""},
+      {"orvane 1 lease labels=x", ""},
+      {"orvane 1 lease label=app.log", "app.log"},
+      {"orvane 1 ring 1048576 a=1 label=x=%25%20y b=2", "x=% y"}};
+  for (const auto& [packet, label] : requests) {
+    const auto request = parseLeaseRequest(packet);
+    ASSERT_TRUE(request) << packet;
+    EXPECT_EQ(request->label, label) << packet;
+  }
+}
+
+TEST(LeaseRequestPacket, HasNoLabelThatIsInvalid) {
+  for (const std::string& label :
+       {std::string(129, 'x'), std::string("%"), std::string("%41"), std::string("%2"),
+        std::string("%2c"), std::string("%0A"), std::string("%7F"), std::string("a%00")}) {
+    EXPECT_FALSE(parseLeaseRequest("orvane 1 lease label=" + label)) << label;
+  }
+  EXPECT_TRUE(parseLeaseRequest("orvane 1 lease label=" + std::string(128, 'x')));
+}
+
+TEST(LeaseLabel, HasAtMost128BytesAndNoControlCharacters) {
+  EXPECT_TRUE(isLabel(""));
+  EXPECT_TRUE(isLabel("daily backup, 50%~\xc3\xa4\xff"));
+  EXPECT_TRUE(isLabel(std::string(128, 'x')));
+  EXPECT_FALSE(isLabel(std::string(129, 'x')));
+  for (const char c : {'\0', '\n', '\x1f', '\x7f'}) {
+    EXPECT_FALSE(isLabel(std::string("a") + c));
+  }
+}
+
 TEST(LeaseRequestPacket, IsReadWithWordsThatAreNotKnownYet) {
   const std::pair<const char*, std::uint64_t> requests[] = {
       {"orvane 1 lease", 0},

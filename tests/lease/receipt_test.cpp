@@ -78,6 +78,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "receipt stream=s records=1x bytes=2 segments=3 end=closed",
                     "receipt stream=s records=-1 bytes=2 segments=3 end=closed",
                     "receipt stream=s records=1 bytes=18446744073709551616 segments=3 end=closed",
+                    "receipt stream=s records=1 bytes=2 segments=x end=closed",
                     "receipt stream=s bytes=2 records=1 segments=3 end=closed",
                     " receipt stream=s records=1 bytes=2 segments=3 end=closed"));
 

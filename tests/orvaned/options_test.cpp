@@ -42,7 +42,7 @@ TEST(Options, SizesMayHaveAUnit) {
   EXPECT_EQ(parse({"--queue=q", "--store=.", "--message-size=2MiB", "--shm-limit=512 kb"}, options),
             std::nullopt);
   EXPECT_EQ(options.geometry.messageSize, 2097152U);
-  EXPECT_EQ(options.shmLimit, 524288U);
+  EXPECT_EQ(options.shmLimit, 512000U);
 }
 
 TEST(Options, LimitTheMemoryOfRings) {
@@ -54,7 +54,7 @@ TEST(Options, LimitTheMemoryOfRings) {
                   options),
             std::nullopt);
   EXPECT_EQ(options.ringLimit, 2147483648U);
-  EXPECT_EQ(options.ringLimitPerUser, 67108864U);
+  EXPECT_EQ(options.ringLimitPerUser, 64000000U);
 }
 
 class WrongRingLimit : public testing::TestWithParam<const char*> {};
@@ -91,6 +91,21 @@ TEST(Options, NameWhenToSync) {
   EXPECT_EQ(options.sync, orvaned::Sync::none);
   EXPECT_EQ(parse({"--queue=q", "--store=.", "--sync=segment"}, options), std::nullopt);
   EXPECT_EQ(options.sync, orvaned::Sync::segment);
+}
+
+TEST(Options, CompressNothingByDefault) {
+  Options options;
+  EXPECT_EQ(parse({"--queue=q", "--store=."}, options), std::nullopt);
+  EXPECT_EQ(options.compressionLevel, 0);
+}
+
+TEST(Options, NameTheLevelOfCompression) {
+  for (const auto& [text, level] : {std::pair("zstd", 3), std::pair("zstd:1", 1),
+                                    std::pair("zstd:9", 9), std::pair("zstd:19", 19)}) {
+    Options options;
+    EXPECT_EQ(parse({"--queue=q", "--store=.", "--compress", text}, options), std::nullopt) << text;
+    EXPECT_EQ(options.compressionLevel, level) << text;
+  }
 }
 
 TEST(Options, ConfineWorkersByDefault) {

@@ -129,7 +129,7 @@ TEST_F(LeasePairTest, AStreamThatCannotBeginIsToldOnce) {
   LeasedProducer producer(socket);
   fs::remove(store.path());
   const std::string reason =
-      "No such file or directory: cannot create " + store.path() + "/" + producer.name + "-";
+      "No such file or directory: cannot create " + store.path() + "/" + socketName() + "-";
   EXPECT_EQ(producer.queues.ask({kOpen, kHello}).status, 1003);
   const std::string told = producer.client.next();
   EXPECT_TRUE(told.starts_with("failed 1003 " + reason)) << told;

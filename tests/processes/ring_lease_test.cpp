@@ -3,13 +3,13 @@
 
 #include <orvane/orvane.hpp>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <optional>
 
 #include "support/child.hpp"
 #include "support/lease_fixture.hpp"
+#include "support/manifest.hpp"
 #include "support/server.hpp"
 #include "support/throws.hpp"
 #include "support/waiting_thread.hpp"
@@ -44,12 +44,9 @@ class RingLease : public LeaseTest {
     }
   }
 
-  // Its folder has another name, which begins with a dot, until it is locked.
-  void awaitStream() const {
-    ASSERT_TRUE(eventually([this] {
-      const Words names = namesIn(store.path());
-      return !names.empty() && !names.front().starts_with(".");
-    }));
+  // Its manifest is there when the first batch is stored.
+  void awaitStream(const std::string& queue) const {
+    ASSERT_TRUE(eventually([&] { return hasStream(queue); }));
   }
 
   static std::string receiptOf(Lease& lease) { return textOf(lease.receipt(kLong)); }
@@ -103,7 +100,7 @@ TEST_F(RingLease, OfADeadServerLeavesItsSocketAndAStreamThatTheNextOneFinishes) 
   writer.open();
   write(writer, record('x'));
   write(writer, record('y'));  // hands the first one over
-  awaitStream();
+  awaitStream(name);
   const std::string path = folderOf(name) + "/segment-000000.part";
   ASSERT_TRUE(eventually([&] {
     return std::filesystem::exists(path) && std::filesystem::file_size(path) == record('x').size();
@@ -125,7 +122,7 @@ TEST_F(RingLease, OfADeadServerIsInUseUntilItsWorkerIsDead) {
   writer.open();
   write(writer, "x");
   const pid_t worker = server->workerOfRing();
-  awaitStream();
+  awaitStream(name);
   kill(worker, SIGSTOP);
   server->signal(SIGSTOP);  // its end would let the worker continue
   for (const pid_t child : server->children()) {
@@ -166,7 +163,7 @@ TEST_F(RingLease, HasOneStreamAfterTheOther) {
   }
   for (const int bytes : {5, 5, 6, 6}) {
     const Receipt receipt = lease.receipt(kLong);
-    const std::string path = store.path() + "/" + lease.queueName() + "-" + receipt.stream;
+    const std::string path = store.path() + "/" + socketName() + "-" + receipt.stream;
     EXPECT_EQ(receipt.bytes, static_cast<std::uint64_t>(bytes));
     EXPECT_EQ(readFile(path + "/segment-000000"), bytes == 5 ? "first" : "second");
   }
@@ -229,10 +226,11 @@ TEST_F(RingLease, StoresWhatAKilledProducerHandedOver) {
     const std::vector<std::string> names = namesIn(store.path());
     return names.size() == 1 && names.front().front() != '.';
   }));
-  const std::string stream = namesIn(store.path()).front();
-  const std::string queue = stream.substr(0, stream.rfind('-', stream.rfind('-') - 1));
-  EXPECT_EQ(endingOf(queue), "end=cut-off\nreason=its producer died or left\n");
-  EXPECT_EQ(readFile(folderOf(queue) + "/segment-000000.part"), record('a') + record('b'))
+  const std::string stream = store.path() + "/" + namesIn(store.path()).front();
+  ASSERT_TRUE(eventually([&] { return std::filesystem::exists(stream + "/manifest"); }));
+  EXPECT_TRUE(plainManifest(readFile(stream + "/manifest"))
+                  .ends_with("\nend=cut-off\nreason=its producer died or left\n"));
+  EXPECT_EQ(readFile(stream + "/segment-000000.part"), record('a') + record('b'))
       << "the third record is in a frame that was not complete";
 }
 
@@ -244,12 +242,7 @@ TEST_F(RingLease, OfAKilledWorkerFailsTheWriterAndTheStreamIsFinished) {
   Lease other = newLease();
   RingWriter othersWriter = writerOf(other);
   othersWriter.open();
-  ASSERT_TRUE(eventually([&] {
-    const std::vector<std::string> names = namesIn(store.path());
-    return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-      return name.starts_with(lease.queueName() + "-");
-    });
-  }));
+  ASSERT_TRUE(eventually([&] { return hasStream(lease.queueName()); }));
   kill(worker, SIGKILL);
   const Stopwatch watch;
   EXPECT_TRUE(throwsErrno(901, kEndedLease, [&] { fill(writer); }));

@@ -13,6 +13,7 @@
 #include <orvane/orvane.hpp>
 
 #include "support/eventually.hpp"
+#include "support/manifest.hpp"
 #include "support/queue_pair.hpp"
 #include "support/served.hpp"
 #include "support/temp_folder.hpp"
@@ -31,6 +32,7 @@ using orvane::test::bytesOf;
 using orvane::test::eventually;
 using orvane::test::kStoppedNotice;
 using orvane::test::namesIn;
+using orvane::test::plainManifest;
 using orvane::test::QueueName;
 using orvane::test::readFile;
 using orvane::test::ServerProcess;
@@ -118,7 +120,7 @@ TEST_F(ServerProcessTest, FinishesWhatIsQueuedWhenItIsStopped) {
   EXPECT_EQ(server.wait(), 0);
   expectGone();
   EXPECT_EQ(readFile(streamFolder() + "/segment-000000"), "one two");
-  const std::string manifest = readFile(streamFolder() + "/manifest");
+  const std::string manifest = plainManifest(readFile(streamFolder() + "/manifest"));
   EXPECT_TRUE(manifest.ends_with("end=closed\nreason=\n")) << manifest;
 }
 
@@ -131,7 +133,7 @@ TEST_F(ServerProcessTest, CutsAnOpenStreamOffAndSendsItsNoticeWhenItIsStopped) {
   server.signal(SIGTERM);
   EXPECT_EQ(server.wait(), 0);
   EXPECT_EQ(takeAnswers(answers).at(0), (Answer{1004, kStoppedNotice}));
-  const std::string manifest = readFile(streamFolder() + "/manifest");
+  const std::string manifest = plainManifest(readFile(streamFolder() + "/manifest"));
   EXPECT_TRUE(manifest.ends_with("end=cut-off\nreason=the server was stopped\n")) << manifest;
 }
 
@@ -214,14 +216,11 @@ TEST_F(ServerProcessTest, MakesTheQueueAnewWhenAProducerDiesInsideIt) {
   EXPECT_EQ(await(answers), (Answer{0, ""}));
   dieInsideTheQueue(name);
   ASSERT_TRUE(server.says("serving queue ", 2));
-  const std::string reason =
-      "a process died or hangs inside the queue (boost::interprocess::lock_exception)";
-  EXPECT_NE(
-      server.output().find("\nTIME error 1 orvaned::serve: queue " + name + ": " + reason + "\n"),
-      std::string::npos)
+  const std::string reason = "a process died inside the queue";
+  EXPECT_TRUE(server.says(" error 1 orvaned::serve: queue " + name + ": " + reason + "\n"))
       << server.output();
   EXPECT_EQ(takeAnswers(answers), (std::vector<Answer>{{1004, reason}}));
-  const std::string manifest = readFile(streamFolder() + "/manifest");
+  const std::string manifest = plainManifest(readFile(streamFolder() + "/manifest"));
   EXPECT_TRUE(manifest.ends_with("end=broken\nreason=" + reason + "\n")) << manifest;
   message_queue newAnswers(open_only, (name + "Response").c_str());
   ShmWriter next("stream", name, 20, 5, false);

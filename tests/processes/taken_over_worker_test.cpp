@@ -16,6 +16,7 @@
 #include <orvane/orvane.hpp>
 #include <system_error>
 
+#include "store_format/stream_id.hpp"
 #include "support/break_in/taken_over.hpp"
 #include "support/confined_child.hpp"
 #include "support/lease_fixture.hpp"
@@ -117,10 +118,13 @@ std::string contentOf(const std::string& path) {
   return fs::exists(path) ? readFile(path) : "nothing";
 }
 
-class BreakOut : public TakenOverWorker, public testing::WithParamInterface<Rights> {};
+class BreakOut : public TakenOverWorker, public testing::WithParamInterface<Rights> {
+ protected:
+  void expectNothingReached(const Words& options);
+};
 
-TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
-  startServer(GetParam());
+void BreakOut::expectNothingReached(const Words& options) {
+  startServer(GetParam(), options);
   LeasedProducer victim = producerFor(GetParam());
   EXPECT_EQ(victim.queues.ask({kOpen, kHello, kEndOfSegment}), (Answer{0, ""}));
   const std::string stored = folderOf(victim.name) + "/segment-000000";
@@ -152,10 +156,20 @@ TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
   }
   EXPECT_EQ(victim.queues.ask({{.type = 3, .seqNo = 4}}).status, 0);
   for (const std::string& name : namesIn(store.path())) {
-    const bool isStream = name.starts_with("orvane-");
+    const bool isStream = name.starts_with(tool::nameOfSocket(socket) + "-");
     EXPECT_TRUE(isStream || std::find(before.begin(), before.end(), name) != before.end()) << name;
   }
 }
+
+TEST_P(BreakOut, ReachesNothingOutsideTheWorker) {
+  expectNothingReached({});
+}
+
+#ifdef ORVANE_HAS_ZSTD
+TEST_P(BreakOut, ReachesNothingOutsideTheWorkerThatCompresses) {
+  expectNothingReached({"--compress", "zstd"});
+}
+#endif
 
 INSTANTIATE_TEST_SUITE_P(As, BreakOut, testing::ValuesIn(rightsHere()),
                          [](const auto& test) { return nameOf(test.param); });

@@ -25,17 +25,17 @@ TEST(SharedTotalsTest, LiesInMemoryAsItIsDrawn) {
   totals.version = tool::kTotalsVersion;
   setStream(totals, "an id");
   const std::map<std::size_t, Totals::Number*> drawn = {
-      {16, &totals.server},         {24, &totals.worker},     {32, &totals.messages},
-      {40, &totals.messageSize},    {48, &totals.madeAt},     {56, &totals.madeAtMonotonic},
-      {64, &totals.batches},        {72, &totals.records},    {80, &totals.bytes},
-      {88, &totals.segments},       {96, &totals.streams},    {104, &totals.badBatches},
-      {112, &totals.errorAnswers},  {120, &totals.lastBatch}, {184, &totals.userPlusOne},
-      {192, &totals.unreadReceipts}};
+      {16, &totals.server},          {24, &totals.worker},     {32, &totals.messages},
+      {40, &totals.messageSize},     {48, &totals.madeAt},     {56, &totals.madeAtMonotonic},
+      {64, &totals.batches},         {72, &totals.records},    {80, &totals.bytes},
+      {88, &totals.segments},        {96, &totals.streams},    {104, &totals.badBatches},
+      {112, &totals.errorAnswers},   {120, &totals.lastBatch}, {184, &totals.userPlusOne},
+      {192, &totals.unreadReceipts}, {200, &totals.answered}};
   for (const auto& [offset, number] : drawn) {
     *number = 0x0807060504030200 + offset;
   }
   const std::string bytes = bytesOf(totals);
-  ASSERT_EQ(bytes.size(), 200U);
+  ASSERT_EQ(bytes.size(), 208U);
   EXPECT_EQ(bytes.substr(0, 16), std::string("orvstats\1\0\0\0\0\0\0\0", 16));
   for (const auto& [offset, number] : drawn) {
     EXPECT_EQ(bytes.substr(offset, 8),
@@ -55,6 +55,19 @@ TEST(SharedTotalsTest, ReadsTheIdOfTheOpenStream) {
   EXPECT_EQ(streamOf(totals), "short");
   setStream(totals, "");
   EXPECT_EQ(streamOf(totals), "");
+}
+
+TEST(SharedTotalsTest, HaveAnsweredNothingOfAStreamThatIsNotOpen) {
+  Totals totals;
+  setStream(totals, kId);
+  totals.answered = 5;
+  EXPECT_EQ(tool::answeredOf(totals, kId), 5U);
+  EXPECT_EQ(tool::answeredOf(totals, "20261121T072319-17472_0"), 0U);
+  totals.streamChanges = 3;  // the worker is changing the id
+  EXPECT_EQ(tool::answeredOf(totals, kId), 0U);
+  totals.streamChanges = 4;
+  setStream(totals, "");
+  EXPECT_EQ(tool::answeredOf(totals, kId), 0U);
 }
 
 TEST(SharedTotalsTest, CutsAnIdThatIsTooLong) {

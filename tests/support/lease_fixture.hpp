@@ -36,7 +36,14 @@ class LeaseTest : public testing::Test {
   // Starts `server`, again if there is one, and waits until it leases.
   void start(const Words& more = {});
 
-  // The only stream of a queue: its folder, its id, and how its manifest ends, once it does.
+  // What the ids of all leases' streams begin with.
+  std::string socketName() const;
+
+  // Does the store have a stream of this queue?
+  bool hasStream(const std::string& queue) const;
+
+  // The only stream of a queue: its folder, its id, and how its manifest ends, once it does, as
+  // plainManifest() shows it.
   std::string folderOf(const std::string& queue) const;
   std::string streamOf(const std::string& queue) const;
   std::string endingOf(const std::string& queue) const;

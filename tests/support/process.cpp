@@ -112,6 +112,10 @@ void Process::closeInput() {
   }
 }
 
+std::string Process::output() const {
+  return wholeFile(out);
+}
+
 std::string Process::errorOutput() const {
   return wholeFile(err);
 }

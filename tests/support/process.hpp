@@ -39,7 +39,8 @@ class Process {
   void write(const std::string& bytes) const;
   void closeInput();
 
-  // Standard error so far, where it is no terminal.
+  // Standard output so far, and standard error, where it is no terminal.
+  std::string output() const;
   std::string errorOutput() const;
 
   // What a terminal on standard error has shown since the last call.

@@ -6,6 +6,8 @@
 #include <regex>
 #include <stdexcept>
 
+#include "support/manifest.hpp"
+
 namespace orvane::test {
 namespace {
 
@@ -94,7 +96,7 @@ std::string Served::file(std::size_t stream, const std::string& fileName) const 
 }
 
 std::string Served::manifest(std::size_t stream) const {
-  return masked(file(stream, "manifest"));
+  return masked(plainManifest(file(stream, "manifest")));
 }
 
 std::string Served::endOf(std::size_t stream) const {

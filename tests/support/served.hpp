@@ -48,6 +48,7 @@ class Served {
   std::size_t waitingAnswers() const { return responseQueue.get_num_msg(); }
 
   // What is in the store: names, and the files of stream number `stream`, oldest first.
+  // The manifest is that of plainManifest().
   std::vector<std::string> stored() const;
   std::vector<std::string> filesOf(std::size_t stream) const;
   std::string file(std::size_t stream, const std::string& fileName) const;

@@ -1,8 +1,10 @@
 #include "support/server.hpp"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 #include "support/queue_pair.hpp"
 
@@ -14,6 +16,19 @@ std::vector<std::string> arguments(const std::string& queue, const std::string& 
   std::vector<std::string> words = {"--queue", queue, "--store", store};
   words.insert(words.end(), options.begin(), options.end());
   return words;
+}
+
+constexpr char kNone[] = "none";
+
+// The value of a line in a manifest, which may not be there yet.
+std::string factIn(const std::string& path, const std::string& name) {
+  std::ifstream manifest(path);
+  for (std::string line; std::getline(manifest, line);) {
+    if (line.starts_with(name + "=")) {
+      return line.substr(name.size() + 1);
+    }
+  }
+  return kNone;
 }
 
 }  // namespace
@@ -40,27 +55,29 @@ std::vector<std::string> Server::sendCommand(const std::vector<std::string>& arg
 }
 
 std::vector<std::string> Server::streams() const {
-  std::vector<std::string> paths;
+  std::vector<std::pair<std::string, std::string>> byTime;
   for (const std::string& name : namesIn(store())) {
     if (!name.starts_with(".")) {  // a folder on its way to its name
-      paths.push_back(store() + "/" + name);
+      const std::string path = store() + "/" + name;
+      const std::string open = factIn(path + "/manifest.part", "begun");
+      byTime.emplace_back(open == kNone ? factIn(path + "/manifest", "begun") : open, path);
     }
+  }
+  std::sort(byTime.begin(), byTime.end());
+  std::vector<std::string> paths;
+  for (auto& [begun, path] : byTime) {
+    paths.push_back(std::move(path));
   }
   return paths;
 }
 
+std::string Server::id(std::size_t number) const {
+  return std::filesystem::path(streams().at(number)).filename();
+}
+
 std::string Server::fact(std::size_t number, const std::string& name) const {
   const std::vector<std::string> folders = streams();
-  if (number >= folders.size()) {
-    return "none";
-  }
-  std::ifstream manifest(folders[number] + "/manifest");
-  for (std::string line; std::getline(manifest, line);) {
-    if (line.starts_with(name + "=")) {
-      return line.substr(name.size() + 1);
-    }
-  }
-  return "none";
+  return number < folders.size() ? factIn(folders[number] + "/manifest", name) : kNone;
 }
 
 std::vector<std::string> Server::segmentFiles(std::size_t number) const {

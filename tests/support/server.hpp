@@ -29,8 +29,9 @@ class Server {
   // The stored streams' folders, oldest first.
   std::vector<std::string> streams() const;
 
-  // The stored stream `number`: a line of its manifest by its name, such as "end"; its segments one
-  // behind the other.
+  // The stored stream `number`: its id; a line of its manifest by its name, such as "end"; its
+  // segments one behind the other.
+  std::string id(std::size_t number) const;
   std::string fact(std::size_t number, const std::string& name) const;
   std::string content(std::size_t number) const;
   std::vector<std::string> segmentFiles(std::size_t number) const;

@@ -7,10 +7,14 @@
 #include <orvane/orvane.hpp>
 #include <orvane/server_status.hpp>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
+#include "command_line/number.hpp"
+#include "command_line/wrong_use.hpp"
 #include "log.hpp"
 #include "store_format/size_text.hpp"
+#include "store_format/zstd.hpp"
 
 namespace orvaned {
 namespace {
@@ -37,10 +41,11 @@ class HelpFormatter : public CLI::Formatter {
 
 std::string footer() {
   std::string text =
-      R"(Each stream becomes a folder QUEUE-ID in the store: a file for each segment with data, and a
-manifest that lists them and shows how the stream ended. Records outside a stream are kept in
-QUEUE-outside-records. If a server was killed, the next start with the same queue and store
-checks and finishes its streams.
+      R"(Each stream becomes a folder in the store: a file for each segment with data, and a manifest that
+lists them and shows how the stream ended. The folder is called NAME-LABEL-TIME-PROCESS_NUMBER; NAME
+is the queue's, or that of the socket, and LABEL is missing if the producer gave none. Records
+outside a stream are kept in QUEUE-outside-records. If a server was killed, the next server that is
+started with the same store checks and finishes its streams.
 
 --sync decides when stored data is on the disk itself, where it survives a power cut:
   always   before its batch is answered
@@ -48,6 +53,12 @@ checks and finishes its streams.
            is answered, and before the stream's receipt
   none     when the system decides to
 If the server is killed, nothing that was answered is lost, with any of the three.
+
+--compress writes a segment into a file segment-NUMBER.zst, which zstdcat reads, if its first MiB
+shrinks; otherwise its file stays plain. Receipts and totals count the data before compression.
+
+A SIZE is a number of bytes with or without a unit. K or KiB is 1024 bytes, M or MiB is 1024 of
+these, and so on; kB, MB and so on are powers of 1000.
 
 Statuses of responses to a producer, apart from 0 for success:
 )";
@@ -103,6 +114,12 @@ int show(const CLI::App& app, const CLI::Success& what) {
   return 0;
 }
 
+// Explains wrong use.
+int refuse(const std::string& reason) {
+  std::cerr << "orvaned: " << reason << " (orvaned --help shows the usage)\n";
+  return kUsageError;
+}
+
 std::optional<Sync> syncNamed(const std::string& text) {
   if (text == "always") {
     return Sync::always;
@@ -115,6 +132,32 @@ std::optional<Sync> syncNamed(const std::string& text) {
 
 std::string checkSync(const std::string& text) {
   return syncNamed(text) ? "" : "must be always, segment or none";
+}
+
+// The level in "zstd" or "zstd:LEVEL".
+std::optional<int> compressionLevel(const std::string& text) {
+  constexpr std::string_view kZstd = "zstd";
+  if (text == kZstd) {
+    return tool::Compressor::kDefault;
+  }
+  for (int level = tool::Compressor::kFastest; level <= tool::Compressor::kSmallest; ++level) {
+    if (text == std::string(kZstd) + ":" + std::to_string(level)) {
+      return level;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string checkCompression(const std::string& text) {
+  if (!compressionLevel(text)) {
+    return "must be zstd or zstd:LEVEL, with a level from " +
+           std::to_string(tool::Compressor::kFastest) + " to " +
+           std::to_string(tool::Compressor::kSmallest);
+  }
+  return tool::hasZstd()
+             ? ""
+             : "this orvaned was built without libzstd: use one that was built with it, "
+               "or leave this option out";
 }
 
 // Is the part in use, because --without does not name it?
@@ -134,6 +177,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   Geometry& geometry = options.geometry;
   std::string mode = "0600";
   std::string sync = "segment";
+  std::string compression;
   std::string level = "info";
   std::vector<std::string> without;
   CLI::App app(kDescription, "orvaned");
@@ -156,7 +200,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   app.add_option("--messages", geometry.messages,
                  "Messages that a queue can hold, 1 to " + std::to_string(kMaxMessages))
       ->type_name("COUNT")
-      ->check(CLI::Range(std::size_t{1}, kMaxMessages).description(""))
+      ->transform(tool::numberFrom(1, kMaxMessages))
       ->capture_default_str();
   addSize(app, "--message-size", geometry.messageSize,
           "Size of one message, in bytes or such as 2MiB; the largest record\n"
@@ -174,11 +218,19 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
       ->type_name("WHEN")
       ->check(checkSync)
       ->capture_default_str();
+  app.add_option("--compress", compression,
+                 "Compress segments: zstd, or zstd:LEVEL with a level from " +
+                     std::to_string(tool::Compressor::kFastest) + " (fastest) to\n" +
+                     std::to_string(tool::Compressor::kSmallest) +
+                     " (smallest); zstd alone is level " +
+                     std::to_string(tool::Compressor::kDefault))
+      ->type_name("METHOD")
+      ->check(checkCompression);
   app.add_option(
          "--pairs-per-user", options.pairsPerUser,
          "Leases that one user may have at the same time, 1 to " + std::to_string(kMaxPairs))
       ->type_name("COUNT")
-      ->check(CLI::Range(std::size_t{1}, kMaxPairs).description(""))
+      ->transform(tool::numberFrom(1, kMaxPairs))
       ->capture_default_str();
   addSize(app, "--shm-limit", options.shmLimit,
           "Bytes of /dev/shm for all leases together, such as 512MiB; by default\n"
@@ -192,7 +244,7 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
                  "Recreate a used fixed queue after this many seconds without a record\n"
                  "(0: never); its producer may have died")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0U, kMaxIdleLimit).description(""))
+      ->transform(tool::numberFrom(0, kMaxIdleLimit))
       ->capture_default_str();
   app.add_option("--log-level", level, "Lowest level to log: info, auth, warning or error")
       ->type_name("LEVEL")
@@ -216,17 +268,19 @@ std::optional<int> parseOptions(int argc, const char* const* argv, Options& opti
   try {
     app.parse(argc, argv);
     if (options.queue.empty() && options.socket.empty()) {
-      throw CLI::RequiredError("--queue or --socket");
+      return refuse("--queue or --socket is required");
     }
     checkOptions(options);
   } catch (const CLI::Success& e) {
     return show(app, e);
-  } catch (const std::exception& e) {  // CLI::ParseError, or an exception of checkOptions()
-    std::cerr << "orvaned: " << e.what() << " (orvaned --help shows the usage)\n";
-    return kUsageError;
+  } catch (const CLI::ParseError& e) {
+    return refuse(tool::wrongUse(app, e, {argv + std::min(argc, 1), argv + argc}));
+  } catch (const std::invalid_argument& e) {  // of checkOptions()
+    return refuse(e.what());
   }
   geometry.mode = static_cast<mode_t>(std::stoul(mode, nullptr, 8));
   options.sync = *syncNamed(sync);
+  options.compressionLevel = compressionLevel(compression).value_or(0);
   options.logLevel = *levelNamed(level);
   options.confinement.capabilities = keeps(without, "capset");
   options.confinement.landlock = keeps(without, "landlock");

@@ -20,6 +20,7 @@ struct Options {
   // With fewer messages, a producer that flushes each record waits more often.
   Geometry geometry{8, tool::messageSizeFor(8), 0600};
   Sync sync = Sync::segment;
+  int compressionLevel = 0;  // of zstd; 0: nothing is compressed
   std::size_t pairsPerUser = 16;
   std::size_t shmLimit = 0;          // bytes of /dev/shm for all leases; 0: half of what it has
   std::size_t ringLimit = 0;         // bytes of memory for all rings; 0: a quarter of what there is

@@ -42,6 +42,16 @@ std::optional<std::string> streamOf(const Totals& totals) {
   return std::string(text.begin(), std::find(text.begin(), text.end(), '\0'));
 }
 
+// The number is set to 0 before a stream's id is published, so it belongs to the stream that is
+// open before and after it is read.
+std::uint64_t answeredOf(const Totals& totals, const std::string& stream) {
+  if (streamOf(totals) != stream) {
+    return 0;
+  }
+  const std::uint64_t answered = totals.answered.load(std::memory_order_acquire);
+  return streamOf(totals) == stream ? answered : 0;
+}
+
 std::uint64_t monotonicNow() {
   return static_cast<std::uint64_t>(
       std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count());

@@ -13,7 +13,7 @@ namespace tool {
 //
 //   offset  bytes
 //     0      8    "orvstats", written last, when the other fields are filled
-//     8      8    version of this layout, 1; with the fields of a ring, 2
+//     8      8    version of this layout, 1; with the fields of a ring, 3
 //    16      8    process of the server
 //    24      8    process of the worker that serves the pair
 //    32      8    messages that the send queue holds
@@ -32,6 +32,8 @@ namespace tool {
 //   136     48    id of the open stream, filled up with zeros; all zeros while none is open
 //   184      8    the lease's user id, plus 1; 0 for a queue with a fixed name
 //   192      8    receipts that the lease's producer has not read; at 4096 no batch is received
+//   200      8    bytes of segment data of the stream that began last which are stored for certain:
+//                 those of the batches that were answered. They are in the files of its segments
 //
 // Numbers are in the machine's byte order. The worker locks the file's first byte (F_OFD_SETLK)
 // while it lives; F_OFD_GETLK shows whether it does, and does not lock the byte.
@@ -58,16 +60,17 @@ struct Totals {
   Number stream[6]{};
   Number userPlusOne{0};
   Number unreadReceipts{0};
+  Number answered{0};
 };
 
 // The totals of a ring, in a file in memory that the server hands out over its socket. The messages
 // and their size are 0.
 //
-//     0    200    as above
-//   200      8    bytes of the ring
-//   208      8    bytes that waited in it when the worker last looked
-//   216      8    ns that the producer has waited for room or for an answer, as it says
-//   224      8    how often it slept meanwhile, as it says
+//     0    208    as above
+//   208      8    bytes of the ring
+//   216      8    bytes that waited in it when the worker last looked
+//   224      8    ns that the producer has waited for room or for an answer, as it says
+//   232      8    how often it slept meanwhile, as it says
 struct RingTotals {
   Totals totals;
   Totals::Number bytes{0};
@@ -77,14 +80,14 @@ struct RingTotals {
 };
 
 static_assert(Totals::Number::is_always_lock_free, "it is shared between processes");
-static_assert(sizeof(Totals) == 200);
-static_assert(sizeof(RingTotals) == 232);
+static_assert(sizeof(Totals) == 208);
+static_assert(sizeof(RingTotals) == 240);
 static_assert(offsetof(Totals, batches) == 64);
 static_assert(offsetof(Totals, stream) == 136);
 
 constexpr std::uint64_t kTotalsMagic = 0x737461747376726f;  // "orvstats"
 constexpr std::uint64_t kTotalsVersion = 1;
-constexpr std::uint64_t kRingTotalsVersion = 2;
+constexpr std::uint64_t kRingTotalsVersion = 3;
 
 // While a lease has this many unread receipts, its worker receives no batch.
 constexpr std::uint64_t kMostUnreadReceipts = 4096;
@@ -100,6 +103,9 @@ void setStream(Totals& totals, const std::string& id);
 
 // Returns the id of the open stream, "" if none is open, or nothing while the worker changes it.
 std::optional<std::string> streamOf(const Totals& totals);
+
+// Returns how many bytes of the segments of this stream were answered; 0 if it is not open.
+std::uint64_t answeredOf(const Totals& totals, const std::string& stream);
 
 // Returns the time of CLOCK_MONOTONIC, in nanoseconds.
 std::uint64_t monotonicNow();

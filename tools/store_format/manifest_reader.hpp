@@ -15,11 +15,23 @@ namespace tool {
 // Reads a manifest line by line, because a stream may have more segments than fit in memory.
 class ManifestReader {
  public:
-  explicit ManifestReader(Fd file) : file(std::move(file)) {}
+  // Error messages name the file by `path`.
+  ManifestReader(Fd file, std::string path) : file(std::move(file)), path(std::move(path)) {}
 
   // Returns the next line without its end. Returns nothing at the end of the file, and when reading
-  // fails. A line that has no end is incomplete and is not returned.
+  // fails. A line that has no end is incomplete and is not returned. Throws std::runtime_error if
+  // the first line names a format that this release does not know.
   std::optional<std::string> next();
+
+  // The manifest's format, once its first line has been read; 0: that line names none.
+  int format() const { return knownFormat; }
+
+  // Returns the CRC-32 of all lines that next() has returned.
+  std::uint32_t checksum() const { return allChecksum; }
+
+  // After the last line: what shows that the manifest is not as it was written, or "". In format 1
+  // hardly any change can be found.
+  std::string fault() const;
 
   // Returns how many bytes the lines that next() has returned have in the file.
   std::uint64_t bytes() const { return returnedBytes; }
@@ -30,16 +42,19 @@ class ManifestReader {
   int error() const { return readError; }
 
  private:
+  void count(const std::string& line);
+
   Fd file;
+  std::string path;
+  int knownFormat = 0;
+  std::string lastLine;
+  std::uint32_t checksumBefore = 0;  // of the lines before the last one
+  std::uint32_t allChecksum = 0;
   std::vector<char> block = std::vector<char>(65536);
   std::string buffered;
   std::uint64_t returnedBytes = 0;
   int readError = 0;
 };
-
-// Returns all lines of a finished manifest, and an incomplete last line, too. Throws
-// std::runtime_error.
-std::vector<std::string> linesOfManifest(const std::string& path);
 
 // A file with a line in the manifest.
 struct ListedFile {

@@ -7,17 +7,13 @@
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
-#include <vector>
+#include <utility>
 
 #include "store_format/checksum.hpp"
 #include "store_format/manifest_lines.hpp"
+#include "store_format/segment_content.hpp"
 
 namespace tool {
-namespace {
-
-constexpr std::size_t kBlock = 1 << 20;
-
-}  // namespace
 
 void failToRead(const std::string& path, int error) {
   throw std::runtime_error(std::generic_category().message(error) + ": cannot read " + path);
@@ -36,18 +32,29 @@ Fd openStored(const std::string& path) {
   return file;
 }
 
-Content contentOf(const Fd& file, const std::string& path) {
+Content contentOf(Fd file, const std::string& path) {
+  return contentOf(std::move(file), path, {}, [](std::size_t) {});
+}
+
+Content contentOf(Fd file, const std::string& path, std::span<unsigned char> block,
+                  const std::function<void(std::size_t)>& afterRead) {
+  SegmentContent data(std::move(file), path, block);
   Content content;
-  std::vector<unsigned char> block(kBlock);
-  ssize_t size = 0;
-  while ((size = read(file.get(), block.data(), block.size())) > 0) {
-    const auto count = static_cast<std::size_t>(size);
-    content.bytes += count;
-    content.checksum = checksumOf({block.data(), count}, content.checksum);
+  std::uint64_t before = 0;
+  const auto next = [&] {
+    const auto bytes = data.next();
+    const auto count = static_cast<std::size_t>(data.fileBytes() - before);
+    if (!bytes.empty() || count > 0) {
+      afterRead(count);
+    }
+    before += count;
+    return bytes;
+  };
+  for (auto bytes = next(); !bytes.empty(); bytes = next()) {
+    content.bytes += bytes.size();
+    content.checksum = checksumOf(bytes, content.checksum);
   }
-  if (size < 0) {
-    failToRead(path, errno);
-  }
+  content.stored = data.storedBytes();
   return content;
 }
 
@@ -63,6 +70,10 @@ std::string faultOf(const Content& found, const Content& listed) {
   if (found.checksum != listed.checksum) {
     return "its checksum is " + checksumText(found.checksum) + " instead of " +
            checksumText(listed.checksum);
+  }
+  if (found.stored != listed.stored) {
+    return "its file has " + std::to_string(found.stored) + " bytes instead of " +
+           std::to_string(listed.stored);
   }
   return "";
 }

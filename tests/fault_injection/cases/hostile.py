@@ -122,8 +122,8 @@ def receipts_unread(scene):
         receipts.append(packet.decode())
     server.wait()
     received = sum(" end=closed" in receipt for receipt in receipts)
-    kept = sum("\nend=closed\n" in (path / "manifest").read_text()
-               for path in scene.store.glob(f"{queue}-*"))
+    manifests = [path.read_text() for path in scene.store.glob("*/manifest")]
+    kept = sum("\nend=closed\n" in text and f"\nqueue={queue}\n" in text for text in manifests)
     if received != kept:
         raise Broken(f"{kept} streams were stored whole, and {received} receipts came")
 

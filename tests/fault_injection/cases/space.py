@@ -49,7 +49,8 @@ def small_disk(scene):
 
 @case("the store's disk filled at a random instant, and emptied again", needs=("mounts",), often=2)
 def disk_filled(scene):
-    mount(scene, scene.store, 16 << 20)
+    # Room for everything that is sent, which is more with compression.
+    mount(scene, scene.store, (64 if scene.compression else 16) << 20)
     scene.serve()
     scene.needs_recovery = True
     scene.send(may_fail=EVERYBODY)

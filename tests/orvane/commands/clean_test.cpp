@@ -103,6 +103,25 @@ TEST_F(Clean, OnlyTellsWithDryRun) {
   EXPECT_EQ(cleaned(server.queue(), {"--dry-run"}), told);
 }
 
+TEST_F(Clean, WithJsonPrintsALineForEachFile) {
+  Server server;
+  killAll(server);
+  const auto line = [&](const std::string& name, const std::string& removed) {
+    return R"({"path":"/dev/shm/)" + name + R"(","removed":)" + removed + R"(,"server":)" +
+           std::to_string(server.pid()) + "}\n";
+  };
+  std::string told;
+  std::string removed;
+  for (const std::string& name : allOf(server.queue())) {
+    told += line(name, "false");
+    removed += line(name, "true");
+  }
+
+  EXPECT_EQ(cleaned(server.queue(), {"--json", "--dry-run"}), told);
+  EXPECT_EQ(cleaned(server.queue(), {"--json"}), removed);
+  EXPECT_EQ(cleaned(server.queue(), {"--json"}), "");
+}
+
 TEST_F(Clean, LooksAtEveryNameWhenItIsToldNone) {
   Server dead;
   Server living;
@@ -314,7 +333,9 @@ TEST_F(CleanSocket, BehindALinkIsLeftAlone) {
 TEST_F(Clean, RefusesANameThatNoQueueCanHave) {
   const Ended ended = run({ORVANE_PATH, "clean", ".hidden"});
   EXPECT_EQ(ended.how, "exit 2");
-  EXPECT_EQ(ended.err, "orvane clean: the queue name begins with a dot\n");
+  EXPECT_EQ(ended.err,
+            "orvane clean: the queue name begins with a dot "
+            "(orvane clean --help shows the usage)\n");
 }
 
 TEST_F(Clean, DoesNotLeaveSharedMemory) {

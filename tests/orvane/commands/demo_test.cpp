@@ -14,7 +14,9 @@ namespace orvane::test {
 namespace {
 
 const std::vector<std::string> kNothingLeft;
-const char kTimeAndRate[] = "[0-9]+\\.[0-9][0-9] s, [0-9.]+ [kMG]?B/s, identical\n";
+const char kTimesAndRates[] =
+    "transfer [0-9]+\\.[0-9][0-9] s, [0-9.]+ [kMG]?B/s, "
+    "with the disk [0-9]+\\.[0-9][0-9] s, [0-9.]+ [kMG]?B/s, identical\n";
 
 // `orvane demo` with its own folder for temporary files.
 class Demo : public testing::Test {
@@ -64,8 +66,17 @@ TEST_F(Demo, MadeUpBytesComeBackIdentical) {
 
   EXPECT_EQ(ended.how, "exit 0");
   EXPECT_EQ(ended.err, "");
+  EXPECT_TRUE(matches(
+      ended.out, std::string("OK 268435456 bytes, 258 batches, 4 segments, ") + kTimesAndRates));
+}
+
+TEST_F(Demo, WithJsonPrintsNumbers) {
+  const Ended ended = runClean({"--json", "-"}, "14 crates of oranges");
+
+  EXPECT_EQ(ended.how, "exit 0");
   EXPECT_TRUE(matches(ended.out,
-                      std::string("OK 268435456 bytes, 258 batches, 4 segments, ") + kTimeAndRate));
+                      R"(\{"records":1,"bytes":20,"batches":[0-9]+,"segments":1,)"
+                      R"("transferSeconds":[0-9.e-]+,"seconds":[0-9.]+,"identical":true\}\n)"));
 }
 
 TEST_F(Demo, ProgramComesBackIdentical) {
@@ -82,7 +93,7 @@ TEST_F(Demo, EmptyFileComesBackIdentical) {
 
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
   EXPECT_TRUE(
-      matches(ended.out, std::string("OK 0 bytes, 2 batches, 0 segments, ") + kTimeAndRate));
+      matches(ended.out, std::string("OK 0 bytes, 2 batches, 0 segments, ") + kTimesAndRates));
 }
 
 TEST_F(Demo, SparseFileComesBackIdentical) {

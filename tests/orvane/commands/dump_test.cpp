@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <queue/message_queue.hpp>
 #include <sstream>
 
 #include "support/captured.hpp"
+#include "support/eventually.hpp"
 #include "support/server.hpp"
 #include "support/text.hpp"
 
@@ -97,6 +99,48 @@ TEST_F(Dump, WithJsonPrintsOneObjectALine) {
             "{\"stray\":3,\"offset\":176,\"start\":\"697368\"}\n");
   EXPECT_EQ(ended.err, "orvane dump: 2 broken messages in " + file + "\n");
   EXPECT_TRUE(startsWith(dump(example, {"--json"}).out, "{\"message\":0,\"queue\":null,"));
+}
+
+TEST_F(Dump, OfAFileOfRecordsPrintsEachOfThem) {
+  const std::string records = example.substr(8);
+  const Ended ended = dump(records);
+  EXPECT_EQ(ended.how, "exit 0");
+  EXPECT_EQ(ended.out, std::string(kExampleText).substr(std::string(kExampleText).find('[')));
+  EXPECT_EQ(ended.err, "");
+
+  EXPECT_EQ(dump(records, {"--json"}).out,
+            "{\"record\":0,\"type\":1,\"len\":5,\"seqNo\":2,\"segmentNo\":0,\"segmentDone\":0,"
+            "\"segAlg\":0,\"segParam1\":0,\"segParam2\":0,\"segParam3\":0,\"crc\":103547413}\n"
+            "{\"record\":1,\"type\":2,\"len\":0,\"seqNo\":3,\"segmentNo\":0,\"segmentDone\":0,"
+            "\"segAlg\":0,\"segParam1\":0,\"segParam2\":0,\"segParam3\":0,\"crc\":null}\n");
+}
+
+// A full disk leaves no part of a record, but a killed server may.
+TEST_F(Dump, OfAFileOfRecordsTellsWhatIsNoRecord) {
+  const std::string record = example.substr(8, 53);
+  const std::string shown = "[0]: type=1, len=5, crc=103547413 (2,1,5,0,0,0,0,0,0,2864434397)\n";
+  for (const std::string& rest : {std::string("x"), record.substr(0, 47), record.substr(0, 52),
+                                  std::string(48, 'x') + record}) {
+    const std::string size = std::to_string(rest.size());
+    const std::string bytes = size + (rest.size() == 1 ? " byte" : " bytes");
+    const Ended ended = dump(record + rest);
+    EXPECT_EQ(ended.how, "exit 1");
+    EXPECT_EQ(ended.out, shown + "broken: " + bytes + " at byte 53 belong to no record\n");
+    EXPECT_EQ(ended.err, "orvane dump: 1 broken record in " + file + "\n");
+    EXPECT_TRUE(dump(record + rest, {"--json"})
+                    .out.ends_with("}\n{\"stray\":" + size + ",\"offset\":53}\n"));
+  }
+}
+
+TEST_F(Dump, OfTheRecordsOutsideAStreamIsThatOfTheirTypes) {
+  Server server;
+  boost::interprocess::message_queue queue(boost::interprocess::open_only, server.queue().c_str());
+  queue.send(kExample.data(), kExample.size(), 1);
+  const std::string outside = server.store() + "/" + server.queue() + "-outside-records";
+  ASSERT_TRUE(eventually(
+      [&] { return namesIn(server.store()).size() == 1 && readFile(outside).size() == 101; }));
+  EXPECT_EQ(run({ORVANE_PATH, "dump", outside}).out,
+            std::string(kExampleText).substr(std::string(kExampleText).find('[')));
 }
 
 TEST_F(Dump, ShowsABrokenMessageAndGoesOn) {

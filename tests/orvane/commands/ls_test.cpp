@@ -17,7 +17,7 @@ namespace {
 std::string lineOf(const std::string& name, const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with(name + " ") || contains(line, R"({"name":")" + name + "\"")) {
+    if (line.starts_with(name + " ") || contains(line, R"({"queue":")" + name + "\"")) {
       return line;
     }
   }
@@ -89,7 +89,7 @@ TEST(Ls, PrintsJson) {
 
   const std::string pid = std::to_string(server.pid());
   const std::string served = listed(server.queue(), {"--json"});
-  EXPECT_TRUE(contains(served, "{\"name\":\"" + server.queue() +
+  EXPECT_TRUE(contains(served, "{\"queue\":\"" + server.queue() +
                                    "\",\"bytes\":5472,\"mode\":\"0600\",\"owner\":\"" + user() +
                                    "\",\"messages\":4,\"messageSize\":1000,\"served\":true,"
                                    "\"server\":" +
@@ -99,7 +99,8 @@ TEST(Ls, PrintsJson) {
                        "\"messages\":null,\"messageSize\":null,\"served\":null,"
                        "\"server\":null}"));
   const std::string all = run({ORVANE_PATH, "ls", "--json"}).out;
-  EXPECT_TRUE(all.starts_with("[{") && all.ends_with("}]\n")) << all;
+  EXPECT_TRUE(all.starts_with("{") && all.ends_with("}\n")) << all;
+  EXPECT_FALSE(contains(all, ",\n"));
 }
 
 TEST(Ls, ListsNothingThatIsNoQueue) {

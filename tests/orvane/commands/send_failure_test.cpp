@@ -37,7 +37,7 @@ TEST(SendFailure, NameThatNoQueueCanHaveIsReported) {
   EXPECT_EQ(ended.how, "exit 2");
   EXPECT_EQ(ended.err,
             "orvane send: the queue name holds a character that is not allowed: "
-            "use letters, digits and _.-\n");
+            "use letters, digits and _.- (orvane send --help shows the usage)\n");
 }
 
 TEST(SendFailure, NameThatLooksLikeThatOfALeaseIsReported) {
@@ -47,7 +47,7 @@ TEST(SendFailure, NameThatLooksLikeThatOfALeaseIsReported) {
   EXPECT_EQ(ended.how, "exit 2");
   EXPECT_EQ(ended.err,
             "orvane send: the queue name begins as those of leased queues do, orvane-TIME-PROCESS: "
-            "take another one\n");
+            "take another one (orvane send --help shows the usage)\n");
 }
 
 TEST(SendFailure, ASummaryThatCannotBeWrittenHasACodeOfItsOwn) {
@@ -111,39 +111,6 @@ TEST(SendFailure, FullQueueThatNobodyServesIsReportedAsNothingSent) {
                            queues.name() + " was full for 1 s: is orvaned still running?\n");
 }
 
-TEST(SendFailure, WrongUseIsExplained) {
-  const auto usage = [](const std::vector<std::string>& arguments) {
-    std::vector<std::string> command = {ORVANE_PATH};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    const Ended ended = run(command);
-    EXPECT_EQ(ended.out, "");
-    const std::string begin = "orvane: ";
-    const std::string end = " (orvane --help shows the usage)\n";
-    EXPECT_TRUE(startsWith(ended.err, begin) && ended.err.ends_with(end)) << ended.err;
-    EXPECT_EQ(ended.err.find('\n') + 1, ended.err.size()) << ended.err;
-    return ended.how + ": " +
-           ended.err.substr(begin.size(), ended.err.size() - begin.size() - end.size());
-  };
-  EXPECT_EQ(usage({}), "exit 2: A subcommand is required");
-  EXPECT_EQ(usage({"send"}), "exit 2: FILE is required");
-  EXPECT_EQ(usage({"send", "f"}), "exit 2: Exactly 1 option from [--queue,--socket] is required");
-  EXPECT_EQ(usage({"send", "--queue", "q"}), "exit 2: FILE is required");
-  EXPECT_EQ(usage({"send", "--queue", "q", "--timeout", "0", "f"}),
-            "exit 2: --timeout: Value 0 not in range 1 to 86400");
-  EXPECT_EQ(usage({"send", "--queue", "q", "--timeout", "86401", "f"}),
-            "exit 2: --timeout: Value 86401 not in range 1 to 86400");
-  EXPECT_EQ(usage({"send", "--queue", "q", "--segment-size", "0", "f"}),
-            "exit 2: --segment-size: must be at least 1");
-  for (const char* size : {"4furlongs", "-5", "18446744073709551616", "16EiB", "", "1.5k"}) {
-    EXPECT_EQ(usage({"send", "--queue", "q", "--segment-size", size, "f"}),
-              "exit 2: --segment-size: must be a number of bytes, such as 512KiB");
-  }
-  for (const char* seconds : {"-1", "86401", "nan", "inf", "", "1s"}) {
-    EXPECT_EQ(usage({"stat", "q", "--interval", seconds}),
-              "exit 2: --interval: must be seconds, 0 to 86400");
-  }
-}
-
 TEST(SendFailure, InputThatCannotBeReadStopsItsStream) {
   Server server;
 
@@ -184,12 +151,21 @@ TEST(SendFailure, DiskThatFillsUpOnTheWayIsReportedAsRefused) {
   EXPECT_EQ(server.fact(0, "end"), "broken");
 }
 
-TEST(SendFailure, ServerThatTakesNothingLeavesTheOutcomeUnknown) {
+// Kills the server, and waits until the system knows that all its processes are gone.
+void killAll(Server& server) {
+  server.process().signalAll(SIGKILL);
+  ASSERT_TRUE(eventually([&] { return !server.process().isRunning(); }));
+  ASSERT_TRUE(eventually([&] {
+    return contains(run({ORVANE_PATH, "stat", "--interval", "0", server.queue()}).out,
+                    "served by    nobody");
+  }));
+}
+
+TEST(SendFailure, ServerThatIsStoppedForLongLeavesTheOutcomeUnknown) {
   Server server;
   Process send(server.sendCommand({"--timeout", "1", "-"}));
   ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
-  server.process().signalAll(SIGKILL);
-  ASSERT_TRUE(eventually([&] { return !server.process().isRunning(); }));
+  server.process().signalAll(SIGSTOP);
 
   send.write(kMuch);
   const Ended ended = send.wait();
@@ -199,6 +175,53 @@ TEST(SendFailure, ServerThatTakesNothingLeavesTheOutcomeUnknown) {
   EXPECT_EQ(ended.err,
             "orvane send: while sending standard input (0 of 1 file stored): the queue " +
                 server.queue() + " was full for 1 s: is orvaned still running?\n");
+}
+
+TEST(SendFailure, ServerThatIsKilledWhileDataWaitsIsNoticedBeforeTheTimeout) {
+  Server server;
+  Process send(server.sendCommand({"--timeout", "86400", "-"}));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
+  ASSERT_NO_FATAL_FAILURE(killAll(server));
+
+  send.write(kMuch);
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): the queue " +
+                server.queue() +
+                " lost its server, which was killed before it had taken everything\n");
+}
+
+TEST(SendFailure, ServerThatIsKilledBeforeTheReceiptIsNoticedBeforeTheTimeout) {
+  Server server;
+  Process send(server.sendCommand({"--timeout", "86400", "-"}));
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
+  ASSERT_NO_FATAL_FAILURE(killAll(server));
+
+  send.write("a few bytes");
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "exit 4");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_EQ(ended.err,
+            "orvane send: while sending standard input (0 of 1 file stored): "
+            "orvaned was killed before it sent a receipt for the stream\n");
+}
+
+TEST(SendFailure, ServerThatWasKilledIsReportedBeforeAnythingIsSent) {
+  Server server;
+  const pid_t process = server.pid();
+  ASSERT_NO_FATAL_FAILURE(killAll(server));
+
+  const Ended ended = run(server.sendCommand({"--timeout", "86400", "/dev/null"}));
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.out, "");
+  EXPECT_EQ(ended.err, "orvane send: the server of queue " + server.queue() + ", process " +
+                           std::to_string(process) +
+                           ", is gone: start orvaned again, which serves a new queue\n");
 }
 
 TEST(SendFailure, MissingReceiptLeavesTheOutcomeUnknown) {

@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
 
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <orvane/orvane.hpp>
 #include <queue/message_queue.hpp>
 #include <stdexcept>
 
+#include "orvane/commands/send_lease_fixture.hpp"
+#include "support/await.hpp"
 #include "support/eventually.hpp"
 #include "support/fake_server.hpp"
 #include "support/server.hpp"
@@ -17,14 +21,8 @@ namespace orvane::test {
 namespace {
 
 // A server that leases queues, and serves none under a name that this test uses.
-class SendOverALease : public testing::Test {
+class SendOverALease : public SendLeaseTest {
  protected:
-  std::vector<std::string> sendCommand(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> words = {ORVANE_PATH, "send", "--socket", socket};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return words;
-  }
-
   // The process that serves the lease: the one among the server's children that has mapped a queue
   // of the server's run. Others may be cleaning up after servers that other tests have killed.
   pid_t workerOf(const Server& started) const {
@@ -66,11 +64,11 @@ class SendOverALease : public testing::Test {
     const Queue queue(boost::interprocess::open_only, leased.c_str());
     // All of it is read: eight messages, one that finds no room, and a record behind it.
     send.write(std::string(9 * 1048576 + 131072, 'x'));
-    ASSERT_TRUE(eventually([&] { return queue.get_num_msg() == queue.get_max_msg(); }));
+    // A look takes the queue's lock, so it is taken only while the command pauses.
+    ASSERT_TRUE(eventually([&] {
+      return systemCallOf(send.pid()) == SYS_ppoll && queue.get_num_msg() == queue.get_max_msg();
+    }));
   }
-
-  const TempFolder folder;
-  const std::string socket = folder.path() + "/socket";
 };
 
 // Any other server that starts meanwhile cleans up after the dead one, and may say so first.
@@ -121,11 +119,6 @@ TEST_F(SendOverALease, RefusedLeaseIsReportedWithTheServersReason) {
             "orvane send: got no lease: user " + std::to_string(geteuid()) +
                 " has 1 leases, as many as it may: end one, or start orvaned with a larger "
                 "--pairs-per-user\n");
-}
-
-TEST_F(SendOverALease, NeedsEitherAQueueOrASocket) {
-  EXPECT_EQ(run({ORVANE_PATH, "send", "/dev/null"}).how, "exit 2");
-  EXPECT_EQ(run(sendCommand({"--queue", "q", "/dev/null"})).how, "exit 2");
 }
 
 TEST_F(SendOverALease, StreamThatCannotBeStoredIsReportedAsRefused) {
@@ -219,25 +212,22 @@ TEST_F(SendOverALease, ARingIsUsedByDefault) {
   EXPECT_TRUE(contains(server.log(), "serving ring orvane-"));
 }
 
-TEST_F(SendOverALease, AnUnknownTransportIsAUsageError) {
-  const Ended ended = run(sendCommand({"--transport", "pipe", "/dev/null"}));
-
-  EXPECT_EQ(ended.how, "exit 2");
-  EXPECT_TRUE(contains(ended.err, "--transport: ")) << ended.err;
-}
-
 constexpr char kOldRefusal[] = "refused 1007 this server understands \"orvane 1 lease\"";
 
 TEST_F(SendOverALease, AServerWithoutRingsIsAskedForAQueue) {
   FakeServer server;
-  server.serveEach({{.says = {kOldRefusal}}, {.says = {"refused 1005 no more"}, .ends = true}});
+  server.serveEach({{.says = {kOldRefusal}},
+                    {.says = {kOldRefusal}},
+                    {.says = {kOldRefusal}},
+                    {.says = {"refused 1005 no more"}, .ends = true}});
 
   const Ended ended = run({ORVANE_PATH, "send", "--socket", server.path(), "/dev/null"});
 
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_EQ(ended.err, "orvane send: got no lease: no more\n");
   EXPECT_EQ(server.requests(),
-            (std::vector<std::string>{"orvane 1 ring 8388608", "orvane 1 lease"}));
+            (std::vector<std::string>{"orvane 1 ring 8388608 label=null", "orvane 1 ring 8388608",
+                                      "orvane 1 lease label=null", "orvane 1 lease"}));
 }
 
 TEST_F(SendOverALease, AServerWithoutRingsIsNotAskedForAQueueIfARingIsWanted) {
@@ -245,7 +235,7 @@ TEST_F(SendOverALease, AServerWithoutRingsIsNotAskedForAQueueIfARingIsWanted) {
   server.serve({.says = {kOldRefusal}, .ends = true});
 
   const Ended ended =
-      run({ORVANE_PATH, "send", "--socket", server.path(), "--transport", "ring", "/dev/null"});
+      run({ORVANE_PATH, "send", "--socket", server.path(), "--transport", "ring", "-"});
 
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_EQ(ended.err, "orvane send: got no lease: this server understands \"orvane 1 lease\"\n");

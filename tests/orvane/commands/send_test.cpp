@@ -50,6 +50,22 @@ TEST(Send, SummaryNamesTheStreamThatWasStored) {
   EXPECT_TRUE(ended.out.ends_with(", stream " + stream + "\n")) << ended.out;
 }
 
+TEST(Send, WithJsonPrintsALineForEachStream) {
+  Server server;
+  TempFolder folder;
+  const std::string path = fileOf(folder, "14 crates of oranges");
+
+  const Ended ended = run(server.sendCommand({"--json", path, "-"}), "more");
+
+  EXPECT_EQ(ended.how, "exit 0");
+  const auto line = [&](const std::string& file, std::size_t number, const std::string& bytes) {
+    return R"(\{"file":")" + file + R"(","queue":")" + server.queue() + R"(","stream":")" +
+           server.id(number) + R"(","label":null,"records":1,"bytes":)" + bytes +
+           R"(,"segments":1,"seconds":[0-9.]+,"end":"closed"\}\n)";
+  };
+  EXPECT_TRUE(matches(ended.out, line(path, 0, "20") + line("-", 1, "4")));
+}
+
 TEST(Send, EmptyFileIsAnEmptyStream) {
   Server server;
   TempFolder folder;

@@ -65,11 +65,11 @@ TEST(Stat, ShowsAQueueThatWasNotUsedYet) {
 
   EXPECT_EQ(ended.how, "exit 0");
   EXPECT_TRUE(matches(ended.out,
-                      "\\{\"name\":\"" + server.queue() +
+                      "\\{\"queue\":\"" + server.queue() +
                           "\",\"messages\":8,\"messageSize\":1048968,\"served\":true,\"server\":" +
                           std::to_string(server.pid()) + ",\"worker\":[0-9]+,\"since\":\"" + kTime +
                           "\",\"uptime\":" + kJsonSeconds +
-                          ",\"openStream\":null,\"lastBatchAgo\":null,\"unreadReceipts\":0,"
+                          ",\"stream\":null,\"lastBatchAgo\":null,\"unreadReceipts\":0,"
                           "\"totals\":\\{\"batches\":0,\"records\":0,\"bytes\":0,\"segments\":0,"
                           "\"streams\":0,\"badBatches\":0,\"errorAnswers\":0\\},"
                           "\"interval\":null,\"perSecond\":null\\}\n"));
@@ -89,7 +89,7 @@ TEST(Stat, NamesTheOpenStream) {
                     "\nopen stream  " + stream + "\n");
   }));
   EXPECT_TRUE(contains(run(statCommand(server.queue(), {"--interval", "0", "--json"})).out,
-                       ",\"openStream\":\"" + stream + "\",\"lastBatchAgo\":0."));
+                       ",\"stream\":\"" + stream + "\",\"lastBatchAgo\":0."));
   EXPECT_EQ(send.wait().how, "exit 0");
 }
 
@@ -185,11 +185,12 @@ TEST(Stat, RefusesTotalsThatItDoesNotUnderstand) {
   const QueueName guard("." + queues.name() + ".stats");
   const std::string path = "/dev/shm/" + guard.text();
   const std::string version2 = "orvstats" + std::string("\2\0\0\0\0\0\0\0", 8);
+  const std::string version3 = "orvstats" + std::string("\3\0\0\0\0\0\0\0", 8);
   const std::string version1 = "orvstats" + std::string("\1\0\0\0\0\0\0\0", 8);
   const std::string otherMagic = "orvstatx" + std::string("\1\0\0\0\0\0\0\0", 8);
   for (const std::string& bytes :
-       {std::string(), version1 + std::string(167, '\0'), version2 + std::string(168, '\0'),
-        otherMagic + std::string(168, '\0')}) {
+       {std::string(), version1 + std::string(167, '\0'), version2 + std::string(224, '\0'),
+        version3 + std::string(223, '\0'), otherMagic + std::string(168, '\0')}) {
     writeFile(path, bytes);
     const Ended ended = run(statCommand(queues.name(), {}));
     EXPECT_EQ(ended.how, "exit 1");
@@ -228,13 +229,15 @@ TEST(Stat, WrongUseIsExplained) {
     EXPECT_EQ(ended.out, "");
     return ended.how + ": " + ended.err;
   };
-  const std::string begin = "exit 2: orvane: ";
-  const std::string end = " (orvane --help shows the usage)\n";
+  const std::string begin = "exit 2: orvane stat: ";
+  const std::string end = " (orvane stat --help shows the usage)\n";
   const std::string interval = begin + "--interval: must be seconds, 0 to 86400" + end;
-  EXPECT_EQ(usage({}), "exit 2: orvane stat: NAME or --socket PATH is required\n");
+  EXPECT_EQ(usage({}), begin + "NAME or --socket PATH is required" + end);
   EXPECT_EQ(usage({"a/b"}),
-            "exit 2: orvane stat: the queue name holds a character that is not allowed: use "
-            "letters, digits and _.-\n");
+            begin +
+                "the queue name holds a character that is not allowed: use letters, digits and "
+                "_.-" +
+                end);
   for (const char* seconds : {"-1", "86400.1", "nan", "1s", "x"}) {
     EXPECT_EQ(usage({"q", "--interval", seconds}), interval);
   }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <regex>
 
 #include "support/eventually.hpp"
@@ -16,7 +17,9 @@ TEST(SendProgress, IsDrawnOnATerminal) {
   const std::string path = folder.path() + "/input";
   writeFile(path, std::string(4000000, 'x'));
 
-  const Ended ended = run(server.sendCommand({path}), "", {.errorTerminal = true});
+  // It has no colours, so a user who wants none sees it, too.
+  const Ended ended =
+      run(server.sendCommand({path}), "", {.environment = {"NO_COLOR=1"}, .errorTerminal = true});
 
   EXPECT_EQ(ended.how, "exit 0");
   const std::regex drawing(
@@ -31,14 +34,13 @@ TEST(SendProgress, IsDrawnOnATerminal) {
   EXPECT_EQ(ended.err.find('\x1b'), std::string::npos) << "colours";
 }
 
-TEST(SendProgress, IsNotDrawnForWhoWantsPlainText) {
+TEST(SendProgress, IsNotDrawnForTheQuiet) {
   Server server({"--message-size", "600", "--messages", "2"});
   TempFolder folder;
   const std::string path = folder.path() + "/input";
   writeFile(path, std::string(4000000, 'x'));
 
-  const Ended ended =
-      run(server.sendCommand({path}), "", {.environment = {"NO_COLOR=1"}, .errorTerminal = true});
+  const Ended ended = run(server.sendCommand({"--quiet", path}), "", {.errorTerminal = true});
 
   EXPECT_EQ(ended.how, "exit 0");
   EXPECT_EQ(ended.err, "");
@@ -56,6 +58,46 @@ TEST(SendProgress, OfAPipeNamesNoTotal) {
 
   EXPECT_EQ(send.wait().how, "exit 0");
   EXPECT_TRUE(matches(shown, "\r[0-9.]+ [kMG]?B, [0-9.]+ [kMG]?B/s"));
+}
+
+TEST(SendProgress, IsErasedBeforeTheMessageOfAnInterrupt) {
+  Server server;
+  Process send(server.sendCommand({"-"}), {.errorTerminal = true});
+  std::string shown;
+  ASSERT_TRUE(eventually([&] {
+    send.write(std::string(200000, 'x'));
+    shown += send.terminalOutput();
+    return !shown.empty();
+  }));
+
+  send.signal(SIGINT);
+  const Ended ended = send.wait();
+
+  EXPECT_EQ(ended.how, "signal 2");
+  shown += ended.err;
+  // Blanks also cover the ^C that the terminal shows.
+  const std::smatch end = [&] {
+    std::smatch found;
+    std::regex_search(shown, found,
+                      std::regex("\r([0-9.]+ [kMG]?B, [0-9.]+ [kMG]?B/s) *\r( +)\r\rorvane send: "
+                                 "interrupted while sending standard input \\(0 of 1 file "
+                                 "stored\\)\r?\n$"));
+    return found;
+  }();
+  ASSERT_FALSE(end.empty()) << shown;
+  EXPECT_GE(end[2].length(), end[1].length() + 2);
+}
+
+TEST(SendProgress, ThatWasNotShownYetLeavesNothingOfAnInterruptBeforeTheMessage) {
+  Server server;
+  Process send(server.sendCommand({"-"}), {.errorTerminal = true});
+  ASSERT_TRUE(eventually([&] { return server.streams().size() == 1; }));
+
+  send.signal(SIGINT);
+
+  EXPECT_TRUE(matches(send.wait().err,
+                      "\rorvane send: interrupted while sending standard input \\(0 of 1 file "
+                      "stored\\)\r?\n"));
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -155,7 +157,7 @@ TEST_P(PinnedProducer, EndsItsLeaseThoughAForkedChildHoldsTheConnection) {
 }
 
 TEST_P(PinnedProducer, ThatEndedBeforeItWasAcceptedGetsNoLease) {
-  LeaseRequests desk(path, 0600);
+  LeaseRequests desk(path, 0600, 1);
   ForkingProducer producer(path);
   producer.end();
   EXPECT_TRUE(desk.serve(noLimit, noTotals).empty());
@@ -164,7 +166,7 @@ TEST_P(PinnedProducer, ThatEndedBeforeItWasAcceptedGetsNoLease) {
 }
 
 TEST_P(PinnedProducer, GetsItsLeaseWhileItLives) {
-  LeaseRequests desk(path, 0600);
+  LeaseRequests desk(path, 0600, 1);
   ForkingProducer producer(path);
   EXPECT_EQ(desk.serve(noLimit, noTotals).size(), 1U);
   EXPECT_TRUE(producer.childSawTheEnd());  // the connection went with the desk's answer
@@ -206,6 +208,7 @@ TEST_F(LeasePackets, OfAProducerInAnotherPidNamespaceEndWithTheConnection) {
   EXPECT_EQ(connection.producer().pid, 0);
   EXPECT_EQ(connection.producer().uid, geteuid());
   EXPECT_EQ(connection.pidfd(), -1);
+  EXPECT_EQ(connection.executable(), "");
   EXPECT_FALSE(connection.cameTooLate());
   EndWatch watch(&connection, std::chrono::seconds(0));
   EXPECT_EQ(watch.within(std::chrono::microseconds(1000)), nullptr);
@@ -213,6 +216,32 @@ TEST_F(LeasePackets, OfAProducerInAnotherPidNamespaceEndWithTheConnection) {
   const orvaned::Ending* ending = watch.within(kLongPause);
   ASSERT_NE(ending, nullptr);
   EXPECT_EQ(ending->reason, "its producer died or left");
+}
+
+TEST_F(LeasePackets, NameTheLabelAndNoneByDefault) {
+  LeaseConnection connection(std::move(server));
+  EXPECT_EQ(connection.label(), "");
+  for (const auto& [packet, label] :
+       {std::pair("orvane 1 lease label=a%20b", "a b"), std::pair("orvane 1 lease", "")}) {
+    ASSERT_GT(send(producer.get(), packet, std::strlen(packet), 0), 0);
+    EXPECT_EQ(connection.readRequest(), Request::lease);
+    EXPECT_EQ(connection.label(), label);
+  }
+}
+
+TEST_F(LeasePackets, ComeFromAnExecutableWithAName) {
+  const LeaseConnection connection(std::move(server));
+  EXPECT_EQ(connection.executable(),
+            std::filesystem::read_symlink("/proc/self/exe").filename().string());
+}
+
+TEST_P(PinnedProducer, HasNoExecutableOnceItHasEnded) {
+  orvaned::LeaseSocket socket(path, 0600);
+  ForkingProducer producer(path);
+  const LeaseConnection connection(socket.accept());
+  EXPECT_NE(connection.executable(), "");
+  producer.end();
+  EXPECT_EQ(connection.executable(), "");
 }
 
 TEST_F(LeasePackets, WithoutAByteAreABadRequestAndNotTheEnd) {

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <memory>
+#include <vector>
 
 #include "support/lease_fixture.hpp"
 
@@ -71,6 +73,29 @@ TEST_F(LeaseRequestTest, NothingIsRefusedAfterFiveSeconds) {
   const auto taken = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(taken, std::chrono::milliseconds(4900));
   EXPECT_LT(taken, std::chrono::seconds(8));
+}
+
+// The last of them is refused, and the others still may ask.
+void connectOneTooMany(const std::string& socket, const std::string& user, std::size_t most) {
+  std::vector<std::unique_ptr<LeaseClient>> silent;
+  for (std::size_t i = 0; i < most; ++i) {
+    silent.push_back(std::make_unique<LeaseClient>(socket));
+  }
+  const LeaseClient tooMany(socket);
+  EXPECT_EQ(tooMany.next(), "refused 1005 user " + user + " has " + std::to_string(most) +
+                                " connections that have not asked for anything yet");
+  EXPECT_EQ(tooMany.next(), kEnd);
+  EXPECT_TRUE(silent.front()->ask().starts_with("orvane-"));
+}
+
+TEST_F(LeaseRequestTest, AUserHasOnlySoManyConnectionsThatHaveNotAsked) {
+  start({"--pairs-per-user", "31"});
+  connectOneTooMany(socket, user, 32);
+}
+
+TEST_F(LeaseRequestTest, AllProducersOfAUserMayConnectBeforeTheFirstAsks) {
+  start({"--pairs-per-user", "40"});
+  connectOneTooMany(socket, user, 40);
 }
 
 TEST_F(LeaseRequestTest, WhoLeavesWithoutAskingIsForgotten) {

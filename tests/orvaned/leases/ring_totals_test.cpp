@@ -72,7 +72,7 @@ TEST_F(RingTotalsTest, CountWhatTheWorkerStores) {
   const auto& ring = *reinterpret_cast<const tool::RingTotals*>(file.at(0));
   const tool::Totals& totals = ring.totals;
   EXPECT_EQ(totals.magic, tool::kTotalsMagic);
-  EXPECT_EQ(totals.version, 2U);
+  EXPECT_EQ(totals.version, 3U);
   EXPECT_EQ(totals.server, static_cast<std::uint64_t>(server->process()));
   EXPECT_EQ(totals.userPlusOne, geteuid() + 1U);
   EXPECT_EQ(ring.bytes, kRing);

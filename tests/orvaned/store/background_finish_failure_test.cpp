@@ -36,8 +36,8 @@ TEST_F(StreamFolderInBackground, ListsWhatIsNotSyncedAsUnfinishedInABrokenStream
                           [&] { endSegment(stream, 1); }));
   stream.end(StreamEnd::broken, "the disk failed", 0);
   EXPECT_EQ(files(), (Names{"manifest", kFirst, "segment-000001.part"}));
-  EXPECT_EQ(file("manifest"),
-            head() + kHello + ".part\n" + kWorld +
+  EXPECT_EQ(manifest(),
+            plainHead() + kHello + ".part\n" + kWorld +
                 ".part\nother-records=0 bytes=0 crc32=00000000\nskipped=0\n" +
                 receipt(" records=2 bytes=10 segments=2 "
                         "end=broken\nrecords=2\nbytes=10\nend=broken\nreason=the disk failed\n"));
@@ -56,7 +56,7 @@ TEST_F(StreamFolderInBackground, ListsOnceWhatCannotGetItsFinalName) {
               how == StreamEnd::closed);
   }
   EXPECT_EQ(files(), (Names{"manifest", kFirst}));
-  EXPECT_TRUE(file("manifest").starts_with(head() + kHello + "\nother-records=0 "));
+  EXPECT_TRUE(manifest().starts_with(plainHead() + kHello + "\nother-records=0 ")) << manifest();
   EXPECT_EQ(textOf(stream.receipt()), receipt(" records=1 bytes=5 segments=1 end=broken"));
 }
 
@@ -107,7 +107,8 @@ TEST_F(StreamFolderInBackground, IsRecoveredAfterTheSegmentIsFinished) {
   EXPECT_NE(file("manifest").find(kHello + "\nunfinished file=segment-000001.part bytes=3 "),
             std::string::npos)
       << file("manifest");
-  EXPECT_NE(file("manifest").find("\nend=cut-off\nreason=its worker died\n"), std::string::npos);
+  EXPECT_NE(manifest().find("\nend=cut-off\nreason=its worker died\n"), std::string::npos)
+      << manifest();
 }
 
 // With the whole server: nobody finishes the segment.
@@ -123,14 +124,14 @@ TEST(StreamFolderOfADeadBroker, ListsAsUnfinishedWhatWasNotSynced) {
       }
       return 0;
     };
-    orvaned::Broker({store.path(), "q", orvaned::Sync::segment}, std::move(*end)).run();
+    orvaned::Broker({store.path(), {"q"}, orvaned::Sync::segment}, std::move(*end)).run();
     return 0;
   });
   theirs.reset();
   orvaned::BrokerClient client(std::move(ours));
   auto created = orvaned::BrokeredAccess(client, store.path()).createStream();
   const std::string path = created.folder->path();
-  auto stream = std::make_unique<orvaned::StreamFolder>(std::move(created.folder), "q", created.id,
+  auto stream = std::make_unique<orvaned::StreamFolder>(std::move(created.folder), created.head,
                                                         orvaned::Sync::segment);
   pvk_shm_message_t header;
   header.type = 1;
@@ -147,7 +148,7 @@ TEST(StreamFolderOfADeadBroker, ListsAsUnfinishedWhatWasNotSynced) {
   while (!broker.ended()) {
     std::this_thread::yield();
   }
-  orvaned::LocalUnfinishedStreams streams(store.path(), [](const std::string&) { return true; });
+  orvaned::LocalUnfinishedStreams streams(store.path());
   orvaned::recoverStreams(streams, orvaned::Sync::segment, "the server");
   EXPECT_EQ(namesIn(path), (std::vector<std::string>{"manifest", "segment-000000.part"}));
   const std::string manifest = readFile(path + "/manifest");

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "orvaned/store/file_calls.hpp"
 #include "orvaned/store/running_broker.hpp"
 #include "store/stream_folder.hpp"
+#include "support/manifest.hpp"
 #include "support/temp_folder.hpp"
 #include "support/wire.hpp"
 
@@ -64,11 +66,14 @@ class StreamFolderInBackground : public testing::Test {
     };
   }
 
-  StreamFolder makeStream(Sync sync = Sync::segment) {
+  StreamFolder makeStream(Sync sync = Sync::segment, int compressionLevel = 0) {
     auto stream = orvaned::BrokeredAccess(broker.client, store.path()).createStream();
     path = stream.folder->path();
-    id = stream.id;
-    return {std::move(stream.folder), "orders", id, sync};
+    id = stream.head.stream;
+    begun = tool::utcText(stream.head.begun.value());
+    compressor =
+        compressionLevel > 0 ? std::make_unique<tool::Compressor>(compressionLevel) : nullptr;
+    return {std::move(stream.folder), stream.head, sync, compressor.get()};
   }
   static void storeData(StreamFolder& stream, std::uint64_t segment, const std::string& text) {
     const Bytes data = bytesOf(text);
@@ -101,13 +106,20 @@ class StreamFolderInBackground : public testing::Test {
   static inline const std::string kWorld =
       "segment number=1 records=1 bytes=5 algorithm=0 parameters=0,0,0 crc32=3a771143 "
       "file=segment-000001";
-  std::string head() const { return "format=1\nqueue=orders\nstream=" + id + "\n"; }
+  std::string headBegun(const std::string& time) const {
+    return "format=2\nqueue=orders\nstream=" + id + "\nbegun=" + time + "\n";
+  }
+  std::string head() const { return headBegun(begun); }
+  std::string plainHead() const { return headBegun("TIME"); }
+  std::string manifest() const { return plainManifest(file("manifest")); }
   std::string receipt(const std::string& rest) const { return "receipt stream=" + id + rest; }
 
   TempFolder store;
+  std::unique_ptr<tool::Compressor> compressor;
   std::string path;
   std::string id;
-  RunningBroker broker{{store.path(), "orders", Sync::segment}};
+  std::string begun;
+  RunningBroker broker{{store.path(), {"orders"}, Sync::segment}};
   Gate gate;
 };
 

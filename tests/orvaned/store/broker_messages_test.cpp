@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <span>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace orvane::test {
 namespace {
@@ -28,6 +30,22 @@ TEST(BrokerMessagesTest, AreRefusedWhenTheyAreNone) {
     bad[static_cast<std::size_t>(offset)] = static_cast<unsigned char>(value);
     EXPECT_FALSE(orvaned::parseRequest(bad)) << offset;
   }
+}
+
+TEST(BrokerMessagesTest, HaveTheHeadOfAStreamAsOnePart) {
+  const tool::StreamHead head{.queue = "orders",
+                              .stream = "20261121T023224-4711_0",
+                              .producer = tool::Producer{1000, 100, 4712, "my backup"},
+                              .label = "app log",
+                              .begun = tool::parseUtc("2026-11-21T02:32:24.123Z")};
+  const std::string text = orvaned::textOf(head);
+  EXPECT_EQ(text,
+            "format=2\nqueue=orders\nstream=20261121T023224-4711_0\n"
+            "producer=uid=1000 gid=100 pid=4712 executable=my%20backup\nlabel=app%20log\n"
+            "begun=2026-11-21T02:32:24.123Z\n");
+  EXPECT_EQ(orvaned::parseHead(text), head);
+  const std::vector<std::string> parts = orvaned::partsOf(text + '\0' + "/path");
+  EXPECT_EQ(parts, (std::vector<std::string>{text, "/path"}));
 }
 
 }  // namespace

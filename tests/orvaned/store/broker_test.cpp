@@ -57,15 +57,15 @@ class BrokerTest : public testing::Test {
   }
 
   TempFolder store;
-  RunningBroker broker{{store.path(), "orders", Sync::none}};
+  RunningBroker broker{{store.path(), {"orders"}, Sync::none}};
   BrokeredAccess access{broker.client, store.path()};
 };
 
 TEST_F(BrokerTest, MakesALockedFolderForAStreamAndOpensItsFiles) {
   const StoreAccess::NewStream stream = access.createStream();
-  const std::string path = store.path() + "/orders-" + stream.id;
+  const std::string path = store.path() + "/orders-" + stream.head.stream;
   EXPECT_EQ(stream.folder->path(), path);
-  EXPECT_EQ(namesIn(store.path()), Names{"orders-" + stream.id});
+  EXPECT_EQ(namesIn(store.path()), Names{"orders-" + stream.head.stream});
   EXPECT_FALSE(LocalDirectory(path).lock());
   write(stream.folder->append("segment-000000.part"), "hello");
   write(stream.folder->append("segment-000000.part"), " world");
@@ -74,6 +74,44 @@ TEST_F(BrokerTest, MakesALockedFolderForAStreamAndOpensItsFiles) {
   stream.folder->sync();
   EXPECT_EQ(readFile(path + "/segment-000000"), "hello");
   EXPECT_EQ(stream.folder->names(), Names{"segment-000000"});
+}
+
+TEST_F(BrokerTest, OpensAndRenamesCompressedFiles) {
+  const StoreAccess::NewStream stream = access.createStream();
+  write(stream.folder->append("segment-000000.zst.part"), "compressed");
+  write(stream.folder->append("segment-000001.zst.part"), "not needed");
+  stream.folder->truncate("segment-000000.zst.part", 8);
+  stream.folder->remove("segment-000001.zst.part");
+  stream.folder->rename("segment-000000.zst.part", "segment-000000.zst");
+  stream.folder->read("segment-000000.zst");
+  EXPECT_EQ(stream.folder->names(), Names{"segment-000000.zst"});
+  EXPECT_EQ(readFile(stream.folder->path() + "/segment-000000.zst"), "compress");
+}
+
+TEST_F(BrokerTest, BeginsAStreamOfAFixedQueueWithItsNameAndTime) {
+  const tool::UtcTime before = tool::utcNow();
+  const tool::StreamHead head = access.createStream().head;
+  ASSERT_TRUE(head.begun);
+  EXPECT_LE(before, *head.begun);
+  EXPECT_LE(*head.begun, tool::utcNow());
+  EXPECT_EQ(head,
+            (tool::StreamHead{.queue = "orders", .stream = head.stream, .begun = head.begun}));
+  EXPECT_TRUE(head.stream.starts_with(tool::utcTextForNames(*head.begun) + "-"));
+}
+
+TEST_F(BrokerTest, BeginsAStreamOfALeaseWithWhatIsKnownOfIt) {
+  const tool::Producer producer{1000, 100, 4712, "my backup"};
+  RunningBroker leased({store.path(), {"orvane-1_2", "socket.1", producer, "app log"}, Sync::none});
+  const StoreAccess::NewStream stream = BrokeredAccess(leased.client, store.path()).createStream();
+  EXPECT_EQ(stream.head, (tool::StreamHead{.queue = "orvane-1_2",
+                                           .stream = stream.head.stream,
+                                           .producer = producer,
+                                           .label = "app log",
+                                           .begun = stream.head.begun}));
+  EXPECT_EQ(namesIn(store.path()), Names{"socket.1-app_log-" + stream.head.stream});
+  const auto found = orvaned::BrokeredUnfinishedStreams(leased.client).next();
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->head, stream.head);
 }
 
 TEST_F(BrokerTest, LetsGoOfAStreamWhenTheNextOneBegins) {
@@ -98,8 +136,7 @@ TEST_F(BrokerTest, OffersTheStreamThatADeadProcessLeftOpenOnce) {
   orvaned::BrokeredUnfinishedStreams left(broker.client);
   const auto found = left.next();
   ASSERT_TRUE(found);
-  EXPECT_EQ(found->queue, "orders");
-  EXPECT_EQ(found->stream, stream.id);
+  EXPECT_EQ(found->head, stream.head);
   EXPECT_EQ(found->folder->path(), stream.folder->path());
   EXPECT_FALSE(left.next());
 }
@@ -119,9 +156,11 @@ TEST_F(BrokerTest, GivesFilesThatCanOnlyBeAppendedTo) {
 
 TEST_F(BrokerTest, RefusesEveryNameThatIsNoFileOfAStream) {
   const StoreAccess::NewStream stream = access.createStream();
-  for (const char* name : {"", ".", "..", "manifest", "segment-000000", "segment-.part",
-                           "segment-1x.part", "segment-000000.part/", "../orders", "/etc/passwd",
-                           "segment-000000.partx", "other", "segment-123456789012345678901.part"}) {
+  for (const char* name :
+       {"", ".", "..", "manifest", "segment-000000", "segment-.part", "segment-1x.part",
+        "segment-000000.part/", "../orders", "/etc/passwd", "segment-000000.partx", "other",
+        "segment-123456789012345678901.part", "segment-000000.zst", "segment-.zst.part",
+        "segment-000000.zst.zst.part", "segment-000000.part.zst", "manifest.zst.part"}) {
     for (const BrokerCall call : {BrokerCall::append, BrokerCall::truncate, BrokerCall::remove}) {
       EXPECT_TRUE(throwsErrno(1003, kNotAllowed, [&] { callFile(call, name); })) << name;
     }
@@ -138,6 +177,7 @@ TEST_F(BrokerTest, RenamesAFileToItsFinalNameOnly) {
   for (const auto& names :
        {std::pair("segment-000000.part", "segment-000001"),
         std::pair("segment-000000.part", "../segment-000000"),
+        std::pair("segment-000000.part", "segment-000000.zst"),
         std::pair("other-records", "manifest"), std::pair("segment-000000", "segment-000000.part"),
         std::pair("segment-000000.part", "manifest")}) {
     EXPECT_TRUE(throwsErrno(1003, kNotAllowed,
@@ -159,6 +199,15 @@ TEST_F(BrokerTest, FinishesASegment) {
   EXPECT_EQ(readFile(stream.folder->path() + "/manifest.part"), "its line\n");
 }
 
+TEST_F(BrokerTest, FinishesACompressedSegment) {
+  const StoreAccess::NewStream stream = access.createStream();
+  stream.folder->append("manifest.part");
+  write(stream.folder->append("segment-000000.zst.part"), "compressed");
+  stream.folder->startFinish("segment-000000.zst", "its line");
+  EXPECT_EQ(stream.folder->finishResult(true).value().error, "");
+  EXPECT_EQ(stream.folder->names(), (Names{"manifest.part", "segment-000000.zst"}));
+}
+
 TEST_F(BrokerTest, FinishesNothingButASegment) {
   const auto finish = [&](BrokerArea area, const std::string& name) {
     call({.call = BrokerCall::finishSegment, .area = area, .name = name, .other = "line"});
@@ -168,8 +217,9 @@ TEST_F(BrokerTest, FinishesNothingButASegment) {
   const StoreAccess::NewStream stream = access.createStream();
   stream.folder->append("manifest.part");
   stream.folder->append("other-records");
-  for (const char* name : {"", "..", "manifest", "other-records", "segment-000000.part", "segment-",
-                           "../segment-000000", "segment-123456789012345678901"}) {
+  for (const char* name :
+       {"", "..", "manifest", "other-records", "segment-000000.part", "segment-",
+        "../segment-000000", "segment-123456789012345678901", "segment-.zst", "manifest.zst"}) {
     EXPECT_TRUE(throwsErrno(1003, kNotAllowed, [&] { finish(BrokerArea::stream, name); })) << name;
   }
   EXPECT_TRUE(throwsErrno(1003, kNotOutside,
@@ -272,7 +322,7 @@ TEST_F(BrokerLogTest, MarksALineThatDoesNotNameItsQueue) {
   send("supervisor::stop: the server ends");
   send("nothing");
   ours.reset();
-  orvaned::Broker({"/none", "orders", Sync::none}, std::move(theirs)).run();
+  orvaned::Broker({"/none", {"orders"}, Sync::none}, std::move(theirs)).run();
   ASSERT_EQ(logged.size(), 3U);
   EXPECT_EQ(logged[0].kind, ox::Kind::warning);
   EXPECT_EQ(logged[0].code, 1003);
@@ -290,7 +340,7 @@ TEST_F(BrokerLogTest, LimitsTheLinesOfOneCause) {
                                 .other = "worker::open: queue orders: again"});
   }
   ours.reset();
-  orvaned::Broker({"/none", "orders", Sync::none}, std::move(theirs)).run();
+  orvaned::Broker({"/none", {"orders"}, Sync::none}, std::move(theirs)).run();
   EXPECT_GE(logged.size(), 20U);
   EXPECT_LT(logged.size(), 50U);
 }

@@ -30,12 +30,12 @@ TEST(BrokerClientTest, PassesOverRepliesToOthers) {
   orvaned::sendRequest(ours,
                        {.serial = 77, .call = BrokerCall::checkStore, .name = {}, .other = {}});
   std::thread broker([&store, end = std::move(theirs)]() mutable {
-    orvaned::Broker({store.path(), "orders", Sync::none}, std::move(end)).run();
+    orvaned::Broker({store.path(), {"orders"}, Sync::none}, std::move(end)).run();
   });
   {
     BrokerClient client(std::move(ours));
     BrokeredAccess access(client, store.path());
-    const std::string id = access.createStream().id;
+    const std::string id = access.createStream().head.stream;
     EXPECT_EQ(namesIn(store.path()), Names{"orders-" + id});
   }
   broker.join();
@@ -48,12 +48,12 @@ TEST(BrokerClientTest, AStreamStaysLockedWhenItsBrokerHasDied) {
   const tool::Fd connection(dup(ours.get()));
   BrokerClient client(std::move(ours));
   std::thread broker([&store, end = std::move(theirs)]() mutable {
-    orvaned::Broker({store.path(), "orders", Sync::none}, std::move(end)).run();
+    orvaned::Broker({store.path(), {"orders"}, Sync::none}, std::move(end)).run();
   });
   orvaned::StoreAccess::NewStream stream = BrokeredAccess(client, store.path()).createStream();
   shutdown(connection.get(), SHUT_WR);  // the broker ends
   broker.join();
-  orvaned::LocalDirectory folder(store.path() + "/orders-" + stream.id);
+  orvaned::LocalDirectory folder(store.path() + "/orders-" + stream.head.stream);
   EXPECT_FALSE(folder.lock());
   stream.folder.reset();
   EXPECT_TRUE(folder.lock());

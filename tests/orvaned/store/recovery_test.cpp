@@ -8,7 +8,7 @@ namespace {
 
 TEST_F(RecoveryTest, AFolderWithoutAnyFileGetsAManifest) {
   recover();
-  EXPECT_EQ(manifest(), kFirst + kNothingWhole);
+  EXPECT_EQ(manifest(), kFirstAgain + kNothingWhole);
 }
 
 TEST_F(RecoveryTest, SegmentsWithoutDataAreCounted) {
@@ -52,10 +52,10 @@ TEST_F(RecoveryTest, EachStreamIsRecovered) {
 }
 
 TEST_F(RecoveryTest, AWorkersDeathIsSaidToBeItsOwn) {
-  orvaned::LocalUnfinishedStreams streams(store.path(), [](const std::string&) { return true; });
+  orvaned::LocalUnfinishedStreams streams(store.path());
   orvaned::recoverStreams(streams, orvaned::Sync::segment, "its worker");
   EXPECT_EQ(manifest(),
-            kFirst +
+            kFirstAgain +
                 "receipt stream=20261121T023224-4711_0 records=0 bytes=0 segments=0 end=cut-off\n"
                 "records=0\nbytes=0\nend=cut-off\nreason=its worker died\n");
   expectLogged(ox::Kind::info, 0,
@@ -64,7 +64,7 @@ TEST_F(RecoveryTest, AWorkersDeathIsSaidToBeItsOwn) {
 }
 
 TEST_F(RecoveryTest, AStreamThatSomebodyElseFinishedMeanwhileIsLeftAlone) {
-  orvaned::LocalUnfinishedStreams streams(store.path(), [](const std::string&) { return true; });
+  orvaned::LocalUnfinishedStreams streams(store.path());
   file("manifest", "somebody else's");
   file("segment-000000", "hello");
   orvaned::recoverStreams(streams, orvaned::Sync::segment, "the server");

@@ -24,14 +24,13 @@ using tool::Fd;
 
 TEST(StreamLockTest, KeepsAnotherServerFromFinishingALiveStream) {
   const TempFolder store;
-  orvaned::LocalAccess access(store.path(), "orders", Sync::none);
+  orvaned::LocalAccess access(store.path(), {"orders"}, Sync::none);
   StoreAccess::NewStream stream = access.createStream();
-  const auto isDead = [](const std::string&) { return true; };
-  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
+  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path()).next());
   stream.folder.reset();
-  const auto found = orvaned::LocalUnfinishedStreams(store.path(), isDead).next();
+  const auto found = orvaned::LocalUnfinishedStreams(store.path()).next();
   ASSERT_TRUE(found);
-  EXPECT_EQ(found->stream, stream.id);
+  EXPECT_EQ(found->head.stream, stream.head.stream);
 }
 
 // A server that is killed while it tries leaves nothing behind then.
@@ -51,14 +50,13 @@ TEST(StreamLockTest, LeavesAFolderThatHasNoNameYetToItsLivingServer) {
   const TempFolder store;
   const std::string left = store.path() + "/.orders-20261121T023224-4711_0.new";
   fs::create_directory(left);
-  const auto isDead = [](const std::string& queue) { return queue == "orders"; };
   {
     LocalDirectory living(left);
     ASSERT_TRUE(living.lock());
-    EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
+    EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path()).next());
     EXPECT_TRUE(fs::exists(left));
   }
-  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path(), isDead).next());
+  EXPECT_FALSE(orvaned::LocalUnfinishedStreams(store.path()).next());
   EXPECT_FALSE(fs::exists(left));
 }
 

@@ -53,9 +53,10 @@ TEST_F(StoreFailureTest, TheManifestTellsWhatIsStoredAndWhatWentWrong) {
   }
   EXPECT_EQ(served.file(0, "segment-000000.part"), std::string(600, 'x'));
   EXPECT_EQ(served.manifest(0),
-            "format=1\n"
+            "format=2\n"
             "queue=QUEUE\n"
             "stream=RUN_0\n"
+            "begun=TIME\n"
             "segment number=0 records=1 bytes=600 algorithm=0 parameters=0,0,0 "
             "crc32=df9f14d2 file=segment-000000.part\n"
             "other-records=0 bytes=0 crc32=00000000\n"

@@ -1,4 +1,4 @@
-// A stream's id: the run's start and process, and a number that the process gives only once.
+// A stream's name: its start and process, and a number that the process gives only once.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <orvane/orvane.hpp>
 
+#include "shm/utc.hpp"
 #include "store/store.hpp"
 #include "support/queue_pair.hpp"
 #include "support/server_process.hpp"
@@ -53,11 +54,10 @@ TEST_F(StreamIdTest, IsNeverThatOfAnotherStoreInTheProcess) {
   EXPECT_EQ(numberOf(store.createStream()->stream()), first + 2);
 }
 
-TEST_F(StreamIdTest, BeginsWithTheRunsStartAndItsProcess) {
+TEST_F(StreamIdTest, BeginsWithItsStartAndItsProcess) {
   const std::time_t before = std::time(nullptr);
-  orvaned::Store begun(folder.path(), "q", orvaned::Sync::none);
+  const std::string prefix = prefixOf(store.createStream()->stream());
   const std::time_t after = std::time(nullptr);
-  const std::string prefix = prefixOf(begun.createStream()->stream());
   std::tm utc = {};
   const char* process = strptime(prefix.c_str(), "%Y%m%dT%H%M%S", &utc);
   ASSERT_NE(process, nullptr) << prefix;
@@ -67,10 +67,13 @@ TEST_F(StreamIdTest, BeginsWithTheRunsStartAndItsProcess) {
 }
 
 TEST_F(StreamIdTest, PassesOverAFolderThatExists) {
-  const std::string first = store.createStream()->stream();
-  const unsigned long number = numberOf(first);
-  const std::string taken = prefixOf(first) + "_" + std::to_string(number + 1);
-  std::filesystem::create_directory(folder.path() + "/q-" + taken);
+  const unsigned long number = numberOf(store.createStream()->stream());
+  // Whenever the next stream begins in this minute.
+  for (int second = 0; second < 60; ++second) {
+    const std::string time = tool::utcTextForNames(tool::utcNow() + std::chrono::seconds(second));
+    std::filesystem::create_directory(folder.path() + "/q-" + time + "-" +
+                                      std::to_string(getpid()) + "_" + std::to_string(number + 1));
+  }
   EXPECT_EQ(numberOf(store.createStream()->stream()), number + 2);
 }
 

@@ -8,6 +8,7 @@
 
 #include "orvaned/store/file_calls.hpp"
 #include "store/stream_folder.hpp"
+#include "support/manifest.hpp"
 #include "support/temp_folder.hpp"
 #include "support/throws.hpp"
 #include "support/wire.hpp"
@@ -26,7 +27,8 @@ class StreamFolderCalls : public testing::Test {
   static Calls calls() { return std::exchange(fileCalls().made, {}); }
 
   StreamFolder makeStream(Sync sync) const {
-    return {std::make_unique<RecordedDirectory>(folder.path()), "q", "1_0", sync};
+    return {
+        std::make_unique<RecordedDirectory>(folder.path()), {.queue = "q", .stream = "1_0"}, sync};
   }
 
   static void store(StreamFolder& stream, std::uint64_t segment, const std::string& text) {
@@ -41,7 +43,7 @@ class StreamFolderCalls : public testing::Test {
     stream.endSegment(headerOf(2, segment, {}));
   }
 
-  std::string manifest() const { return readFile(folder.path() + "/manifest"); }
+  std::string manifest() const { return plainManifest(readFile(folder.path() + "/manifest")); }
 
   TempFolder folder;
 
@@ -88,7 +90,7 @@ TEST_F(StreamFolderCalls, EndsAClosedStreamInThisOrder) {
                    "write other-records 53", "fdatasync other-records", "append manifest.part",
                    "write manifest.part 28", "write manifest.part 99", "fdatasync manifest.part",
                    "close segment-000000.part", "rename segment-000000.part segment-000000", "sync",
-                   "write manifest.part 147", "fdatasync manifest.part", "close manifest.part",
+                   "write manifest.part 193", "fdatasync manifest.part", "close manifest.part",
                    "rename manifest.part manifest", "sync"}));
 }
 
@@ -99,7 +101,7 @@ TEST_F(StreamFolderCalls, EndsACutOffStreamInThisOrder) {
   EXPECT_EQ(calls(), (Calls{"append segment-000000.part", "write segment-000000.part 5",
                             "fdatasync segment-000000.part", "append manifest.part",
                             "write manifest.part 28", "close segment-000000.part",
-                            "write manifest.part 252", "fdatasync manifest.part",
+                            "write manifest.part 298", "fdatasync manifest.part",
                             "close manifest.part", "rename manifest.part manifest", "sync"}));
 }
 
@@ -136,7 +138,7 @@ TEST_F(StreamFolderCalls, WritesNumbersOf64Bits) {
   StreamFolder stream = makeStream(Sync::none);
   stream.end(StreamEnd::closed, "", 0x100000005);
   EXPECT_EQ(manifest(),
-            "format=1\nqueue=q\nstream=1_0\nother-records=0 bytes=0 crc32=00000000\n"
+            "format=2\nqueue=q\nstream=1_0\nother-records=0 bytes=0 crc32=00000000\n"
             "skipped=4294967301\nreceipt stream=1_0 records=0 bytes=0 segments=0 end=closed\n"
             "records=0\nbytes=0\nend=closed\nreason=\n");
 }
@@ -146,15 +148,15 @@ TEST_F(StreamFolderCalls, ListsASegmentOfOneByteWithItsFile) {
   store(stream, 0, "x");
   stream.end(StreamEnd::closed, "", 0);
   EXPECT_EQ(manifest().substr(0, 130),
-            "format=1\nqueue=q\nstream=1_0\nsegment number=0 records=1 bytes=1 algorithm=0 "
+            "format=2\nqueue=q\nstream=1_0\nsegment number=0 records=1 bytes=1 algorithm=0 "
             "parameters=0,0,0 crc32=8cdc1683 file=segment-000000\n"
             "oth");
 }
 
 TEST_F(StreamFolderCalls, ContinuesAManifestOfMoreThan4GiB) {
   RecordedDirectory directory(folder.path());
-  orvaned::Manifest large(&directory, Sync::none);
-  large.resume(0x100000005);
+  orvaned::ManifestFile large(&directory, Sync::none);
+  large.resume({.bytes = 0x100000005});
   EXPECT_EQ(calls(), (Calls{"append manifest.part", "truncate manifest.part 4294967301"}));
 }
 

@@ -52,9 +52,10 @@ TEST_F(StreamTest, AClosedStreamIsStoredWithItsManifest) {
   EXPECT_EQ(served.file(0, "segment-000000"), "hello world");
   EXPECT_EQ(served.file(0, "segment-000001"), "second");
   EXPECT_EQ(served.manifest(0),
-            "format=1\n"
+            "format=2\n"
             "queue=QUEUE\n"
             "stream=RUN_0\n"
+            "begun=TIME\n"
             "segment number=0 records=2 bytes=11 algorithm=1 parameters=7,8,9 "
             "crc32=0d4a1185 file=segment-000000\n"
             "segment number=1 records=1 bytes=6 algorithm=0 parameters=0,0,0 "
@@ -92,9 +93,10 @@ TEST_F(StreamTest, SegmentsWithoutDataAreListedWithoutAFile) {
   EXPECT_EQ(served.filesOf(0), (Names{"manifest", "segment-000000"}));
   EXPECT_EQ(
       served.manifest(0),
-      "format=1\n"
+      "format=2\n"
       "queue=QUEUE\n"
       "stream=RUN_0\n"
+      "begun=TIME\n"
       "segment number=0 records=0 bytes=0 algorithm=0 parameters=1,2,3 crc32=00000000 file=-\n"
       "segment number=0 records=2 bytes=0 algorithm=0 parameters=1,2,3 crc32=00000000 file=-\n"
       "segment number=0 records=2 bytes=4 algorithm=0 parameters=1,2,3 "
@@ -145,9 +147,10 @@ TEST_F(StreamTest, RecordsOfOtherTypesAreKeptInWireForm) {
                 "00000005 00000000 0000000000000000 0000000000000000 00000001 00000000"
                 "00000000 00000000 00000000 aabbccdd"));
   EXPECT_EQ(served.manifest(0),
-            "format=1\n"
+            "format=2\n"
             "queue=QUEUE\n"
             "stream=RUN_0\n"
+            "begun=TIME\n"
             "segment number=0 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
             "crc32=adf3f363 file=segment-000000\n"
             "other-records=2 bytes=2 crc32=9860961d\n"

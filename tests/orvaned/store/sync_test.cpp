@@ -41,7 +41,7 @@ class PipeAccess : public orvaned::StoreAccess {
  public:
   explicit PipeAccess(std::string storeFolder) : folder(std::move(storeFolder)) {}
 
-  NewStream createStream() override { return {"", nullptr}; }
+  NewStream createStream() override { return {{}, nullptr}; }
   std::unique_ptr<orvaned::StreamDirectory> outside() override {
     return std::make_unique<PipeDirectory>(folder);
   }

@@ -97,7 +97,7 @@ TEST_F(RecoveryTest, AnUnlistedSegmentThatCannotBeReadIsDamaged) {
   std::filesystem::create_directory(folder + "/segment-000000.part");
   recover();
   EXPECT_EQ(manifest(),
-            kFirst + "damaged file=segment-000000.part reason=Invalid argument: cannot read " +
+            kFirstAgain + "damaged file=segment-000000.part reason=Invalid argument: cannot read " +
                 folder + "/segment-000000.part\n" + kNothingButDamage);
 }
 
@@ -113,7 +113,8 @@ class UnreadableManifest : public orvaned::LocalDirectory {
 class OneStream : public orvaned::UnfinishedStreams {
  public:
   explicit OneStream(const std::string& path)
-      : stream{"q", "20261121T023224-4711_0", std::make_unique<UnreadableManifest>(path)} {}
+      : stream{{.queue = "q", .stream = "20261121T023224-4711_0"},
+               std::make_unique<UnreadableManifest>(path)} {}
   std::optional<orvaned::UnfinishedStream> next() override {
     return stream.folder ? std::optional(std::move(stream)) : std::nullopt;
   }

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "support/eventually.hpp"
+#include "support/manifest.hpp"
 #include "support/served.hpp"
 #include "support/server_process.hpp"
 #include "support/temp_folder.hpp"
@@ -22,6 +23,7 @@ using orvane::test::Bytes;
 using orvane::test::bytesOf;
 using orvane::test::eventually;
 using orvane::test::namesIn;
+using orvane::test::plainManifest;
 using orvane::test::QueueName;
 using orvane::test::readFile;
 using orvane::test::Record;
@@ -100,14 +102,15 @@ TEST_P(ServerDeathTest, LeavesWhatItAnsweredAndTheNextServerFinishesIt) {
   EXPECT_NE(log.find("queue " + name + ": finished what a dead server left: " + receipt),
             std::string::npos)
       << log;
-  EXPECT_EQ(readFile(stream() + "/manifest"),
-            "format=1\n"
+  EXPECT_EQ(plainManifest(readFile(stream() + "/manifest")),
+            "format=2\n"
             "queue=" +
                 name +
                 "\n"
                 "stream=" +
                 id() +
                 "\n"
+                "begun=TIME\n"
                 "segment number=0 records=1 bytes=5 algorithm=0 parameters=0,0,0 "
                 "crc32=3610a686 file=segment-000000\n"
                 "unfinished file=segment-000001.part bytes=2 crc32=09b629c8\n" +
@@ -126,7 +129,7 @@ TEST_P(ServerDeathTest, DoesNotHideDamage) {
   dieAfter({{kOpen, kHello, kEnd}}, "segment-000000");
   writeFile(stream() + "/segment-000000", "hellp");
   EXPECT_NE(nextServersLog().find("damaged files: 1, see its manifest"), std::string::npos);
-  EXPECT_NE(readFile(stream() + "/manifest")
+  EXPECT_NE(plainManifest(readFile(stream() + "/manifest"))
                 .find("\ndamaged file=segment-000000 reason=its checksum is bb18ab73 instead of "
                       "3610a686\n"),
             std::string::npos);
@@ -135,7 +138,7 @@ TEST_P(ServerDeathTest, DoesNotHideDamage) {
 TEST_P(ServerDeathTest, DoesNotTouchAStreamThatHadEnded) {
   dieAfter({{kOpen, kHello, kEnd, kClose}}, "manifest");
   const std::string manifest = readFile(stream() + "/manifest");
-  EXPECT_TRUE(manifest.ends_with("end=closed\nreason=\n")) << manifest;
+  EXPECT_TRUE(plainManifest(manifest).ends_with("end=closed\nreason=\n")) << manifest;
   EXPECT_EQ(nextServersLog(false).find("a dead server"), std::string::npos);
   EXPECT_EQ(readFile(stream() + "/manifest"), manifest);
 }

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -11,9 +12,11 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "queue/message_queue.hpp"
 #include "shm/lock_file.hpp"
+#include "store/stream_directory.hpp"
 #include "support/lease_fixture.hpp"
 #include "support/queue_pair.hpp"
 
@@ -165,7 +168,10 @@ class LingeringRun {
 
 TEST_F(SupervisorTest, KeepsItsLeasesWhenTheStoreIsAwayWhileADeadRunLingers) {
   const LingeringRun lingering;
-  fs::create_directory(store.path() + "/" + lingering.run + "_0-20200101T000004-1_0");
+  const std::string stream = store.path() + "/" + lingering.run + "_0-20200101T000004-1_0";
+  fs::create_directory(stream);
+  orvaned::LocalDirectory inUse(stream);
+  ASSERT_TRUE(inUse.lock());
   start();
   LeasedProducer producer(socket);
   EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));
@@ -176,6 +182,21 @@ TEST_F(SupervisorTest, KeepsItsLeasesWhenTheStoreIsAwayWhileADeadRunLingers) {
   fs::rename(storeAway, store.path());
   EXPECT_EQ(producer.queues.ask({{.type = 3, .seqNo = 3}}).status, 0);
   EXPECT_EQ(LeaseClient(socket).ask().substr(0, 7), "orvane-");
+}
+
+// The search waits for the stream that another process uses, and ends without having finished it.
+TEST_F(SupervisorTest, LooksAgainForStreamsThatWentAwayWithTheStore) {
+  const std::string stream = store.path() + "/moved-20200101T000004-1_0";
+  fs::create_directory(stream);
+  auto inUse = std::make_unique<orvaned::LocalDirectory>(stream);
+  ASSERT_TRUE(inUse->lock());
+  start();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the search has found it
+  fs::rename(store.path(), storeAway);
+  ASSERT_TRUE(server->says("cannot look for unfinished streams, trying again"));
+  inUse.reset();
+  fs::rename(storeAway, store.path());
+  EXPECT_TRUE(eventually([&] { return fs::exists(stream + "/manifest"); }));
 }
 
 TEST_F(SupervisorTest, GoesOnWithoutAFileToSpare) {

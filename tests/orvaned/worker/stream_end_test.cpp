@@ -36,9 +36,10 @@ TEST_F(StreamEndTest, AStoppedStreamKeepsItsLastSegmentMarkedAsUnfinished) {
             (Answers{{0, "receipt stream=RUN_0 records=2 bytes=8 segments=2 end=stopped"}}));
   EXPECT_EQ(served.filesOf(0), (Names{"manifest", "segment-000000", "segment-000001.part"}));
   EXPECT_EQ(served.manifest(0),
-            "format=1\n"
+            "format=2\n"
             "queue=QUEUE\n"
             "stream=RUN_0\n"
+            "begun=TIME\n"
             "segment number=0 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
             "crc32=adf3f363 file=segment-000000\n"
             "segment number=1 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
@@ -76,7 +77,9 @@ TEST_F(StreamEndTest, ARepeatedOpenMayCarryAnotherNumber) {
   open.seqNo = 10;
   served.ask({open});
   EXPECT_EQ(served.ask({kData}),
-            (Answers{{1001, "sequence number out of order: expected above 10, got 2"}}));
+            (Answers{{1001,
+                      "sequence number out of order: expected above 10, got 2: two producers on "
+                      "one queue look like this"}}));
 }
 
 TEST_F(StreamEndTest, AnOpenWriterThatFailsToOpenTriesAgainOnTheSameStream) {
@@ -140,6 +143,21 @@ TEST_F(StreamEndTest, RecordsOutsideAStreamAreKeptInWireForm) {
           "00000000 00000000 000000f0 aabbccdd 6f776e"
           "00000002 00000000 0000000000000004 0000000000000000 00000000 00000000"
           "00000000 00000000 00000000 aabbccdd"));
+}
+
+TEST_F(StreamEndTest, TheFirstRecordOutsideAStreamIsLogged) {
+  const std::vector<Line> expected = {
+      {ox::Kind::warning, 0,
+       "worker::storeOutside: queue QUEUE: a record came while no stream was open; it is stored "
+       "with the records outside a stream"}};
+  served.ask({kData, kMoreData});
+  EXPECT_EQ(served.log(), expected);
+  served.ask({kMoreData});
+  EXPECT_EQ(served.log(), std::vector<Line>{});
+  served.ask({kOpen, kClose});
+  served.log();
+  served.ask({kMoreData});
+  EXPECT_EQ(served.log(), expected) << "another producer";
 }
 
 TEST_F(StreamEndTest, TheReceiptIsRepeatedUntilTheNextOpen) {

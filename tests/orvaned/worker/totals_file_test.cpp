@@ -73,7 +73,7 @@ TEST_F(TotalsFileTest, TellsWhoServesWhatSinceWhen) {
   EXPECT_LE(publishedNumber(name, 48), nanoseconds(CLOCK_REALTIME));
   EXPECT_GE(publishedNumber(name, 56), before);
   EXPECT_LE(publishedNumber(name, 56), nanoseconds(CLOCK_MONOTONIC));
-  EXPECT_EQ(readFile(path).substr(64), std::string(136, '\0'));
+  EXPECT_EQ(readFile(path).substr(64), std::string(144, '\0'));
 }
 
 TEST_F(TotalsFileTest, MayBeReadByWhoeverMayUseThePairAndWrittenByNobodyElse) {

@@ -130,6 +130,26 @@ TEST_F(TotalsTest, NameTheOpenStreamUntilItEnds) {
   EXPECT_EQ(publishedStream(served.queue()), "");
 }
 
+// The data of the open stream's segments, once its batch is stored.
+TEST_F(TotalsTest, TellHowMuchOfTheOpenStreamWasAnswered) {
+  const auto answered = [&] { return publishedNumber(served.queue(), 200); };
+  EXPECT_EQ(answered(), 0U);
+  served.ask({kOpen, kHello});
+  EXPECT_EQ(answered(), 5U);
+  served.ask({kEndOfSegment, more, {.type = 17, .seqNo = 9, .data = bytesOf("own")}});
+  EXPECT_EQ(answered(), 9U);
+  served.ask({kOpen});
+  EXPECT_EQ(answered(), 0U);
+  served.ask({kHello});
+  EXPECT_EQ(answered(), 5U);
+  served.ask({kClose, kOpen, kHello, kHello});  // the stream breaks before its batch is stored
+  EXPECT_EQ(answered(), 0U);
+  served.ask({kOpen});
+  std::filesystem::remove_all(served.pathOf(3));
+  EXPECT_EQ(served.ask({kHello}).at(0).status, 1003);
+  EXPECT_EQ(answered(), 0U);
+}
+
 TEST_F(TotalsTest, TellWhenTheLastBatchCame) {
   served.serve();
   EXPECT_EQ(publishedNumber(served.queue(), 120), 0U);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "store/store.hpp"
+#include "support/manifest.hpp"
 #include "support/recording_sink.hpp"
 #include "support/temp_folder.hpp"
 #include "support/wire.hpp"
@@ -59,7 +60,7 @@ class WorkerSource : public testing::Test {
   // The last lines of the only stream's manifest.
   std::string ending() const {
     const std::string folder = store.path() + "/" + namesIn(store.path()).at(0);
-    const std::string manifest = readFile(folder + "/manifest");
+    const std::string manifest = plainManifest(readFile(folder + "/manifest"));
     return manifest.substr(manifest.find("\nend=") + 1);
   }
 

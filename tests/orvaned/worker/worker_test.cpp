@@ -24,7 +24,9 @@ constexpr char kBadMagic[] =
     "Could not deserialize ShmBatch::MetaData from buffer because the magic value 1920295522 is "
     "corrupt (expected=4278251025)";
 
-const Answer kRepeated{1001, "sequence number out of order: expected above 2, got 2"};
+const Answer kRepeated{1001,
+                       "sequence number out of order: expected above 2, got 2: two producers on "
+                       "one queue look like this"};
 
 class RefusalTest : public testing::Test {
  protected:
@@ -95,9 +97,10 @@ TEST_F(RefusalTest, ARecordOutOfOrderBreaksTheStream) {
   breakStream();
   EXPECT_EQ(served.file(0, "segment-000000.part"), "data");
   EXPECT_EQ(served.manifest(0),
-            "format=1\n"
+            "format=2\n"
             "queue=QUEUE\n"
             "stream=RUN_0\n"
+            "begun=TIME\n"
             "segment number=0 records=1 bytes=4 algorithm=0 parameters=0,0,0 "
             "crc32=adf3f363 file=segment-000000.part\n"
             "other-records=0 bytes=0 crc32=00000000\n"
@@ -106,7 +109,8 @@ TEST_F(RefusalTest, ARecordOutOfOrderBreaksTheStream) {
             "records=1\n"
             "bytes=4\n"
             "end=broken\n"
-            "reason=sequence number out of order: expected above 2, got 2\n");
+            "reason=sequence number out of order: expected above 2, got 2: two producers on one "
+            "queue look like this\n");
 }
 
 TEST_F(RefusalTest, ABrokenStreamAnswersEachBatchWithItsError) {
@@ -209,9 +213,12 @@ TEST_F(RefusalTest, ACloseWithDataEndsABrokenStreamAsAnyCloseDoes) {
 TEST_F(RefusalTest, ACloseOutOfOrderBreaksTheStream) {
   served.ask({kOpen, kData});
   EXPECT_EQ(served.ask({{.type = 3, .seqNo = 1}}),
-            (Answers{{1001, "sequence number out of order: expected above 2, got 1"}}));
+            (Answers{{1001,
+                      "sequence number out of order: expected above 2, got 1: two producers on one "
+                      "queue look like this"}}));
   EXPECT_EQ(served.endOf(0),
-            "end=broken\nreason=sequence number out of order: expected above 2, got 1\n");
+            "end=broken\nreason=sequence number out of order: expected above 2, got 1: two "
+            "producers on one queue look like this\n");
 }
 
 TEST_F(RefusalTest, AFullResponseQueueCostsNoError) {

@@ -8,14 +8,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
-#include <stdexcept>
 #include <string_view>
 #include <system_error>
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
+#include "inspect/json.hpp"
 #include "inspect/published_totals.hpp"
 #include "queue_list.hpp"
 #include "shm/lock_file.hpp"
@@ -170,10 +171,15 @@ bool isServed(const std::string& queue) {
   }
 }
 
+struct CleanOptions {
+  bool dryRun = false;
+  bool json = false;
+};
+
 // Removes the files of dead servers and prints the path of each; in a dry run it only prints.
 class Cleaner {
  public:
-  explicit Cleaner(bool dryRun) : dryRun(dryRun) {}
+  explicit Cleaner(const CleanOptions& options) : dryRun(options.dryRun), json(options.json) {}
 
   void clean(const std::string& name) {
     const auto server = serverOf(name);
@@ -245,39 +251,43 @@ class Cleaner {
 
   void report(const std::string& path, const Server& server) {
     ++reported;
+    if (json) {
+      const bool isKnown = !server.process.empty();
+      printLine({{"path", path},
+                 {"removed", !dryRun},
+                 {"server", isKnown ? Json(std::atoi(server.process.c_str())) : Json()}});
+      return;
+    }
     std::printf("%s %s: its server%s is gone\n", dryRun ? "would remove" : "removed", path.c_str(),
                 server.process.empty() ? "" : (", process " + server.process + ",").c_str());
   }
 
   const bool dryRun;
+  const bool json;
   std::size_t reported = 0;
 };
 
 // Cleans up after dead servers: only these queues and sockets or, if there are none, all in
 // /dev/shm and below /run/orvaned. A folder among the sockets stands for all sockets below it.
 void cleanUp(const std::vector<std::string>& queues, const std::vector<std::string>& sockets,
-             bool dryRun) {
+             const CleanOptions& options) {
   const bool everything = queues.empty() && sockets.empty();
-  Cleaner cleaner(dryRun);
-  try {
-    for (const std::string& name :
-         everything || !queues.empty() ? namesInUse(queues) : std::set<std::string>()) {
-      cleaner.clean(name);
-    }
-    for (const std::string& path : everything ? std::vector<std::string>{kSocketFolder} : sockets) {
-      for (const std::string& socket : socketsAt(path)) {
-        cleaner.cleanSocket(socket);
-      }
-    }
-  } catch (const std::runtime_error& e) {
-    throw Failure(kFailed, e.what());
+  Cleaner cleaner(options);
+  for (const std::string& name :
+       everything || !queues.empty() ? namesInUse(queues) : std::set<std::string>()) {
+    cleaner.clean(name);
   }
-  if (cleaner.foundNothing()) {
+  for (const std::string& path : everything ? std::vector<std::string>{kSocketFolder} : sockets) {
+    for (const std::string& socket : socketsAt(path)) {
+      cleaner.cleanSocket(socket);
+    }
+  }
+  if (cleaner.foundNothing() && !options.json) {
     std::puts("nothing to remove: no server that is gone left anything");
   }
 }
 
-void cleanNamed(const std::vector<std::string>& names, bool dryRun) {
+void cleanNamed(const std::vector<std::string>& names, const CleanOptions& options) {
   std::vector<std::string> queues;
   std::vector<std::string> sockets;
   for (const std::string& name : names) {
@@ -288,7 +298,7 @@ void cleanNamed(const std::vector<std::string>& names, bool dryRun) {
       queues.push_back(name);
     }
   }
-  cleanUp(queues, sockets, dryRun);
+  cleanUp(queues, sockets, options);
 }
 
 }  // namespace
@@ -297,7 +307,7 @@ Command addClean(CLI::App& app) {
   CLI::App* clean = app.add_subcommand(
       "clean", "Remove the files that dead servers left in /dev/shm and /run/orvaned");
   const auto names = std::make_shared<std::vector<std::string>>();
-  const auto dryRun = std::make_shared<bool>(false);
+  const auto options = std::make_shared<CleanOptions>();
   clean->set_version_flag("--version", kVersion);
   clean
       ->add_option("NAME", *names,
@@ -306,13 +316,14 @@ Command addClean(CLI::App& app) {
                    "A leased queue stands for all queues that its server leased.\n"
                    "Without NAME: clean up after all servers")
       ->type_name("");
-  clean->add_flag("--dry-run", *dryRun, "Only print what would be removed");
+  clean->add_flag("-n,--dry-run", options->dryRun, "Only print what would be removed");
+  clean->add_flag("-j,--json", options->json, kJson);
   clean->footer(
       std::string("A server that starts does the same for its own queue and for leases.\n"
                   "Root cleans up after the servers of all users, other users clean up only "
                   "after their own.\n") +
       kExitCodes);
-  return {clean, [names, dryRun] { cleanNamed(*names, *dryRun); }};
+  return {clean, [names, options] { cleanNamed(*names, *options); }};
 }
 
 }  // namespace tool

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
 #include <system_error>
@@ -17,7 +18,9 @@
 #include "commands/commands.hpp"
 #include "commands/demo_source.hpp"
 #include "exit.hpp"
-#include "store_format/manifest_reader.hpp"
+#include "inspect/json.hpp"
+#include "store_format/manifest.hpp"
+#include "store_format/stream_id.hpp"
 #include "transport/polled_writer.hpp"
 #include "transport/progress.hpp"
 #include "transport/send_stream.hpp"
@@ -88,10 +91,9 @@ std::vector<fs::path> segmentFiles(const fs::path& streamFolder) {
     throw Failure(kUnknown, "the stored stream has no manifest in " + streamFolder.string());
   }
   std::vector<fs::path> files;
-  for (const std::string& line : linesOfManifest(manifest.string())) {
-    const auto segment = parseSegment(line);
-    if (segment && !segment->file.empty()) {
-      files.push_back(streamFolder / segment->file);
+  for (const SegmentSummary& segment : readManifest(manifest.string()).segments) {
+    if (!segment.file.empty()) {
+      files.push_back(streamFolder / segment.file);
     }
   }
   return files;
@@ -136,17 +138,16 @@ std::string privateQueueName() {
 }
 
 Sent sendTo(const std::string& queueName, DemoSource& source, const fs::path& spool,
-            Interrupt& interrupt) {
-  const SendOptions options;
+            const SendOptions& options, Interrupt& interrupt) {
   PolledWriter writer(queueName, std::chrono::seconds(options.timeoutSeconds), interrupt);
-  Progress progress(source.size());
+  Progress progress(source.size(), options.quiet);
   return sendStream(writer, source.readFirst(spool, interrupt), options, progress, interrupt);
 }
 
 // Sends a file, standard input ("-"), or 256 MiB of generated data (an empty path) through a
-// private server, and compares what was stored with the source. Returns the line to print, after it
-// has removed all files. Throws Failure, Interrupted.
-std::string runDemo(const std::string& path) {
+// private server, and compares what was stored with the source. Returns what was sent, after it has
+// removed all files. Throws Failure, Interrupted.
+Sent runDemo(const std::string& path, const SendOptions& options) {
   DemoSource source(path);
   Interrupt interrupt(SIGCHLD);  // so that a server that dies is noticed at once
   const TempFolder folder(source.size().value_or(0));
@@ -158,8 +159,8 @@ std::string runDemo(const std::string& path) {
   Sent sent;
   try {
     server.waitUntilReady(interrupt);
-    sent = sendTo(queueName, source, folder.path() / "input", interrupt);
-    requireSameBytes(store / (queueName + "-" + sent.stream), source.readAgain(interrupt),
+    sent = sendTo(queueName, source, folder.path() / "input", options, interrupt);
+    requireSameBytes(store / streamId(queueName, "", sent.stream), source.readAgain(interrupt),
                      interrupt);
   } catch (const Interrupted& interrupted) {
     if (interrupted.signal == SIGCHLD) {
@@ -168,9 +169,25 @@ std::string runDemo(const std::string& path) {
     throw;
   }
   server.stop();
-  return "OK " + std::to_string(sent.bytes) + " bytes, " + counted(sent.batches, "batch") + ", " +
-         counted(sent.segments, "segment") + ", " + timeAndRate(sent.bytes, sent.seconds) +
-         ", identical";
+  return sent;
+}
+
+void printText(const Sent& sent) {
+  std::printf("OK %s bytes, %s, %s, transfer %s, with the disk %s, identical\n",
+              std::to_string(sent.bytes).c_str(), counted(sent.batches, "batch").c_str(),
+              counted(sent.segments, "segment").c_str(),
+              timeAndRate(sent.bytes, sent.transferSeconds).c_str(),
+              timeAndRate(sent.bytes, sent.seconds).c_str());
+}
+
+void printJson(const Sent& sent) {
+  printLine({{"records", sent.records},
+             {"bytes", sent.bytes},
+             {"batches", sent.batches},
+             {"segments", sent.segments},
+             {"transferSeconds", rounded(sent.transferSeconds)},
+             {"seconds", rounded(sent.seconds)},
+             {"identical", true}});
 }
 
 }  // namespace
@@ -179,17 +196,27 @@ Command addDemo(CLI::App& app) {
   CLI::App* demo = app.add_subcommand(
       "demo", "Send a file through a private orvaned, and compare what it stored");
   const auto file = std::make_shared<std::string>();
+  const auto options = std::make_shared<SendOptions>();
   demo->set_version_flag("--version", kVersion);
   demo->add_option("FILE", *file,
                    "The file to send; - is standard input. Without FILE: 256 MiB of\n"
                    "generated data")
       ->type_name("");
+  demo->add_flag("--quiet", options->quiet, kQuiet);
+  demo->add_flag("-j,--json", options->json, kJson);
   demo->footer(
       "The store is a temporary folder in TMPDIR, or in /tmp; demo removes it at the end.\n"
+      "The transfer ends when the server has taken all data. The time with the disk ends when the\n"
+      "server has written all of it there, and has sent the receipt.\n"
       "Exit codes: 0 when every byte is the same, 2 for wrong use of the command, else 1.");
-  return {demo, [file] {
+  return {demo, [file, options] {
             try {
-              std::puts(runDemo(*file).c_str());
+              const Sent sent = runDemo(*file, *options);
+              if (options->json) {
+                printJson(sent);
+              } else {
+                printText(sent);
+              }
             } catch (const Failure& failure) {
               throw Failure(kFailed, failure.what());
             }

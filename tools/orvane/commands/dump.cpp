@@ -7,14 +7,21 @@
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <orvane/orvane.hpp>
-#include <sstream>
+#include <string>
+#include <vector>
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
 #include "inspect/capture_reader.hpp"
+#include "inspect/dump_records.hpp"
 #include "inspect/dump_stream.hpp"
 #include "inspect/json.hpp"
+#include "inspect/record_file.hpp"
+#include "reason.hpp"
+#include "store/find_stream.hpp"
+#include "store/store_folder.hpp"
 #include "units.hpp"
 
 namespace tool {
@@ -49,13 +56,6 @@ void printHex(Bytes bytes) {
   }
 }
 
-// The library shows the check value in an entry's text only.
-std::uint32_t checkValueOf(const ShmBatch::Entry& entry) {
-  std::ostringstream text;
-  text << entry;
-  return static_cast<std::uint32_t>(std::stoul(text.str().substr(text.str().rfind('=') + 1)));
-}
-
 class TextPrinter {
  public:
   void message(std::uint64_t number, const std::string& queue, Bytes bytes) {
@@ -68,7 +68,7 @@ class TextPrinter {
               << ", used=" << bytes.size() << "\n";
     std::size_t index = 0;
     for (const ShmBatch::Entry& entry : batch) {
-      std::cout << "[" << index++ << "]: " << entry << " " << entry.header << "\n";
+      std::cout << "[" << index++ << "]: " << textOfRecord(entry) << "\n";
     }
   }
   void broken(const std::string& reason, Bytes start) {
@@ -92,7 +92,7 @@ class JsonPrinter {
   void batch(const BatchView& batch, Bytes) {
     Json& records = line["records"] = Json::array();
     for (const ShmBatch::Entry& entry : batch) {
-      records.push_back(jsonOf(entry));
+      records.push_back(jsonOfRecord(entry));
     }
   }
   void broken(const std::string& reason, Bytes start) {
@@ -110,20 +110,6 @@ class JsonPrinter {
   }
 
  private:
-  static Json jsonOf(const ShmBatch::Entry& entry) {
-    const orvane::pvk_shm_message_t& header = entry.header;
-    return {{"type", header.type},
-            {"len", header.len},
-            {"seqNo", header.seqNo},
-            {"segmentNo", header.segmentNo},
-            {"segmentDone", header.segmentDone},
-            {"segAlg", header.segAlg},
-            {"segParam1", header.segParam1},
-            {"segParam2", header.segParam2},
-            {"segParam3", header.segParam3},
-            {"crc", header.len == 0 ? Json() : Json(checkValueOf(entry))}};
-  }
-
   Json line = Json::object();
 };
 
@@ -161,17 +147,65 @@ std::uint64_t dumpFile(const std::string& path, bool json) {
   return json ? dumpMessages(capture, JsonPrinter()) : dumpMessages(capture, TextPrinter());
 }
 
-// Prints what a capture, a file with one batch, or a stored stream's folder holds; "-" is a capture
-// or a batch on standard input. Throws Failure after the last line if something in it is broken.
-void printDump(const std::string& path, bool json) {
+struct DumpOptions {
+  std::vector<std::string> files;
+  std::optional<std::string> store;
+  bool json = false;
+};
+
+// Returns the path itself or, if there is nothing and it may be an id, the folder of that stream.
+std::string pathOf(const std::string& file, const std::optional<std::string>& store) {
+  if (file == "-" || file.find('/') != std::string::npos || std::filesystem::exists(file)) {
+    return file;
+  }
+  try {
+    return findStream(store, file);
+  } catch (const Failure& failure) {
+    throw Failure(kFailed, "there is no file " + file + ", and " + failure.what());
+  }
+}
+
+// Prints what a capture, a file with one batch or with records, or a stored stream's folder holds;
+// "-" is a capture or a batch on standard input. Returns what is wrong with it, or "".
+std::string dumpOne(const std::string& file, const DumpOptions& options) {
+  try {
+    const bool json = options.json;
+    const std::string path = pathOf(file, options.store);
+    const bool isFolder = std::filesystem::is_directory(path);
+    const bool hasRecords = !isFolder && path != "-" && isRecordFile(path);
+    const std::uint64_t broken = isFolder     ? dumpStream(path, json)
+                                 : hasRecords ? dumpRecords(path, json)
+                                              : dumpFile(path, json);
+    const std::string noun = isFolder     ? "broken file"
+                             : hasRecords ? "broken record"
+                                          : "broken message";
+    return broken == 0 ? ""
+                       : counted(broken, noun) + " in " + (path == "-" ? "standard input" : path);
+  } catch (const Failure& failure) {
+    if (!std::cout) {
+      throw;
+    }
+    return failure.what();
+  } catch (const std::exception& e) {
+    return reasonOf(e);
+  }
+}
+
+// Throws Failure after the last line if something is broken.
+void printDumps(const DumpOptions& options) {
+  const std::vector<std::string>& files = options.files;
   signal(SIGPIPE, SIG_DFL);  // a reader of the output that ends has seen enough: print no message
-  const bool isFolder = std::filesystem::is_directory(path);
-  const std::uint64_t broken = isFolder ? dumpStream(path, json) : dumpFile(path, json);
+  std::string faults;
+  for (const std::string& file : files) {
+    if (files.size() > 1 && !options.json) {
+      std::cout << (&file == files.data() ? "" : "\n") << file << ":\n";
+    }
+    const std::string fault = dumpOne(file, options);
+    faults += (faults.empty() || fault.empty() ? "" : "; ") + fault;
+  }
   requireOutput();
-  if (broken > 0) {
-    const std::string noun = isFolder ? "file" : "message";
-    throw Failure(kFailed, counted(broken, "broken " + noun) + " in " +
-                               (path == "-" ? "standard input" : path));
+  if (!faults.empty()) {
+    throw Failure(kFailed, faults);
   }
 }
 
@@ -179,24 +213,27 @@ void printDump(const std::string& path, bool json) {
 
 Command addDump(CLI::App& app) {
   CLI::App* dump = app.add_subcommand("dump", "Show what a capture or a stored stream holds");
-  const auto path = std::make_shared<std::string>();
-  const auto json = std::make_shared<bool>(false);
+  const auto options = std::make_shared<DumpOptions>();
   dump->set_version_flag("--version", kVersion);
-  dump->add_option("FILE", *path,
-                   "A capture (orvaned --capture), a file with one batch, or the folder of\n"
-                   "a stored stream; - is a capture or a batch on standard input")
+  dump->add_option("FILE", options->files,
+                   "Captures (orvaned --capture), files with one batch or with records\n"
+                   "(QUEUE-outside-records), or stored streams: their ids, parts of these\n"
+                   "that no other stream has, or paths of their folders; - is a capture or\n"
+                   "a batch on standard input")
       ->required()
       ->type_name("");
-  dump->add_flag("--json", *json, "Print JSON, one object on each line");
+  dump->add_option("--store", options->store, kStoreHelp)->type_name("STORE");
+  dump->add_flag("-j,--json", options->json, kJson);
   dump->footer(
       std::string("For each record, dump shows the type, the length and Adler-32 of the data, and "
                   "the header:\n"
                   "(seqNo,type,len,segAlg,segmentNo,segmentDone,segParam1,segParam2,segParam3,"
                   "magic).\n"
-                  "For a stored stream, it shows the manifest, and whether each file matches it.\n"
+                  "For a stored stream, it shows the manifest, whether each file matches it,\n"
+                  "whether the manifest itself is whole, and the stream's other records.\n"
                   "If something is broken, it shows the reason and fails.\n") +
       kExitCodes);
-  return {dump, [path, json] { printDump(*path, *json); }};
+  return {dump, [options] { printDumps(*options); }};
 }
 
 }  // namespace tool

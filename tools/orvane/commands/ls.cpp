@@ -1,12 +1,11 @@
-#include <pwd.h>
 #include <sys/stat.h>
-#include <memory>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <orvane/orvane.hpp>
 #include <string>
@@ -21,6 +20,7 @@
 #include "shm/shm_names.hpp"
 #include "transport/totals_requests.hpp"
 #include "units.hpp"
+#include "user_name.hpp"
 
 namespace tool {
 namespace {
@@ -40,11 +40,6 @@ struct Facts {
   std::string owner;
   std::optional<Served> served;
 };
-
-std::string userName(uid_t user) {
-  const passwd* entry = getpwuid(user);
-  return entry != nullptr ? entry->pw_name : std::to_string(user);
-}
 
 Served servedFacts(const PublishedTotals& published) {
   const Totals& totals = published.totals();
@@ -120,7 +115,7 @@ Json jsonOf(const Facts& facts) {
   const bool isKnown = facts.served.has_value();
   const bool isServed = isKnown && facts.served->server != 0;
   const bool isQueue = isKnown && !facts.served->isRing;
-  return {{"name", facts.name},
+  return {{"queue", facts.name},
           {"bytes", facts.bytes},
           {"mode", facts.mode.empty() ? Json() : Json(facts.mode)},
           {"owner", facts.owner},
@@ -128,14 +123,6 @@ Json jsonOf(const Facts& facts) {
           {"messageSize", isQueue ? Json(facts.served->messageSize) : Json()},
           {"served", isKnown ? Json(isServed) : Json()},
           {"server", isServed ? Json(facts.served->server) : Json()}};
-}
-
-void printJson(const std::vector<Facts>& queues) {
-  Json list = Json::array();
-  for (const Facts& facts : queues) {
-    list.push_back(jsonOf(facts));
-  }
-  printLine(list);
 }
 
 std::vector<Facts> queues() {
@@ -161,7 +148,9 @@ std::vector<Facts> ringsAt(const std::string& socket) {
 void list(const std::string& socket, bool json) {
   const std::vector<Facts> found = socket.empty() ? queues() : ringsAt(socket);
   if (json) {
-    printJson(found);
+    for (const Facts& facts : found) {
+      printLine(jsonOf(facts));
+    }
   } else if (!found.empty()) {
     printTable(found);
   } else if (socket.empty()) {
@@ -179,10 +168,10 @@ Command addLs(CLI::App& app) {
   const auto json = std::make_shared<bool>(false);
   ls->set_version_flag("--version", kVersion);
   const auto socket = std::make_shared<std::string>();
-  ls->add_option("--socket", *socket,
+  ls->add_option("-s,--socket", *socket,
                  "List the rings of the server that leases them at this socket")
       ->type_name("PATH");
-  ls->add_flag("--json", *json, "Print JSON");
+  ls->add_flag("-j,--json", *json, kJson);
   ls->footer(std::string(
                  "SERVER is the process that serves the queue, or nobody if it is dead.\n"
                  "- means that this user may not read the value, or that orvaned did not publish "

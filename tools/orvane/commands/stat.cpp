@@ -130,7 +130,7 @@ Json jsonOf(const MeasuredTotals& stat) {
   const bool isOpen = look.stream && !look.stream->empty();
   const bool hasBatch = look.lastBatch != 0;
   const bool hasRates = stat.seconds > 0;
-  Json json = {{"name", stat.published->name()},
+  Json json = {{"queue", stat.published->name()},
                {"messages", ring != nullptr ? Json() : Json(totals.messages.load())},
                {"messageSize", ring != nullptr ? Json() : Json(totals.messageSize.load())},
                {"served", stat.served},
@@ -138,7 +138,7 @@ Json jsonOf(const MeasuredTotals& stat) {
                {"worker", stat.published->worker()},
                {"since", timeText(totals.madeAt)},
                {"uptime", secondsSince(totals.madeAtMonotonic, look)},
-               {"openStream", isOpen ? Json(*look.stream) : Json()},
+               {"stream", isOpen ? Json(*look.stream) : Json()},
                {"lastBatchAgo", hasBatch ? Json(secondsSince(look.lastBatch, look)) : Json()},
                {"unreadReceipts", look.unreadReceipts},
                {"totals", jsonOf(stat, false)},
@@ -200,11 +200,9 @@ void printStat(const StatOptions& options) {
     printAll(stats, options.socket);
     return;
   }
-  Json list = Json::array();
   for (const MeasuredTotals& stat : stats) {
-    list.push_back(jsonOf(stat));
+    printLine(jsonOf(stat));
   }
-  printLine(options.name.empty() ? list : list.front());
 }
 
 std::string checkInterval(const std::string& text) {
@@ -232,15 +230,15 @@ Command addStat(CLI::App& app) {
   stat->formatter(std::make_shared<StatHelp>());
   stat->add_option("NAME", options->name, "The name of a queue, or of a ring at the socket")
       ->type_name("");
-  stat->add_option("--socket", options->socket,
+  stat->add_option("-s,--socket", options->socket,
                    "Show the rings of the server that leases them at this socket")
       ->type_name("PATH");
-  stat->add_option("--interval", options->interval,
+  stat->add_option("-i,--interval", options->interval,
                    "Measure the rates over this many seconds; 0 shows no rates")
       ->check(checkInterval)
       ->type_name("SECONDS")
       ->capture_default_str();
-  stat->add_flag("--json", options->json, "Print JSON");
+  stat->add_flag("-j,--json", options->json, kJson);
   stat->footer(
       std::string("The totals count from the time when the pair or ring was created. stat disturbs "
                   "no stream.\nA user sees the rings of its own leases; root and the server's user "

@@ -1,13 +1,20 @@
 #include "transport/polled_writer.hpp"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
 
 #include "exit.hpp"
 #include "queue_list.hpp"
+#include "reason.hpp"
 #include "shm/queue_rules.hpp"
 #include "shm/shm_names.hpp"
+#include "shm/totals.hpp"
 #include "transport/backoff.hpp"
 
 namespace tool {
@@ -30,7 +37,8 @@ const std::size_t kHeader = orvane::pvk_shm_message_t::getSerializedSize();
       throw Failure(kNothingSent, "no permission to use " + (kShmFolder + part) +
                                       ": run as its owner, or start orvaned with another --mode");
     default:
-      throw Failure(kNothingSent, "cannot use " + (kShmFolder + part) + " as a queue: " + e.what());
+      throw Failure(kNothingSent,
+                    "cannot use " + (kShmFolder + part) + " as a queue: " + reasonOf(e));
   }
 }
 
@@ -58,6 +66,10 @@ ino_t inodeOf(const std::string& queueName) {
   return stat((kShmFolder + queueName).c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
+Fd openTotals(const std::string& queueName) {
+  return Fd(open(totalsPathOf(queueName).c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+}
+
 std::size_t dataPerRecord(std::size_t messageSize) {
   if (messageSize <= smallestMessageSize()) {
     throw Failure(kNothingSent, "the queue's messages, " + std::to_string(messageSize) +
@@ -79,6 +91,7 @@ PolledWriter::PolledWriter(const std::string& queueName, std::chrono::seconds ti
       sendQueue(attach(queueName, queueName)),
       responseQueue(attach(queueName, orvane::getMessageQueueResponseName(queueName))),
       inode(inodeOf(queueName)),
+      totals(lease == nullptr ? openTotals(queueName) : Fd()),
       writer(newWriter(queueName)),
       maxData(dataPerRecord(sendQueue.get_max_msg_size())),
       batchSize(kEmptyBatch) {}
@@ -144,6 +157,9 @@ void PolledWriter::waitForRoom(std::chrono::seconds limit) {
       }
       failToSend("was removed before orvaned had taken everything");
     }
+    if (serverDied()) {
+      failToSend("lost its server, which was killed before it had taken everything");
+    }
     if (Clock::now() >= deadline) {
       failToSend("was full for " + std::to_string(limit.count()) + " s: is orvaned still running?");
     }
@@ -175,6 +191,14 @@ bool PolledWriter::serverLeft() const {
   }
   const ino_t now = inodeOf(queueName);
   return now == 0 || now != inode;
+}
+
+// If only the worker died, its server makes the queue anew.
+bool PolledWriter::serverDied() const {
+  std::uint64_t server = 0;
+  return pread(totals.get(), &server, sizeof server, offsetof(Totals, server)) == sizeof server &&
+         !isWorkerAlive(totals.get()).value_or(true) && kill(static_cast<pid_t>(server), 0) != 0 &&
+         errno == ESRCH;
 }
 
 }  // namespace tool

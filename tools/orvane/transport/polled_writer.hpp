@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "interrupt.hpp"
+#include "shm/fd.hpp"
 
 namespace tool {
 
@@ -56,6 +57,10 @@ class PolledWriter {
   // before can still be received.
   bool serverLeft() const;
 
+  // Returns true if the server was killed: it has left the queue, which nobody will serve any more.
+  // Only a server that publishes totals is known to be dead.
+  bool serverDied() const;
+
  private:
   using Queue = boost::interprocess::message_queue;
 
@@ -71,6 +76,7 @@ class PolledWriter {
   Queue sendQueue;
   Queue responseQueue;
   const ino_t inode;  // of the send queue
+  const Fd totals;    // none for a leased queue, or if the server publishes none
   std::unique_ptr<orvane::ShmWriter> writer;
   const std::size_t maxData;
   std::size_t batchSize;  // bytes in the writer's batch

@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "units.hpp"
@@ -26,23 +25,20 @@ std::string clockText(double seconds) {
   return text;
 }
 
-// https://no-color.org: a user who sets it wants plain text.
-bool isPlain() {
-  const char* noColor = std::getenv("NO_COLOR");
-  return noColor != nullptr && *noColor != '\0';
-}
-
 }  // namespace
 
-Progress::Progress(std::optional<std::uint64_t> expected)
-    : shown(isatty(STDERR_FILENO) == 1 && !isPlain()),
+Progress::Progress(std::optional<std::uint64_t> expected, bool quiet)
+    : shown(isatty(STDERR_FILENO) == 1 && !quiet),
       total(expected),
       start(Clock::now()),
       nextDrawing(start + kRedraw) {}
 
-Progress::~Progress() {
+void Progress::clear() {
   if (width > 0) {
-    std::fprintf(stderr, "\r%*s\r", static_cast<int>(width), "");
+    // After Ctrl-C the terminal has added ^C to the line.
+    constexpr std::size_t kControlC = 2;
+    std::fprintf(stderr, "\r%*s\r", static_cast<int>(width + kControlC), "");
+    width = 0;
   }
 }
 

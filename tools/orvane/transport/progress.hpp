@@ -6,17 +6,21 @@
 
 namespace tool {
 
-// A line on standard error that shows how many bytes are sent. It is shown only on a terminal,
-// drawn at most ten times a second, and removed with this object.
+// A line on standard error that shows how many bytes are sent or read. It is shown only on a
+// terminal and unless the user wants none, drawn at most ten times a second, and removed with this
+// object.
 class Progress {
  public:
   // `expected` is the total number of bytes, if it is known.
-  explicit Progress(std::optional<std::uint64_t> expected);
-  ~Progress();
+  Progress(std::optional<std::uint64_t> expected, bool quiet);
+  ~Progress() { clear(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   void advance(std::uint64_t bytes);
+
+  // Removes the line until it is drawn again, so that something else can be printed.
+  void clear();
 
  private:
   using Clock = std::chrono::steady_clock;

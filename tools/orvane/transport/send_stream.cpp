@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <orvane/server_status.hpp>
 #include <vector>
 
 #include "exit.hpp"
+#include "reason.hpp"
 #include "transport/backoff.hpp"
 #include "units.hpp"
 
@@ -19,6 +21,11 @@ using orvane::Receipt;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kProbeAfter(50);
+constexpr char kNoHint[] = "";
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 // Gives the exceptions of the library and of the queue their meaning for the command's user.
 [[noreturn]] void rethrowExplained() {
@@ -39,9 +46,9 @@ constexpr std::chrono::milliseconds kProbeAfter(50);
     throw Failure(kRefused, "orvaned refused the stream: " + e.message() + " (status " +
                                 std::to_string(e.status()) + ")");
   } catch (const ipc::interprocess_exception& e) {
-    throw Failure(kUnknown, std::string("the queue broke, restart orvaned: ") + e.what());
+    throw Failure(kUnknown, "the queue broke, restart orvaned: " + reasonOf(e));
   } catch (const std::exception& e) {
-    throw Failure(kUnknown, e.what());
+    throw Failure(kUnknown, reasonOf(e));
   }
 }
 
@@ -110,14 +117,25 @@ std::optional<Receipt> receiveReceipt(orvane::Lease& lease) {
 // Waits for the receipt of the stream that `writer` just closed. The writer itself may have
 // received the response that carries it, so after a while an empty batch asks for it again. Throws
 // Failure if the server left or nothing came in time, Ox_ErrnoException if it refused, Interrupted.
-Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt) {
+// `onTaken` is called once, when the server has taken all batches.
+Receipt awaitReceipt(PolledWriter& writer, std::chrono::seconds timeout, Interrupt& interrupt,
+                     const std::function<void()>& onTaken) {
   const auto start = Clock::now();
+  bool taken = false;
   auto nextProbe = start + kProbeAfter;
   for (Backoff backoff(interrupt);; backoff.pause()) {
     // In this order, because a receipt that the server sent before it left counts.
     const bool serverLeft = writer.serverLeft();
+    const bool serverDied = writer.serverDied();
+    if (!taken && writer.allReceived()) {
+      taken = true;
+      onTaken();
+    }
     if (const auto receipt = receiveReceipt(writer)) {
       return *receipt;
+    }
+    if (serverDied) {
+      throw Failure(kUnknown, "orvaned was killed before it sent a receipt for the stream");
     }
     if (serverLeft) {
       throw Failure(kUnknown, "orvaned removed the queue without a receipt for the stream");
@@ -147,11 +165,12 @@ Receipt awaitReceipt(orvane::Lease& lease, std::chrono::seconds timeout, Interru
   }
 }
 
-void requireMatch(const Sent& sent, const Receipt& receipt) {
+// `hint` follows the message about a stream that is not whole.
+void requireMatch(const Sent& sent, const Receipt& receipt, const char* hint) {
   if (receipt.end != orvane::StreamEnd::closed) {
     throw Failure(kRefused, "orvaned did not store all of stream " + receipt.stream +
                                 ", which it calls " + textOf(receipt.end) +
-                                ": its own log tells why");
+                                ": its own log tells why" + hint);
   }
   if (receipt.bytes != sent.bytes || receipt.segments != sent.segments) {
     throw Failure(kUnknown, "sent " + std::to_string(sent.bytes) + " bytes in " +
@@ -165,9 +184,9 @@ void requireMatch(const Sent& sent, const Receipt& receipt) {
 // `awaitReceipt` waits for the receipt of the stream that was just closed.
 template <typename Writer, typename AwaitReceipt>
 Sent send(Writer& writer, const Reader& read, const SendOptions& options, Progress& progress,
-          const AwaitReceipt& awaitReceipt) {
+          const char* hint, const AwaitReceipt& awaitReceipt) {
   Sent sent;
-  const auto start = std::chrono::steady_clock::now();
+  const auto start = Clock::now();
   try {
     writer.open();
     try {
@@ -178,9 +197,10 @@ Sent send(Writer& writer, const Reader& read, const SendOptions& options, Progre
       throw;
     }
     const Receipt receipt = awaitReceipt();
-    sent.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    requireMatch(sent, receipt);
+    sent.seconds = secondsSince(start);
+    requireMatch(sent, receipt, hint);
     sent.stream = receipt.stream;
+    sent.records = receipt.records;
   } catch (...) {
     rethrowExplained();
   }
@@ -192,20 +212,27 @@ Sent send(Writer& writer, const Reader& read, const SendOptions& options, Progre
 Sent sendStream(PolledWriter& writer, const Reader& read, const SendOptions& options,
                 Progress& progress, Interrupt& interrupt, orvane::Lease* lease) {
   const std::uint64_t batchesBefore = writer.batchesSent();
+  const auto start = Clock::now();
   std::uint64_t batches = 0;
-  Sent sent = send(writer, read, options, progress, [&] {
+  double transferSeconds = 0;
+  const char* const hint =
+      lease == nullptr ? "; two producers on one queue look like this" : kNoHint;
+  Sent sent = send(writer, read, options, progress, hint, [&] {
     batches = writer.batchesSent() - batchesBefore;
     const std::chrono::seconds timeout(options.timeoutSeconds);
+    const auto onTaken = [&] { transferSeconds = secondsSince(start); };
     return lease != nullptr ? awaitReceipt(*lease, timeout, interrupt)
-                            : awaitReceipt(writer, timeout, interrupt);
+                            : awaitReceipt(writer, timeout, interrupt, onTaken);
   });
   sent.batches = batches;
+  // The receipt may have come between two looks.
+  sent.transferSeconds = transferSeconds > 0 ? transferSeconds : sent.seconds;
   return sent;
 }
 
 Sent sendStream(RingSender& sender, const Reader& read, const SendOptions& options,
                 Progress& progress, Interrupt& interrupt, orvane::Lease& lease) {
-  return send(sender, read, options, progress, [&] {
+  return send(sender, read, options, progress, kNoHint, [&] {
     return awaitReceipt(lease, std::chrono::seconds(options.timeoutSeconds), interrupt);
   });
 }

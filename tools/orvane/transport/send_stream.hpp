@@ -14,15 +14,19 @@ namespace tool {
 struct SendOptions {
   std::uint64_t segmentSize = 64 << 20;
   unsigned int timeoutSeconds = 30;
+  bool quiet = false;  // show no progress
+  bool json = false;   // print what was sent as JSON
 };
 
 // A stream that was stored.
 struct Sent {
-  std::string stream;  // the id that the server gave to it
+  std::string stream;  // as its receipt names it
+  std::uint64_t records = 0;
   std::uint64_t bytes = 0;
   std::uint64_t segments = 0;
-  std::uint64_t batches = 0;  // through a queue
-  double seconds = 0;         // from the open record to the receipt
+  std::uint64_t batches = 0;   // through a queue
+  double transferSeconds = 0;  // through a queue: until the server had taken the last batch
+  double seconds = 0;          // from the open record to the receipt, which waits for the disk
 };
 
 // Sends all data of `read` as one stream, and waits for the receipt: on the lease's connection if

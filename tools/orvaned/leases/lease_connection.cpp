@@ -4,8 +4,10 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string_view>
 #include <system_error>
@@ -49,6 +51,21 @@ void LeaseConnection::pinProducer() {
     tooLate = process.get() < 0 && errno == ESRCH;
   }
   tooLate = tooLate || (process.get() >= 0 && isSignalled(process.get(), POLLIN));
+}
+
+// The number stands for the producer as long as its pidfd shows that it lives.
+std::string LeaseConnection::executable() const {
+  constexpr std::string_view kDeleted = " (deleted)";  // the system adds it
+  char path[PATH_MAX];
+  const std::string link = "/proc/" + std::to_string(peer.pid) + "/exe";
+  const ssize_t size = process.get() < 0 ? -1 : readlink(link.c_str(), path, sizeof path);
+  if (size < 0 || isSignalled(process.get(), POLLIN)) {
+    return "";
+  }
+  std::string_view name(path, static_cast<std::size_t>(size));
+  name.remove_prefix(name.rfind('/') + 1);
+  name.remove_suffix(name.ends_with(kDeleted) ? kDeleted.size() : 0);
+  return std::string(name);
 }
 
 LeaseConnection::Request LeaseConnection::readRequest() {

@@ -31,6 +31,9 @@ class LeaseConnection {
   // The bytes of the ring that was requested; 0 for queues. To be read after Request::lease.
   std::uint64_t ringBytes() const { return request.ringBytes; }
 
+  // The label of the streams; empty: none. To be read after Request::lease.
+  const std::string& label() const { return request.label; }
+
   // The ring after which the next one's totals were requested. To be read after Request::totals.
   const std::string& totalsAfter() const { return totals.after; }
 
@@ -64,6 +67,10 @@ class LeaseConnection {
   // another process of the same number. -1 if the process is not visible, as in another pid
   // namespace; then only the end of the connection shows the end of the producer.
   int pidfd() const { return process.get(); }
+
+  // The name of that process's executable file. Empty if this process may not examine that one, as
+  // an ordinary user may not another user's, or if it has ended.
+  std::string executable() const;
 
   // Had that process already ended when the connection was accepted?
   bool cameTooLate() const { return tooLate; }

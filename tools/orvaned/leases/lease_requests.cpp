@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::chrono::seconds kTimeToAsk{5};
 constexpr std::chrono::seconds kBetweenTries{1};
-constexpr std::size_t kMostSilent = 32;  // connections of one user that have not asked yet
 constexpr std::size_t kMostReaders = 2;  // connections of one user that read totals
 constexpr char kUnderstood[] =
     R"(this server understands "orvane 1 lease", "orvane 1 ring BYTES" and "orvane 1 totals")";
@@ -135,11 +134,11 @@ void LeaseRequests::acceptAll() {
       continue;  // a forked child holds the connection, and would hold the lease
     }
     const uid_t user = connection->producer().uid;
-    if (countUntil(pending.end(), user, false) < kMostSilent) {
+    if (countUntil(pending.end(), user, false) < mostSilent) {
       pending.push_back({std::move(connection), Clock::now() + kTimeToAsk});
     } else {
       refuse(*connection, orvane::kLimitReached,
-             "user " + std::to_string(user) + " has " + std::to_string(kMostSilent) +
+             "user " + std::to_string(user) + " has " + std::to_string(mostSilent) +
                  " connections that have not asked for anything yet");
     }
   }

@@ -33,7 +33,9 @@ class LeaseRequests {
   // Returns the first ring after `after`, in the order of names, that the user may see.
   using NextTotals = std::function<Totals(uid_t user, const std::string& after)>;
 
-  LeaseRequests(const std::string& path, mode_t mode) : socket(path, mode) {}
+  // Listens at `path`. One user may have so many connections that have not asked for anything yet.
+  LeaseRequests(const std::string& path, mode_t mode, std::size_t mostSilent)
+      : socket(path, mode), mostSilent(mostSilent) {}
 
   // Adds what poll() is to wait for.
   void addTo(std::vector<pollfd>& events) const;
@@ -63,6 +65,7 @@ class LeaseRequests {
   std::size_t countUntil(Pending::const_iterator end, uid_t user, bool readsTotals) const;
 
   LeaseSocket socket;
+  const std::size_t mostSilent;
   Pending pending;
   Clock::time_point acceptAgain;
   bool cannotAccept = false;

@@ -35,6 +35,9 @@ bool isSegment(std::string_view name) {
     return false;
   }
   name.remove_prefix(kSegment.size());
+  if (name.ends_with(tool::kCompressed)) {
+    name.remove_suffix(std::string_view(tool::kCompressed).size());
+  }
   return !name.empty() && name.size() <= kMostDigits &&
          name.find_first_not_of("0123456789") == std::string_view::npos;
 }
@@ -80,7 +83,7 @@ std::uint64_t sizeOf(const tool::Fd& file) {
 }  // namespace
 
 Broker::Broker(const Task& task, tool::Fd socket)
-    : task(task), socket(std::move(socket)), access(task.store, task.queue, task.sync) {}
+    : task(task), socket(std::move(socket)), access(task.store, task.origin, task.sync) {}
 
 void Broker::run() {
   std::vector<unsigned char> packet(kLongestBrokerText);
@@ -120,7 +123,8 @@ void Broker::answer(const BrokerRequest& request) {
   BrokerReply reply;
   reply.serial = request.serial;
   try {
-    if (request.call != BrokerCall::append) {
+    // The next segment's file can be created, and a compressed one can take the place of that.
+    if (request.call != BrokerCall::append && request.call != BrokerCall::remove) {
       awaitFinish();
     }
     if (request.call == BrokerCall::finishSegment) {
@@ -174,7 +178,7 @@ void Broker::performOnFile(const BrokerRequest& request, BrokerReply& reply) {
   }
 }
 
-// In a thread, so that the confined process can have the next segment's file opened meanwhile.
+// In a thread, so that the confined process can store the next segment meanwhile.
 void Broker::startFinish(const BrokerRequest& request) {
   const auto finish = [this, &folder = folderOf(request), request] {
     const FinishResult result = finishSegment(folder, request.name, request.other);
@@ -199,7 +203,7 @@ void Broker::awaitFinish() const {
 }
 
 void Broker::createStream(BrokerReply& reply) {
-  if (task.queue.empty()) {
+  if (task.origin.queue.empty()) {
     refuse("this process has no queue");
   }
   open.reset();
@@ -207,10 +211,9 @@ void Broker::createStream(BrokerReply& reply) {
   if (!stream.folder) {
     refuse("this store keeps nothing");
   }
-  open = UnfinishedStream{task.queue, stream.id, std::move(stream.folder)};
+  open = UnfinishedStream{std::move(stream.head), std::move(stream.folder)};
   isConcluded = false;
-  reply.text = open->stream + '\0' + open->folder->path();
-  reply.file = tool::Fd(dup(open->folder->lockedFile()));
+  describeOpen(reply);
 }
 
 // Lists as many names as fit into a reply.
@@ -233,9 +236,13 @@ void Broker::findUnfinished(BrokerReply& reply) {
   }
   if (open && !std::exchange(isConcluded, true)) {
     reply.number = 1;
-    reply.text = open->queue + '\0' + open->stream + '\0' + open->folder->path();
-    reply.file = tool::Fd(dup(open->folder->lockedFile()));
+    describeOpen(reply);
   }
+}
+
+void Broker::describeOpen(BrokerReply& reply) const {
+  reply.text = textOf(open->head) + '\0' + open->folder->path();
+  reply.file = tool::Fd(dup(open->folder->lockedFile()));
 }
 
 StreamDirectory& Broker::folderOf(const BrokerRequest& request) {
@@ -260,7 +267,8 @@ StreamDirectory& Broker::folderOf(const BrokerRequest& request) {
 // it was opened.
 void Broker::checkOutside(const BrokerRequest& request) const {
   const bool isSync = request.call == BrokerCall::sync;
-  const bool isItsFile = !task.queue.empty() && request.name == outsideNameOf(task.queue);
+  const std::string& queue = task.origin.queue;
+  const bool isItsFile = !queue.empty() && request.name == outsideNameOf(queue);
   const bool isKept = request.call == BrokerCall::append ||
                       (request.call == BrokerCall::truncate && request.number >= outside.size) ||
                       (request.call == BrokerCall::remove && outside.size == 0);
@@ -273,8 +281,8 @@ void Broker::checkOutside(const BrokerRequest& request) const {
 // taken over.
 void Broker::log(const BrokerRequest& request) {
   std::string line = request.other.substr(0, request.other.find('\0'));
-  const std::string queue = "queue " + task.queue;
-  if (!task.queue.empty() && line.find(queue) == std::string::npos) {
+  const std::string queue = "queue " + task.origin.queue;
+  if (!task.origin.queue.empty() && line.find(queue) == std::string::npos) {
     const std::size_t function = line.find(": ");
     line.insert(function == std::string::npos ? 0 : function + 2, queue + ": ");
   }

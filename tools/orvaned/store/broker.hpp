@@ -21,7 +21,7 @@ class Broker {
  public:
   struct Task {
     std::string store;
-    std::string queue;  // of the confined process; empty: it has none
+    StreamOrigin origin;  // of the confined process's streams; no queue: it begins none
     Sync sync = Sync::segment;
     // The streams that the confined process finishes; null: only the one that another process left
     // open.
@@ -48,6 +48,7 @@ class Broker {
   void createStream(BrokerReply& reply);
   void listNames(std::uint64_t from, BrokerReply& reply);
   void findUnfinished(BrokerReply& reply);
+  void describeOpen(BrokerReply& reply) const;
   StreamDirectory& folderOf(const BrokerRequest& request);
   void checkOutside(const BrokerRequest& request) const;
   void log(const BrokerRequest& request);

@@ -49,6 +49,16 @@ tool::Fd fileOf(msghdr& message) {
   return tool::Fd(file);
 }
 
+std::vector<std::string> split(const std::string& text, char end) {
+  std::vector<std::string> parts;
+  for (auto begin = text.begin(); begin != text.end() + 1;) {
+    const auto next = std::find(begin, text.end(), end);
+    parts.emplace_back(begin, next);
+    begin = next + 1;
+  }
+  return parts;
+}
+
 }  // namespace
 
 std::vector<unsigned char> bytesOf(const BrokerRequest& request) {
@@ -126,13 +136,23 @@ std::optional<BrokerReply> receiveReply(const tool::Fd& socket) {
 }
 
 std::vector<std::string> partsOf(const std::string& text) {
-  std::vector<std::string> parts;
-  for (auto begin = text.begin(); begin != text.end() + 1;) {
-    const auto end = std::find(begin, text.end(), '\0');
-    parts.emplace_back(begin, end);
-    begin = end + 1;
+  return split(text, '\0');
+}
+
+std::string textOf(const tool::StreamHead& head) {
+  std::string text;
+  for (const std::string& line : linesOf(head)) {
+    text += line + "\n";
   }
-  return parts;
+  return text;
+}
+
+tool::StreamHead parseHead(const std::string& text) {
+  tool::StreamHeadParser parser;
+  for (const std::string& line : split(text, '\n')) {
+    parser.take(line);
+  }
+  return parser.head();
 }
 
 }  // namespace orvaned

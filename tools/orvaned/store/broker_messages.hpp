@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "shm/fd.hpp"
+#include "store_format/stream_head.hpp"
 
 namespace orvaned {
 
@@ -18,12 +19,12 @@ namespace orvaned {
 //   request   serial 4, call 4, area 4, size of the name 4, number 8, name, other text
 //   reply     serial 4, error 4, number 8, text; with or without one file (SCM_RIGHTS)
 //
-// `finishSegment` is answered when the segment is finished; until then the broker opens files, but
-// any other request waits. A reply carries the serial of its request: a process that continues
-// after another one died skips the replies that the dead one did not receive.
+// `finishSegment` is answered when the segment is finished; until then the broker opens and removes
+// files, but any other request waits. A reply carries the serial of its request: a process that
+// continues after another one died skips the replies that the dead one did not receive.
 enum class BrokerCall : std::uint32_t {
   checkStore,      // can the store be written to?
-  createStream,    // -> text: id, path; closes the previous stream's folder
+  createStream,    // -> text: head, path; closes the previous stream's folder
   append,          // name -> file
   read,            // name -> file
   truncate,        // name, number: size
@@ -32,7 +33,7 @@ enum class BrokerCall : std::uint32_t {
   sync,            //
   names,           // number: how many to skip -> text: names, each ended by '/'; number: all
   finishSegment,   // name: the final one, other: its line -> number: 1 if it is listed
-  nextUnfinished,  // -> number: 1 when there is one; text: queue, id, path
+  nextUnfinished,  // -> number: 1 when there is one; text: head, path
   log              // number: kind * 2^32 + code, other: line; no reply
 };
 
@@ -71,5 +72,9 @@ void sendReply(const tool::Fd& socket, const BrokerReply& reply);
 std::optional<BrokerReply> receiveReply(const tool::Fd& socket);
 
 std::vector<std::string> partsOf(const std::string& text);
+
+// A stream's head as one part: its lines, each with its end.
+std::string textOf(const tool::StreamHead& head);
+tool::StreamHead parseHead(const std::string& text);
 
 }  // namespace orvaned

@@ -168,8 +168,9 @@ std::optional<FinishResult> BrokeredDirectory::finishResult(bool wait) {
 StoreAccess::NewStream BrokeredAccess::createStream() {
   BrokerReply reply = broker.call({.call = BrokerCall::createStream, .name = {}, .other = {}});
   const std::vector<std::string> parts = partsOf(reply.text);
-  return {parts.at(0), std::make_unique<BrokeredDirectory>(broker, parts.at(1), BrokerArea::stream,
-                                                           std::move(reply.file))};
+  return {parseHead(parts.at(0)),
+          std::make_unique<BrokeredDirectory>(broker, parts.at(1), BrokerArea::stream,
+                                              std::move(reply.file))};
 }
 
 std::unique_ptr<StreamDirectory> BrokeredAccess::outside() {
@@ -182,9 +183,9 @@ std::optional<UnfinishedStream> BrokeredUnfinishedStreams::next() {
     return std::nullopt;
   }
   const std::vector<std::string> parts = partsOf(reply.text);
-  return UnfinishedStream{parts.at(0), parts.at(1),
+  return UnfinishedStream{parseHead(parts.at(0)),
                           std::make_unique<BrokeredDirectory>(
-                              broker, parts.at(2), BrokerArea::stream, std::move(reply.file))};
+                              broker, parts.at(1), BrokerArea::stream, std::move(reply.file))};
 }
 
 }  // namespace orvaned

@@ -13,14 +13,16 @@ namespace orvaned {
 
 // The valid lines of a manifest, up to the first one that is incomplete or invalid.
 struct ManifestContent {
-  std::uint64_t bytes = 0;  // of the first lines and the segments' lines; 0: no segment's line
-  std::vector<SegmentSummary> segments;
-  OtherRecords others;
-  std::optional<orvane::Receipt> receipt;  // if the manifest misses only its final name
-  std::uint64_t allBytes = 0;              // if there is a receipt
+  StreamHead head = {};    // what the first lines tell, and otherwise what was known without them
+  ManifestPart part = {};  // the first lines and the segments' lines; no bytes: the first are lost
+  std::vector<SegmentSummary> segments = {};
+  OtherRecords others = {};
+  std::optional<orvane::Receipt> receipt = {};  // if the manifest misses only its final name
+  ManifestPart whole = {};                      // all of it, if there is a receipt
 };
 
-ManifestContent readListed(tool::ManifestReader& manifest, const std::string& queue,
-                           const std::string& stream);
+// `known` is the head that the manifest gets if its own is lost. Throws std::runtime_error if the
+// manifest has a format that this release does not know.
+ManifestContent readListed(tool::ManifestReader& manifest, const StreamHead& known);
 
 }  // namespace orvaned

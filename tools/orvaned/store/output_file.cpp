@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <orvane/orvane.hpp>
 #include <utility>
 
@@ -28,6 +29,17 @@ int statusOf(const tool::Fd& file, struct stat& status) {
   return static_cast<int>(::syscall(SYS_fstat, file.get(), &status));
 }
 
+// Does what can fail without a consequence.
+void logFailure(const char* function, const char* what, const std::function<void()>& task) {
+  try {
+    task();
+  } catch (const Ox_ErrnoException& e) {
+    const orvane::server::Logger log("store");
+    log.log(orvane::server::LEVEL_ERROR, function, e.status(), "cannot %s: %s", what,
+            doublePercent(e.what()).c_str());
+  }
+}
+
 }  // namespace
 
 OutputFile::OutputFile(StreamDirectory* folder, std::string name, Sync sync)
@@ -41,7 +53,7 @@ void OutputFile::append(Bytes head, Bytes data) {
     return;
   }
   if (size >= kWrittenDirectly || size > kBufferSize - buffered) {
-    writeBuffer();
+    writeOut();
   }
   if (size >= kWrittenDirectly) {
     write(head);
@@ -60,7 +72,7 @@ void OutputFile::append(Bytes head, Bytes data) {
 }
 
 void OutputFile::flush() {
-  writeBuffer();
+  writeOut();
   requireName();
   if (sync == Sync::always) {
     syncData();
@@ -72,7 +84,7 @@ void OutputFile::flush() {
 }
 
 void OutputFile::settle() {
-  writeBuffer();
+  writeOut();
   if (sync != Sync::none) {
     syncData();
   }
@@ -94,6 +106,12 @@ void OutputFile::finish(const std::string& finalName) {
   }
 }
 
+void OutputFile::discard() {
+  if (created) {
+    logFailure(__func__, "remove a file that is not needed", [this] { remove(); });
+  }
+}
+
 void OutputFile::resume(std::uint64_t size) {
   create();
   end = static_cast<off_t>(size);
@@ -105,7 +123,7 @@ void OutputFile::catchUp() {
   end = ::lseek(fd.get(), 0, SEEK_END);
 }
 
-void OutputFile::writeBuffer() {
+void OutputFile::writeOut() {
   const Bytes bytes(buffer.get(), buffered);
   write(bytes);
   commit(bufferedRecords, {}, bytes);
@@ -131,19 +149,19 @@ void OutputFile::write(Bytes bytes) {
 
 // Removes what a failed write left: half a record, or an empty file.
 void OutputFile::takeBack() {
-  try {
+  logFailure(__func__, "take half a record back", [this] {
     if (end == 0) {
-      fd.reset();
-      created = false;
-      folder->remove(name);
+      remove();
     } else {
       folder->truncate(name, static_cast<std::uint64_t>(end));
     }
-  } catch (const Ox_ErrnoException& e) {
-    const orvane::server::Logger log("store");
-    log.log(orvane::server::LEVEL_ERROR, __func__, e.status(), "cannot take half a record back: %s",
-            doublePercent(e.what()).c_str());
-  }
+  });
+}
+
+void OutputFile::remove() {
+  fd.reset();
+  created = false;
+  folder->remove(name);
 }
 
 void OutputFile::commit(std::uint64_t recordCount, Bytes head, Bytes data) {

@@ -30,7 +30,10 @@ class OutputFile {
   // Appends one record: first `head`, then `data`, which is not copied if it is large.
   void append(Bytes head, Bytes data = {});
 
-  // Writes what is in the buffer, and fails when the file was removed. May be tried again.
+  // Writes what is in the buffer. May be tried again.
+  void writeOut();
+
+  // The same; also fails when the file was removed. With Sync::always, brings it onto the disk.
   void flush();
 
   // Writes what is in the buffer and brings the data onto the disk, unless Sync::none.
@@ -38,6 +41,9 @@ class OutputFile {
 
   // Settles, closes, and gives the file its final name, if there is a file. Ends its use.
   void finish(const std::string& finalName);
+
+  // Removes the file, if there is one, instead. A failure is only logged.
+  void discard();
 
   // Continues an existing file after its first `size` bytes.
   void resume(std::uint64_t size);
@@ -51,9 +57,9 @@ class OutputFile {
   std::uint32_t checksum() const { return writtenChecksum; }
 
  private:
-  void writeBuffer();
   void write(Bytes bytes);
   void takeBack();
+  void remove();
   void commit(std::uint64_t recordCount, Bytes head, Bytes data);
   void startWriting();
   void create();

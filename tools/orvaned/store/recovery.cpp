@@ -13,7 +13,7 @@ namespace {
 void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
   using namespace orvane::server;
   const Logger log("recovery");
-  const std::string queue = doublePercent(unfinished.queue);
+  std::string queue = doublePercent(unfinished.head.queue);
   const std::string left =
       "what " + std::string(who == "the server" ? "a dead server" : "a dead worker") + " left";
   try {
@@ -21,8 +21,8 @@ void recover(UnfinishedStream& unfinished, Sync sync, const std::string& who) {
     if (stream.isFinished()) {
       return;
     }
-    const std::string receipt =
-        textOf(stream.finish(unfinished.queue, unfinished.stream, who + " died"));
+    const std::string receipt = textOf(stream.finish(unfinished.head, who + " died"));
+    queue = doublePercent(stream.queue());
     if (stream.damagedFiles() == 0) {
       log.log(LEVEL_INFO, __func__, 0, "queue %s: finished %s: %s", queue.c_str(), left.c_str(),
               receipt.c_str());

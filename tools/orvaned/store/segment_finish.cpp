@@ -25,7 +25,7 @@ FinishResult finishSegment(StreamDirectory& folder, const std::string& finalName
   try {
     syncFile(folder, finalName + kUnfinished);
     folder.read(std::string(kManifest) + kUnfinished);  // a manifest that was removed stays removed
-    Manifest manifest(&folder, Sync::segment);
+    ManifestFile manifest(&folder, Sync::segment);
     manifest.add(line);
     manifest.flush();
     result.listed = true;

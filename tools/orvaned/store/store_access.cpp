@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "shm/utc.hpp"
+#include "store_format/stream_id.hpp"
 
 namespace orvaned {
 
@@ -36,20 +37,28 @@ std::string outsideNameOf(const std::string& queue) {
   return queue + "-outside-records";
 }
 
-LocalAccess::LocalAccess(std::string directory, std::string queue, Sync sync)
+LocalAccess::LocalAccess(std::string directory, StreamOrigin origin, Sync sync)
     : directory(std::move(directory)),
-      queue(std::move(queue)),
+      origin(std::move(origin)),
       sync(sync),
-      idPrefix(tool::timeAndProcess()) {}
+      process("-" + std::to_string(getpid())) {}
 
 StoreAccess::NewStream LocalAccess::createStream() {
+  const std::string& name = origin.name.empty() ? origin.queue : origin.name;
   for (;;) {
-    const std::string id = orvane::UniqueIdGenerator::getInstance().generateId(idPrefix);
+    const tool::UtcTime now = tool::utcNow();
+    const std::string stream =
+        orvane::UniqueIdGenerator::getInstance().generateId(tool::utcTextForNames(now) + process);
+    const tool::StreamHead head = {.queue = origin.queue,
+                                   .stream = stream,
+                                   .producer = origin.producer,
+                                   .label = origin.label,
+                                   .begun = now};
     if (directory == kNullStore) {
-      return {id, nullptr};
+      return {head, nullptr};
     }
-    if (auto folder = makeFolder(queue + "-" + id)) {
-      return {id, std::move(folder)};
+    if (auto folder = makeFolder(tool::streamId(name, origin.label, stream))) {
+      return {head, std::move(folder)};
     }
   }
 }

@@ -1,19 +1,29 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "store/output_file.hpp"
 #include "store/stream_directory.hpp"
+#include "store_format/stream_head.hpp"
 
 namespace orvaned {
+
+// Where the streams of a queue come from. It does not change as long as the queue exists.
+struct StreamOrigin {
+  std::string queue = {};
+  std::string name = {};  // the first part of the streams' ids; empty: the queue's name
+  std::optional<tool::Producer> producer = {};
+  std::string label = {};
+};
 
 // Creates the files of one queue's streams in the store: LocalAccess does it itself, BrokeredAccess
 // asks the broker of a confined process.
 class StoreAccess {
  public:
   struct NewStream {
-    std::string id;
+    tool::StreamHead head;
     std::unique_ptr<StreamDirectory> folder;  // null: the stream is only counted
   };
 
@@ -38,7 +48,7 @@ std::string outsideNameOf(const std::string& queue);
 
 class LocalAccess : public StoreAccess {
  public:
-  LocalAccess(std::string directory, std::string queue, Sync sync);
+  LocalAccess(std::string directory, StreamOrigin origin, Sync sync);
 
   NewStream createStream() override;
   std::unique_ptr<StreamDirectory> outside() override;
@@ -47,9 +57,9 @@ class LocalAccess : public StoreAccess {
   std::unique_ptr<LocalDirectory> makeFolder(const std::string& name) const;
 
   const std::string directory;
-  const std::string queue;
+  const StreamOrigin origin;
   const Sync sync;
-  const std::string idPrefix;
+  const std::string process;
 };
 
 }  // namespace orvaned

@@ -23,8 +23,9 @@ void appendRecord(OutputFile& file, const ShmBatch::Entry& entry) {
   file.append(header, dataOf(entry));
 }
 
-StreamFolder::Segment::Segment(StreamDirectory* folder, const pvk_shm_message_t& first, Sync sync)
-    : name(segmentName(first.segmentNo)), file(folder, name + kUnfinished, sync) {
+StreamFolder::Segment::Segment(StreamDirectory* folder, const pvk_shm_message_t& first, Sync sync,
+                               tool::Compressor* compressor)
+    : file(folder, segmentName(first.segmentNo), sync, compressor) {
   summary.number = first.segmentNo;
   summary.algorithm = first.segAlg;
   summary.parameters[0] = first.segParam1;
@@ -37,29 +38,32 @@ SegmentSummary StreamFolder::Segment::line(std::string fileName) const {
   line.records = file.records();
   line.bytes = file.bytes();
   line.checksum = file.checksum();
+  line.stored = file.stored();
   if (line.bytes > 0) {
     line.file = std::move(fileName);
   }
   return line;
 }
 
-StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
-                           const std::string& stream, Sync sync)
+StreamFolder::StreamFolder(std::unique_ptr<StreamDirectory> folder, const StreamHead& head,
+                           Sync sync, tool::Compressor* compressor)
     : folder(std::move(folder)),
       sync(sync),
+      compressor(compressor),
       manifest(this->folder.get(), sync),
       other(this->folder.get(), kOtherRecords, sync) {
-  manifest.begin(queue, stream);
-  summary.receipt.stream = stream;
+  manifest.begin(head);
+  summary.receipt.stream = head.stream;
 }
 
 void StreamFolder::storeSegmentData(const ShmBatch::Entry& entry) {
   begin(entry.header);
-  segment->file.append({}, dataOf(entry));
+  segment->file.append(dataOf(entry));
 }
 
 void StreamFolder::endSegment(const pvk_shm_message_t& header) {
   begin(header);
+  segment->file.end();
   awaitFinish();
   if (!startFinish()) {
     finishSegment();
@@ -101,12 +105,13 @@ void StreamFolder::end(orvane::StreamEnd how, const std::string& reason, std::ui
 
 void StreamFolder::begin(const pvk_shm_message_t& first) {
   if (!segment) {
-    segment = std::make_unique<Segment>(folder.get(), first, sync);
+    segment = std::make_unique<Segment>(folder.get(), first, sync, compressor);
   }
 }
 
 void StreamFolder::settle() {
   if (segment) {
+    segment->file.end();
     segment->file.settle();
   }
   other.settle();
@@ -123,7 +128,8 @@ bool StreamFolder::startFinish() {
   if (segment->file.bytes() == 0) {
     return false;
   }
-  folder->startFinish(segment->name, textOf(segment->line(segment->name)));
+  const std::string name = segment->file.name();
+  folder->startFinish(name, textOf(segment->line(name)));
   finishing = std::move(segment);
   return true;
 }
@@ -134,9 +140,10 @@ void StreamFolder::takeFinishResult(bool wait) {
     return;
   }
   const auto ended = std::move(finishing);
-  manifest.catchUp();
+  const SegmentSummary line = ended->line(ended->file.name());
+  manifest.catchUp(result->listed ? textOf(line) : "");
   if (result->listed) {
-    count(summary.receipt, ended->line(ended->name));
+    count(summary.receipt, line);
   } else {
     abandon(*ended);
   }
@@ -150,13 +157,13 @@ void StreamFolder::takeFinishResult(bool wait) {
 void StreamFolder::finishSegment() {
   segment->file.settle();
   const auto ended = std::move(segment);
-  list(*ended, ended->name);
+  list(*ended, ended->file.name());
   manifest.settle();
-  ended->file.finish(ended->name);
+  ended->file.finish();
 }
 
 void StreamFolder::abandon(const Segment& ended) {
-  list(ended, ended.name + kUnfinished);
+  list(ended, ended.file.name() + kUnfinished);
 }
 
 void StreamFolder::list(const Segment& ended, std::string fileName) {

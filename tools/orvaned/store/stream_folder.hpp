@@ -7,11 +7,14 @@
 
 #include "store/manifest_file.hpp"
 #include "store/output_file.hpp"
+#include "store/segment_file.hpp"
+#include "store_format/zstd.hpp"
 
 namespace orvaned {
 
 // The folder of one stream:
-//   segment-000000   the data of a segment, under its final name once the segment has ended
+//   segment-000000   the data of a segment, under its final name once the segment has ended;
+//                    segment-000000.zst if it is compressed (segment_file.hpp)
 //   other-records    records of other types: 48-byte header and data, as they came
 //   manifest         the list of it all (manifest_file.hpp), once the stream has ended
 // Stores every record that it gets; StreamState checks them before. With Sync::segment, a segment
@@ -20,9 +23,10 @@ namespace orvaned {
 // (orvane::kStoreFailed); the stream can then only be ended as broken.
 class StreamFolder {
  public:
-  // If `folder` is null, the object keeps nothing and only counts.
-  StreamFolder(std::unique_ptr<StreamDirectory> folder, const std::string& queue,
-               const std::string& stream, Sync sync);
+  // If `folder` is null, the object keeps nothing and only counts. If `compressor` is not null, no
+  // other object uses it meanwhile.
+  StreamFolder(std::unique_ptr<StreamDirectory> folder, const StreamHead& head, Sync sync,
+               tool::Compressor* compressor = nullptr);
 
   void storeSegmentData(const orvane::ShmBatch::Entry& entry);
   void endSegment(const orvane::pvk_shm_message_t& header);
@@ -43,12 +47,12 @@ class StreamFolder {
 
  private:
   struct Segment {
-    Segment(StreamDirectory* folder, const orvane::pvk_shm_message_t& first, Sync sync);
+    Segment(StreamDirectory* folder, const orvane::pvk_shm_message_t& first, Sync sync,
+            tool::Compressor* compressor);
     SegmentSummary line(std::string fileName) const;
 
     SegmentSummary summary;
-    std::string name;
-    OutputFile file;
+    SegmentFile file;
   };
 
   void begin(const orvane::pvk_shm_message_t& first);
@@ -63,7 +67,8 @@ class StreamFolder {
 
   const std::unique_ptr<StreamDirectory> folder;
   const Sync sync;
-  Manifest manifest;
+  tool::Compressor* const compressor;
+  ManifestFile manifest;
   bool manifestTried = false;
   OutputFile other;
   std::unique_ptr<Segment> segment;

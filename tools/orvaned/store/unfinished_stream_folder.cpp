@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <exception>
 
+#include "store/frame_end.hpp"
 #include "store_format/manifest_reader.hpp"
+#include "store_format/zstd.hpp"
 
 namespace orvaned {
 
@@ -13,43 +15,44 @@ bool UnfinishedStreamFolder::isFinished() {
   return has(kManifest);
 }
 
-orvane::Receipt UnfinishedStreamFolder::finish(const std::string& queue, const std::string& stream,
-                                               const std::string& reason) {
-  const ManifestContent found = readManifest(queue, stream);
+orvane::Receipt UnfinishedStreamFolder::finish(const StreamHead& known, const std::string& reason) {
+  requireZstd();
+  const ManifestContent found = readManifest(known);
+  queueName = found.head.queue;
   for (const SegmentSummary& segment : found.segments) {
     check(segment);
   }
   if (found.receipt) {
     checkOthers(found.others);
   }
+  removeReplaced();
   if (found.receipt && damaged.empty() && isAllListed(found.others)) {
-    manifest.resume(found.allBytes);
+    manifest.resume(found.whole);
     manifest.finish();
     return *found.receipt;
   }
-  manifest.resume(found.bytes);
-  if (found.bytes == 0) {
-    manifest.begin(queue, stream);
+  manifest.resume(found.part);
+  if (found.part.bytes == 0) {
+    manifest.begin(found.head);
   }
   addUnlisted();
   for (const Damage& damage : damaged) {
     manifest.addDamaged(damage.name, damage.reason);
   }
-  receipt.stream = stream;
+  receipt.stream = known.stream;
   receipt.end = damaged.empty() ? orvane::StreamEnd::cutOff : orvane::StreamEnd::broken;
   manifest.finish(receipt, reason);
   return receipt;
 }
 
 // Lines that cannot be read now must not count as missing: the manifest would be cut before them.
-ManifestContent UnfinishedStreamFolder::readManifest(const std::string& queue,
-                                                     const std::string& stream) {
+ManifestContent UnfinishedStreamFolder::readManifest(const StreamHead& known) {
   const std::string part = std::string(kManifest) + kUnfinished;
   if (!has(part)) {
-    return {};
+    return {.head = known};
   }
-  tool::ManifestReader reader(folder.read(part));
-  ManifestContent content = readListed(reader, queue, stream);
+  tool::ManifestReader reader(folder.read(part), folder.pathOf(part));
+  ManifestContent content = readListed(reader, known);
   if (reader.error() != 0) {
     throwStoreFailed(reader.error(), "read", folder.pathOf(part));
   }
@@ -70,8 +73,10 @@ void UnfinishedStreamFolder::check(const SegmentSummary& segment) {
   }
   if (!renamed) {
     OutputFile output(&folder, part, sync);
-    output.resume(segment.bytes);
+    output.resume(segment.stored > 0 ? segment.stored : segment.bytes);
     output.finish(segment.file);
+    names.erase(part);
+    names.insert(segment.file);
   }
   count(receipt, segment);
 }
@@ -100,6 +105,42 @@ tool::Content UnfinishedStreamFolder::contentOf(const std::string& name) {
   return tool::contentOf(folder.read(name), folder.pathOf(name));
 }
 
+// A file is not damaged because this program cannot read it.
+void UnfinishedStreamFolder::requireZstd() const {
+  if (!tool::hasZstd() && std::any_of(names.begin(), names.end(), tool::isCompressed)) {
+    throw tool::ZstdMissing();
+  }
+}
+
+// A server that died while a compressed file took the place of the plain one left both.
+void UnfinishedStreamFolder::removeReplaced() {
+  const std::string unfinished = kUnfinished;
+  for (const std::string& name : std::set<std::string>(names)) {
+    if (isUnlisted(name) && name.ends_with(unfinished) && !tool::isCompressed(name)) {
+      const std::string final = name.substr(0, name.size() - unfinished.size()) + tool::kCompressed;
+      const std::string compressed = has(final) ? final : final + unfinished;
+      if (has(compressed)) {
+        removeReplaced(name, compressed);
+      }
+    }
+  }
+}
+
+// The compressed file has everything before the plain one is removed.
+void UnfinishedStreamFolder::removeReplaced(const std::string& plain,
+                                            const std::string& compressed) {
+  std::string removed;
+  try {
+    removed = contentOf(compressed).bytes >= contentOf(plain).bytes ? plain : compressed;
+  } catch (const std::exception&) {
+    return;  // one of them is damaged, which is noticed where it is listed
+  }
+  if (isUnlisted(removed)) {
+    folder.remove(removed);
+    names.erase(removed);
+  }
+}
+
 bool UnfinishedStreamFolder::isUnlisted(const std::string& name) const {
   const bool isRecords = name == kOtherRecords || name.starts_with(tool::kSegmentPrefix);
   return isRecords && !listed.contains(name);
@@ -125,12 +166,17 @@ void UnfinishedStreamFolder::addUnlisted(const std::string& name) {
     damaged.push_back({name, "it is not listed"});
     return;
   }
+  tool::Content content;
   try {
-    const tool::Content content = contentOf(name);
-    manifest.add(tool::UnfinishedFile{name, content.bytes, content.checksum});
+    content = contentOf(name);
   } catch (const std::exception& e) {
     damaged.push_back({name, e.what()});
+    return;
   }
+  if (tool::isCompressed(name)) {
+    content.stored = endFrame(folder, name, sync);
+  }
+  manifest.add(tool::UnfinishedFile{name, content.bytes, content.checksum, content.stored});
 }
 
 }  // namespace orvaned

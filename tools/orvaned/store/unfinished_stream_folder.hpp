@@ -22,9 +22,12 @@ class UnfinishedStreamFolder {
   // Has another process finished it in the meantime?
   bool isFinished();
 
-  // Returns its receipt.
-  orvane::Receipt finish(const std::string& queue, const std::string& stream,
-                         const std::string& reason);
+  // Returns its receipt. `known` is what its manifest gets if its own first lines are lost. Throws
+  // tool::ZstdMissing, and changes nothing, if this program cannot read a compressed segment.
+  orvane::Receipt finish(const StreamHead& known, const std::string& reason);
+
+  // The queue, as finish() has found it in the manifest.
+  const std::string& queue() const { return queueName; }
 
   std::size_t damagedFiles() const { return damaged.size(); }
 
@@ -35,11 +38,14 @@ class UnfinishedStreamFolder {
   };
 
   bool has(const std::string& name) const { return names.contains(name); }
-  ManifestContent readManifest(const std::string& queue, const std::string& stream);
+  ManifestContent readManifest(const StreamHead& known);
   void check(const SegmentSummary& segment);
   void checkOthers(const OtherRecords& others);
   std::string faultOf(const std::string& name, const tool::Content& listedContent);
   tool::Content contentOf(const std::string& name);
+  void requireZstd() const;
+  void removeReplaced();
+  void removeReplaced(const std::string& plain, const std::string& compressed);
   bool isUnlisted(const std::string& name) const;
   bool isAllListed(const OtherRecords& others) const;
   void addUnlisted();
@@ -47,7 +53,8 @@ class UnfinishedStreamFolder {
 
   StreamDirectory& folder;
   const Sync sync;
-  Manifest manifest;
+  ManifestFile manifest;
+  std::string queueName;
   std::set<std::string> names;   // of all files in the folder
   orvane::Receipt receipt;       // of the whole files
   std::set<std::string> listed;  // names of files with a line in the manifest

@@ -1,15 +1,19 @@
 #include "store/unfinished_streams.hpp"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
-#include <regex>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-#include "store/manifest_file.hpp"
+#include "store/manifest_content.hpp"
 #include "store/store_access.hpp"
+#include "store_format/removed_stream.hpp"
+#include "store_format/stream_id.hpp"
 
 namespace orvaned {
 namespace {
@@ -27,53 +31,130 @@ void removeUnnamed(const std::string& path) {
   }
 }
 
+// Removes a stream whose removal was begun. What cannot be removed now is left to the next start.
+void removeHidden(const std::string& path) {
+  try {
+    tool::removeFolder(path);
+  } catch (const std::runtime_error&) {
+  }
+}
+
+// Returns the name that a folder was to get, if `name` is that of a folder before that.
+std::optional<std::string> finalNameOf(const std::string& name) {
+  if (name.size() < 2) {
+    return std::nullopt;
+  }
+  const std::string final = name.substr(1, name.rfind('.') - 1);
+  return name == unnamedFolderOf(final) ? std::optional(final) : std::nullopt;
+}
+
+// The queue that the manifest of an unfinished stream names. A manifest that cannot be read now is
+// reported when the stream cannot be finished.
+std::string queueOf(const std::string& path, const tool::StreamHead& known) {
+  try {
+    const std::string part = path + "/" + kManifest + kUnfinished;
+    tool::ManifestReader manifest(tool::openStored(part), part);
+    tool::StreamHeadParser head;
+    for (auto line = manifest.next(); line && head.take(*line); line = manifest.next()) {
+    }
+    return head.head().queue.empty() ? known.queue : head.head().queue;
+  } catch (const std::runtime_error&) {
+    return known.queue;
+  }
+}
+
+// Another user's server finishes the streams in its own folders.
+bool isAnotherUsers(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0 && status.st_uid != geteuid();
+}
+
 }  // namespace
 
-LocalUnfinishedStreams::LocalUnfinishedStreams(
-    const std::string& store, const std::function<bool(const std::string& queue)>& isDead)
-    : giveUpAt(std::chrono::steady_clock::now() + kTimeToDie) {
-  static const std::regex streamFolder("(\\.?)(.+)-([0-9]{8}T[0-9]{6}-[0-9]+_[0-9]+)(\\.new)?");
+LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, const std::string& queue)
+    : LocalUnfinishedStreams(store, [queue](const std::string& other) { return other != queue; }) {}
+
+LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, IsServed isServed)
+    : store(store),
+      isServed(std::move(isServed)),
+      giveUpAt(std::chrono::steady_clock::now() + kTimeToDie) {
   if (store == kNullStore) {
     return;
   }
   std::error_code ignored;  // a folder that cannot be read is logged when it cannot be finished
   for (const auto& entry : fs::directory_iterator(store)) {
     const std::string name = entry.path().filename();
-    std::smatch parts;
-    if (!std::regex_match(name, parts, streamFolder) || !entry.is_directory(ignored) ||
-        entry.is_symlink(ignored) || fs::exists(entry.path() / kManifest, ignored) ||
-        !isDead(parts[2])) {
+    if (!entry.is_directory(ignored) || entry.is_symlink(ignored)) {
       continue;
     }
-    if (parts[1].length() == 0 && parts[4].length() == 0) {
-      found.push_back({entry.path(), parts[2], parts[3]});
-    } else if (parts[1].length() > 0 && parts[4].length() > 0) {
+    if (tool::isRemovedFolder(name)) {
+      removeHidden(entry.path());
+      continue;
+    }
+    const auto unnamed = finalNameOf(name);
+    const auto id = tool::parseStreamId(unnamed.value_or(name));
+    const bool isHidden = name.starts_with('.') && !unnamed;
+    if (!id || isHidden) {
+      continue;
+    }
+    if (unnamed) {
       removeUnnamed(entry.path());
+      continue;
+    }
+    // Without its manifest only the name of its folder is known, which begins with the queue's.
+    const tool::StreamHead head = {.queue = id->nameAndLabel, .stream = id->stream};
+    if (!fs::exists(entry.path() / kManifest, ignored) &&
+        !this->isServed(queueOf(entry.path(), head))) {
+      found.push_back({entry.path(), head});
     }
   }
 }
 
-bool LocalUnfinishedStreams::lock(LocalDirectory& folder) const {
-  while (!folder.lock()) {
-    if (std::chrono::steady_clock::now() >= giveUpAt) {
-      return false;
-    }
-    std::this_thread::sleep_for(kBetweenTries);
+// A folder that was locked and cannot be opened any more has been moved, maybe with the whole
+// store.
+bool LocalUnfinishedStreams::isInUse(Found& one, const LocalDirectory& folder) {
+  if (!folder.isOpen()) {
+    return !one.usedBy.empty();
+  }
+  if (one.usedBy.empty()) {
+    one.usedBy = queueOf(one.path, one.head);
   }
   return true;
 }
 
+bool LocalUnfinishedStreams::isStoreAway() const {
+  std::error_code ignored;
+  return store != kNullStore && !fs::exists(store, ignored);
+}
+
 std::optional<UnfinishedStream> LocalUnfinishedStreams::next() {
-  while (!found.empty()) {
-    const Found one = std::move(found.back());
-    found.pop_back();
-    auto folder = std::make_unique<LocalDirectory>(one.path);
-    // One that cannot be opened is returned too: the attempt to finish it reports the cause.
-    if (!folder->isOpen() || lock(*folder)) {
-      return UnfinishedStream{one.queue, one.stream, std::move(folder)};
+  for (;;) {
+    while (!found.empty()) {
+      Found one = std::move(found.back());
+      found.pop_back();
+      auto folder = std::make_unique<LocalDirectory>(one.path);
+      if (folder->lock()) {
+        return UnfinishedStream{std::move(one.head), std::move(folder)};
+      }
+      if (isInUse(one, *folder)) {
+        if (!isServed(one.usedBy)) {  // which its manifest may not have told yet
+          locked.push_back(std::move(one));
+        }
+      } else if (!isAnotherUsers(one.path)) {
+        // Returned too: the attempt to finish it reports why it cannot be opened.
+        return UnfinishedStream{std::move(one.head), std::move(folder)};
+      }
     }
+    if (locked.empty() || isLastRound) {
+      for (const Found& one : std::exchange(locked, {})) {
+        inUse.push_back(one.usedBy);
+      }
+      return std::nullopt;
+    }
+    std::this_thread::sleep_for(kBetweenTries);
+    isLastRound = std::chrono::steady_clock::now() >= giveUpAt;
+    std::swap(found, locked);
   }
-  return std::nullopt;
 }
 
 }  // namespace orvaned

@@ -11,6 +11,7 @@
 
 #include "leases/lease_requests.hpp"
 #include "log.hpp"
+#include "store_format/stream_id.hpp"
 #include "supervisor/notice.hpp"
 #include "supervisor/pair_files.hpp"
 #include "supervisor/pair_tasks.hpp"
@@ -174,11 +175,12 @@ void PairProcesses::serve() {
 
 void PairProcesses::startProcesses() {
   auto [workersEnd, brokersEnd] = connectedSockets();
+  const StreamOrigin origin = originOfStreams();
   broker.process = std::make_unique<Child>(
       [&, file = brokersEnd.get()](Heartbeat&) {
         nameProcess("orvaned-broker");
         context.keepOnly({file}, LogAccess::kept);
-        return runBroker(context.options, name, tool::Fd(file), context.supervisor);
+        return runBroker(context.options, origin, tool::Fd(file), context.supervisor);
       },
       Child::Orphaned::continues);
   if (connection && connection->ringBytes() != 0) {
@@ -195,6 +197,18 @@ void PairProcesses::startProcesses() {
                      context.supervisor, heartbeat);
   });
   broker.socket = std::move(workersEnd);
+}
+
+StreamOrigin PairProcesses::originOfStreams() const {
+  if (!connection) {
+    return {.queue = name};
+  }
+  const ucred& producer = connection->producer();
+  return {.queue = name,
+          .name = tool::nameOfSocket(context.options.socket),
+          .producer =
+              tool::Producer{producer.uid, producer.gid, producer.pid, connection->executable()},
+          .label = connection->label()};
 }
 
 int PairProcesses::ringTotalsFile() const {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "leases/lease_connection.hpp"
+#include "store/store_access.hpp"
 #include "supervisor/child.hpp"
 #include "supervisor/process_context.hpp"
 
@@ -69,6 +70,7 @@ class PairProcesses {
   void proceed();  // starts the next worker, if there is to be one
   void serve();
   void startProcesses();
+  StreamOrigin originOfStreams() const;
   void postNotice();
   void watchWorker();
   void killWorker(const char* reason);

@@ -53,9 +53,15 @@ std::uint64_t ringBytes(const LeaseConnection* lease) {
 std::unique_ptr<StoreAccess> storeFor(const Options& options, const std::string& queue,
                                       BrokerClient& broker) {
   if (options.store == kNullStore) {
-    return std::make_unique<LocalAccess>(options.store, queue, options.sync);
+    return std::make_unique<LocalAccess>(options.store, StreamOrigin{.queue = queue}, options.sync);
   }
   return std::make_unique<BrokeredAccess>(broker, options.store);
+}
+
+// At a high level, the data of one large message may take longer than a worker may use the
+// processor without a sign of life.
+Compression compressionFor(const Options& options, Heartbeat& heartbeat) {
+  return {.level = options.compressionLevel, .working = [&heartbeat] { ++heartbeat.messages; }};
 }
 
 void logReady(const Logger& log, const Options& options, const std::string& queue,
@@ -125,7 +131,8 @@ struct Prepared {
            const tool::Fd& ringTotals, BrokerClient& broker, Heartbeat& heartbeat)
       : source(options, queueName, lease, ringTotals, heartbeat),
         watch(lease, std::chrono::seconds(lease != nullptr ? 0 : options.idleLimit)),
-        store(storeFor(options, queueName, broker), queueName, options.sync),
+        store(storeFor(options, queueName, broker), queueName, options.sync,
+              compressionFor(options, heartbeat)),
         worker(queueName, source.batches(), store, lease, Capture(options.capture, queueName)) {}
 
   Source source;
@@ -177,11 +184,11 @@ int runWorker(const Options& options, const std::string& queueName, LeaseConnect
   return kFailed;
 }
 
-int runBroker(const Options& options, const std::string& queueName, tool::Fd worker,
+int runBroker(const Options& options, const StreamOrigin& origin, tool::Fd worker,
               pid_t supervisor) {
-  Broker({options.store, queueName, options.sync}, std::move(worker)).run();
+  Broker({options.store, origin, options.sync}, std::move(worker)).run();
   if (getppid() != supervisor) {
-    removePair(queueName);
+    removePair(origin.queue);
   }
   return 0;
 }

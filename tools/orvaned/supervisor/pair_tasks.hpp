@@ -7,6 +7,7 @@
 #include "leases/lease_connection.hpp"
 #include "options.hpp"
 #include "shm/fd.hpp"
+#include "store/store_access.hpp"
 #include "worker/heartbeat.hpp"
 
 namespace orvaned {
@@ -25,7 +26,7 @@ int runWorker(const Options& options, const std::string& queueName, LeaseConnect
 // The task of its broker process, until the worker and the process that finishes its stream have
 // ended. If the supervisor has died by then, it removes the pair's names, because a producer would
 // continue to send into a queue without a server.
-int runBroker(const Options& options, const std::string& queueName, tool::Fd worker,
+int runBroker(const Options& options, const StreamOrigin& origin, tool::Fd worker,
               pid_t supervisor);
 
 }  // namespace orvaned

@@ -1,12 +1,15 @@
 #include "supervisor/recovery_process.hpp"
 
+#include <algorithm>
 #include <exception>
 #include <orvane/orvane.hpp>
 #include <orvane/server_status.hpp>
 #include <utility>
+#include <vector>
 
 #include "leases/lease_run.hpp"
 #include "log.hpp"
+#include "shm/shm_names.hpp"
 #include "store/broker.hpp"
 #include "store/brokered_store.hpp"
 #include "store/recovery.hpp"
@@ -14,8 +17,6 @@
 
 namespace orvaned {
 namespace {
-
-using tool::LockFile;
 
 constexpr int kAgain = 4;  // the broker's exit code when there may be more to do later
 
@@ -25,24 +26,31 @@ void logError(const char* function, const char* what, const std::exception& erro
            doublePercent(error.what()).c_str());
 }
 
+bool isOfADyingServer(const std::string& queue) {
+  return ownerOfLeased(queue) == tool::LockFile::OwnerState::dying;
+}
+
+// Of a fixed queue this is not known: the lock of a queue that has just been taken over is this
+// server's, and its stream may still be the dead one's.
+bool isLeasedByALivingServer(const std::string& queue) {
+  return tool::runOf(queue) && ownerOfLeased(queue) == tool::LockFile::OwnerState::alive;
+}
+
 // Runs in the broker's process.
-int searchStore(const Options& options,
-                const std::function<LockFile::OwnerState(const std::string&)>& ownerOf,
-                tool::Fd confined) {
-  bool again = false;
-  const auto isDead = [&](const std::string& queue) {
-    const LockFile::OwnerState owner = ownerOf(queue);
-    again = again || owner == LockFile::OwnerState::dying;
-    return owner == LockFile::OwnerState::dead;
-  };
+int searchStore(const Options& options, const std::string& queue, tool::Fd confined) {
   try {
-    LocalUnfinishedStreams unfinished(options.store, isDead);
-    Broker({options.store, "", options.sync, &unfinished}, std::move(confined)).run();
+    LocalUnfinishedStreams unfinished =
+        queue.empty() ? LocalUnfinishedStreams(options.store, isLeasedByALivingServer)
+                      : LocalUnfinishedStreams(options.store, queue);
+    Broker({options.store, {}, options.sync, &unfinished}, std::move(confined)).run();
+    const std::vector<std::string>& inUse = unfinished.queuesInUse();
+    const bool isMoreLater =
+        unfinished.isStoreAway() || std::any_of(inUse.begin(), inUse.end(), isOfADyingServer);
+    return isMoreLater ? kAgain : 0;
   } catch (const std::exception& e) {
     logError(__func__, "cannot look for unfinished streams, trying again", e);
-    again = true;
+    return kAgain;
   }
-  return again ? kAgain : 0;
 }
 
 int recoverConfined(const Options& options, tool::Fd brokerSocket, pid_t supervisor,
@@ -66,17 +74,13 @@ RecoveryProcess::RecoveryProcess(const ProcessContext& context, std::string queu
 
 RecoveryProcess RecoveryProcess::ofDeadServers(const ProcessContext& context) {
   RecoveryProcess process(context, "", "the server");
-  process.search([&fixed = context.options.queue](const std::string& queue) {
-    return queue == fixed ? LockFile::OwnerState::dead : ownerOfLeased(queue);
-  });
+  process.search();
   return process;
 }
 
 RecoveryProcess RecoveryProcess::ofQueue(const ProcessContext& context, const std::string& queue) {
   RecoveryProcess process(context, queue, "its worker");
-  process.search([&queue](const std::string& other) {
-    return other == queue ? LockFile::OwnerState::dead : LockFile::OwnerState::alive;
-  });
+  process.search();
   return process;
 }
 
@@ -96,13 +100,13 @@ RecoveryProcess RecoveryProcess::nothingLeft(const ProcessContext& context,
   return process;
 }
 
-void RecoveryProcess::search(const OwnerOf& ownerOf) {
+void RecoveryProcess::search() {
   start([&] {
     const auto [confinedsEnd, brokersEnd] = connectedSockets();
     broker = std::make_unique<Child>([&, file = brokersEnd.get()](Heartbeat&) {
       context.keepOnly({file}, LogAccess::kept);
       endAtTermination();
-      return searchStore(context.options, ownerOf, tool::Fd(file));
+      return searchStore(context.options, queueName, tool::Fd(file));
     });
     startConfined(confinedsEnd);
   });

@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 
-#include "shm/lock_file.hpp"
 #include "supervisor/process_context.hpp"
 
 namespace orvaned {
@@ -13,8 +12,7 @@ namespace orvaned {
 // reads and checks the files. Nothing here throws or blocks.
 class RecoveryProcess {
  public:
-  // Finishes the streams of dead servers, and those of this server's fixed queue that an earlier
-  // server left.
+  // Finishes the streams of dead servers.
   static RecoveryProcess ofDeadServers(const ProcessContext& context);
 
   // Finishes the stream that a dead worker of this queue left open, with the worker's broker. If
@@ -36,18 +34,16 @@ class RecoveryProcess {
 
   bool isOver() const { return !broker && !confined; }
 
-  // Valid when it is over. True: its broker died, the store could not be searched, or some server
-  // is still dying. The search must then be repeated, for queue(), or for dead servers if it is
-  // empty.
+  // Valid when it is over. True: its broker died, the store could not be searched or was moved away
+  // meanwhile, or some server is still dying. The search must then be repeated, for queue(), or for
+  // dead servers if it is empty.
   bool isToBeRepeated() const { return repeat; }
   const std::string& queue() const { return queueName; }
 
  private:
-  using OwnerOf = std::function<tool::LockFile::OwnerState(const std::string& queue)>;
-
   RecoveryProcess(const ProcessContext& context, std::string queueName, const char* who);
 
-  void search(const OwnerOf& ownerOf);
+  void search();
   void start(const std::function<void()>& task);
   void startConfined(const tool::Fd& socket);
 

@@ -29,6 +29,7 @@ constexpr std::chrono::seconds kTimeToFinish{10};
 constexpr std::chrono::seconds kTimeToCleanUp{4};
 constexpr std::size_t kMostDeadPairs = 16;  // removed at the same time
 constexpr std::size_t kUsualEvents = 32;
+constexpr std::size_t kFewestSilent = 32;  // connections that a user may open before it asks
 
 tool::Fd openSignals() {
   sigset_t signals = supervisorSignals();
@@ -66,7 +67,9 @@ Supervisor::Supervisor(const Options& options)
   }
   if (!options.socket.empty()) {
     leases.emplace();
-    requests.emplace(options.socket, options.geometry.mode);
+    // All producers of a user may connect at the same time, before the first of them asks.
+    requests.emplace(options.socket, options.geometry.mode,
+                     std::max(kFewestSilent, options.pairsPerUser));
   }
 }
 

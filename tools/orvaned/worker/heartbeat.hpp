@@ -8,7 +8,7 @@ namespace orvaned {
 // Memory that a worker process and its supervisor share. Only the worker writes.
 struct Heartbeat {
   std::atomic<std::uint32_t> queueCalls{0};  // begins and ends are counted: odd while inside a call
-  std::atomic<std::uint32_t> messages{0};    // received so far
+  std::atomic<std::uint32_t> messages{0};    // received, and slices of their data compressed
   std::atomic<bool> ready{false};            // its queues can be used
   std::atomic<int> refusedCall{-1};          // the system call that ended it
 };

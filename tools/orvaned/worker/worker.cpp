@@ -23,6 +23,13 @@ namespace {
 constexpr std::chrono::seconds kTimeToRead{5};
 constexpr int kLookAgainMs = 100;
 
+// Boost's own text may be the name of a class.
+const char* faultOf(const interprocess_exception& e) {
+  const bool hangs = e.get_error_code() == boost::interprocess::timeout_when_locking_error;
+  return hangs ? "a process hangs inside the queue, or was stopped there"
+               : "a process died inside the queue";
+}
+
 }  // namespace
 
 std::chrono::microseconds Pause::next() {
@@ -48,8 +55,7 @@ const Ending& Worker::run(const EndWithin& endWithin) {
     finish(*ending);
     return *ending;
   } catch (const interprocess_exception& e) {
-    giveUp("a process died or hangs inside the queue (" + std::string(e.what()) + ")",
-           orvane::kServerEnding);
+    giveUp(faultOf(e), orvane::kServerEnding);
   } catch (const SourceBroken& e) {
     giveUp(e.what(), orvane::kBadBatch);
   }
@@ -170,8 +176,17 @@ void Worker::take(const Entry& entry) {
         return storeRecord(entry);
     }
   } catch (const Ox_ErrnoException& e) {
-    fail(__func__, e);
+    fail(__func__, explained(e));
   }
+}
+
+// A lease has one producer, but any number may have found a queue by its name.
+Ox_ErrnoException Worker::explained(const Ox_ErrnoException& error) const {
+  if (lease != nullptr || error.status() != orvane::kOutOfOrder) {
+    return error;
+  }
+  return Ox_ErrnoException(error.status(),
+                           error.message() + ": two producers on one queue look like this", "");
 }
 
 void Worker::open(const Header& header) {
@@ -192,7 +207,9 @@ void Worker::open(const Header& header) {
     send(orvane::StreamFailed{e.status(), e.message()});
     throw;
   }
+  outsideLogged = false;
   tool::add(totals.streams, 1);
+  totals.answered.store(0, std::memory_order_relaxed);
   tool::setStream(totals, stream->folder->stream());
   log.log(LEVEL_INFO, __func__, 0, "queue %s: stream %s begins", loggedName.c_str(),
           stream->folder->stream().c_str());
@@ -218,14 +235,14 @@ void Worker::storeRecord(const Entry& entry) {
     return;
   }
   if (!stream) {
-    store.storeOutside(entry);
-    return countRecord(entry);
+    return storeOutside(entry);
   }
   stream->state.check(entry.header);
   switch (entry.header.type) {
     case orvane::kRecordSegmentData:
       stream->folder->storeSegmentData(entry);
       stream->segmentHasData = stream->segmentHasData || entry.header.len > 0;
+      stream->segmentBytes += entry.header.len;
       return countRecord(entry);
     case orvane::kRecordEndOfSegment:
       stream->folder->endSegment(entry.header);
@@ -234,6 +251,19 @@ void Worker::storeRecord(const Entry& entry) {
       stream->folder->storeOther(entry);
       return countRecord(entry);
   }
+}
+
+// Logs only the first record, since a producer that forgot to open its stream may send many.
+void Worker::storeOutside(const Entry& entry) {
+  if (!std::exchange(outsideLogged, true)) {
+    log.log(
+        LEVEL_WARNING, __func__, 0,
+        "queue %s: a record came while no stream was open; it is stored with the records outside "
+        "a stream",
+        loggedName.c_str());
+  }
+  store.storeOutside(entry);
+  countRecord(entry);
 }
 
 void Worker::countRecord(const Entry& entry) {
@@ -251,6 +281,7 @@ void Worker::flush() {
   try {
     if (stream) {
       stream->folder->flush();
+      totals.answered.store(stream->segmentBytes, std::memory_order_release);
     }
   } catch (const Ox_ErrnoException& e) {
     fail(__func__, e);

@@ -86,7 +86,8 @@ class Worker {
   struct Stream {
     StreamState state;
     std::unique_ptr<StreamFolder> folder;
-    bool segmentHasData = false;  // the segment in progress
+    bool segmentHasData = false;     // the segment in progress
+    std::uint64_t segmentBytes = 0;  // of all segments' data so far
   };
 
   void takeBatch(std::span<const unsigned char> message);
@@ -94,6 +95,7 @@ class Worker {
   void open(const Header& header);
   void close(const Header& header, orvane::StreamEnd how);
   void storeRecord(const Entry& entry);
+  void storeOutside(const Entry& entry);
   void countRecord(const Entry& entry);
   void countSegment();
   void countBatch(ox_status_t status);
@@ -104,6 +106,7 @@ class Worker {
   void logError(const char* function, const Ox_ErrnoException& error) const;
   void report(const char* function, const Ox_ErrnoException& error);
   void fail(const char* function, const Ox_ErrnoException& error);
+  Ox_ErrnoException explained(const Ox_ErrnoException& error) const;
   void abandonStream(orvane::StreamEnd how, const std::string& reason, ox_status_t status = 0);
   orvane::Receipt concludeStream();
   void send(const orvane::LeaseReply& reply);
@@ -127,6 +130,7 @@ class Worker {
   std::optional<Ox_ErrnoException>
       broken;  // of a broken stream, until its close, stop or the next open
   std::optional<Ox_ErrnoException> batchError;  // the first one in this batch
+  bool outsideLogged = false;                   // a record outside a stream, since the last one
   std::uint64_t badBatches = 0;                 // refused since the start
   std::string lastReceipt;                      // empty while a stream is open
   Pause pause;
