@@ -114,7 +114,7 @@ def draw_growth(results, path):
     figure, all_axes = plt.subplots(2, 3, figsize=(10.5, 5.6))
     for axes, (title, factor, runs_of) in zip(all_axes.flat, growth.QUESTIONS):
         runs = runs_of(results)
-        for transport, colour in (("ring", OURS), ("queue", QUEUE)):
+        for transport, colour in (("ring", OURS), ("small ring", THEIRS), ("queue", QUEUE)):
             counts = sorted(count for name, count in runs if name == transport)
             values = [[value * factor for value in runs[transport, count].values()] for count in counts]
             spread = [statistics.quantiles(some, n=4, method="inclusive") if len(some) > 1 else some * 3

@@ -61,7 +61,7 @@ def stream_table(results, work):
         for size in sizes:
             run = runs.get((form, size, work))
             if run:
-                times = ratio(runs.get(("orvane", size, work), {}), run)
+                times = ratio(runs.get((RING, size, work), {}), run)
                 row.append(f"{median(run) / 1e6:,.0f} MB/s (x{in_text(times)})")
             else:
                 row.append("-")
@@ -159,6 +159,19 @@ def demo_table(results):
     return table(["records of", "stream", "null store", "ratio", "dd", "disk", "ratio"], rows)
 
 
+def compression_table(results):
+    """Both beside the same bytes without compression, and beside what the disk takes."""
+    runs = demo_runs(results)
+    rows = []
+    for content in ("text", "noise"):
+        for size in sorted({size for _, size in runs}):
+            disk, zstd, dd = (runs.get((form, size), {}) for form in
+                              (content + ", disk", content + ", zstd:1", "dd"))
+            rows.append([f"{content}, {size_name(size)}", speed(dd), speed(disk), speed(zstd),
+                         in_text(ratio(zstd, disk)), in_text(ratio(zstd, dd))])
+    return table(["records of", "dd", "disk", "zstd:1", "zstd:1 / disk", "zstd:1 / dd"], rows)
+
+
 def sweep_rows(records, key, default):
     runs = by_round(records, (key, "size"), "bytes_per_second")
     sizes = sorted({size for _, size in runs})
@@ -182,15 +195,16 @@ def geometry_table(results):
     return table(["messages x bytes", "in all"] + [size_name(size) for size in sizes], rows)
 
 
-def frame_table(results):
-    """Each form by itself: its speed divided by that with the default."""
+def ring_sweep_table(results, name, default):
+    """Each form and work by itself: its speed divided by that with the default."""
     rows = []
     sizes = SIZES
-    records = lines_of(results / "frame.jsonl")
-    for form in dict.fromkeys(sorted(record["form"] for record in records)):
-        sizes, found = sweep_rows([record for record in records if record["form"] == form], "frame", 262144)
-        rows += [[f"{form}; {int(frame) >> 10} KiB"] + cells for frame, *cells in found]
-    return table(["frames of"] + [size_name(size) for size in sizes], rows)
+    records = lines_of(results / f"{name}.jsonl")
+    for form, work in sorted({(record["form"], record["work"]) for record in records}):
+        sizes, found = sweep_rows([record for record in records if (record["form"], record["work"]) == (form, work)],
+                                  name, default)
+        rows += [[f"{form}, {work}; {int(setting) >> 10:,} KiB"] + cells for setting, *cells in found]
+    return table([f"{name}s of"] + [size_name(size) for size in sizes], rows)
 
 
 def pause_table(results):
@@ -254,9 +268,11 @@ TABLES = {
     "round-trip": round_trip_table,
     "idle": idle_table,
     "demo": demo_table,
+    "compression": compression_table,
     "growth": with_plot("growth", "Many producers at once", growth.growth_table),
     "geometry": geometry_table,
-    "frame": frame_table,
+    "frame": lambda results: ring_sweep_table(results, "frame", 256 << 10),
+    "ring-size": lambda results: ring_sweep_table(results, "ring", 8 << 20),
     "pause": pause_table,
 }
 
