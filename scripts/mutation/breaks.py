@@ -11,7 +11,8 @@ SWAPS = [(re.compile(token), other) for token, other in [
     (r" == ", " != "), (r" != ", " == "), (r" < ", " <= "), (r" > ", " >= "), (r" <= ", " < "),
     (r" >= ", " > "), (r" && ", " || "), (r" \|\| ", " && "), (r" \+ ", " - "), (r" - ", " + "),
     (r" \+= ", " -= "), (r" -= ", " += "), (r"\+\+(?=\w)", "--"), (r"(?<=\()!", ""),
-    (r" \? ", " ? !"), (r"\btrue\b", "false"), (r"\bfalse\b", "true"), (r" << 16", " << 15"),
+    # (`? 0` becomes `? 1`, as each number)
+    (r" \? (?!0\b)", " ? !"), (r"\btrue\b", "false"), (r"\bfalse\b", "true"), (r" << 16", " << 15"),
     (r" % ", " / "),
     # the width of an integer
     (r"\buint64_t\b", "uint32_t"), (r"\bint64_t\b", "int32_t"), (r"\buint32_t\b", "uint16_t"),
@@ -27,18 +28,35 @@ SWAPS = [(re.compile(token), other) for token, other in [
     (r" \| [A-Z][A-Z0-9_]+\b", ""), (r"\b[A-Z][A-Z0-9_]+ \| ", ""), (r"\bMSG_\w+\b", "0"),
     (r"\bPOLLRDHUP\b", "POLLIN"),
 ]]
-NUMBER = re.compile(r"(?<![\w.\"'])(0x[0-9A-Fa-f]+|\d+(?:'\d+)*)(?![\w.\"'])")
+# Any negative number says the same where -1 means "none".
+NUMBER = re.compile(r"(?<![\w.\"'])(?<![(, ]-)(0x[0-9A-Fa-f]+|\d+(?:'\d+)*)(?![\w.\"'])")
+# One larger shows nowhere: it is broken as one smaller.
+ROOM = re.compile(r"\s*[\w:]+ \w+\[(\d+)\](?: = \{\})?;")
+# Nothing reads a clock at this very nanosecond.
+MOMENT = re.compile(r"\bnow\(\)$")
 LITERAL = re.compile(r"'(?:[^'\\]|\\.[^']*)'|\"((?:[^\"\\]|\\.)*)\"")
 # In a narrower type it is the same number, or the compiler warns of it.
 CONSTANT = re.compile(r"\s*(static )?constexpr [\w: ]+ = [^;]*;")
 WIDTH = re.compile(r"int\d\d_t|size_t|off_t|unsigned (int|long)")
 NOT_BROKEN = re.compile(r"\s*(#|namespace\b|template\b|static_assert\b|$)")
 
+# A number that starts at 0: one that only counts cannot pass 32 bits while a test runs.
+COUNTER = re.compile(r"\s*std::uint64_t (\w+) = 0;")
+
 # Leaving these out, or moving them, says nothing or does not compile. (On x86-64 va_end does nothing.)
 FIXED = re.compile(r"\s*(return|throw|using|static_assert|break|continue|friend|public|private|protected|case"
                    r"|default|struct|class|enum|namespace|template|constexpr|goto|va_end|\[\[|~)\b|\s*[#}]")
-FIELD = re.compile(r"\s*([\w.>\[\]-]+ [%+-]?= |storeBig|\+\+|--|tool::(add|setStream)\("
-                   r"|\w+(\.\w+)*\.(reset|clear|insert|push_back|store)\()")
+# These neither fail nor read what another statement sets.
+SETTERS = (r"storeBig|tool::(add|setStream)|(RecordSteps::)?(fillOpen|fillSegmentFields|setSegmentAlg)"
+           r"|layout::write\w+|pvkstrcpy|countSegment|producer->commit|startWriting")
+FIELD = re.compile(rf"\s*([\w.>\[\]-]+ [%+-]?= |\+\+|--|({SETTERS})\w*\("
+                   r"|\w+((\.|->)\w+)*\.(reset|clear|insert|push_back|store|exceptions|imbue)\()")
+# Without it, the same is found sooner.
+PAUSE = re.compile(r"\s*(std::this_thread::sleep_for|nanosleep|__builtin_ia32_pause)\(")
+LOGGER = re.compile(r"\s*const ([\w:]+::)?Logger ")
+COMPUTED = re.compile(r"\s*const [^=]*= (.*);$", re.DOTALL)
+# Neither a pointer is followed nor an index used, and nothing is called but these.
+LOOKS_NOTHING_UP = re.compile(r"(?:[^(\[*>]|\* |> |\b(?:get|size|head|tail|min|max|now|string_view)\(|(?<!\w)\()*$")
 CALL = re.compile(r"\w\(")
 DECLARED = re.compile(r"\s*(?:static |const |unsigned |long )*[\w:]+(?:<[^=;]*>)?(?: const)?(?: ?[*&] ?| )(?:const )?"
                       r"(\w+)(?:\[[^\]]*\])?(?:;|\(| =|\{)")
@@ -53,16 +71,25 @@ def code_of(line):
     return line[:masked.find("//")] if "//" in masked else line
 
 
-def line_breaks(line):
-    """Every change of one token of a line."""
+def only_counts(name, text):
+    """Is this number only incremented, one at a time?"""
+    changes = re.findall(rf"(\+\+)?\b{name}\b( [-+%&|^]?= |\+\+|--)?", text)
+    return any(before for before, _ in changes) and not any(after for _, after in changes)
+
+
+def line_breaks(line, text):
+    """Every change of one token of a line; `text` is that of its file, and of the .cpp file beside it."""
     code = code_of(line)
     if NOT_BROKEN.match(code):
         return
+    counter = COUNTER.match(code)
+    counts = counter is not None and only_counts(counter[1], text.replace(line, ""))
     literals = list(LITERAL.finditer(code))
     in_text = lambda at: any(one[1] is not None and one.start() < at < one.end() for one in literals)
     for token, other in SWAPS:
         for match in token.finditer(code):
-            is_same = WIDTH.search(match[0]) and CONSTANT.match(code)
+            is_same = (WIDTH.search(match[0]) and (CONSTANT.match(code) or counts)
+                       or match[0] in (" < ", " >= ") and MOMENT.search(code[:match.start()]))
             if not in_text(match.start()) and not is_same:
                 yield line[:match.start()] + other + line[match.end():]
     for match in NUMBER.finditer(code):
@@ -71,7 +98,9 @@ def line_breaks(line):
             base, form = (16, "0x%X") if number.startswith("0x") else (
                 8, "0%o") if number.startswith("0") and len(number) > 1 else (10, "%d")
             value = int(number, base)
-            other = form % (2 * value if "'" in match[1] else value + 1)  # 1'000'001 shows nowhere
+            other = form % (value - 1 if ROOM.match(code) and value > 1
+                            else 2 * value if "'" in match[1]  # 1'000'001 shows nowhere
+                            else value + 1)
             yield line[:match.start()] + other + line[match.end():]
     for match in filter(lambda one: one[1], literals):
         middle = match.start(1) + len(match[1]) // 2
@@ -107,6 +136,20 @@ class Statement:
 
     def is_trace(self):
         return self.text.lstrip().startswith("if (TraceOn())")
+
+    def is_guard(self):
+        """An `if` after which nothing is done when it holds."""
+        inner = [line for line in self.lines[1:-1] if indent_of(line) == self.indent + 2]
+        return self.text.lstrip().startswith("if (") and bool(inner) and re.match(
+            r"\s*(return|throw|fail\w*\()", inner[-1]) is not None
+
+    def is_computed(self):
+        """A constant made of values that are there: it has no effect, and cannot fail."""
+        match = COMPUTED.match(self.text)
+        return match is not None and LOOKS_NOTHING_UP.match(match[1]) is not None
+
+    def is_logger(self):
+        return LOGGER.match(self.text) is not None
 
     def is_log(self):
         return self.text.lstrip().startswith("log.")
@@ -175,7 +218,7 @@ def statements(lines):
 def left_out(lines, found):
     """Statements left out, locks too. A declaration whose name is needed below stays."""
     for one in found:
-        if one.is_outer or one.is_fixed:
+        if one.is_outer or one.is_fixed or PAUSE.match(one.text):
             continue
         below = []
         for line in lines[one.last:]:
@@ -199,7 +242,9 @@ def in_other_order(lines, found):
 
     def may_swap(a, b):
         shows_nowhere = (a.is_field() and (b.is_trace() or b.name or b.is_log() and not b.shows(a))
-                         or b.is_field() and (a.is_trace() or a.name or a.is_log() and not a.shows(b)))
+                         or b.is_field() and (a.is_trace() or a.name or a.is_log() and not a.shows(b))
+                         or a.is_guard() and b.is_computed() or b.is_guard() and a.is_computed()
+                         or a.is_logger() and b.name or b.is_logger() and a.name)
         return not (a.is_fixed or b.is_fixed or b.needs(a) or a.needs(b) or a.is_outer and b.is_outer
                     or shows_nowhere)
 
@@ -231,17 +276,28 @@ def in_other_order(lines, found):
                     yield one.first, field.last, field.lines + lines[one.first:field.first]
 
 
-def breaks_of(path, text):
-    """Every break of the file at `path`, whose content is `text`."""
+def not_compiled(lines):
+    """The numbers of the lines that are for a sanitizer, which the tests are not built with."""
+    found, inside = set(), False
+    for at, line in enumerate(lines):
+        if line.startswith("#"):
+            inside = line.startswith("#ifdef __SANITIZE")
+        elif inside:
+            found.add(at)
+    return found
+
+
+def breaks_of(path, text, beside=""):
+    """Every break of the file at `path`, whose content is `text`; `beside`: that of the .cpp file beside it."""
     lines = text.splitlines()
     found = list(statements(lines))
-    made = [(at, at + 1, [new]) for at, line in enumerate(lines) for new in line_breaks(line)]
+    made = [(at, at + 1, [new]) for at, line in enumerate(lines) for new in line_breaks(line, text + beside)]
     made += left_out(lines, found)
     made += in_other_order(lines, found)
-    seen = set()
+    seen, dead = set(), not_compiled(lines)
     for first, last, new in sorted(made, key=lambda one: one[0]):
         key = (first, last, tuple(new))
-        if key not in seen:
+        if key not in seen and first not in dead:
             seen.add(key)
             yield Break(path, first, last, lines[first:last], new)
 
