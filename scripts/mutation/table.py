@@ -19,16 +19,16 @@ RING = ["ring_tests"]
 OVER_RINGS = ["writer_tests */Ring.*"]  # of the tests that run over both transports
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
 ORVANED = [
-    "orvaned_call_tests OutputFile*:StreamFolder*:Segment*:Worker*",
-    "orvaned_tests StreamStateTest.*:OutputFileTest.*:RecoveryTest.*:RecoveryInFormat2.*:"
-    "UnfinishedStreams.*:SyncTest.*:"
+    "orvaned_call_tests OutputFile*:StreamFolder*:Segment*:CompressedStream.*:Worker*",
+    "orvaned_tests StreamStateTest.*:OutputFileTest.*:SegmentFileTest.*:RecoveryTest.*:"
+    "RecoveryInFormat2.*:CompressedRecovery.*:UnfinishedStreams.*:SyncTest.*:"
     "StreamTest.*:StreamEndTest.*:StreamIdTest.*:StoreFailureTest.*:RefusalTest.*:Pause.*:Run.*:"
     "Step.*:WorkerSource.*:WorkersLog.*:TotalsTest.*:QueuePairTest.*:LargeStream.*",
     "store_format_tests Manifest*:*Line.*:Stream*",
 ]
 STORE_FORMAT = [
-    "store_format_tests Manifest*:*Line.*:*ListedFile.*:Stream*:*NoStreamId.*",
-    "orvaned_tests RecoveryTest.*:RecoveryInFormat2.*:UnfinishedStreams.*",
+    "store_format_tests",
+    "orvaned_tests RecoveryTest.*:RecoveryInFormat2.*:CompressedRecovery.*:UnfinishedStreams.*",
 ]
 
 TABLE = [
@@ -39,10 +39,12 @@ TABLE = [
     Row(["src/lease/*"], LEASE),
     Row(["src/ring/*"], RING + OVER_RINGS + LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
-        "worker", "stream_state", "output_file", "segment_finish", "stream_folder", "manifest_file",
-        "manifest_content", "unfinished_streams", "unfinished_stream_folder", "recovery")], ORVANED),
+        "worker", "stream_state", "output_file", "segment_file", "segment_finish", "frame_end",
+        "stream_folder", "manifest_file", "manifest_content", "unfinished_streams",
+        "unfinished_stream_folder", "recovery")], ORVANED),
     Row([f"tools/store_format/{name}.?pp" for name in (
-        "manifest", "manifest_*", "stream_*")], STORE_FORMAT),
+        "manifest", "manifest_*", "stream_*", "segment_content", "frame_reader", "removed_stream")],
+        STORE_FORMAT),
 ]
 
 # Tells the processor something, and the program nothing.
