@@ -51,20 +51,27 @@ def poll(condition, bound, complaint):
     return result
 
 
+def stat_of(pid):
+    """The fields of its /proc/PID/stat after the name, which may hold anything; none when it has ended."""
+    try:
+        with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as file:
+            return file.read().rpartition(")")[2].split()
+    except (FileNotFoundError, ProcessLookupError):
+        return []
+
+
+def is_in(session, pid):
+    try:
+        return os.getsid(pid) == session
+    except ProcessLookupError:
+        return False
+
+
 def living_processes(session):
     """Processes of the session that have not ended; one nobody reaps yet counts as ended."""
-    found = []
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
-        try:
-            # The name, in brackets, may hold anything: what counts comes after it.
-            fields = Path("/proc", entry, "stat").read_text().rpartition(")")[2].split()
-        except (FileNotFoundError, ProcessLookupError):
-            continue
-        if int(fields[3]) == session and fields[0] not in "ZX":
-            found.append(int(entry))
-    return found
+    pids = [int(entry) for entry in os.listdir("/proc") if entry.isdigit()]
+    own = [pid for pid in pids if is_in(session, pid)]  # first, because it is called very often
+    return [pid for pid in own if (stat_of(pid) or "Z")[0] not in "ZX"]
 
 
 def name_of(pid):
@@ -85,10 +92,8 @@ def open_files(pid):
 
 def parent_of(pid):
     """Nothing when it has ended."""
-    try:
-        return int(Path("/proc", str(pid), "stat").read_text().rpartition(")")[2].split()[1])
-    except (FileNotFoundError, ProcessLookupError):
-        return None
+    fields = stat_of(pid)
+    return int(fields[1]) if fields else None
 
 
 def signal_to(pid, number):

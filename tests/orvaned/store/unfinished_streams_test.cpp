@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <climits>
 #include <future>
+#include <map>
 #include <optional>
 #include <thread>
 
@@ -36,7 +37,7 @@ class UnfinishedStreams : public RecoveryTest {
 
   Names found() const { return namesOf(LocalUnfinishedStreams(store.path())); }
   Names found(const std::string& queue) const {
-    return namesOf(LocalUnfinishedStreams(store.path(), queue));
+    return namesOf(LocalUnfinishedStreams(store.path(), queue, queue));
   }
   Names namesOf(LocalUnfinishedStreams streams) const {
     Names names;
@@ -135,6 +136,23 @@ TEST_F(UnfinishedStreams, OfOneQueueAreThoseOfThatNameWhoseManifestSaysNothing) 
   EXPECT_EQ(found("orders"),
             (Names{"orders-20261121T023224-4711_0", "orders-20261121T023224-4711_1",
                    "orders-20261121T023224-4711_2"}));
+}
+
+// The ids of a lease's streams begin with the socket's name, and not with that of the lease's
+// queue.
+TEST_F(UnfinishedStreams, OfOneLeaseAreThoseOfItsSocketWhoseManifestSaysNothing) {
+  make("backups-20261121T023224-4711_0");
+  make("backups-app.log-20261121T023224-4711_1", "format=2\nque");
+  make("backups-20261121T023224-4711_2", "format=2\nqueue=another lease\n");
+  make("backups2-20261121T023224-4711_3");
+  LocalUnfinishedStreams streams(store.path(), "lease", "backups");
+
+  std::map<std::string, std::string> queues;
+  while (const auto stream = streams.next()) {
+    queues[stream->head.stream] = stream->head.queue;
+  }
+  EXPECT_EQ(queues, (std::map<std::string, std::string>{{"20261121T023224-4711_0", "lease"},
+                                                        {"20261121T023224-4711_1", "lease"}}));
 }
 
 // Its own server finishes what its worker leaves, and knows why the worker ended.

@@ -111,6 +111,24 @@ TEST_F(SupervisorTest, EndsAWorkerWhoseBrokerDiedAndFinishesItsStream) {
   EXPECT_EQ(readFile(folderOf(producer.name) + "/segment-000000"), "hello");
 }
 
+// The broker can die between the creation of a stream's folder and that of its manifest.
+TEST_F(SupervisorTest, FinishesALeasesStreamWhoseManifestHasNotBegun) {
+  const std::string first = store.path() + "/dead-20200101T000004-1_0";
+  fs::create_directory(first);
+  start();
+  LeasedProducer producer(socket);
+  // The search for the streams of dead servers is over.
+  ASSERT_TRUE(eventually([&] { return fs::exists(first + "/manifest"); }));
+  const std::string stream = store.path() + "/" + socketName() + "-20200101T000004-1_1";
+  fs::create_directory(stream);
+  EXPECT_EQ(producer.queues.ask({kOpen, kHello}), (Answer{0, ""}));
+  killBrokers();
+  ASSERT_TRUE(eventually([&] { return fs::exists(stream + "/manifest"); }));
+  const std::string manifest = readFile(stream + "/manifest");
+  EXPECT_NE(manifest.find("\nqueue=" + producer.name + "\n"), std::string::npos) << manifest;
+  EXPECT_NE(manifest.find("reason=its%20worker%20died\n"), std::string::npos) << manifest;
+}
+
 // Such a worker can end in order, before the supervisor looks.
 TEST_F(SupervisorTest, FinishesTheStreamOfAWorkerThatEndedWithoutItsBroker) {
   start();

@@ -48,18 +48,18 @@ std::optional<std::string> finalNameOf(const std::string& name) {
   return name == unnamedFolderOf(final) ? std::optional(final) : std::nullopt;
 }
 
-// The queue that the manifest of an unfinished stream names. A manifest that cannot be read now is
-// reported when the stream cannot be finished.
-std::string queueOf(const std::string& path, const tool::StreamHead& known) {
+// The queue that the manifest of an unfinished stream names, or "". A manifest that cannot be read
+// now is reported when the stream cannot be finished.
+std::string queueOf(const std::string& path) {
   try {
     const std::string part = path + "/" + kManifest + kUnfinished;
     tool::ManifestReader manifest(tool::openStored(part), part);
     tool::StreamHeadParser head;
     for (auto line = manifest.next(); line && head.take(*line); line = manifest.next()) {
     }
-    return head.head().queue.empty() ? known.queue : head.head().queue;
+    return head.head().queue;
   } catch (const std::runtime_error&) {
-    return known.queue;
+    return "";
   }
 }
 
@@ -71,12 +71,26 @@ bool isAnotherUsers(const std::string& path) {
 
 }  // namespace
 
-LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, const std::string& queue)
-    : LocalUnfinishedStreams(store, [queue](const std::string& other) { return other != queue; }) {}
+LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, const std::string& queue,
+                                               const std::string& nameInIds)
+    : LocalUnfinishedStreams(
+          store, [queue](const std::string& other) { return other != queue; },
+          [nameInIds](const std::string& nameAndLabel) {
+            return nameAndLabel != nameInIds && !nameAndLabel.starts_with(nameInIds + "-");
+          }) {
+  for (Found& one : found) {
+    one.head.queue = queue;
+  }
+}
 
 LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, IsServed isServed)
+    : LocalUnfinishedStreams(store, isServed, isServed) {}
+
+LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, IsServed isServed,
+                                               IsServed isNameServed)
     : store(store),
       isServed(std::move(isServed)),
+      isNameServed(std::move(isNameServed)),
       giveUpAt(std::chrono::steady_clock::now() + kTimeToDie) {
   if (store == kNullStore) {
     return;
@@ -101,13 +115,17 @@ LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, IsServe
       removeUnnamed(entry.path());
       continue;
     }
-    // Without its manifest only the name of its folder is known, which begins with the queue's.
-    const tool::StreamHead head = {.queue = id->nameAndLabel, .stream = id->stream};
-    if (!fs::exists(entry.path() / kManifest, ignored) &&
-        !this->isServed(queueOf(entry.path(), head))) {
-      found.push_back({entry.path(), head});
+    // Without its manifest only its id is known. That of a fixed queue's stream is QUEUE-TIME-...
+    Found one = {entry.path(), id->nameAndLabel, {.queue = id->nameAndLabel, .stream = id->stream}};
+    if (!fs::exists(entry.path() / kManifest, ignored) && isLookedFor(one)) {
+      found.push_back(std::move(one));
     }
   }
+}
+
+bool LocalUnfinishedStreams::isLookedFor(const Found& one) const {
+  const std::string queue = queueOf(one.path);
+  return queue.empty() ? !isNameServed(one.nameAndLabel) : !isServed(queue);
 }
 
 // A folder that was locked and cannot be opened any more has been moved, maybe with the whole
@@ -117,7 +135,8 @@ bool LocalUnfinishedStreams::isInUse(Found& one, const LocalDirectory& folder) {
     return !one.usedBy.empty();
   }
   if (one.usedBy.empty()) {
-    one.usedBy = queueOf(one.path, one.head);
+    const std::string queue = queueOf(one.path);
+    one.usedBy = queue.empty() ? one.head.queue : queue;
   }
   return true;
 }
@@ -137,7 +156,7 @@ std::optional<UnfinishedStream> LocalUnfinishedStreams::next() {
         return UnfinishedStream{std::move(one.head), std::move(folder)};
       }
       if (isInUse(one, *folder)) {
-        if (!isServed(one.usedBy)) {  // which its manifest may not have told yet
+        if (!folder->isOpen() || isLookedFor(one)) {  // its manifest may tell its queue by now
           locked.push_back(std::move(one));
         }
       } else if (!isAnotherUsers(one.path)) {

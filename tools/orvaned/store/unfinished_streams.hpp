@@ -41,8 +41,10 @@ class LocalUnfinishedStreams : public UnfinishedStreams {
   explicit LocalUnfinishedStreams(
       const std::string& store, IsServed isServed = [](const std::string&) { return false; });
 
-  // Finds those of one queue. Throws as above.
-  LocalUnfinishedStreams(const std::string& store, const std::string& queue);
+  // Finds those of one queue. `nameInIds` is the NAME in the ids of its streams; a stream whose
+  // manifest does not tell its queue yet is one of them if its id begins so. Throws as above.
+  LocalUnfinishedStreams(const std::string& store, const std::string& queue,
+                         const std::string& nameInIds);
 
   // Returns those first that can be locked at once. Waits up to 2 seconds in all for the others:
   // the last process of a dead server may still be about to end.
@@ -57,15 +59,20 @@ class LocalUnfinishedStreams : public UnfinishedStreams {
  private:
   struct Found {
     std::string path;
+    std::string nameAndLabel;  // of its id
     tool::StreamHead head;
     std::string usedBy = {};  // its queue, if it was locked
   };
 
+  LocalUnfinishedStreams(const std::string& store, IsServed isServed, IsServed isNameServed);
+
+  bool isLookedFor(const Found& one) const;
   bool isInUse(Found& one, const LocalDirectory& folder);
 
   const std::string store;
   const IsServed isServed;
-  std::vector<Found> found;  // not tried yet in this round
+  const IsServed isNameServed;  // of a stream whose queue is not known: is its NAME-LABEL?
+  std::vector<Found> found;     // not tried yet in this round
   std::vector<Found> locked;
   std::vector<std::string> inUse;
   bool isLastRound = false;

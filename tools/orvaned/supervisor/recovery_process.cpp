@@ -13,6 +13,7 @@
 #include "store/broker.hpp"
 #include "store/brokered_store.hpp"
 #include "store/recovery.hpp"
+#include "store_format/stream_id.hpp"
 #include "worker/confinement.hpp"
 
 namespace orvaned {
@@ -36,12 +37,16 @@ bool isLeasedByALivingServer(const std::string& queue) {
   return tool::runOf(queue) && ownerOfLeased(queue) == tool::LockFile::OwnerState::alive;
 }
 
+std::string nameInIds(const Options& options, const std::string& queue) {
+  return tool::runOf(queue) ? tool::nameOfSocket(options.socket) : queue;
+}
+
 // Runs in the broker's process.
 int searchStore(const Options& options, const std::string& queue, tool::Fd confined) {
   try {
     LocalUnfinishedStreams unfinished =
         queue.empty() ? LocalUnfinishedStreams(options.store, isLeasedByALivingServer)
-                      : LocalUnfinishedStreams(options.store, queue);
+                      : LocalUnfinishedStreams(options.store, queue, nameInIds(options, queue));
     Broker({options.store, {}, options.sync, &unfinished}, std::move(confined)).run();
     const std::vector<std::string>& inUse = unfinished.queuesInUse();
     const bool isMoreLater =
