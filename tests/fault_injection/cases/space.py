@@ -1,6 +1,7 @@
 """No room left, in /dev/shm or in the store: small file systems of the case's own."""
 
 import errno
+import os
 import subprocess
 import time
 from pathlib import Path
@@ -32,7 +33,7 @@ def no_room_for_leases(scene):
     scene.send(may_fail=EVERYBODY)
     scene.until_an_instant()
     filler = fill(scene, "/dev/shm")
-    scene.undo = filler.unlink
+    scene.undo = lambda: empty(filler)
 
 
 @case("the store's disk small from the start", needs=("mounts",), often=2)
@@ -58,7 +59,7 @@ def disk_filled(scene):
     scene.until_an_instant()
     filler = fill(scene, scene.store)
     time.sleep(pause)
-    filler.unlink()
+    empty(filler)
 
 
 def mount(scene, folder, size):
@@ -91,3 +92,9 @@ def fill(scene, folder):
         if error.errno != errno.ENOSPC:
             raise Broken(f"cannot fill {folder}: {error}") from error
     return filler
+
+
+def empty(filler):
+    """A process that is just being started may still have the file open, so it is cut first."""
+    os.truncate(filler, 0)
+    filler.unlink()
