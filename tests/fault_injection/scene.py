@@ -240,7 +240,7 @@ class Scene:
     def check_recovery(self):
         """Nothing is left of dead servers, whose last processes may outlive them a little."""
         poll(lambda: not self.has_unfinished(), START_BOUND, "not every stream was finished")
-        dead = [server.pid for server in self.servers[:-1]]
+        dead = [server.pid for server in self.servers[:-1]] + self.dead_runs
         poll(lambda: not any(self.is_leased_from(dead, path.name) for path in self.shm_files()),
              START_BOUND, f"{SHM} was not cleaned up after a dead server")
 
