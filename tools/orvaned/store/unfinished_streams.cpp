@@ -83,7 +83,7 @@ LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, const s
   }
 }
 
-LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, IsServed isServed)
+LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, const IsServed& isServed)
     : LocalUnfinishedStreams(store, isServed, isServed) {}
 
 LocalUnfinishedStreams::LocalUnfinishedStreams(const std::string& store, IsServed isServed,

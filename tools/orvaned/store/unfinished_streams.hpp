@@ -39,7 +39,8 @@ class LocalUnfinishedStreams : public UnfinishedStreams {
   // finished by its own server, which knows why the worker ended. Throws std::runtime_error when
   // the store cannot be listed.
   explicit LocalUnfinishedStreams(
-      const std::string& store, IsServed isServed = [](const std::string&) { return false; });
+      const std::string& store,
+      const IsServed& isServed = [](const std::string&) { return false; });
 
   // Finds those of one queue. `nameInIds` is the NAME in the ids of its streams; a stream whose
   // manifest does not tell its queue yet is one of them if its id begins so. Throws as above.
