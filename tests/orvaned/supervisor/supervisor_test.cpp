@@ -1,10 +1,10 @@
 // What must not end, delay or double the supervisor.
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -12,9 +12,9 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "queue/message_queue.hpp"
+#include "shm/fd.hpp"
 #include "shm/lock_file.hpp"
 #include "store/stream_directory.hpp"
 #include "support/lease_fixture.hpp"
@@ -206,10 +206,16 @@ TEST_F(SupervisorTest, KeepsItsLeasesWhenTheStoreIsAwayWhileADeadRunLingers) {
 TEST_F(SupervisorTest, LooksAgainForStreamsThatWentAwayWithTheStore) {
   const std::string stream = store.path() + "/moved-20200101T000004-1_0";
   fs::create_directory(stream);
+  writeFile(stream + "/manifest.part", "");
   auto inUse = std::make_unique<orvaned::LocalDirectory>(stream);
   ASSERT_TRUE(inUse->lock());
+  const tool::Fd events(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ASSERT_GE(inotify_add_watch(events.get(), (stream + "/manifest.part").c_str(), IN_CLOSE_NOWRITE),
+            0);
   start();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the search has found it
+  // The search has listed the store, because it has read this file.
+  alignas(inotify_event) char event[sizeof(inotify_event)];
+  ASSERT_TRUE(eventually([&] { return read(events.get(), event, sizeof event) > 0; }));
   fs::rename(store.path(), storeAway);
   ASSERT_TRUE(server->says("cannot look for unfinished streams, trying again"));
   inUse.reset();

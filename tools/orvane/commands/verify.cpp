@@ -135,7 +135,7 @@ void printText(const StreamReport& report) {
   }
 }
 
-// What all reports together tell.
+// The totals of all reports.
 struct Sum {
   std::uint64_t streams = 0;
   std::uint64_t files = 0;

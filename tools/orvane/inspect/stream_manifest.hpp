@@ -24,7 +24,7 @@ struct ListedSegment {
 void forEachSegment(const std::string& manifest,
                     const std::function<bool(const ListedSegment&)>& visit);
 
-// What the manifest of a stream that has ended tells against the stream.
+// The reasons why a stream that has ended is not whole, as its manifest shows them.
 struct Flaws {
   std::string ofManifest;  // "": it is whole
   std::string ofStream;    // "": its producer closed it

@@ -19,7 +19,7 @@ struct UnlistedSegment {
   std::uint64_t fileBytes = 0;
 };
 
-// What the files of a stream tell that has not ended.
+// An open stream, as its files show it.
 struct OpenStream {
   StreamHead head;  // with an empty queue until the first lines of the manifest are there
   std::vector<SegmentSummary> listed;

@@ -20,7 +20,7 @@ struct FinishedStream {
   std::uint64_t allocated = 0;  // what these take on the disk
 };
 
-// What a store holds.
+// The content of a store.
 struct StoreContent {
   std::vector<FinishedStream> finished;  // the oldest first, by their end
   std::vector<std::string> unreadable;   // ids of streams whose manifest cannot be read

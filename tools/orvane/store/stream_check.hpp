@@ -15,7 +15,7 @@
 
 namespace tool {
 
-// What is wrong with one file of a stream.
+// A file of a stream and its fault.
 struct FileFault {
   std::string file;
   std::string fault;

@@ -14,8 +14,8 @@
 
 namespace tool {
 
-// Sends streams over leases. A label belongs to a lease, so a stream whose label differs from that
-// of the one before gets another lease.
+// Sends streams over leases. A label belongs to a lease, so a stream gets another lease if its
+// label differs from that of the last stream.
 class LeasedSender {
  public:
   // Takes the first lease. A signal may end the process meanwhile, because nothing is sent yet.
