@@ -31,9 +31,9 @@ struct Case {
   const Form* form = nullptr;
   std::string geometry;
   std::string pauses;
-  std::size_t frame;
-  std::size_t ring;
-  std::size_t size;
+  std::size_t frame = 0;
+  std::size_t ring = 0;
+  std::size_t size = 0;
   std::string work;
 };
 

@@ -122,10 +122,12 @@ TEST_F(Dump, OfAFileOfRecordsTellsWhatIsNoRecord) {
   for (const std::string& rest : {std::string("x"), record.substr(0, 47), record.substr(0, 52),
                                   std::string(48, 'x') + record}) {
     const std::string size = std::to_string(rest.size());
-    const std::string bytes = size + (rest.size() == 1 ? " byte" : " bytes");
+    std::string printed = shown;
+    printed.append("broken: ").append(size).append(rest.size() == 1 ? " byte" : " bytes");
+    printed.append(" at byte 53 belong to no record\n");
     const Ended ended = dump(record + rest);
     EXPECT_EQ(ended.how, "exit 1");
-    EXPECT_EQ(ended.out, shown + "broken: " + bytes + " at byte 53 belong to no record\n");
+    EXPECT_EQ(ended.out, printed);
     EXPECT_EQ(ended.err, "orvane dump: 1 broken record in " + file + "\n");
     EXPECT_TRUE(dump(record + rest, {"--json"})
                     .out.ends_with("}\n{\"stray\":" + size + ",\"offset\":53}\n"));
