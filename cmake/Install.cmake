@@ -60,3 +60,16 @@ if(ORVANE_BUILD_TOOLS)
   install(FILES ${completions}/_orvane COMPONENT tools
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/${zsh_folder})
 endif()
+
+if(ORVANE_BUILD_TOOLS AND ORVANE_HAS_NATS)
+  set_target_properties(orvane_forward orvane_fetch PROPERTIES
+    INSTALL_RPATH $ORIGIN/${libraries_from_tools})
+  install(TARGETS orvane_forward orvane_fetch RUNTIME COMPONENT forward)
+  install(FILES docs/man/orvane-forward.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT forward)
+  install(FILES docs/man/orvane-fetch.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT forward)
+  # These two shells look for a file with the name of the command.
+  install(FILES ${completions}/orvane.bash RENAME orvane-forward COMPONENT forward
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES ${completions}/orvane.fish RENAME orvane-forward.fish COMPONENT forward
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+endif()

@@ -3,7 +3,7 @@
 set(here ${CMAKE_CURRENT_LIST_DIR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL libraries development tools)
+set(CPACK_COMPONENTS_ALL libraries development tools forward)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_NAME orvane)
@@ -16,6 +16,10 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE orvane)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${here}/compress.cmake)
 set(same_version "liborvane1 (= ${PROJECT_VERSION})")
+
+if(NOT ORVANE_HAS_NATS)
+  message(FATAL_ERROR "The packages need libnats: `scripts/deps forward` installs it")
+endif()
 
 # What a library offers, each with the version that it came with.
 set(symbols ${CMAKE_CURRENT_BINARY_DIR}/symbols)
@@ -63,6 +67,20 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
 install(FILES ${here}/orvaned@.service ${here}/orvaned-prune@.service ${here}/orvaned-prune@.timer
   DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES ${here}/orvaned.sysusers DESTINATION lib/sysusers.d RENAME orvaned.conf COMPONENT tools)
+
+set(CPACK_DEBIAN_FORWARD_PACKAGE_NAME orvane-forward)
+set(CPACK_DEBIAN_FORWARD_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_FORWARD_PACKAGE_DEPENDS "${same_version}, orvane-tools (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_FORWARD_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_FORWARD_DESCRIPTION
+"Streams of records to a local server: forwarding to a cluster
+The program orvane-forward sends the streams that orvaned has stored to a
+NATS cluster, when they have ended. orvane fetch reads them from there.")
+set(CPACK_DEBIAN_FORWARD_PACKAGE_CONTROL_EXTRA
+  ${here}/orvane-forward/postinst
+  ${here}/orvane-forward/prerm
+  ${here}/orvane-forward/postrm)
+install(FILES ${here}/orvane-forward@.service DESTINATION lib/systemd/system COMPONENT forward)
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} key)

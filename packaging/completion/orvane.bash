@@ -38,6 +38,7 @@ _orvane_words() {
 }
 
 _orvane() {
+  [[ ${1##*/} != orvane-forward ]] || { _orvane_forward "$1" && return; }
   local command= word=${COMP_WORDS[COMP_CWORD]}
   ((COMP_CWORD == 1)) || command=${COMP_WORDS[1]}
   mapfile -t COMPREPLY < <(
@@ -45,5 +46,11 @@ _orvane() {
   )
 }
 
+_orvane_forward() {
+  local word=${COMP_WORDS[COMP_CWORD]}
+  [[ $word != -* ]] || mapfile -t COMPREPLY < <(compgen -W "$(_orvane_options "$1")" -- "$word")
+}
+
 # Where it offers nothing, the shell completes the names of files.
 complete -o default -F _orvane orvane
+complete -o default -F _orvane_forward orvane-forward

@@ -22,6 +22,10 @@ function __orvane_streams
     eval (__orvane_program) streams --json 2>/dev/null | sed -n 's/^{"stream":"\([^"]*\)".*/\1/p'
 end
 
+function __orvane_forward_options
+    eval (__orvane_program) --help 2>/dev/null | sed -n 's/^  \(-[a-z],\)\{0,1\}\(--[a-z-]\{1,\}\).*/\2/p'
+end
+
 # Is this the place of a command, of an option, of the value of one of these options, or of a word?
 function __orvane_at
     set -l words (commandline -opc)
@@ -47,3 +51,4 @@ complete -c orvane -n '__orvane_at word stat' -f -a '(__orvane_queues)'
 complete -c orvane -n '__orvane_at word clean' -a '(__orvane_queues)'
 complete -c orvane -n '__orvane_at word cat' -f -a '(__orvane_streams)'
 complete -c orvane -n '__orvane_at word dump verify' -a '(__orvane_streams)'
+complete -c orvane-forward -n '__orvane_at option' -f -a '(__orvane_forward_options)'

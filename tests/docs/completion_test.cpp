@@ -114,6 +114,21 @@ TEST_P(Completion, OffersTheOptionsOfTheHelpOfEachCommand) {
   }
 }
 
+#ifdef ORVANE_FORWARD_PATH
+TEST_P(Completion, OffersTheOptionsOfTheForwarder) {
+  std::istringstream help(run({ORVANE_FORWARD_PATH, "--help"}).out);
+  Words options;
+  std::smatch parts;
+  for (std::string line; std::getline(help, line);) {
+    if (std::regex_match(line, parts, std::regex("  (?:-[a-z],)?(--[a-z-]+).*"))) {
+      options.push_back(parts[1]);
+    }
+  }
+  ASSERT_EQ(sorted(options).front(), "--creds");
+  EXPECT_EQ(offered({"orvane-forward", "--"}), sorted(options));
+}
+#endif
+
 TEST_P(Completion, OffersTheQueuesThatAreThere) {
   const Server server;
   const std::string begin = server.queue().substr(0, server.queue().size() - 1);

@@ -22,6 +22,7 @@ TEST(Help, NamesEveryCommand) {
   EXPECT_TRUE(contains(ended.out, "\n  dump "));
   EXPECT_TRUE(contains(ended.out, "\n  verify "));
   EXPECT_TRUE(contains(ended.out, "\n  prune "));
+  EXPECT_TRUE(contains(ended.out, "\n  fetch "));
   EXPECT_TRUE(contains(ended.out, "\n  help "));
 }
 
@@ -51,7 +52,7 @@ TEST(Help, OfWhatLooksAtQueuesAndStreamsNamesOptionsAndExitCodes) {
       {"stat", {"NAME", "--interval SECONDS=1", "--json"}},
       {"streams",
        {"STORE", "--since TIME", "--until TIME", "--queue NAME", "--label TEXT", "--end END",
-        "--json", "yesterday"}},
+        "--json", "--nats URL", "--creds FILE", "yesterday"}},
       {"cat",
        {"STREAM", "--store STORE", "--last", "--segment NUMBER", "--follow", "--socket PATH",
         "--force"}},
@@ -60,7 +61,10 @@ TEST(Help, OfWhatLooksAtQueuesAndStreamsNamesOptionsAndExitCodes) {
       {"verify", {"NAME", "--store STORE", "--quiet", "--json"}},
       {"prune",
        {"STORE", "--older-than DURATION", "--keep-bytes SIZE", "--keep-free SIZE", "--end END",
-        "--dry-run", "--json"}}};
+        "--forwarded", "--dry-run", "--json"}},
+      {"fetch",
+       {"STREAM", "DIR", "--nats URL", "--creds FILE", "--follow", "--timeout SECONDS=30",
+        "--json"}}};
   for (const auto& [command, parts] : commands) {
     const Ended ended = run({ORVANE_PATH, command, "-h"});
     EXPECT_EQ(ended.how, "exit 0");
@@ -121,8 +125,8 @@ TEST(Output, ThatCannotBeWrittenFailsEveryCommand) {
 TEST(Help, EveryCommandTellsTheVersion) {
   EXPECT_EQ(run({ORVANE_PATH, "--version"}).out, "orvane " ORVANE_VERSION "\n");
   EXPECT_EQ(run({ORVANE_PATH, "send", "--version"}).out, "orvane " ORVANE_VERSION "\n");
-  for (const char* command :
-       {"demo", "ls", "stat", "streams", "cat", "clean", "dump", "verify", "prune", "help"}) {
+  for (const char* command : {"demo", "ls", "stat", "streams", "cat", "clean", "dump", "verify",
+                              "prune", "fetch", "help"}) {
     EXPECT_EQ(run({ORVANE_PATH, command, "--version"}).out, "orvane " ORVANE_VERSION "\n");
   }
 }

@@ -107,13 +107,24 @@ TEST(Manual, OfTheServerHasItsOptions) {
 TEST(Manual, OfTheCommandHasItsOptions) {
   const std::string manual = readFile(MAN_FOLDER "/orvane.1");
   for (const char* command : {"send", "demo", "ls", "stat", "streams", "cat", "clean", "dump",
-                              "verify", "prune", "help"}) {
+                              "verify", "prune", "fetch", "help"}) {
     SCOPED_TRACE(command);
     Options options = optionsOf({ORVANE_PATH, command, "--help"});
     EXPECT_EQ(options.erase("help") + options.erase("version"), 2U);  // said once, for all
     expectSameOptions(partOf(manual, std::string(".Ss ") + command), options);
   }
 }
+
+#ifdef ORVANE_FORWARD_PATH
+TEST(Manual, OfTheForwarderHasItsOptionsAndExitCodes) {
+  const Options options = optionsOf({ORVANE_FORWARD_PATH, "--help"});
+  const std::string manual = readFile(MAN_FOLDER "/orvane-forward.8");
+
+  ASSERT_EQ(options.at("streams-at-once").value, "4");
+  expectSameOptions(partOf(manual, ".Sh OPTIONS"), options);
+  EXPECT_EQ(itemsOf(partOf(manual, ".Sh EXIT STATUS"), "").size(), 3U);
+}
+#endif
 
 TEST(Manual, OfTheCommandHasAllCommands) {
   const std::string help = run({ORVANE_PATH, "--help"}).out;
@@ -123,7 +134,7 @@ TEST(Manual, OfTheCommandHasAllCommands) {
   for (std::string name, rest; lines >> name && std::getline(lines, rest); ++count) {
     EXPECT_TRUE(contains(manual, "\n.Ss " + name + "\n")) << name;
   }
-  EXPECT_EQ(count, 11);
+  EXPECT_EQ(count, 12);
 }
 
 // "  3  the server refused" of the help is "The server refused." of the manual.

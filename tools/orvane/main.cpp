@@ -76,7 +76,7 @@ int parseAndRun(int argc, char** argv) {
   const std::array commands = {tool::addSend(app),  tool::addDemo(app),    tool::addLs(app),
                                tool::addStat(app),  tool::addStreams(app), tool::addCat(app),
                                tool::addClean(app), tool::addDump(app),    tool::addVerify(app),
-                               tool::addPrune(app), tool::addHelp(app)};
+                               tool::addPrune(app), tool::addFetch(app),   tool::addHelp(app)};
   const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
   if (arguments.empty()) {
     std::fputs(app.help().c_str(), stdout);

@@ -156,6 +156,29 @@ TEST_F(Prune, RemovesOnlyWhatEndedSo) {
   expectRemoved({"--older-than", "1d", "--end", "broken"}, {});
 }
 
+// A cluster may have what it has acknowledged in memory only, for a minute.
+TEST_F(Prune, RemovesOnlyWhatAClusterHasHadForAWhile) {
+  fs::create_directory(path(".forwarded"));
+  writeFile(path(".forwarded", kA), "");
+  writeFile(path(".forwarded", kB), "");
+  const auto now = fs::file_time_type::clock::now();
+  fs::last_write_time(path(".forwarded", kB), now - std::chrono::seconds(150));
+  expectRemoved({"--older-than", "1d", "--forwarded"}, {kB});
+
+  fs::last_write_time(path(".forwarded", kA), now - std::chrono::seconds(60));
+  expectRemoved({"--keep-bytes", "0", "--forwarded"}, {});
+  fs::last_write_time(path(".forwarded", kA), now + std::chrono::hours(1));
+  expectRemoved({"--keep-bytes", "0", "--forwarded"}, {});
+  fs::last_write_time(path(".forwarded", kA), now - std::chrono::hours(1));
+  expectRemoved({"--keep-bytes", "0", "--forwarded"}, {kA});
+}
+
+TEST_F(Prune, NeedsALimitAlsoForWhatIsForwarded) {
+  const Ended ended = prune({"--forwarded"});
+  EXPECT_EQ(ended.how, "exit 2");
+  EXPECT_TRUE(contains(ended.err, "--older-than, --keep-bytes or --keep-free is required"));
+}
+
 TEST_F(Prune, OnlyTellsWithDryRun) {
   write(".d-20200101T000000-1_0.removed", "segment-000000", "hello");
   const Names before = namesIn(store.path());

@@ -32,9 +32,11 @@ class StoredStreams : public testing::Test {
   std::string path(const std::string& id, const std::string& file = "") const {
     return store.path() + "/" + id + (file.empty() ? "" : "/" + file);
   }
+  // A file has its name when it is complete, as those of a server.
   void write(const std::string& id, const std::string& file, const std::string& content) const {
     std::filesystem::create_directory(path(id));
-    writeFile(path(id, file), content);
+    writeFile(path(id, file + ".part"), content);
+    std::filesystem::rename(path(id, file + ".part"), path(id, file));
   }
 
   static std::string streamOf(const std::string& id) {

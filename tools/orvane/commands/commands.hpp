@@ -16,10 +16,11 @@ Command addSend(CLI::App& app);     // stores files as streams of a running serv
 Command addDemo(CLI::App& app);     // sends a file through a server of its own, and compares
 Command addLs(CLI::App& app);       // lists the queues of this machine
 Command addStat(CLI::App& app);     // shows how much a queue has carried
-Command addStreams(CLI::App& app);  // lists the streams of a store
+Command addStreams(CLI::App& app);  // lists the streams of a store or a cluster
 Command addCat(CLI::App& app);      // prints the data of stored streams
 Command addClean(CLI::App& app);    // removes the files that dead servers left
 Command addDump(CLI::App& app);     // shows what a capture or a stored stream holds
+Command addFetch(CLI::App& app);    // fetches a stream from a cluster
 Command addVerify(CLI::App& app);   // checks stored streams against their manifests
 Command addPrune(CLI::App& app);    // removes the oldest streams of a store
 Command addHelp(CLI::App& app);     // shows the help of a command

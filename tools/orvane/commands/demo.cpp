@@ -18,7 +18,7 @@
 #include "commands/commands.hpp"
 #include "commands/demo_source.hpp"
 #include "exit.hpp"
-#include "inspect/json.hpp"
+#include "json.hpp"
 #include "store_format/manifest.hpp"
 #include "store_format/stream_id.hpp"
 #include "transport/polled_writer.hpp"

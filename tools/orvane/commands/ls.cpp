@@ -14,8 +14,8 @@
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
-#include "inspect/json.hpp"
 #include "inspect/published_totals.hpp"
+#include "json.hpp"
 #include "queue_list.hpp"
 #include "shm/shm_names.hpp"
 #include "transport/totals_requests.hpp"

@@ -11,7 +11,7 @@
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
-#include "inspect/json.hpp"
+#include "json.hpp"
 #include "shm/utc.hpp"
 #include "store/retention.hpp"
 #include "store/store_folder.hpp"
@@ -29,6 +29,7 @@ struct PruneOptions {
   std::string keepBytes;
   std::string keepFree;
   std::string end;
+  bool forwarded = false;
   bool dryRun = false;
   bool json = false;
 };
@@ -53,7 +54,7 @@ std::string checkFinalEnd(const std::string& text) {
 
 Retention retentionOf(const PruneOptions& options) {
   Retention retention = {durationIn(options.olderThan), bytesIn(options.keepBytes),
-                         bytesIn(options.keepFree), options.end};
+                         bytesIn(options.keepFree), options.end, options.forwarded};
   if (!retention.olderThan && !retention.keepBytes && !retention.keepFree) {
     throw Failure(kUsage, "--older-than, --keep-bytes or --keep-free is required");
   }
@@ -197,6 +198,9 @@ Command addPrune(CLI::App& app) {
                    "broken")
       ->check(checkFinalEnd)
       ->type_name("END");
+  command->add_flag("--forwarded", options->forwarded,
+                    "Remove only streams that orvane-forward has forwarded to a cluster,\n"
+                    "at least two minutes ago");
   command->add_flag("-n,--dry-run", options->dryRun, "Only print what would be removed");
   command->add_flag("-j,--json", options->json, kJson);
   command->add_option("STORE", options->store, kStoreHelp)->type_name("");

@@ -8,8 +8,8 @@
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
-#include "inspect/json.hpp"
 #include "inspect/measured_totals.hpp"
+#include "json.hpp"
 #include "queue_list.hpp"
 #include "shm/utc.hpp"
 #include "transport/totals_requests.hpp"

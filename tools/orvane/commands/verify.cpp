@@ -15,8 +15,8 @@
 
 #include "commands/commands.hpp"
 #include "exit.hpp"
-#include "inspect/json.hpp"
 #include "interrupt.hpp"
+#include "json.hpp"
 #include "store/find_stream.hpp"
 #include "store/store_check.hpp"
 #include "store/store_folder.hpp"

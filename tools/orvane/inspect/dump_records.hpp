@@ -4,7 +4,7 @@
 #include <orvane/orvane.hpp>
 #include <string>
 
-#include "inspect/json.hpp"
+#include "json.hpp"
 
 namespace tool {
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "inspect/json.hpp"
+#include "json.hpp"
 #include "store_format/manifest_reader.hpp"
 #include "store_format/stream_head.hpp"
 

@@ -15,6 +15,7 @@
 #include "exit.hpp"
 #include "shm/fd.hpp"
 #include "store/store_folder.hpp"
+#include "store_format/forward_mark.hpp"
 #include "store_format/manifest_reader.hpp"
 #include "store_format/manifest_summary.hpp"
 #include "store_format/removed_stream.hpp"
@@ -143,7 +144,9 @@ std::vector<FinishedStream> takeExpired(StoreContent& content, const std::string
     const bool isTooMuch = retention.keepBytes && content.bytes > *retention.keepBytes;
     const bool isFull = retention.keepFree && content.free < *retention.keepFree;
     const bool isOfThisEnd = retention.end.empty() || textOf(stream.receipt.end) == retention.end;
-    if (!isOfThisEnd || !(isOld || isTooMuch || isFull)) {
+    const bool mayGo =
+        isOfThisEnd && (!retention.forwarded || isSafelyForwarded(store, stream.id, now));
+    if (!mayGo || !(isOld || isTooMuch || isFull)) {
       kept.push_back(std::move(stream));
     } else if (!isWhole(store + "/" + stream.id + "/" + kManifest)) {
       content.unreadable.push_back(stream.id);

@@ -38,6 +38,7 @@ struct Retention {
   std::optional<std::uint64_t> keepBytes;         // remove until the store has at most these
   std::optional<std::uint64_t> keepFree;          // remove until so many bytes are free
   std::string end;                                // remove only what ended so; empty: all
+  bool forwarded = false;                         // remove only what a cluster has
 };
 
 // Takes the streams that are to be removed out of the content of a store. What is left of the

@@ -16,7 +16,6 @@
 #include "store/open_stream.hpp"
 #include "store/store_folder.hpp"
 #include "store_format/manifest_lines.hpp"
-#include "store_format/manifest_summary.hpp"
 #include "store_format/stored_file.hpp"
 #include "store_format/stream_id.hpp"
 
@@ -111,14 +110,8 @@ void setOpen(StoredStream& stream, const OpenStream& open) {
 // Returns nothing if the folder holds no stream, or is removed meanwhile.
 std::optional<StoredStream> streamIn(const Fd& store, const std::string& path,
                                      const std::string& id) {
-  const auto parts = parseStreamId(id);
-  StoredStream stream;
-  stream.id = id;
+  StoredStream stream = streamOf(id, std::nullopt);
   stream.folder = path + "/" + id;
-  if (parts) {
-    stream.queue = parts->nameAndLabel;
-    stream.begun = beginOf(parts->stream);
-  }
   const std::string name = id + "/" + kManifest;
   Fd manifest(openat(store.get(), name.c_str(), kRead));
   if (manifest.get() < 0 && errno == ENOENT) {
@@ -128,7 +121,7 @@ std::optional<StoredStream> streamIn(const Fd& store, const std::string& path,
       return stream;
     }
     manifest = Fd(openat(folder.get(), kManifest, kRead));  // the stream may have ended meanwhile
-    if (folder.get() < 0 || (manifest.get() < 0 && !parts)) {
+    if (folder.get() < 0 || (manifest.get() < 0 && !parseStreamId(id))) {
       return std::nullopt;
     }
     if (manifest.get() < 0) {
@@ -184,8 +177,25 @@ std::vector<StoredStream> streamsIn(const std::string& store) {
     streams.insert(streams.end(), std::make_move_iterator(some.begin()),
                    std::make_move_iterator(some.end()));
   }
-  std::sort(streams.begin(), streams.end(), isOlder);
+  sortByBegin(streams);
   return streams;
+}
+
+StoredStream streamOf(const std::string& id, const std::optional<ManifestSummary>& summary) {
+  StoredStream stream;
+  stream.id = id;
+  if (const auto parts = parseStreamId(id)) {
+    stream.queue = parts->nameAndLabel;
+    stream.begun = beginOf(parts->stream);
+  }
+  if (summary) {
+    setEnded(stream, *summary);
+  }
+  return stream;
+}
+
+void sortByBegin(std::vector<StoredStream>& streams) {
+  std::sort(streams.begin(), streams.end(), isOlder);
 }
 
 }  // namespace tool

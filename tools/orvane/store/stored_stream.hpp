@@ -6,13 +6,15 @@
 #include <vector>
 
 #include "shm/utc.hpp"
+#include "store_format/manifest_summary.hpp"
 
 namespace tool {
 
 // A stream of a store. If its manifest is damaged, only the facts in its id are known.
 struct StoredStream {
   std::string id;      // the name of its folder
-  std::string folder;  // its path
+  std::string folder;  // its path; "" in a cluster
+  std::string host;    // in a cluster, the machine that it comes from; "": it is in a store
   std::string
       queue;  // the first part of the id: the fixed queue, or the socket's name; "": unknown
   std::string label;                 // "": none
@@ -34,5 +36,12 @@ constexpr char kOpen[] = "open";
 
 // Returns all streams of a store, the newest last. Throws Failure if the store cannot be read.
 std::vector<StoredStream> streamsIn(const std::string& store);
+
+// Returns what an id tells, and what the manifest of a stream that has ended tells, too; nothing if
+// it is damaged.
+StoredStream streamOf(const std::string& id, const std::optional<ManifestSummary>& summary);
+
+// Sorts streams, so that the newest is the last.
+void sortByBegin(std::vector<StoredStream>& streams);
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-#include "inspect/json.hpp"
+#include "json.hpp"
 
 #include <cmath>
 #include <iostream>

@@ -1,0 +1,213 @@
+#include "link.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <ctime>
+#include <utility>
+
+#include "log.hpp"
+
+namespace forward {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kFullPause = 5s;
+
+// A cluster that has just started may not know its streams for a moment.
+constexpr int kMissingBeforeMade = 3;
+
+// How often a chunk that the cluster has is asked for, before a server that lags has received it.
+constexpr int kMostLooks = 20;
+
+}  // namespace
+
+Link::Link(Settings settings, Stop& stop, Metrics& metrics)
+    : settings(std::move(settings)), stop(stop), metrics(metrics) {}
+
+void Link::open() {
+  const std::lock_guard first(opening);
+  if (wasReady) {
+    return;
+  }
+  connect(nullptr);
+  waitUntilReady();
+}
+
+std::shared_ptr<Connection> Link::current() {
+  const std::lock_guard lock(mutex);
+  return connection;
+}
+
+// Makes the first connection, or the next one, unless another thread has done so meanwhile.
+void Link::connect(const std::shared_ptr<Connection>& ended) {
+  const std::lock_guard first(connecting);
+  if (current() != ended) {
+    return;
+  }
+  for (Backoff backoff;; stop.wait(backoff.next())) {
+    stop.check();
+    try {
+      auto made = std::make_shared<Connection>(settings.nats, settings.host);
+      const std::lock_guard lock(mutex);
+      connection = std::move(made);
+      if (isClosed) {
+        throw Stopped();
+      }
+      return;
+    } catch (const Refused&) {
+      throw;
+    } catch (const std::runtime_error& e) {
+      report(e.what());
+    }
+  }
+}
+
+// Asks with small messages, so that a chunk is sent again only when it can be stored.
+void Link::waitUntilReady() {
+  int missing = 0;
+  for (Backoff backoff; !isReady(missing); stop.wait(backoff.next())) {
+    stop.check();
+  }
+  report("");
+  wasReady = true;
+}
+
+bool Link::isReady(int& missing) {
+  const std::shared_ptr<Connection> used = current();
+  metrics.connected = used->isConnected();
+  used->requirePermission();
+  if (!metrics.connected) {
+    report("no server of " + settings.nats.servers + " is connected");
+    if (used->hasEnded()) {
+      connect(used);
+    }
+    return false;
+  }
+  const Cluster cluster(*used);
+  const ClusterState state = cluster.state(settings.replicas);
+  if (state.is == ClusterState::Is::ready) {
+    if (!state.fault.empty()) {
+      throw Refused(std::string("the stream ") + kClusterStream + " is not used: " + state.fault);
+    }
+    if (settings.verify && !state.isReadable) {
+      throw Refused(std::string("--verify needs allow_direct in the stream ") + kClusterStream);
+    }
+    const std::lock_guard lock(mutex);
+    messageLimit = state.messageLimit;
+    return true;
+  }
+  report(state.reason);
+  missing = state.is == ClusterState::Is::missing ? missing + 1 : 0;
+  if (missing >= kMissingBeforeMade && cluster.make(settings.replicas)) {
+    logInfo("open", std::string("the stream ") + kClusterStream + " is made");
+  }
+  return false;
+}
+
+// Logs a trouble when it begins, and its end.
+void Link::report(const std::string& trouble) {
+  const std::lock_guard lock(mutex);
+  if (trouble != lastTrouble) {
+    lastTrouble = trouble;
+    if (trouble.empty()) {
+      logInfo("open", "the stream can be used");
+    } else {
+      logWarning("open", trouble + "; trying again");
+    }
+  }
+}
+
+std::size_t Link::chunkSize() {
+  std::uint64_t limit = current()->payloadLimit();
+  {
+    const std::lock_guard lock(mutex);
+    limit = std::min(limit, messageLimit.value_or(limit));
+  }
+  const std::size_t size = chunkSizeFor(limit);
+  if (size == 0) {
+    throw Refused("the servers take messages of at most " + std::to_string(limit) +
+                  " bytes: raise max_payload");
+  }
+  return size;
+}
+
+Answer Link::store(const Chunk& chunk) {
+  bool withId = true;
+  for (Backoff backoff;;) {
+    stop.check();
+    const std::shared_ptr<Connection> used = current();
+    const Answer answer = Cluster(*used).store(chunk, withId);
+    switch (answer) {
+      case Answer::stored:
+        ++metrics.chunks;
+        metrics.bytes += chunk.data.size();
+        metrics.lastStored = std::time(nullptr);
+        return answer;
+      case Answer::known:
+        ++metrics.known;
+        return answer;
+      case Answer::tooLarge:
+        return answer;
+      case Answer::repeated:
+        withId = false;  // the subject then tells whether it is stored
+        break;
+      case Answer::full:
+        ++metrics.fullPauses;
+        report("the cluster is full");
+        stop.wait(kFullPause);
+        break;
+      case Answer::unavailable:
+        ++metrics.repeats;
+        stop.wait(backoff.next());
+        waitUntilReady();
+        break;
+    }
+  }
+}
+
+Answer Link::verify(const Chunk& chunk) {
+  if (isStored(chunk)) {
+    ++metrics.known;
+    return Answer::known;
+  }
+  const Answer answer = store(chunk);
+  // The server that was asked had not received it yet.
+  for (int look = 0; answer == Answer::known && look < kMostLooks && !isStored(chunk); ++look) {
+    stop.wait(200ms);
+  }
+  return answer;
+}
+
+// Any server that has a copy may answer.
+bool Link::isStored(const Chunk& chunk) {
+  for (Backoff backoff;; stop.wait(backoff.next())) {
+    stop.check();
+    const std::shared_ptr<Connection> used = current();
+    natsStatus status = NATS_OK;
+    const Message message = Cluster(*used).stored(chunk.subject, status);
+    if (message) {
+      const auto data = dataOf(message);
+      if (!std::equal(data.begin(), data.end(), chunk.data.begin(), chunk.data.end()) ||
+          headerOf(message, kOffsetHeader) != std::to_string(chunk.offset)) {
+        ++metrics.differing;
+        logError("verify", "the cluster has another content under " + chunk.subject);
+      }
+      return true;
+    }
+    if (status == NATS_OK) {
+      return false;
+    }
+    waitUntilReady();
+  }
+}
+
+void Link::close() {
+  const std::lock_guard lock(mutex);
+  isClosed = true;
+  if (connection) {
+    connection->close();
+  }
+}
+
+}  // namespace forward
