@@ -100,6 +100,7 @@ class ORVANE_API ShmBatch {
 
  private:
   friend class ShmWriter;
+  friend struct RecordSteps;
   friend ORVANE_API std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);
 
   ORVANE_LOCAL bool hasRoomFor(std::uint32_t len) const;

@@ -1,8 +1,9 @@
 #pragma once
 
 // All public headers. Their order follows the data: a record, the batch that packs it, the reader
-// of a received batch, the writer that sends it, and the lease that gives a writer its queue or its
-// ring (link orvane::lease for these). The headers after that are for servers.
+// of a received batch, the writer that sends it, the lease that gives a writer its queue or its
+// ring, and the stream, which does all of this (link orvane::lease for these two). The headers
+// after that are for servers.
 
 // clang-format off
 #include "orvane/export.hpp"
@@ -17,6 +18,7 @@
 #include "orvane/receipt.hpp"
 #include "orvane/lease.hpp"
 #include "orvane/ring_writer.hpp"
+#include "orvane/stream.hpp"
 #include "orvane/process_name.hpp"
 
 #include "orvane/escaped_text.hpp"

@@ -22,7 +22,8 @@ constexpr ox_status_t kStatusTimedOut = 15;
 // The bytes are not a record's header, or not a batch.
 constexpr ox_status_t kStatusCorruptMagic = 32;
 
-// writeSegment or endSegment was called on a writer that is not open.
+// writeSegment or endSegment was called on a writer that is not open, or a Stream was written to
+// after finish().
 constexpr ox_status_t kStatusNotOpen = 44;
 
 // writeSegment was called in a segment state other than 0 and 1; setSegmentAlg changes the state.
@@ -38,11 +39,15 @@ constexpr ox_status_t kStatusDoesNotFit = 89;
 // Reserved: no call throws it, because a stream may mix segment states.
 constexpr ox_status_t kStatusNotHomogeneous = 89;
 
-// Lease: no server listens at this path.
+// Lease: no server listens at this path. Stream: no socket was given, and none or several were
+// found.
 constexpr ox_status_t kLeaseNoServer = 900;
 
-// Lease and RingWriter: the server died, or it ended the lease. RingReader: there is no memory for
-// a ring.
+// Lease, RingWriter and Stream: the server died, or it ended the lease. RingReader: there is no
+// memory for a ring.
 constexpr ox_status_t kLeaseLost = 901;
+
+// Stream: the receipt is not that of the whole stream.
+constexpr ox_status_t kStreamIncomplete = 902;
 
 }  // namespace orvane

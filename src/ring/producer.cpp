@@ -53,7 +53,7 @@ std::uint64_t Producer::largestRecord() const {
   return largestFrame(bytes) - kBeforeRecords - layout::kHeaderSize;
 }
 
-unsigned char* Producer::place(std::uint64_t len, unsigned int timeout) {
+unsigned char* Producer::place(std::uint64_t len, std::chrono::nanoseconds timeout) {
   const std::uint64_t needed = layout::kHeaderSize + len;
   if (used + needed > std::min(usualFrame, largestFrame(bytes))) {
     publish();
@@ -88,25 +88,29 @@ void Producer::publish() {
 }
 
 // A full ring is emptied by a quarter before the producer goes on: it sleeps once for many frames.
-bool Producer::makeRoom(std::uint64_t needed, unsigned int timeout) {
+bool Producer::makeRoom(std::uint64_t needed, std::chrono::nanoseconds timeout) {
   requireValid(end.look());
   if (wholeLines(used + needed) <= end.room()) {
     return true;
   }
   publish();
-  return awaitHead(end.tail() + largestFrame(bytes) - bytes, timeout);
+  return awaitHead(headWithRoom(), timeout);
 }
 
-bool Producer::awaitReleased(unsigned int timeout) {
+std::uint64_t Producer::headWithRoom() const {
+  return end.tail() + largestFrame(bytes) - bytes;
+}
+
+bool Producer::awaitReleased(std::chrono::nanoseconds timeout) {
   const bool released = awaitHead(end.tail(), timeout);
   takeAnswers();
   return released;
 }
 
-bool Producer::awaitHead(std::uint64_t wanted, unsigned int timeout) {
+bool Producer::awaitHead(std::uint64_t wanted, std::chrono::nanoseconds timeout) {
   requireValid(end.look());
   const std::int64_t begin = LinuxSystem::now();
-  const std::int64_t deadline = begin + std::int64_t{timeout} * 1'000'000'000;
+  const std::int64_t deadline = begin + timeout.count();
   const std::uint64_t before = counters.blocked.load(std::memory_order_relaxed);
   while (!hasReached(end.head(), wanted) && LinuxSystem::now() < deadline) {
     if (connection.hasEnded()) {

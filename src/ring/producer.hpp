@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -48,10 +49,12 @@ class Producer {
     return used + layout::kHeaderSize + len <= limit ? frame + used : nullptr;
   }
 
-  // The same in this frame or the next. Waits at most `timeout` seconds for room, and publishes
-  // what waits if the record does not fit into the frame. Returns null after the timeout. Throws
-  // kLeaseLost.
-  unsigned char* place(std::uint64_t len, unsigned int timeout);
+  // The same in this frame or the next. Waits at most `timeout` for room, and publishes what waits
+  // if the record does not fit into the frame. Returns null after the timeout. Throws kLeaseLost.
+  unsigned char* place(std::uint64_t len, std::chrono::nanoseconds timeout);
+  unsigned char* place(std::uint64_t len, unsigned int seconds) {
+    return place(len, std::chrono::seconds(seconds));
+  }
 
   // The record at the place is complete.
   void commit(std::uint64_t len) {
@@ -63,7 +66,16 @@ class Producer {
   void publish();
 
   // Waits until the server has released everything. Returns false after the timeout.
-  bool awaitReleased(unsigned int timeout);
+  bool awaitReleased(std::chrono::nanoseconds timeout);
+  bool awaitReleased(unsigned int seconds) { return awaitReleased(std::chrono::seconds(seconds)); }
+
+  // The heads that the server will have when a full ring has room again, and when it has answered
+  // one frame more. Any thread may ask whether it has come so far.
+  std::uint64_t headWithRoom() const;
+  std::uint64_t headAfterAnswer() const { return end.head() + 1; }
+  bool isReleasedUpTo(std::uint64_t wanted) const {
+    return hasReached(server.counters.head.load(std::memory_order_acquire), wanted);
+  }
 
   // Takes all answers that are there, and forgets them.
   void discardAnswers();
@@ -73,9 +85,9 @@ class Producer {
   const pvk_shm_response_t* takeError();
 
  private:
-  bool awaitHead(std::uint64_t wanted, unsigned int timeout);
+  bool awaitHead(std::uint64_t wanted, std::chrono::nanoseconds timeout);
   void beginFrame();
-  bool makeRoom(std::uint64_t needed, unsigned int timeout);
+  bool makeRoom(std::uint64_t needed, std::chrono::nanoseconds timeout);
   void takeAnswers();
   void requireValid(bool valid) const;
 

@@ -118,6 +118,28 @@ struct RecordSteps {
     }
   }
 
+  // These are for a stream over a queue, which fills the batch of a ShmWriter directly.
+  template <typename Writer>
+  static bool hasNothing(const Writer& writer) {
+    return writer.batch->empty();
+  }
+  template <typename Writer>
+  [[gnu::always_inline]] static bool hasRoomFor(const Writer& writer, std::uint32_t len) {
+    return writer.batch->hasRoomFor(len);
+  }
+  template <typename Writer>
+  [[gnu::always_inline]] static void appendSegmentData(Writer& writer, const unsigned char* data,
+                                                       std::uint32_t len) {
+    fillSegmentData(writer, len);
+    writer.batch->append(writer.header, data);
+    writer.lastMessageType = kRecordSegmentData;
+  }
+  // The writer's destructor sends nothing then.
+  template <typename Writer>
+  static void abandon(Writer& writer) {
+    writer.isOpen = false;
+  }
+
   // Closes a writer that is being destroyed.
   template <typename Writer>
   static void closeInDestructor(Writer& writer) {
