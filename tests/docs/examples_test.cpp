@@ -117,7 +117,7 @@ class Receiver : public testing::Test {
 };
 
 TEST_F(Receiver, PrintsTheRecordsOfAProducer) {
-  const Ended producer = run({SMALLEST_PRODUCER_PATH, name.text()});
+  const Ended producer = run({WRITER_QUEUE_PATH, name.text()});
   EXPECT_EQ(producer.how, "exit 0") << producer.err;
 
   const Ended ended = receiver.wait();
@@ -153,7 +153,7 @@ TEST_F(Receiver, AnswersWhatIsNoBatchWithTheReason) {
   EXPECT_STREQ(answer.text,
                "Could not deserialize ShmBatch::MetaData from buffer because the magic value "
                "1920295522 is corrupt (expected=4278251025)");
-  EXPECT_EQ(run({SMALLEST_PRODUCER_PATH, name.text()}).how, "exit 0");
+  EXPECT_EQ(run({WRITER_QUEUE_PATH, name.text()}).how, "exit 0");
   EXPECT_EQ(receiver.wait().how, "exit 0");
 }
 

@@ -18,15 +18,39 @@ std::vector<std::string> cppBlocks(const std::string& markdown) {
 }
 
 TEST(Readme, ShowsTheProducersThatAreCompiled) {
-  EXPECT_EQ(cppBlocks(readFile(README_PATH)),
-            (std::vector<std::string>{readFile(SMALLEST_PRODUCER_SOURCE),
-                                      readFile(LEASED_PRODUCER_SOURCE)}));
+  EXPECT_EQ(
+      cppBlocks(readFile(README_PATH)),
+      (std::vector<std::string>{readFile(SMALLEST_PRODUCER_SOURCE), readFile(WRITER_LEASE_SOURCE),
+                                readFile(WRITER_QUEUE_SOURCE)}));
 }
 
-TEST(SmallestProducer, StoresItsRecord) {
+TEST(SmallestProducer, StoresItsData) {
+  const TempFolder folder;
+  const std::string socket = folder.path() + "/socket";
+  Server server({"--socket", socket});
+
+  const Ended ended = run({SMALLEST_PRODUCER_PATH, socket});
+
+  EXPECT_EQ(ended.how, "exit 0") << ended.err;
+  EXPECT_EQ(ended.out, "receipt stream=" + server.fact(0, "stream") +
+                           " records=1 bytes=20 segments=1 end=closed\n");
+  EXPECT_EQ(server.content(0), "14 crates of oranges");
+  EXPECT_EQ(server.fact(0, "label"), "oranges");
+}
+
+TEST(SmallestProducer, ReportsAMissingServer) {
+  const Ended ended = run({SMALLEST_PRODUCER_PATH, "/nowhere/socket"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err,
+            "producer: No server to ask for a lease at /nowhere/socket: No such file or directory; "
+            "is it running, and may this user connect?\n");
+}
+
+TEST(WriterOnAQueue, StoresItsRecord) {
   Server server;
 
-  const Ended ended = run({SMALLEST_PRODUCER_PATH, server.queue()});
+  const Ended ended = run({WRITER_QUEUE_PATH, server.queue()});
 
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
   ASSERT_TRUE(eventually([&] { return server.fact(0, "end") != "none"; }));
@@ -34,8 +58,8 @@ TEST(SmallestProducer, StoresItsRecord) {
   EXPECT_EQ(server.fact(0, "end"), "closed");
 }
 
-TEST(SmallestProducer, ReportsAMissingQueue) {
-  const Ended ended = run({SMALLEST_PRODUCER_PATH, "nobody-serves-this"});
+TEST(WriterOnAQueue, ReportsAMissingQueue) {
+  const Ended ended = run({WRITER_QUEUE_PATH, "nobody-serves-this"});
 
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_EQ(ended.err, "producer: No such file or directory\n");

@@ -226,8 +226,8 @@ class Scene:
                  f"{server.name} did not come back to {server.held_at_start} files, workers, KiB")
 
     def check_example(self):
-        example = self.program(Program, "smallest_producer",
-                               [self.binaries / "smallest_producer", self.queue])
+        example = self.program(Program, "writer_queue",
+                               [self.binaries / "writer_queue", self.queue])
         self.others.append(example)
         if example.wait() != 0:
             raise Broken(f"the example failed: {example.errors.strip()}")

@@ -302,12 +302,12 @@ TEST_F(SendOverALease, InterruptionCutsTheStreamOff) {
   EXPECT_TRUE(eventually([&] { return server.fact(0, "end") == "stopped"; }));
 }
 
-TEST(LeasedProducer, StoresItsRecordAndPrintsTheReceipt) {
+TEST(WriterOnALease, StoresItsRecordAndPrintsTheReceipt) {
   const TempFolder folder;
   const std::string socket = folder.path() + "/socket";
   Server server({"--socket", socket});
 
-  const Ended ended = run({LEASED_PRODUCER_PATH, socket});
+  const Ended ended = run({WRITER_LEASE_PATH, socket});
 
   EXPECT_EQ(ended.how, "exit 0") << ended.err;
   EXPECT_EQ(ended.out, "receipt stream=" + server.fact(0, "stream") +
