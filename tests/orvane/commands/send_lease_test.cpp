@@ -302,6 +302,27 @@ TEST_F(SendOverALease, InterruptionCutsTheStreamOff) {
   EXPECT_TRUE(eventually([&] { return server.fact(0, "end") == "stopped"; }));
 }
 
+TEST(SendWithAnEnvironment, UsesItsSocketIfNoOtherIsNamed) {
+  const TempFolder folder;
+  const std::string socket = folder.path() + "/socket";
+  Server server({"--socket", socket});
+  writeFile(folder.path() + "/file", "hello");
+  const std::string file = folder.path() + "/file";
+  const auto send = [](std::vector<std::string> words, const std::string& environment) {
+    words.insert(words.begin(), {ORVANE_PATH, "send"});
+    return run(words, "", {.environment = {"ORVANE_SOCKET=" + environment}});
+  };
+
+  const Ended ended = send({file}, socket);
+  EXPECT_EQ(ended.how, "exit 0") << ended.err;
+  EXPECT_EQ(server.content(0), "hello");
+  EXPECT_EQ(send({"--socket", socket, file}, "/nowhere").how, "exit 0");
+  EXPECT_TRUE(contains(send({"--queue", "orvane-no-such-queue", file}, socket).err,
+                       "orvane-no-such-queue"));
+  EXPECT_TRUE(contains(send({file}, "/nowhere").err, "/nowhere"));
+  EXPECT_TRUE(contains(send({file}, "").err, "--queue NAME or --socket PATH is required"));
+}
+
 TEST(WriterOnALease, StoresItsRecordAndPrintsTheReceipt) {
   const TempFolder folder;
   const std::string socket = folder.path() + "/socket";

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -36,6 +37,16 @@ struct Destination {
   std::optional<std::string> label;  // of all files; none: each file's name
   QueueUseOptions queueUse = {};
 };
+
+// The socket to use if neither a queue nor a socket was named.
+constexpr char kSocketEnvironment[] = "ORVANE_SOCKET";
+
+void completeFromEnvironment(Destination& destination) {
+  const char* const socket = std::getenv(kSocketEnvironment);
+  if (!destination.queue && !destination.socket && socket != nullptr && *socket != '\0') {
+    destination.socket = socket;
+  }
+}
 
 // Exactly one is required. CLI11 could check this too, but its text has its own names of options.
 void requireOneDestination(const Destination& destination) {
@@ -273,7 +284,8 @@ Command addSend(CLI::App& app) {
       ->type_name("NAME")
       ->group("Destination, exactly one of");
   send->add_option("-s,--socket", arguments->destination.socket,
-                   "The socket at which orvaned gives leases")
+                   "The socket at which orvaned gives leases; by default, that of the\n"
+                   "environment's ORVANE_SOCKET")
       ->type_name("PATH")
       ->group("Destination, exactly one of");
   send->add_option("-w,--wait", arguments->destination.queueUse.waitSeconds,
@@ -321,8 +333,10 @@ Command addSend(CLI::App& app) {
                "  4  unknown: no receipt came in time, or the server died or went away\n"
                "  5  an input could not be read to its end; its stream is marked as stopped\n"
                "  6  everything is stored, but the summary could not be written");
-  return {send,
-          [arguments] { sendFiles(arguments->destination, arguments->files, arguments->options); }};
+  return {send, [arguments] {
+            completeFromEnvironment(arguments->destination);
+            sendFiles(arguments->destination, arguments->files, arguments->options);
+          }};
 }
 
 }  // namespace tool
