@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "leased_ring_link.hpp"
+#include "stream_links.hpp"
 #include "two_processes.hpp"
 
 namespace bench {
@@ -67,6 +68,22 @@ Sent throughRing(Link& link, const Load& load, std::size_t, Clock::duration time
     writer.writeSegment(load.data().data(), load.data().size());
   });
   writer.close();
+  return {sent, sumBelow(sent + 2) - 1};
+}
+
+// The receiver sends no receipt: it ends the connection when it has everything.
+Sent throughStream(Link& link, const Load& load, std::size_t, Clock::duration time) {
+  orvane::Stream& stream = dynamic_cast<StreamSource&>(link).stream();
+  const std::uint64_t sent = sendFor(time, recordsBetweenLooks(load), [&](std::uint64_t) {
+    stream.write(load.data().data(), load.data().size());
+  });
+  try {
+    stream.finish();
+  } catch (const orvane::StreamError& e) {
+    if (e.status() != orvane::kLeaseLost) {
+      throw;
+    }
+  }
   return {sent, sumBelow(sent + 2) - 1};
 }
 
@@ -171,6 +188,16 @@ std::vector<Form> allForms() {
   std::vector<Form> all = {
       {"orvane, ring", Messages::batches, ring, kUnlimited, throughRing, ""},
       {"orvane, ring in place", Messages::inRing, ring, kUnlimited, inPlace, ""},
+      {"orvane, stream over ring", Messages::batches,
+       [](const Geometry& geometry, std::size_t) {
+         return std::make_unique<StreamRingLink>(geometry.ring);
+       },
+       kUnlimited, throughStream, ""},
+      {"orvane, stream over queue", Messages::batches,
+       [](const Geometry& geometry, std::size_t) {
+         return std::make_unique<StreamQueueLink>(geometry);
+       },
+       kUnlimited, throughStream, ""},
       {"orvane", Messages::batches, answering(Wait::polling), kUnlimited, throughWriter, ""},
       {"orvane, waiting reader", Messages::batches, answering(Wait::inQueue), kUnlimited,
        throughWriter, ""},

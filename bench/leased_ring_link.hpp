@@ -6,6 +6,7 @@
 #include <ring/producer.hpp>
 #include <string>
 
+#include "lease_giver.hpp"
 #include "link.hpp"
 
 namespace bench {
@@ -17,7 +18,6 @@ class LeasedRingLink : public Link {
   // The writer hands a frame over when it has `frame` bytes.
   explicit LeasedRingLink(std::size_t frame = orvane::ring::Producer::kUsualFrame,
                           std::size_t ringBytes = orvane::kDefaultRing);
-  ~LeasedRingLink() override;
 
   void beSender() override;
   void beReceiver() override;
@@ -42,14 +42,17 @@ class LeasedRingLink : public Link {
   }
   void endReceiving() override { answer(); }
 
+ protected:
+  // For a stream that takes its lease here.
+  orvane::StreamOptions streamOptions() const;
+  void endLease() const { giver.endLease(); }
+
  private:
   void answer();
 
   const std::size_t frame;
   const std::size_t ringBytes;
-  const std::string path = "/tmp/" + uniqueName();
-  int listening;
-  int connection = -1;
+  LeaseGiver giver;
   std::optional<orvane::Lease> leased;
   std::unique_ptr<orvane::RingReader> ring;
   bool owesAnswer = false;
