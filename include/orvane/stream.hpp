@@ -43,7 +43,7 @@ struct StreamOptions {
 enum class Certainty {
   stored,     // the server has stored all of it; only its receipt is lost
   notStored,  // the store does not have all of it as a closed stream
-  unknown     // the end of the stream was sent, and the server has not said what it did with it
+  unknown     // finish() was called, and the server has not said what it has stored
 };
 
 // What every call of a Stream throws. Statuses and texts are those of status.hpp, of
@@ -151,8 +151,8 @@ class ORVANE_API Stream {
   std::optional<Receipt> tryFinish();
 
   // Waits until a call that begins with "try" may go on, after one that could not: until there is
-  // room, or a receipt. Returns false if `limit` passes first. It is for a program that looks at
-  // something else now and then, such as whether it was interrupted.
+  // room, or a receipt. Returns false if `limit` passes first, or a day. It is for a program that
+  // looks at something else now and then, such as whether it was interrupted.
   bool wait(std::chrono::milliseconds limit);
 
   // A descriptor for poll() and epoll. It is readable when the receipt has come or the server has

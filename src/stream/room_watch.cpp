@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <exception>
 #include <system_error>
 
 #include "orvane/status.hpp"
@@ -88,7 +89,7 @@ void RoomWatch::begin(std::uint64_t wanted) {
   const WithoutSignals blocked;
   try {
     thread = std::thread([this, wanted] { look(wanted); });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     set(room);  // without a thread, the caller has to look
   }
 }

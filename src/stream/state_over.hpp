@@ -135,6 +135,7 @@ Stream::StateOver<Sender>::~StateOver() {
     // A destructor cannot report errors; the server then marks the stream as cut off.
   }
   sender.abandon();
+  watch.reset();  // it waits for its thread
   pthread_setcancelstate(cancelState, nullptr);
 }
 
@@ -326,9 +327,10 @@ bool Stream::StateOver<Sender>::awaitAnswers(const Deadline& deadline) {
 
 template <typename Sender>
 bool Stream::StateOver<Sender>::wait(std::chrono::milliseconds limit) {
+  constexpr std::chrono::hours kLongest(24);  // more might overflow
   const OneUser user(mark);
   requireOwnProcess();
-  const Deadline deadline(limit);
+  const Deadline deadline(std::min<std::chrono::milliseconds>(limit, kLongest));
   if (isWriting()) {
     return whileWriting(
         [&] { return sender.awaitRoom(static_cast<std::uint32_t>(largest), deadline); });

@@ -29,7 +29,7 @@ struct QueueMemory {
 
   std::string grant() const { return "lease " + pair.name(); }
   std::vector<int> files() const { return {}; }
-  bool hasBatch() { return pair.waiting() > 0; }
+  bool hasBatch() const { return pair.waiting() > 0; }
   Bytes receive() { return pair.receive().bytes; }
   void answer(std::int32_t status, const std::string& text) { pair.post(status, text); }
 
@@ -85,7 +85,7 @@ class StreamServer {
     memory.answer(status, text);
   }
 
-  bool hasBatch() { return memory.hasBatch(); }
+  bool hasBatch() const { return memory.hasBatch(); }
   void say(const std::string& packet) { server.say(packet); }
   void end() { server.end(); }
   const std::string& request() { return server.request(); }

@@ -1,13 +1,15 @@
 // A stream and the real server: what the store has is what finish() says.
 
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 #include <optional>
 
+#include "orvane/server_status.hpp"
 #include "orvane/stream.hpp"
+#include "support/await.hpp"
 #include "support/child.hpp"
 #include "support/eventually.hpp"
 #include "support/lease_fixture.hpp"
@@ -55,6 +57,24 @@ class StreamAndServer : public LeaseTest {
     }
     const std::string manifest = plainManifest(readFile(path));
     return manifest.substr(manifest.find("\nend=") + 1);
+  }
+
+  // Stops all processes of the server while they wait: one that is stopped inside a queue's lock
+  // would end the stream.
+  void stopServer() const {
+    const pid_t worker = Over::kTransport == Transport::ring
+                             ? server->workerOfRing()
+                             : server->childWith("-" + std::to_string(server->process()) + "_");
+    const auto isOutside = [worker] {
+      const long call = systemCallOf(worker);
+      return call == SYS_futex || call == SYS_poll || call == SYS_ppoll;
+    };
+    ASSERT_TRUE(eventually([&] {
+      server->signalAll(SIGCONT);
+      EXPECT_TRUE(eventually(isOutside));
+      server->stopAll();
+      return isOutside();
+    }));
   }
 
   static std::string content(std::size_t size) {
@@ -128,7 +148,7 @@ TYPED_TEST(StreamAndServer, WaitForEachOtherAcrossAPause) {
   stream.write("x");
   stream.flush();
   this->folderOfStream();
-  this->server->signalAll(SIGSTOP);
+  this->stopServer();
   std::string data = this->content(40000000);
   std::size_t taken = 0;
   std::optional<StreamError> error;
@@ -152,7 +172,7 @@ TYPED_TEST(StreamAndServer, SayThatNothingIsCertainWhileTheServerIsStopped) {
   stream.write("x");
   stream.flush();
   this->folderOfStream();
-  this->server->signalAll(SIGSTOP);
+  this->stopServer();
   const auto error = this->errorOf([&] { stream.finish(); });
   this->server->signalAll(SIGCONT);
   ASSERT_TRUE(error);
@@ -167,7 +187,7 @@ TYPED_TEST(StreamAndServer, SayThatNothingIsCertainWhenTheServerWasKilled) {
   stream.write("x");
   stream.flush();
   this->folderOfStream();
-  this->server->signalAll(SIGSTOP);
+  this->stopServer();
   EXPECT_EQ(stream.tryFinish(), std::nullopt);
   this->server->killAll();
   const auto error = this->errorOf([&] { stream.finish(); });
@@ -181,6 +201,7 @@ TYPED_TEST(StreamAndServer, SayThatADeadServersStreamIsNotStored) {
   stream.write("x");
   stream.flush();
   this->folderOfStream();
+  this->stopServer();  // so that the supervisor cannot report its worker's death
   this->server->killAll();
   this->server->wait();
   const auto error = this->errorOf([&] {
@@ -189,7 +210,8 @@ TYPED_TEST(StreamAndServer, SayThatADeadServersStreamIsNotStored) {
     }
   });
   ASSERT_TRUE(error);
-  EXPECT_EQ(error->status(), kLeaseLost);
+  // Any other server that starts meanwhile answers in the queues of the dead one.
+  EXPECT_TRUE(error->status() == kLeaseLost || error->status() == kWorkerDied) << error->status();
   EXPECT_EQ(error->certainty(), Certainty::notStored);
 }
 

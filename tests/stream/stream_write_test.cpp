@@ -1,4 +1,6 @@
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <thread>
 
 #include "stream_server.hpp"
@@ -154,6 +156,24 @@ TYPED_TEST(StreamWrite, SaysAfterATimeoutWhatItHasTaken) {
   stream.flush();
   stored += dataOf(this->server.receive());
   EXPECT_TRUE(stored == data) << stored.size();
+}
+
+// A queue's deadline has whole seconds, so it may be early.
+TYPED_TEST(StreamWrite, EndsSoonAfterItsTimeout) {
+  using Clock = std::chrono::steady_clock;
+  Stream stream(this->server.options(1));
+  fill(stream);
+  for (const std::function<void()>& call : {std::function<void()>([&] { stream.write("x"); }),
+                                            std::function<void()>([&] { stream.endSegment(); }),
+                                            std::function<void()>([&] { stream.finish(); })}) {
+    const Clock::time_point begin = Clock::now();
+    EXPECT_TRUE(errorOf(call));
+    const auto passed = Clock::now() - begin;
+    EXPECT_LT(passed, std::chrono::seconds(10));
+    if (TypeParam::kTransport == Transport::ring) {
+      EXPECT_GE(passed, std::chrono::seconds(1));
+    }
+  }
 }
 
 TYPED_TEST(StreamWrite, MayBeRepeatedAfterATimeoutThatTookNothing) {

@@ -124,6 +124,23 @@ void ServerProcess::killAll() const {
   signalAll(SIGKILL);
 }
 
+void ServerProcess::stopAll() const {
+  const auto awaitStop = [](pid_t process) {
+    const auto isStopped = [&] {
+      const char state = stateOf(process);
+      return state == 'T' || state == 'Z' || state == '\0';
+    };
+    if (!eventually(isStopped)) {
+      throw std::runtime_error("process " + std::to_string(process) + " does not stop");
+    }
+  };
+  signalAll(SIGSTOP);
+  awaitStop(pid);  // it forks no more
+  for (const pid_t child : children()) {
+    awaitStop(child);
+  }
+}
+
 // The child that has the queue in its memory, where it still has the name that it was made under.
 pid_t ServerProcess::workerOf(const std::string& queue) const {
   return childWith("/." + queue + ".new");
@@ -143,7 +160,6 @@ std::vector<pid_t> ServerProcess::children() const {
   return found;
 }
 
-// The first child that has this in its memory; waits for it.
 pid_t ServerProcess::childWith(const std::string& mapped) const {
   for (const std::time_t deadline = std::time(nullptr) + 30; std::time(nullptr) < deadline;) {
     for (const pid_t child : children()) {

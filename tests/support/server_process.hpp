@@ -45,6 +45,9 @@ class ServerProcess {
   void signalAll(int number) const;
   void killAll() const;
 
+  // Stops all of them, and waits until none runs any more.
+  void stopAll() const;
+
   pid_t process() const { return pid; }
 
   // The processes that it has forked and that have not been waited for.
@@ -55,6 +58,9 @@ class ServerProcess {
 
   // The process that serves the ring that was leased first; waits for it.
   pid_t workerOfRing() const;
+
+  // The first child that has this in its memory; waits for it.
+  pid_t childWith(const std::string& mapped) const;
 
   // Waits until it is stopped, by SIGSTOP.
   void waitUntilStopped() const;
@@ -79,7 +85,6 @@ class ServerProcess {
  private:
   bool read();
   void endInOrder() const;
-  pid_t childWith(const std::string& mapped) const;
 
   pid_t pid = -1;
   std::optional<int> status;  // once it is known that it has ended
