@@ -5,17 +5,18 @@ include(CMakePackageConfigHelpers)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/orvane)
 
 # So that a tree under any prefix runs, wherever it is moved. Packages set CMAKE_SKIP_INSTALL_RPATH.
-set_target_properties(orvane orvane_lease orvane_platform PROPERTIES INSTALL_RPATH $ORIGIN)
+set_target_properties(orvane orvane_c orvane_lease orvane_platform PROPERTIES INSTALL_RPATH $ORIGIN)
+set_target_properties(orvane_c PROPERTIES EXPORT_NAME c)
 set_target_properties(orvane_lease PROPERTIES EXPORT_NAME lease)
 set_target_properties(orvane_platform PROPERTIES EXPORT_NAME platform)
 set_target_properties(orvane_queue PROPERTIES EXPORT_NAME queue)
 
 install(TARGETS orvane_platform EXPORT orvane-platform
   LIBRARY COMPONENT libraries NAMELINK_COMPONENT development)
-install(TARGETS orvane orvane_lease orvane_queue EXPORT orvane
+install(TARGETS orvane orvane_c orvane_lease orvane_queue EXPORT orvane
   LIBRARY COMPONENT libraries NAMELINK_COMPONENT development)
 install(DIRECTORY include/ platform/include/ queue/include/
-  TYPE INCLUDE COMPONENT development FILES_MATCHING PATTERN *.hpp)
+  TYPE INCLUDE COMPONENT development FILES_MATCHING PATTERN *.hpp PATTERN *.h)
 
 foreach(export orvane-platform orvane)
   install(EXPORT ${export} NAMESPACE orvane:: FILE ${export}-targets.cmake
@@ -31,12 +32,12 @@ install(FILES
   DESTINATION ${package_dir} COMPONENT development)
 
 file(RELATIVE_PATH prefix_from_pc /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
-foreach(library orvane orvane-lease orvane-platform orvane-queue)
+foreach(library orvane orvane-c orvane-lease orvane-platform orvane-queue)
   configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${library}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endforeach()
-install(FILES docs/man/orvane.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
+install(FILES docs/man/orvane.3 docs/man/orvane_stream.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 
 if(ORVANE_BUILD_TOOLS)
   file(RELATIVE_PATH libraries_from_tools /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})

@@ -26,8 +26,8 @@ set(symbols ${CMAKE_CURRENT_BINARY_DIR}/symbols)
 add_custom_command(OUTPUT ${symbols}
   COMMAND dpkg-gensymbols -q -c4 -pliborvane1 -v${PROJECT_VERSION} -O${symbols}
     -I${here}/liborvane1/symbols -e$<TARGET_FILE:orvane>
-    -e$<TARGET_FILE:orvane_lease> -e$<TARGET_FILE:orvane_platform>
-  DEPENDS orvane orvane_lease orvane_platform ${here}/liborvane1/symbols)
+    -e$<TARGET_FILE:orvane_c> -e$<TARGET_FILE:orvane_lease> -e$<TARGET_FILE:orvane_platform>
+  DEPENDS orvane orvane_c orvane_lease orvane_platform ${here}/liborvane1/symbols)
 add_custom_target(package_symbols ALL DEPENDS ${symbols})
 
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME liborvane1)

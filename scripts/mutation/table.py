@@ -17,6 +17,7 @@ SERVER = ["server_tests", "logger_tests", "id_locks_tests", "out_of_memory_tests
 LEASE = ["lease_tests", "lease_system_tests"]
 RING = ["ring_tests"]
 STREAM = ["stream_tests"]
+C = ["c_tests", "c_memory_tests"]
 OVER_RINGS = ["writer_tests */Ring.*"]  # of the tests that run over both transports
 # All in the test's own process: a test with a whole server takes seconds, and notices no more.
 ORVANED = [
@@ -39,6 +40,7 @@ TABLE = [
     Row(["src/server/*"], SERVER),
     Row(["src/lease/*"], LEASE),
     Row(["src/stream/*"], STREAM),
+    Row(["src/c/*.?pp"], C),
     Row(["src/ring/*"], RING + OVER_RINGS + LEASE),
     Row([f"tools/orvaned/**/{name}.?pp" for name in (
         "worker", "stream_state", "output_file", "segment_file", "segment_finish", "frame_end",
@@ -52,7 +54,7 @@ TABLE = [
 # Tells the processor something, and the program nothing.
 LEFT_OUT = ["src/ring/prefetch.hpp"]
 
-LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE + RING + STREAM))
+LIBRARY = list(dict.fromkeys(PLATFORM + RECORDS + WRITER + SERVER + LEASE + RING + STREAM + C))
 
 if __name__ == "__main__":
     print(*LIBRARY, sep="\n")

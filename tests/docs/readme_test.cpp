@@ -7,21 +7,24 @@
 namespace orvane::test {
 namespace {
 
-std::vector<std::string> cppBlocks(const std::string& markdown) {
-  const std::string fence = "```cpp\n";
-  std::vector<std::string> blocks;
+std::vector<std::string> blocks(const std::string& language, const std::string& markdown) {
+  const std::string fence = "```" + language + "\n";
+  std::vector<std::string> found;
   for (std::size_t at = 0; (at = markdown.find(fence, at)) != std::string::npos;) {
     at += fence.size();
-    blocks.push_back(markdown.substr(at, markdown.find("```", at) - at));
+    found.push_back(markdown.substr(at, markdown.find("```", at) - at));
   }
-  return blocks;
+  return found;
 }
 
+using Sources = std::vector<std::string>;
+
 TEST(Readme, ShowsTheProducersThatAreCompiled) {
-  EXPECT_EQ(
-      cppBlocks(readFile(README_PATH)),
-      (std::vector<std::string>{readFile(SMALLEST_PRODUCER_SOURCE), readFile(WRITER_LEASE_SOURCE),
-                                readFile(WRITER_QUEUE_SOURCE)}));
+  const std::string readme = readFile(README_PATH);
+  EXPECT_EQ(blocks("cpp", readme),
+            (Sources{readFile(SMALLEST_PRODUCER_SOURCE), readFile(WRITER_LEASE_SOURCE),
+                     readFile(WRITER_QUEUE_SOURCE)}));
+  EXPECT_EQ(blocks("c", readme), Sources{readFile(SMALLEST_PRODUCER_C_SOURCE)});
 }
 
 TEST(SmallestProducer, StoresItsData) {
@@ -40,6 +43,28 @@ TEST(SmallestProducer, StoresItsData) {
 
 TEST(SmallestProducer, ReportsAMissingServer) {
   const Ended ended = run({SMALLEST_PRODUCER_PATH, "/nowhere/socket"});
+
+  EXPECT_EQ(ended.how, "exit 1");
+  EXPECT_EQ(ended.err,
+            "producer: No server to ask for a lease at /nowhere/socket: No such file or directory; "
+            "is it running, and may this user connect?\n");
+}
+
+TEST(SmallestProducerInC, StoresItsData) {
+  const TempFolder folder;
+  const std::string socket = folder.path() + "/socket";
+  Server server({"--socket", socket});
+
+  const Ended ended = run({SMALLEST_PRODUCER_C_PATH, socket});
+
+  EXPECT_EQ(ended.how, "exit 0") << ended.err;
+  EXPECT_EQ(ended.out, "stored 20 bytes as " + server.fact(0, "stream") + "\n");
+  EXPECT_EQ(server.content(0), "14 crates of oranges");
+  EXPECT_EQ(server.fact(0, "label"), "oranges");
+}
+
+TEST(SmallestProducerInC, ReportsAMissingServer) {
+  const Ended ended = run({SMALLEST_PRODUCER_C_PATH, "/nowhere/socket"});
 
   EXPECT_EQ(ended.how, "exit 1");
   EXPECT_EQ(ended.err,

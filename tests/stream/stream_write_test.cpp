@@ -277,6 +277,32 @@ TEST(StreamStart, HasTheErrorsOfALease) {
                     Certainty::notStored, [&] { Stream stream(options); }));
 }
 
+TEST(StreamStart, RejectsAQueueWhoseMessagesHaveNoRoomForData) {
+  const QueuePair pair({.messageSize = 56, .depth = 4});  // a batch with one header
+  FakeServer server;
+  server.serve({.says = {"lease " + pair.name()}});
+  EXPECT_TRUE(fails(
+      89, "The messages of the server's queue are too small for data", Certainty::notStored, [&] {
+        Stream stream({.socket = server.path(), .timeout = kLong, .transport = Transport::queue});
+      }));
+}
+
+// Data of any length is cut into what fits.
+TEST(StreamStart, TakesAQueueWhoseMessagesHaveRoomForAByte) {
+  QueuePair pair({.messageSize = 57, .depth = 8});
+  FakeServer server;
+  server.serve({.says = {"lease " + pair.name()}});
+  Stream stream({.socket = server.path(), .timeout = kLong, .transport = Transport::queue});
+  stream.write("abc");
+  stream.flush();
+  std::string data;
+  while (pair.waiting() > 0) {
+    data += dataOf(recordsOf(pair.receive().bytes));
+  }
+  EXPECT_EQ(data, "abc");
+  server.end();
+}
+
 TEST(StreamStart, ReportsAQueueThatIsNotThere) {
   FakeServer server;
   server.serve({.says = {"lease orvane-test-no-such-queue"}});

@@ -66,6 +66,14 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
   return Allocations::allocate(size);
 }
+// AddressSanitizer has one that does not call the operator above.
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  try {
+    return Allocations::allocate(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 void operator delete(void* memory) noexcept {
   Allocations::release(memory);
 }
