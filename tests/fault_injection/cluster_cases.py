@@ -77,6 +77,7 @@ def one_killed(scene):
 def two_killed(scene):
     for server in scene.rng.sample(scene.cluster.servers, 2):
         server.kill()
+    scene.servers_lost_memory = True
     yield
 
 
@@ -84,6 +85,7 @@ def two_killed(scene):
 def all_killed(scene):
     for server in scene.cluster.servers:
         server.kill()
+    scene.servers_lost_memory = True
     yield
 
 

@@ -36,6 +36,7 @@ class Scene:
         self.server = self.forwarder = None
         self.restarts = 0
         self.sends = []
+        self.servers_lost_memory = False  # and so, perhaps, what they had acknowledged
 
     def start(self, name, command, environment=None):
         self.programs_started += 1
@@ -45,12 +46,12 @@ class Scene:
         self.server = self.start("orvaned", [self.programs / "orvaned", "--socket", self.socket,
                                              "--store", self.store])
 
-    def start_forwarder(self, at_once=None):
+    def start_forwarder(self, at_once=None, options=()):
         self.forwarder = self.start(
             "forwarder",
             [self.programs / "orvane-forward", "--store", self.store, "--host", self.host, "--nats",
              self.cluster.urls, "--creds", self.credentials, "--streams-at-once",
-             at_once or self.rng.randrange(1, 6), "--metrics", self.folder / "metrics"],
+             at_once or self.rng.randrange(1, 6), "--metrics", self.folder / "metrics", *options],
             {"LD_PRELOAD": str(self.programs / "stepped_clock.so"), "STEPPED_CLOCK": str(self.clock)})
 
     def begin(self):
@@ -100,11 +101,23 @@ class Scene:
         return marks.exists() and all((marks / name).exists() for name in self.ended()) and all(
             not send.runs() for send in self.sends) and not self.open_streams()
 
+    def rest(self):
+        """What is not as it must be in the end."""
+        marks = self.store / ".forwarded"
+        return {"not marked": [name for name in self.ended() if not (marks / name).exists()],
+                "open": [path.name for path in self.open_streams()],
+                "being sent": [send.name for send in self.sends if send.runs()]}
+
     def open_streams(self):
         return [path for path in self.store.iterdir() if (path / "manifest.part").exists()]
 
     def check(self):
-        poll(self.is_forwarded, RECOVERY_BOUND, "not everything was forwarded")
+        try:
+            poll(self.is_forwarded, RECOVERY_BOUND, "not everything was forwarded")
+        except Broken as broken:
+            raise Broken(f"{broken}: {self.rest()}") from broken
+        if self.servers_lost_memory:
+            self.verify()
         expected = Counter()
         for name in self.ended():
             expected.update(self.fetch(name))
@@ -115,6 +128,14 @@ class Scene:
         if missing := set(expected) - set(found):
             raise Broken(f"chunks are missing: {sorted(missing)[:3]}")
         return len(self.ended()), len(found)
+
+    def verify(self):
+        """What the documents tell to do after several servers have failed at once."""
+        self.forwarder.clear_away()
+        self.start_forwarder(options=["--once", "--verify"])
+        poll(lambda: not self.forwarder.runs(), RECOVERY_BOUND, "--verify did not end")
+        if self.forwarder.process.returncode != 0:
+            raise Broken(f"--verify ended with {self.forwarder.process.returncode}")
 
     def fetch(self, name):
         """Compares a stream; returns the subject that every complete one has."""

@@ -232,14 +232,16 @@ TEST_F(Forward, ConnectsAgainWhenTheLimitIsLoweredWhileItRuns) {
 
 TEST_F(Forward, VerifyOffersWhatTheClusterHasLost) {
   writeStream(kFirst);
-  writeStream(kSecond);
+  writeLarge(kSecond, 2000000);
   ASSERT_EQ(forwardAll().how, "exit 0");
   ASSERT_TRUE(contains(nats.ask("$JS.API.STREAM.PURGE.orvane"), "\"purged\""));
   ASSERT_EQ(forwardAll().how, "exit 0");
   EXPECT_EQ(messages(), 0);
 
   EXPECT_EQ(forwardAll({"--verify"}).how, "exit 0");
-  EXPECT_EQ(messages(), 6);
+  EXPECT_EQ(messages(), 7);
+  EXPECT_EQ(forwardAll({"--verify"}).how, "exit 0");
+  EXPECT_EQ(messages(), 7);
   expectFetched(kFirst);
   expectFetched(kSecond);
 }

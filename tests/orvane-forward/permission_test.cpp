@@ -22,10 +22,10 @@ authorization: {
         publish: ["orvane.1.host.>", "$JS.API.STREAM.INFO.orvane"]
         subscribe: ["_INBOX.orvane.host.>"] } }
     { user: verify, password: secret, permissions: {
-        publish: ["orvane.1.host.>", "$JS.API.STREAM.INFO.orvane", "$JS.API.DIRECT.GET.orvane"]
+        publish: ["orvane.1.host.>", "$JS.API.STREAM.INFO.orvane", "$JS.API.STREAM.MSG.GET.orvane"]
         subscribe: ["_INBOX.orvane.host.>"] } }
     { user: reader, password: secret, permissions: {
-        publish: ["$JS.API.STREAM.INFO.orvane", "$JS.API.DIRECT.GET.orvane",
+        publish: ["$JS.API.STREAM.INFO.orvane", "$JS.API.STREAM.MSG.GET.orvane",
                   "$JS.API.CONSUMER.CREATE.orvane", "$JS.API.CONSUMER.DELETE.orvane.>", "$JS.FC.>"]
         subscribe: ["_INBOX.orvane.reader.>"] } }
   ]

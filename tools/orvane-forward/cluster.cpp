@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 
 #include "store_format/manifest_lines.hpp"
 
@@ -16,6 +17,11 @@ constexpr std::array kLimits = {10002, 10023, 10028, 10047, 10053, 10122};
 // 10077 is also the number of other failures to store.
 constexpr std::string_view kKnown = "maximum messages per subject exceeded";
 constexpr int kMostReplicas = 3;
+
+struct ContextDeleter {
+  void operator()(jsCtx* context) const { jsCtx_Destroy(context); }
+};
+using Context = std::unique_ptr<jsCtx, ContextDeleter>;
 
 Json parse(std::string_view text) {
   return Json::parse(text, nullptr, false);
@@ -63,6 +69,11 @@ Answer answerIn(std::string_view text) {
   }
   const bool isLimit = std::find(kLimits.begin(), kLimits.end(), error) != kLimits.end();
   return isLimit || error == kStoreFailed ? Answer::full : Answer::unavailable;
+}
+
+std::string reasonIn(std::string_view text) {
+  const Json answer = parse(text);
+  return answer.is_object() ? descriptionIn(answer) : "the answer is no JSON";
 }
 
 Json settingsFor(int replicas) {
@@ -160,7 +171,6 @@ ClusterState Cluster::state(int replicas) const {
   const std::int64_t limit = settings.value("max_msg_size", std::int64_t{-1});
   state.messageLimit = limit > 0 ? std::optional(static_cast<std::uint64_t>(limit)) : std::nullopt;
   state.fault = faultOf(settings, replicas);
-  state.isReadable = settings.value("allow_direct", false);
   state.is = ClusterState::Is::ready;
   return state;
 }
@@ -178,7 +188,7 @@ bool Cluster::make(int replicas) const {
   return answer && errorIn(*answer) == 0;
 }
 
-Answer Cluster::store(const Chunk& chunk, bool withId) const {
+Answer Cluster::store(const Chunk& chunk, bool withId, std::string& reason) const {
   Connection::Headers headers = {{kOffsetHeader, std::to_string(chunk.offset)},
                                  {kChecksumHeader, tool::checksumText(chunk.checksum)}};
   if (chunk.isLast) {
@@ -195,19 +205,25 @@ Answer Cluster::store(const Chunk& chunk, bool withId) const {
   if (status == NATS_MAX_PAYLOAD) {
     return Answer::tooLarge;
   }
+  reason = answer ? reasonIn(textOf(answer)) : natsStatus_GetText(status);
   return answer ? answerIn(textOf(answer)) : Answer::unavailable;
 }
 
 Message Cluster::stored(const std::string& subject, natsStatus& status) const {
-  const Json body = {{"last_by_subj", subject}};
-  const std::string text = body.dump();
-  Message message = connection.request(
-      std::string("$JS.API.DIRECT.GET.") + kClusterStream, {},
-      {reinterpret_cast<const unsigned char*>(text.data()), text.size()}, status);
-  if (message && !headerOf(message, "Status").empty()) {
-    message.reset();  // "404"
+  jsCtx* made = nullptr;
+  status = natsConnection_JetStream(&made, connection.get(), nullptr);
+  const Context context(made);
+  natsMsg* found = nullptr;
+  auto error = jsErrCode(0);
+  if (status == NATS_OK) {
+    status = js_GetLastMsg(&found, context.get(), kClusterStream, subject.c_str(), nullptr, &error);
   }
-  return message;
+  if (error == JSNoMessageFoundErr) {
+    status = NATS_OK;
+  } else if (status != NATS_OK) {
+    connection.requirePermission();
+  }
+  return Message(found);
 }
 
 std::optional<std::set<std::string>> Cluster::subjects(const std::string& pattern,

@@ -23,6 +23,9 @@ enum class Answer {
 };
 Answer answerIn(std::string_view text);
 
+// Why a message is not stored, for people, or "".
+std::string reasonIn(std::string_view text);
+
 using Json = nlohmann::json;
 
 // The settings of the stream that keeps all chunks, to be made.
@@ -37,7 +40,6 @@ struct ClusterState {
   Is is = Is::unavailable;
   std::string reason;                         // for people, unless it is ready
   std::string fault;                          // of its settings
-  bool isReadable = false;                    // chunk by chunk, by their subjects
   std::optional<std::uint64_t> messageLimit;  // bytes of a message, with its headers
 };
 
@@ -52,11 +54,13 @@ class Cluster {
   // Without a number of replicas, it is 3, or 1 where there is one server.
   bool make(int replicas) const;
 
-  // Stores a chunk. The message's id lets the cluster drop what is repeated at once.
-  Answer store(const Chunk& chunk, bool withId) const;
+  // Stores a chunk. The message's id lets the cluster drop what is repeated at once. `reason` says,
+  // for people, why a chunk is not stored.
+  Answer store(const Chunk& chunk, bool withId, std::string& reason) const;
 
-  // Returns what is stored under a subject; nothing if nothing is there, or if the server that
-  // answers has not received it yet. `status` is not NATS_OK if no server answers.
+  // Returns what is stored under a subject, or nothing if nothing is there. The stream's leader
+  // answers: after several servers have failed at once, another one may have what the stream has
+  // lost. `status` is not NATS_OK if it does not answer.
   Message stored(const std::string& subject, natsStatus& status) const;
 
   // Returns the subjects in the stream that match a pattern, as the stream's leader knows them, or

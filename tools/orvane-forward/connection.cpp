@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <system_error>
 
@@ -98,6 +99,7 @@ void setPatience(natsOptions* options) {
   natsOptions_SetReconnectWait(options, kReconnectMilliseconds);
   natsOptions_SetReconnectJitter(options, kReconnectMilliseconds, kReconnectMilliseconds);
   natsOptions_SetFailRequestsOnDisconnect(options, true);
+  natsOptions_SetSendAsap(options, true);
   natsOptions_SetWriteDeadline(options, kRequestMilliseconds);
 }
 
@@ -121,7 +123,8 @@ std::string headerOf(const Message& message, const char* name) {
   return natsMsgHeader_Get(message.get(), name, &value) == NATS_OK ? value : "";
 }
 
-Connection::Connection(const tool::NatsOptions& options, const std::string& name) {
+Connection::Connection(const tool::NatsOptions& options, const std::string& name)
+    : inboxes("_INBOX.orvane." + tokenOf(name)) {
   natsOptions* made = nullptr;
   require(natsOptions_Create(&made), "options");
   const Options all(made);
@@ -133,8 +136,9 @@ Connection::Connection(const tool::NatsOptions& options, const std::string& name
   setPatience(made);
   natsOptions_SetName(made, ("orvane " + name).c_str());
   natsOptions_SetErrorHandler(made, onError, this);
+  natsOptions_SetDisconnectedCB(made, onDisconnected, this);
   natsOptions_SetClosedCB(made, onClosed, this);
-  require(natsOptions_SetCustomInboxPrefix(made, ("_INBOX.orvane." + tokenOf(name)).c_str()), name);
+  require(natsOptions_SetCustomInboxPrefix(made, inboxes.c_str()), name);
   natsConnection* opened = nullptr;
   const natsStatus status = natsConnection_Connect(&opened, made);
   connection.reset(opened);
@@ -149,13 +153,37 @@ Connection::Connection(const tool::NatsOptions& options, const std::string& name
     throw std::runtime_error("no server of " + options.servers +
                              " can be reached: " + natsStatus_GetText(status));
   }
+  receiveAnswers();
 }
 
-// The library's thread may still call this object until it has reported the end.
+// One subscription gets the answers to all requests: each has an inbox of its own.
+void Connection::receiveAnswers() {
+  natsInbox* unique = nullptr;
+  natsSubscription* made = nullptr;
+  natsStatus status = natsInbox_Create(&unique);
+  if (status == NATS_OK) {
+    inboxes += std::strrchr(unique, '.');
+    status =
+        natsConnection_Subscribe(&made, connection.get(), (inboxes + ".*").c_str(), onAnswer, this);
+  }
+  natsInbox_Destroy(unique);
+  subscription.reset(made);
+  if (status == NATS_OK) {
+    hasAllAnswers = false;
+    status = natsSubscription_SetOnCompleteCB(made, onNoMoreAnswers, this);
+  }
+  if (status != NATS_OK) {
+    throw std::runtime_error(std::string("no answers can be received: ") +
+                             natsStatus_GetText(status));
+  }
+}
+
+// The library's threads may still call this object until they have reported the end.
 Connection::~Connection() {
   close();
   std::unique_lock lock(mutex);
-  changed.wait_for(lock, std::chrono::milliseconds(kEndMilliseconds), [this] { return isClosed; });
+  changed.wait_for(lock, std::chrono::milliseconds(kEndMilliseconds),
+                   [this] { return isClosed && hasAllAnswers; });
 }
 
 bool Connection::isConnected() const {
@@ -188,6 +216,19 @@ void Connection::onError(natsConnection* connection, natsSubscription* /*subscri
                   (text != nullptr ? text : natsStatus_GetText(error));
 }
 
+void Connection::onNoMoreAnswers(void* self) {
+  auto* const mine = static_cast<Connection*>(self);
+  const std::lock_guard lock(mine->mutex);
+  mine->hasAllAnswers = true;
+  mine->changed.notify_all();
+}
+
+void Connection::onDisconnected(natsConnection* /*connection*/, void* self) {
+  auto* const mine = static_cast<Connection*>(self);
+  const std::lock_guard lock(mine->mutex);
+  mine->changed.notify_all();
+}
+
 void Connection::onClosed(natsConnection* /*connection*/, void* self) {
   auto* const mine = static_cast<Connection*>(self);
   const std::lock_guard lock(mine->mutex);
@@ -210,26 +251,64 @@ void Connection::requirePermission() const {
 
 Message Connection::request(const std::string& subject, const Headers& headers,
                             std::span<const unsigned char> data, natsStatus& status) const {
+  const std::string inbox = nextInbox();
   natsMsg* made = nullptr;
   status =
-      natsMsg_Create(&made, subject.c_str(), nullptr, reinterpret_cast<const char*>(data.data()),
-                     static_cast<int>(data.size()));
+      natsMsg_Create(&made, subject.c_str(), inbox.c_str(),
+                     reinterpret_cast<const char*>(data.data()), static_cast<int>(data.size()));
   const Message message(made);
   for (const auto& [name, value] : headers) {
     if (status == NATS_OK) {
       status = natsMsgHeader_Set(made, name.c_str(), value.c_str());
     }
   }
-  natsMsg* answer = nullptr;
   if (status == NATS_OK) {
-    status = isConnected()
-                 ? natsConnection_RequestMsg(&answer, connection.get(), made, kRequestMilliseconds)
-                 : NATS_CONNECTION_DISCONNECTED;
+    status = isConnected() ? natsConnection_PublishMsg(connection.get(), made)
+                           : NATS_CONNECTION_DISCONNECTED;
   }
+  Message answer = await(inbox, status);
   if (status != NATS_OK) {
     requirePermission();
   }
-  return Message(answer);
+  return answer;
+}
+
+std::string Connection::nextInbox() const {
+  const std::lock_guard lock(mutex);
+  std::string inbox = inboxes + "." + std::to_string(++requests);
+  answers[inbox] = nullptr;
+  return inbox;
+}
+
+// The client library would wait by the system's clock, which may be set back by an hour.
+Message Connection::await(const std::string& inbox, natsStatus& status) const {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kRequestMilliseconds);
+  std::unique_lock lock(mutex);
+  if (status == NATS_OK) {
+    changed.wait_until(lock, deadline, [&] { return answers[inbox] || !isConnected(); });
+    status = answers[inbox] || isConnected() ? NATS_TIMEOUT : NATS_CONNECTION_DISCONNECTED;
+  }
+  Message answer = std::move(answers[inbox]);
+  answers.erase(inbox);
+  if (!answer) {
+    return nullptr;
+  }
+  status = natsMsg_IsNoResponders(answer.get()) ? NATS_NO_RESPONDERS : NATS_OK;
+  return status == NATS_OK ? std::move(answer) : nullptr;
+}
+
+// Runs in a thread of the library. What nobody waits for any more is dropped.
+void Connection::onAnswer(natsConnection* /*connection*/, natsSubscription* /*subscription*/,
+                          natsMsg* message, void* self) {
+  Message received(message);
+  auto* const mine = static_cast<Connection*>(self);
+  const std::lock_guard lock(mine->mutex);
+  const auto waiting = mine->answers.find(natsMsg_GetSubject(message));
+  if (waiting != mine->answers.end()) {
+    waiting->second = std::move(received);
+    mine->changed.notify_all();
+  }
 }
 
 }  // namespace forward

@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -61,8 +62,9 @@ class Connection {
 
   using Headers = std::vector<std::pair<std::string, std::string>>;
 
-  // Sends a request and waits for the answer, at most 5 seconds. Returns nothing if there is none;
-  // `status` has the reason then. Throws Refused if the server has refused this user.
+  // Sends a request and waits for the answer, at most 5 seconds, whatever the system's clock does.
+  // Returns nothing if there is none; `status` has the reason then. Throws Refused if the server
+  // has refused this user.
   Message request(const std::string& subject, const Headers& headers,
                   std::span<const unsigned char> data, natsStatus& status) const;
 
@@ -73,19 +75,36 @@ class Connection {
   void requirePermission() const;
 
  private:
+  void receiveAnswers();
+  std::string nextInbox() const;
+  Message await(const std::string& inbox, natsStatus& status) const;
+
+  static void onAnswer(natsConnection* connection, natsSubscription* subscription, natsMsg* message,
+                       void* self);
+  static void onNoMoreAnswers(void* self);
   static void onError(natsConnection* connection, natsSubscription* subscription, natsStatus error,
                       void* self);
+  static void onDisconnected(natsConnection* connection, void* self);
   static void onClosed(natsConnection* connection, void* self);
 
   struct ConnectionDeleter {
     void operator()(natsConnection* ended) const { natsConnection_Destroy(ended); }
   };
+  struct SubscriptionDeleter {
+    void operator()(natsSubscription* ended) const { natsSubscription_Destroy(ended); }
+  };
 
   mutable std::mutex mutex;
   mutable std::condition_variable changed;
-  std::string refusal;    // "": none
-  bool isClosed = false;  // nothing is called any more
+  std::string refusal;  // "": none
+  // What the library's threads still call.
+  bool isClosed = false;
+  bool hasAllAnswers = true;
+  mutable std::map<std::string, Message> answers;  // by the inboxes that are waited for
+  mutable std::uint64_t requests = 0;
+  std::string inboxes;  // what all of them begin with
   std::unique_ptr<natsConnection, ConnectionDeleter> connection;
+  std::unique_ptr<natsSubscription, SubscriptionDeleter> subscription;
 };
 
 }  // namespace forward

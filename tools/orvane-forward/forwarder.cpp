@@ -49,6 +49,10 @@ std::string listOf(const std::vector<std::string>& ids) {
   return list + (ids.size() > kMostNamed ? ", ..." : "");
 }
 
+void logDamage(const std::string& id, const std::string& fault) {
+  logWarning("forward", "stream " + id + " is damaged in the store: " + fault);
+}
+
 std::string streams(std::uint64_t count) {
   return std::to_string(count) + (count == 1 ? " stream" : " streams");
 }
@@ -252,7 +256,7 @@ void Forwarder::forward(StreamSender& sender, const std::string& id) {
     const StreamSender::Report report = sender.send(id);
     for (const std::string& fault : report.damaged) {
       ++metrics.damaged;
-      logWarning(__func__, "stream " + id + " is damaged in the store: " + fault);
+      logDamage(id, fault);
     }
     if (report.result == StreamSender::Result::unreadable) {
       logError(__func__, "stream " + id + " stays here: its manifest is damaged: " + report.reason);

@@ -17,8 +17,9 @@ constexpr auto kFullPause = 5s;
 // A cluster that has just started may not know its streams for a moment.
 constexpr int kMissingBeforeMade = 3;
 
-// How often a chunk that the cluster has is asked for, before a server that lags has received it.
-constexpr int kMostLooks = 20;
+// A connection that seems to be well, but over which so many attempts have failed, is replaced by
+// one to any server.
+constexpr int kFailuresOfAConnection = 3;
 
 }  // namespace
 
@@ -90,9 +91,6 @@ bool Link::isReady(int& missing) {
     if (!state.fault.empty()) {
       throw Refused(std::string("the stream ") + kClusterStream + " is not used: " + state.fault);
     }
-    if (settings.verify && !state.isReadable) {
-      throw Refused(std::string("--verify needs allow_direct in the stream ") + kClusterStream);
-    }
     const std::lock_guard lock(mutex);
     messageLimit = state.messageLimit;
     return true;
@@ -134,10 +132,12 @@ std::size_t Link::chunkSize() {
 
 Answer Link::store(const Chunk& chunk) {
   bool withId = true;
+  int failures = 0;
   for (Backoff backoff;;) {
     stop.check();
     const std::shared_ptr<Connection> used = current();
-    const Answer answer = Cluster(*used).store(chunk, withId);
+    std::string reason;
+    const Answer answer = Cluster(*used).store(chunk, withId, reason);
     switch (answer) {
       case Answer::stored:
         ++metrics.chunks;
@@ -159,6 +159,11 @@ Answer Link::store(const Chunk& chunk) {
         break;
       case Answer::unavailable:
         ++metrics.repeats;
+        if (++failures % kFailuresOfAConnection == 0) {
+          logWarning(__func__, "a chunk was not stored " + std::to_string(failures) + " times (" +
+                                   reason + "); connecting again");
+          used->close();
+        }
         stop.wait(backoff.next());
         waitUntilReady();
         break;
@@ -171,15 +176,9 @@ Answer Link::verify(const Chunk& chunk) {
     ++metrics.known;
     return Answer::known;
   }
-  const Answer answer = store(chunk);
-  // The server that was asked had not received it yet.
-  for (int look = 0; answer == Answer::known && look < kMostLooks && !isStored(chunk); ++look) {
-    stop.wait(200ms);
-  }
-  return answer;
+  return store(chunk);
 }
 
-// Any server that has a copy may answer.
 bool Link::isStored(const Chunk& chunk) {
   for (Backoff backoff;; stop.wait(backoff.next())) {
     stop.check();

@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::uint64_t kMostAtOnce = 64;
 constexpr std::uint64_t kMostReplicas = 5;
-constexpr std::uint64_t kLongestTimeout = 7 * 86400;
+constexpr std::uint64_t kLongestTimeout = 7 * std::uint64_t{86400};
 
 constexpr char kDescription[] =
     "Forwards the streams that orvaned has stored to a NATS cluster with JetStream, when they "

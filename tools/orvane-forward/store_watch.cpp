@@ -91,7 +91,7 @@ StoreWatch::Found StoreWatch::endedAfter(const std::string& cursor, std::size_t 
 
 std::vector<std::string> StoreWatch::changes(bool& isIncomplete) {
   std::set<std::string> ended;
-  alignas(inotify_event) std::array<char, 16384> buffer;
+  alignas(inotify_event) std::array<char, 16384> buffer = {};
   for (ssize_t size = 0; (size = read(notifications.get(), buffer.data(), buffer.size())) > 0;) {
     for (const char* at = buffer.data(); at < buffer.data() + size;) {
       const auto* const event = reinterpret_cast<const inotify_event*>(at);

@@ -114,7 +114,7 @@ void StreamSender::sendListed(const std::string& line, Report& report) {
   }
   std::string file = listed->name;
   if (!isDataFile(file)) {
-    report.damaged.push_back("a line of the manifest names no file of a stream");
+    report.damaged.emplace_back("a line of the manifest names no file of a stream");
     return;
   }
   if (!isThere(pathOf(file)) && isThere(pathOf(file + tool::kUnfinished))) {
