@@ -3,7 +3,7 @@
 set(here ${CMAKE_CURRENT_LIST_DIR})
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL libraries development tools forward)
+set(CPACK_COMPONENTS_ALL libraries development tools forward python)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_NAME orvane)
@@ -81,6 +81,22 @@ set(CPACK_DEBIAN_FORWARD_PACKAGE_CONTROL_EXTRA
   ${here}/orvane-forward/prerm
   ${here}/orvane-forward/postrm)
 install(FILES ${here}/orvane-forward@.service DESTINATION lib/systemd/system COMPONENT forward)
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-orvane)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "liborvane1 (>= ${PROJECT_VERSION}), python3 (>= 3.9), python3:any")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS python3-zstandard)
+set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+"Streams of records to a local server, for Python 3
+With this package a program in Python sends streams of data to a server
+on the same machine, such as orvaned, knows what is stored of them, and
+reads what is stored.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+  ${here}/python3-orvane/postinst
+  ${here}/python3-orvane/prerm)
+install(DIRECTORY python/orvane DESTINATION lib/python3/dist-packages COMPONENT python
+  FILES_MATCHING PATTERN *.py PATTERN py.typed)
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} key)

@@ -25,6 +25,7 @@ TEST(Readme, ShowsTheProducersThatAreCompiled) {
             (Sources{readFile(SMALLEST_PRODUCER_SOURCE), readFile(WRITER_LEASE_SOURCE),
                      readFile(WRITER_QUEUE_SOURCE)}));
   EXPECT_EQ(blocks("c", readme), Sources{readFile(SMALLEST_PRODUCER_C_SOURCE)});
+  EXPECT_EQ(blocks("python", readme), Sources{readFile(SMALLEST_PRODUCER_PYTHON_SOURCE)});
 }
 
 TEST(SmallestProducer, StoresItsData) {

@@ -1,6 +1,7 @@
 """readme_producers.py README PKG_CONFIG TOOLS LIBRARIES: builds the first program of README in each language
 with the installed tree, whose tools and libraries are in these folders, and runs it against the installed
-server. The environment's CXX and CC are the compilers, and its FLAGS are for both."""
+server. The environment's CXX and CC are the compilers, and its FLAGS are for both. PYTHON is the interpreter,
+which finds the package for Python by itself or by PYTHONPATH."""
 
 import os
 import re
@@ -81,6 +82,13 @@ def main():
                             os.environ.get("FLAGS", "").split())
             run_with_server([program], Path(tools))
             print(f"{language}: stored")
+        if "-fsanitize" in os.environ.get("FLAGS", ""):
+            return  # the interpreter cannot load such a library
+        program = Path(name) / "producer.py"
+        program.write_text(first_program(readme, "python"))
+        os.environ["LD_LIBRARY_PATH"] = libraries
+        run_with_server([os.environ.get("PYTHON", "python3"), "-B", program], Path(tools))
+        print("python: stored")
 
 
 try:
