@@ -31,7 +31,7 @@ class Stream::StateOver final : public Stream::State {
         seconds(timeout),
         sender(*this->lease),
         largest(sender.largestRecord()) {}
-  ~StateOver() override;
+  ~StateOver() override { stop(); }
 
   void write(const void* data, std::size_t size) override {
     const OneUser user(mark);
@@ -83,6 +83,7 @@ class Stream::StateOver final : public Stream::State {
   bool append(const unsigned char* data, std::uint32_t size, const Deadline& deadline);
   bool awaitRoom(std::uint32_t size, const Deadline& deadline);
   std::optional<Receipt> finishBy(const Deadline& deadline);
+  void stop();
   bool handOverEnd(const Deadline& deadline);
   bool awaitAnswers(const Deadline& deadline);
   void requireServer();
@@ -113,7 +114,7 @@ class Stream::StateOver final : public Stream::State {
 };
 
 template <typename Sender>
-Stream::StateOver<Sender>::~StateOver() {
+void Stream::StateOver<Sender>::stop() {
   if (isInForkedChild()) {
     if (watch) {
       watch->forget();
