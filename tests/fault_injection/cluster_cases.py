@@ -14,7 +14,7 @@ from programs import poll
 
 ADMIN = '{ user: admin, password: admin }'
 FORWARD = '{ user: forward, password: secret }'
-SETTLING_TIME = 0.5
+SETTLING_TIME = 2
 STEPS = [1, 10, 3600, 86400, 366 * 86400]
 
 CASES = {}
