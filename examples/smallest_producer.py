@@ -2,7 +2,7 @@ import sys
 
 import orvane
 
-# Without a socket, it uses the only server that runs on this machine.
+# If no socket is given, the stream uses the only server that runs on this machine.
 try:
     with orvane.Stream(socket=sys.argv[1] if len(sys.argv) > 1 else None, label="oranges") as stream:
         stream.write(b"14 crates of oranges")

@@ -7,6 +7,7 @@
 #include "stream/socket_search.hpp"
 #include "stream/state.hpp"
 #include "stream/state_over.hpp"
+#include "stream/state_over_finish.hpp"
 
 namespace orvane {
 

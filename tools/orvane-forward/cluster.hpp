@@ -12,7 +12,7 @@
 
 namespace forward {
 
-// What the cluster answers to a message that is to be stored.
+// The answer of the cluster to a message that is to be stored.
 enum class Answer {
   stored,
   known,        // the subject has a message: this chunk, sent before

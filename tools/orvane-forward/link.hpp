@@ -14,8 +14,8 @@
 
 namespace forward {
 
-// The forwarder's way to the cluster, which several threads share. It repeats what fails, for ever;
-// what it throws is Stopped, or Refused if repeating does not help.
+// The forwarder's way to the cluster, which several threads share. It repeats what fails, for ever.
+// It throws Stopped, and Refused if repeating does not help.
 class Link {
  public:
   struct Settings {
